@@ -1,0 +1,83 @@
+# The GoogleTest programs. Each is one ctest entry a shard, so that ctest -j runs them side by side without starting
+# a process for every case.
+
+# One precompiled header serves all test programs. Tests are compiled at -O1: they are many and each runs briefly.
+set(test_options -O1)
+set(test_definitions "TESSEL_SOURCE_DIR=\"${PROJECT_SOURCE_DIR}\"")
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND test_options -fpch-preprocess)
+else()
+  list(APPEND test_options "SHELL:-Xclang -fno-pch-timestamp" -Wno-gnu-zero-variadic-macro-arguments)
+endif()
+
+file(WRITE ${CMAKE_BINARY_DIR}/test_pch.cpp "// Carries the precompiled header of the test programs.\n")
+add_library(tessel_test_pch OBJECT ${CMAKE_BINARY_DIR}/test_pch.cpp)
+target_compile_options(tessel_test_pch PRIVATE ${test_options})
+target_compile_definitions(tessel_test_pch PRIVATE ${test_definitions})
+target_link_libraries(tessel_test_pch PRIVATE GTest::gtest)
+target_precompile_headers(tessel_test_pch PRIVATE
+  <gtest/gtest.h> <algorithm> <array> <chrono> <cstdint> <cstdlib> <cstring> <deque> <filesystem> <fstream> <functional>
+  <map> <memory> <optional> <set> <span> <sstream> <string> <string_view> <unordered_map> <utility> <vector>)
+
+# Gives a target of test code the common options and the precompiled header.
+function(tessel_test_options name)
+  target_compile_options(${name} PRIVATE ${test_options})
+  target_compile_definitions(${name} PRIVATE ${test_definitions})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE GTest::gtest)
+  target_precompile_headers(${name} REUSE_FROM tessel_test_pch)
+endfunction()
+
+# tessel_gtest(name label shards GLOBS ... LIBS ...): a test program from the globs, when they find something.
+function(tessel_gtest name label shards)
+  cmake_parse_arguments(PARSE_ARGV 3 arg "" "" "GLOBS;LIBS")
+  file(GLOB files CONFIGURE_DEPENDS ${arg_GLOBS})
+  if(NOT files)
+    return()
+  endif()
+  add_executable(${name} ${files})
+  tessel_test_options(${name})
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main)
+  math(EXPR last "${shards} - 1")
+  foreach(shard RANGE ${last})
+    add_test(NAME ${name}.${shard} COMMAND ${name} --gtest_brief=1)
+    set_tests_properties(${name}.${shard} PROPERTIES
+      ENVIRONMENT "GTEST_TOTAL_SHARDS=${shards};GTEST_SHARD_INDEX=${shard};GTEST_OUTPUT=xml:${CMAKE_BINARY_DIR}/junit/${name}.${shard}.xml;TESSEL_BIN=${CMAKE_BINARY_DIR};TESSEL_BUILD=${CMAKE_BINARY_DIR};TESSEL_SOURCE=${PROJECT_SOURCE_DIR}"
+      WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+      LABELS ${label}
+      TIMEOUT 240)
+  endforeach()
+endfunction()
+
+# Code shared by the whole-run tests and the simulator: simulated clock, byte sinks, receivers.
+file(GLOB support_files CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/tests/support/*.cpp ${PROJECT_SOURCE_DIR}/tests/support/*/*.cpp)
+tessel_library(tessel_test_support ${support_files})
+tessel_requires(tessel_test_support ${PROJECT_SOURCE_DIR}/tests tessel_lib)
+if(support_files)
+  tessel_test_options(tessel_test_support)
+  if(tools_here)
+    target_link_libraries(tessel_test_support PUBLIC tessel_listen_lib)
+  endif()
+endif()
+
+tessel_gtest(unit_tests unit 4
+  GLOBS ${PROJECT_SOURCE_DIR}/tests/unit/*/*.cpp
+  LIBS tessel_test_support tessel_lib)
+
+if(tools_here)
+  tessel_gtest(runs_tests runs 4
+    GLOBS ${PROJECT_SOURCE_DIR}/tests/runs/*_test.cpp
+    LIBS tessel_test_support tessel_lib tessel_listen_lib)
+  tessel_gtest(tools_tests tools 2
+    GLOBS ${PROJECT_SOURCE_DIR}/tests/tools/*/*_test.cpp
+    LIBS tessel_judge_lib tessel_listen_lib)
+
+  # The simulator is a program of its own: a seed and a length go in, the first broken rule comes out.
+  file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
+  if(simulator_files)
+    add_executable(tessel_simulator ${simulator_files})
+    tessel_test_options(tessel_simulator)
+    target_link_libraries(tessel_simulator PRIVATE tessel_test_support tessel_lib tessel_listen_lib)
+  endif()
+endif()
