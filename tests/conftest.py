@@ -1,0 +1,6 @@
+"""Puts the shared helpers of the whole-process tests on the module search path."""
+
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent / "support_py"))

@@ -1,0 +1,339 @@
+"""Starts the feed for a test and steers it.
+
+    with Feed(tmp_path, "--drop-every", "10", symbols="AAPL:190.00", scenario="trf_every=3") as feed:
+        assert feed.control("halt AAPL") == "ok halt AAPL"
+        feed.wait_for_line("AAPL halted")
+        ...
+    assert feed.exit_code == 0
+
+Every feed gets a multicast group and ports of its own, so tests may run side by side. The addresses are
+known before the feed starts: a receiver that has to see the first message is started before `start()`.
+The programs are looked for in the folder that the environment variable TESSEL_BIN names.
+"""
+
+import fcntl
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+# Generous: the machine that runs the tests may be busy with others.
+START_SECONDS = 60
+STOP_SECONDS = 60
+REPLY_SECONDS = 30
+
+# Below the range from which the system takes ports by itself, so that no outgoing connection takes one.
+PORT_FIRST, PORT_LAST = 20000, 32000
+
+_chooser = random.Random(os.urandom(16))
+
+
+def program(name):
+    """The path of one of the programs: TESSEL_BIN first, then the search path."""
+    folder = os.environ.get("TESSEL_BIN")
+    if folder:
+        path = Path(folder) / name
+        if not path.exists():
+            raise FileNotFoundError(f"{path} is not built (TESSEL_BIN={folder})")
+        return str(path)
+    found = shutil.which(name)
+    if found is None:
+        raise FileNotFoundError(f"set TESSEL_BIN to the folder that holds {name}")
+    return found
+
+
+def wait_until(condition, seconds=START_SECONDS, what="the condition"):
+    """Calls `condition` until it returns something true, which is returned; fails after `seconds`."""
+    end = time.monotonic() + seconds
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise TimeoutError(f"waited {seconds} s for {what}")
+        time.sleep(0.01)
+
+
+class PortLease:
+    """One free port number, for TCP and UDP alike, that no other test takes while the lease is held."""
+
+    def __init__(self):
+        for _ in range(1000):
+            number = _chooser.randint(PORT_FIRST, PORT_LAST)
+            lock = os.open(os.path.join(tempfile.gettempdir(), f"tessel-test-port-{number}.lock"),
+                           os.O_CREAT | os.O_RDWR, 0o666)
+            try:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp, \
+                        socket.socket(socket.AF_INET, socket.SOCK_STREAM) as tcp:
+                    udp.bind(("", number))
+                    tcp.bind(("", number))
+            except OSError:
+                os.close(lock)
+                continue
+            self.number = number
+            self._lock = lock
+            return
+        raise RuntimeError("no free port found")
+
+    def release(self):
+        if self._lock is not None:
+            os.close(self._lock)
+            self._lock = None
+
+
+def free_port():
+    """A port that is free now, for a test that needs just a number. It stays reserved until the process ends."""
+    lease = PortLease()
+    _kept_leases.append(lease)
+    return lease.number
+
+
+_kept_leases = []
+
+
+def unique_group():
+    """A multicast group that no other test is likely to use."""
+    return f"239.255.{_chooser.randint(1, 254)}.{_chooser.randint(1, 254)}"
+
+
+class Process:
+    """A child process whose standard error is collected line by line while it runs."""
+
+    def __init__(self, command, env=None, stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL, cwd=None):
+        self.command = [str(word) for word in command]
+        self._lines = []
+        self._changed = threading.Condition()
+        self.process = subprocess.Popen(self.command, env=env, stdin=stdin, stdout=stdout,
+                                        stderr=subprocess.PIPE, cwd=cwd)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.process.stderr:
+            with self._changed:
+                self._lines.append(line.decode("utf-8", "replace").rstrip("\n"))
+                self._changed.notify_all()
+        with self._changed:
+            self._changed.notify_all()
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    @property
+    def stderr(self):
+        """The lines of standard error so far."""
+        with self._changed:
+            return list(self._lines)
+
+    def running(self):
+        return self.process.poll() is None
+
+    def wait_for_line(self, pattern, seconds=START_SECONDS):
+        """Waits for a line of standard error that contains `pattern` (a text, or a compiled expression) and
+        returns it. Fails when the process ends without one."""
+        def matches(line):
+            return pattern.search(line) if isinstance(pattern, re.Pattern) else pattern in line
+
+        end = time.monotonic() + seconds
+        seen = 0
+        with self._changed:
+            while True:
+                while seen < len(self._lines):
+                    if matches(self._lines[seen]):
+                        return self._lines[seen]
+                    seen += 1
+                ended = not self._reader.is_alive()
+                if ended or time.monotonic() > end:
+                    text = "\n".join(self._lines[-40:])
+                    why = "it ended" if ended else f"{seconds} s passed"
+                    raise AssertionError(f"no line with {pattern!r}: {why}; its last lines:\n{text}")
+                self._changed.wait(0.05)
+
+    def wait(self, seconds=STOP_SECONDS):
+        """Waits for the process to end by itself and returns its exit status."""
+        try:
+            code = self.process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise
+        self._reader.join(seconds)
+        return code
+
+    def stop(self, number=signal.SIGINT, seconds=STOP_SECONDS):
+        """Sends the signal, waits for the end and returns the exit status."""
+        if self.running():
+            self.process.send_signal(number)
+        return self.wait(seconds)
+
+    def kill(self):
+        if self.running():
+            self.process.kill()
+            self.process.wait()
+        self._reader.join(10)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
+
+class Feed:
+    """One run of the feed with addresses of its own.
+
+    folder        where its files go: truth.jsonl, book.json, bbo.txt
+    args          further command-line arguments; they come last, so they win
+    scenario      the text of TESSEL_SCENARIO; None leaves the variable out
+    truth, book, bbo, control    whether that output or the control channel is asked for
+    symbols, participants, session, interval_ms, seed    the options of those names when not None
+    """
+
+    def __init__(self, folder, *args, scenario=None, truth=True, book=False, bbo=False, control=True,
+                 symbols=None, participants=None, session="UTPBENCH01", interval_ms=None, seed=None):
+        self.folder = Path(folder)
+        self.args = [str(word) for word in args]
+        self.scenario = scenario
+        self.group = unique_group()
+        self._leases = [PortLease() for _ in range(4)]
+        self.port, self.retrans_port, self.snapshot_port, self.control_port = (
+            lease.number for lease in self._leases)
+        if not control:
+            self.control_port = 0
+        self.iface = "127.0.0.1"
+        self.session = session
+        self.truth_path = self.folder / "truth.jsonl" if truth else None
+        self.book_path = self.folder / "book.json" if book else None
+        self.bbo_path = self.folder / "bbo.txt" if bbo else None
+        self._options = {"--symbols": symbols, "--participants": participants, "--interval-ms": interval_ms,
+                         "--seed": seed, "--truth-out": self.truth_path, "--book-out": self.book_path,
+                         "--bbo-out": self.bbo_path}
+        self.exit_code = None
+        self._child = None
+
+    def command(self):
+        words = [program("tessel"), "--mcast", self.group, "--port", self.port, "--iface", self.iface,
+                 "--retrans-port", self.retrans_port, "--snapshot-port", self.snapshot_port,
+                 "--control-port", self.control_port, "--session", self.session]
+        for option, value in self._options.items():
+            if value is not None:
+                words += [option, value]
+        return [str(word) for word in words] + self.args
+
+    def environment(self):
+        env = dict(os.environ)
+        env.pop("TESSEL_SCENARIO", None)
+        if self.scenario is not None:
+            env["TESSEL_SCENARIO"] = self.scenario
+        return env
+
+    def start(self):
+        """Starts the program and waits for its banner: from then on every service answers."""
+        self._child = Process(self.command(), env=self.environment())
+        self._child.wait_for_line("[tessel] UQDF+UTDF")
+        return self
+
+    def __enter__(self):
+        return self if self._child is not None else self.start()
+
+    def __exit__(self, *_):
+        try:
+            if self._child is not None and self.exit_code is None:
+                if self._child.running():
+                    self._child.process.send_signal(signal.SIGINT)
+                    try:
+                        self._child.process.wait(STOP_SECONDS)
+                    except subprocess.TimeoutExpired:
+                        pass
+                self._child.kill()
+                self.exit_code = self._child.process.returncode
+        finally:
+            for lease in self._leases:
+                lease.release()
+
+    @property
+    def process(self):
+        return self._child.process
+
+    @property
+    def pid(self):
+        return self._child.pid
+
+    @property
+    def stderr(self):
+        return self._child.stderr
+
+    def running(self):
+        return self._child.running()
+
+    def wait_for_line(self, pattern, seconds=START_SECONDS):
+        return self._child.wait_for_line(pattern, seconds)
+
+    def stop(self, number=signal.SIGINT):
+        """Stops the program by a signal and returns its exit status."""
+        self.exit_code = self._child.stop(number)
+        return self.exit_code
+
+    def wait(self, seconds=STOP_SECONDS):
+        """Waits until the program ends by itself (after the command "stop", say) and returns its exit status."""
+        self.exit_code = self._child.wait(seconds)
+        return self.exit_code
+
+    def control(self, command):
+        """Sends one control command and returns the reply's text without the line feed.
+
+        A command is sent once only, because most of them are not safe to repeat."""
+        data = command if isinstance(command, bytes) else command.encode()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+            client.settimeout(REPLY_SECONDS)
+            client.connect(("127.0.0.1", self.control_port))
+            client.send(data)
+            return client.recv(65536).decode("utf-8", "replace").rstrip("\n")
+
+    def stats(self):
+        """The reply to "stats" as numbers: every counter by its name, next_seq, and the four fault counts
+        as sent, dropped, duplicated and reordered."""
+        reply = self.control("stats")
+        numbers = {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", reply)}
+        faults = reply.split("tessel faults:", 1)[1]
+        numbers.update({key: int(value) for key, value in re.findall(r"(\w+) (\d+)", faults)})
+        return numbers
+
+    def next_seq(self):
+        return self.stats()["next_seq"]
+
+    def wait_for_messages(self, count, seconds=START_SECONDS):
+        """Waits until the feed has numbered more than `count` messages; returns the next number."""
+        def enough():
+            number = self.next_seq()
+            return number if number > count else None
+        return wait_until(enough, seconds, f"{count} messages")
+
+    def truth_lines(self):
+        """The truth log as it stands: complete lines as texts."""
+        text = self.truth_path.read_text()
+        return text[:text.rfind("\n") + 1].splitlines()
+
+    def truth(self):
+        """The truth log as it stands, every complete line parsed."""
+        return [json.loads(line) for line in self.truth_lines()]
+
+    def receiver_args(self):
+        """The options with which tessel-listen hears this feed."""
+        return ["--mcast", self.group, "--port", str(self.port), "--iface", self.iface,
+                "--session", self.session]
+
+    def retrans_args(self):
+        return ["--retrans", f"127.0.0.1:{self.retrans_port}"]
+
+    def snapshot_args(self, user="LATE"):
+        return ["--snapshot", f"127.0.0.1:{self.snapshot_port}", "--user", user]
