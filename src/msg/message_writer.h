@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+namespace tessel {
+
+// The header that every message begins with.
+constexpr std::size_t common_header_bytes = 29;
+
+struct MessageHeader {
+    char version = '1';
+    char category = ' ';
+    char type = ' ';
+    char mc = ' ';     // market centre originator; 'E' on messages that the SIP itself makes
+    char sub_mc = ' '; // sub-market centre
+    std::uint64_t sip_time = 0;         // wall-clock ns: when the message was built
+    std::uint64_t participant_time = 0; // wall-clock ns: the participant's event
+    std::uint64_t participant_token = 0;
+};
+
+// A growable byte buffer in which one message is built; kept and used again for the next, so that a message in the
+// steady state allocates nothing. Growing appends zero bytes.
+struct MessageWriter {
+    std::unique_ptr<unsigned char[]> bytes;
+    std::size_t size = 0;
+    std::size_t capacity = 0;
+};
+
+// Starts a message: the header and body_size zero bytes after it.
+void begin(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
+
+// Appends count zero bytes and returns the offset where they start. The capacity at least doubles when it is exceeded.
+std::size_t grow(MessageWriter& writer, std::size_t count);
+
+// The puts write at an offset from the start of the message, which begin and grow have made room for; integers are
+// big-endian. They are inline because a quote makes some twenty of them.
+inline void put_u8(MessageWriter& writer, std::size_t offset, char value) {
+    writer.bytes[offset] = static_cast<unsigned char>(value);
+}
+
+inline void put_u16(MessageWriter& writer, std::size_t offset, std::uint16_t value) {
+    const std::uint16_t swapped = __builtin_bswap16(value);
+    __builtin_memcpy(writer.bytes.get() + offset, &swapped, sizeof swapped);
+}
+
+inline void put_u32(MessageWriter& writer, std::size_t offset, std::uint32_t value) {
+    const std::uint32_t swapped = __builtin_bswap32(value);
+    __builtin_memcpy(writer.bytes.get() + offset, &swapped, sizeof swapped);
+}
+
+inline void put_u64(MessageWriter& writer, std::size_t offset, std::uint64_t value) {
+    const std::uint64_t swapped = __builtin_bswap64(value);
+    __builtin_memcpy(writer.bytes.get() + offset, &swapped, sizeof swapped);
+}
+
+// Whole cents of a price in millionths (truncated), low 16 bits.
+inline void put_price_short(MessageWriter& writer, std::size_t offset, std::int64_t price) {
+    put_u16(writer, offset, static_cast<std::uint16_t>(price / 10000));
+}
+
+inline void put_price_long(MessageWriter& writer, std::size_t offset, std::int64_t price) {
+    put_u64(writer, offset, static_cast<std::uint64_t>(price));
+}
+
+// Sizes in shares, low 16 bits; the long form has 32.
+inline void put_size_short(MessageWriter& writer, std::size_t offset, std::uint32_t size) {
+    put_u16(writer, offset, static_cast<std::uint16_t>(size));
+}
+
+inline void put_size_long(MessageWriter& writer, std::size_t offset, std::uint32_t size) {
+    put_u32(writer, offset, size);
+}
+
+// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms and 11 in
+// long ones, MPIDs 4.
+inline void put_alpha(MessageWriter& writer, std::size_t offset, std::string_view text, std::size_t width) {
+    unsigned char* out = writer.bytes.get() + offset;
+    const std::size_t copied = text.size() < width ? text.size() : width;
+    for (std::size_t at = 0; at < copied; ++at) {
+        out[at] = static_cast<unsigned char>(text[at]);
+    }
+    for (std::size_t at = copied; at < width; ++at) {
+        out[at] = ' ';
+    }
+}
+
+} // namespace tessel

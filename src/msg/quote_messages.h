@@ -1,0 +1,83 @@
+#pragma once
+
+#include "msg/message_writer.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace tessel {
+
+// Sizes of the fixed bodies, header included, and of what may follow them.
+constexpr std::size_t short_quote_bytes = 52;
+constexpr std::size_t long_quote_bytes = 83;
+constexpr std::size_t mpid_quote_bytes = 77;
+constexpr std::size_t short_odd_lot_update_bytes = 39; // type A
+constexpr std::size_t long_odd_lot_update_bytes = 53;  // type B
+constexpr std::size_t short_nbbo_bytes = 11;
+constexpr std::size_t long_nbbo_bytes = 27;
+constexpr std::size_t adf_mpid_bytes = 8;
+constexpr std::size_t short_best_odd_lot_bytes = 10;
+constexpr std::size_t long_best_odd_lot_bytes = 22;
+constexpr std::size_t mpid_best_odd_lot_bytes = 30;
+constexpr std::size_t short_odd_lot_bytes = 6;
+constexpr std::size_t long_odd_lot_bytes = 12;
+constexpr std::size_t mpid_odd_lot_bytes = 16;
+
+// One odd-lot order shown inside a market centre's quote.
+struct OddLotQuote {
+    char mc = ' ';
+    char side = ' ';         // 'B' bid or 'A' ask
+    std::int64_t price = 0;  // millionths of a dollar
+    std::uint32_t size = 0;  // shares, 1 to 99
+    std::string_view mpid;   // empty but for the ADF
+};
+
+// Everything a quote message can say. Prices are millionths of a dollar, sizes shares.
+struct QuoteRecord {
+    MessageHeader header;
+    std::uint64_t adf_time = 0; // participant time for originator 'D', else 0
+    std::string_view symbol;
+    std::int64_t bid = 0;
+    std::int64_t ask = 0;
+    std::uint32_t bid_size = 0;
+    std::uint32_t ask_size = 0;
+    char condition = ' ';
+    char sip_flag = ' ';
+    char luld_bbo = ' ';
+    char retail = ' ';
+    char nbbo_ind = '0';
+    char luld_nbbo = ' ';
+    char adf_mpid_ind = ' ';
+    char odd_best_ind = '0';
+    char odd_list_ind = '0';
+    // NBBO appendage
+    char nbbo_condition = ' ';
+    char nbbo_bid_mc = ' ';
+    char nbbo_ask_mc = ' ';
+    std::int64_t nbbo_bid = 0;
+    std::int64_t nbbo_ask = 0;
+    std::uint32_t nbbo_bid_size = 0;
+    std::uint32_t nbbo_ask_size = 0;
+    // MPIDs of the quote; type 'M' sends bid_mpid
+    std::string_view bid_mpid;
+    std::string_view ask_mpid;
+    // best odd-lot appendage
+    char odd_bid_mc = ' ';
+    char odd_ask_mc = ' ';
+    std::int64_t odd_bid = 0;
+    std::int64_t odd_ask = 0;
+    std::uint16_t odd_bid_size = 0;
+    std::uint16_t odd_ask_size = 0;
+    std::string_view odd_bid_mpid;
+    std::string_view odd_ask_mpid;
+    // odd-lot list
+    const OddLotQuote* odd_lots = nullptr;
+    std::size_t odd_lot_count = 0;
+};
+
+// Builds the message of type 'A', 'B', 'C', 'D' or 'M' in writer; any other letter leaves it empty. The header's category
+// ("Q") and type are set here. Nothing is checked: what does not fit a short field is cut to its width.
+void build_quote(MessageWriter& writer, const QuoteRecord& record, char type);
+
+} // namespace tessel
