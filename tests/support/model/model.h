@@ -134,8 +134,7 @@ struct Level {
     std::int64_t size = 0;
 };
 
-/// The whole feed. The harness sets `wall_ns` and `steady_ms` before it calls anything; both stand still
-/// during a call.
+/// The whole feed. The harness sets `wall_ns` and `steady_ms` before it calls anything.
 struct Model {
     explicit Model(const Options& options);
 
@@ -156,6 +155,7 @@ struct Model {
 
     // Time as the harness sets it.
     std::uint64_t wall_ns = 0;
+    std::uint64_t wall_step_ns = 0;  ///< added after each reading, so that readings can be told apart
     std::uint64_t steady_ms = 0;
     std::uint64_t start_ms = 0;  ///< loop start, from which scenario seconds count
 
@@ -178,7 +178,8 @@ struct Model {
     bool halt_fired = false, pause_fired = false, mwcb_fired = false;
     std::vector<std::string> retained;
 
-    // Draws.
+    // Draws and the wall clock.
+    std::uint64_t wall();
     std::uint64_t uniform_int(std::uint64_t lo, std::uint64_t hi);
     double uniform_real();
     double normal_deviate();
