@@ -1,8 +1,8 @@
 # Fuzz targets: tests/fuzz/X_fuzz.cpp with its corpus in tests/fuzz/corpus/X/.
 #
-# Every preset runs each target over its corpus as a plain test, so that no target rots. With the sanitizers that is
-# the fuzz program itself (X_fuzz, which also fuzzes when started by hand); elsewhere it is one small program,
-# fuzz_corpus, that holds all targets.
+# Every preset runs each target over its corpus as a plain test, so that no target rots. With the sanitizers
+# that is the fuzz program itself (X_fuzz, which also fuzzes when started by hand); elsewhere it is one
+# small program, fuzz_corpus, that holds all targets.
 
 file(GLOB fuzz_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/fuzz/*_fuzz.cpp)
 if(fuzz_files)

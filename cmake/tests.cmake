@@ -1,7 +1,8 @@
-# The GoogleTest programs. Each is one ctest entry a shard, so that ctest -j runs them side by side without starting
-# a process for every case.
+# The GoogleTest programs. Each is one ctest entry a shard, so that ctest -j runs them side by side without
+# starting a process for every case.
 
-# One precompiled header serves all test programs. Tests are compiled at -O1: they are many and each runs briefly.
+# One precompiled header serves all test programs. Tests are compiled at -O1: they are many and each runs
+# briefly.
 set(test_options -O1)
 set(test_definitions "TESSEL_SOURCE_DIR=\"${PROJECT_SOURCE_DIR}\"")
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

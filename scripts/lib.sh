@@ -14,8 +14,8 @@ export JOBS
 BUILD_PACKAGES=(g++ cmake ninja-build)
 TOOL_PACKAGES=(libfmt-dev nlohmann-json3-dev libcli11-dev libsimdjson-dev)
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
-TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest tshark chromium valgrind jq
-    procps iproute2)
+TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest tshark
+    chromium valgrind jq procps iproute2)
 LINT_PACKAGES=(clang-format clang-tidy cppcheck shellcheck git python3)
 
 say() {
@@ -30,8 +30,8 @@ as_root() {
     fi
 }
 
-# Installs the packages named that are not there yet, and says which. When all are there it does nothing and asks for
-# no rights.
+# Installs the packages named that are not there yet, and says which. When all are there it does nothing and
+# asks for no rights.
 install_missing() {
     local missing=() package
     for package in "$@"; do
@@ -48,7 +48,8 @@ install_missing() {
     if command -v debconf-set-selections >/dev/null; then
         echo 'wireshark-common wireshark-common/install-setuid boolean false' | as_root debconf-set-selections
     fi
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y install --no-install-recommends "${missing[@]}" >/dev/null
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -y install --no-install-recommends "${missing[@]}" >/dev/null
 }
 
 # The same for node and npm, which may have come from elsewhere.
@@ -90,15 +91,16 @@ has_target() {
     ninja -C "$ROOT/build/$1" -t query "$2" >/dev/null 2>&1
 }
 
-# run_ctest PRESET [ctest options]: runs the tests of a build, prints what failed and the count of single cases.
+# run_ctest PRESET [ctest options]: runs the tests of a build, prints what failed and the count of single
+# cases.
 run_ctest() {
     local preset=$1 dir status=0
     shift
     dir=$ROOT/build/$preset
     rm -rf "$dir/junit" "$dir/ctest.xml"
     mkdir -p "$dir/junit"
-    ctest --test-dir "$dir" -j 4 --output-on-failure --output-junit "$dir/ctest.xml" "$@" >"$dir/ctest.log" 2>&1 ||
-        status=1
+    ctest --test-dir "$dir" -j 4 --output-on-failure --output-junit "$dir/ctest.xml" "$@" \
+        >"$dir/ctest.log" 2>&1 || status=1
     if [ "$status" != 0 ]; then
         grep -v ' Passed \|^ *Start ' "$dir/ctest.log" | tail -n 200 >&2
     fi

@@ -1,7 +1,7 @@
 // Runs one fuzz target over every file of the folders given: fuzz_corpus TARGET FOLDER...
 //
-// The exit status is 0 when every input was taken, 1 when there was nothing to run, 2 on a bad command line. A target
-// that fails ends the process itself, so the input's name is printed before the target sees it.
+// The exit status is 0 when every input was taken, 1 when there was nothing to run, 2 on a bad command line.
+// A target that fails ends the process itself, so the input's name is printed before the target sees it.
 
 #include <algorithm>
 #include <cstdio>
@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
     const auto* const target = std::find_if(std::begin(fuzz_targets), std::end(fuzz_targets),
                                             [&](const FuzzTarget& each) { return wanted == each.name; });
     if (target == std::end(fuzz_targets) || argc < 3) {
-        std::fprintf(stderr, "fuzz_corpus: usage: fuzz_corpus TARGET FOLDER...; no target '%s'\n", wanted.c_str());
+        std::fprintf(stderr, "usage: fuzz_corpus TARGET FOLDER...; no target '%s'\n", wanted.c_str());
         return 2;
     }
     int inputs_run = 0;
@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
             const std::vector<unsigned char> bytes = bytes_of(path);
             std::printf("%s (%zu bytes)\n", path.c_str(), bytes.size());
             std::fflush(stdout);
-            // A copy of its own on the heap, sized to the byte: reading past the end shows under a memory checker.
+            // The heap block is sized to the byte, so reading past the end shows under a memory checker.
             target->run(bytes.data(), bytes.size());
             ++inputs_run;
         }

@@ -81,8 +81,8 @@ KNOWN_LONG_FUNCTIONS = set()
 def files_of(root):
     """Every file of the tree that is ours, relative to root, in name order."""
     try:
-        listed = subprocess.run(["git", "-c", "safe.directory=*", "-C", str(root), "ls-files", "-z", "--cached",
-                                 "--others", "--exclude-standard"], capture_output=True, check=True).stdout
+        listed = subprocess.run(["git", "-c", "safe.directory=*", "-C", str(root), "ls-files", "-z",
+                                 "--cached", "--others", "--exclude-standard"], capture_output=True, check=True).stdout
         names = [name for name in listed.decode().split("\0") if name]
     except (subprocess.CalledProcessError, FileNotFoundError):
         names = [str(path.relative_to(root)) for path in root.rglob("*")]
