@@ -14,15 +14,15 @@ struct MessageHeader {
     char version = '1';
     char category = ' ';
     char type = ' ';
-    char mc = ' ';     // market centre originator; 'E' on messages that the SIP itself makes
-    char sub_mc = ' '; // sub-market centre
-    std::uint64_t sip_time = 0;         // wall-clock ns: when the message was built
-    std::uint64_t participant_time = 0; // wall-clock ns: the participant's event
+    char mc = ' ';               // market centre originator; 'E' on messages that the SIP itself makes
+    char sub_mc = ' ';           // sub-market centre
+    std::uint64_t sip_time = 0;  // wall-clock ns: when the message was built
+    std::uint64_t participant_time = 0;  // wall-clock ns: the participant's event
     std::uint64_t participant_token = 0;
 };
 
-// A growable byte buffer in which one message is built; kept and used again for the next, so that a message in the
-// steady state allocates nothing. Growing appends zero bytes.
+// A growable byte buffer in which one message is built; kept and used again for the next, so that a message
+// in the steady state allocates nothing. Growing appends zero bytes.
 struct MessageWriter {
     std::unique_ptr<unsigned char[]> bytes;
     std::size_t size = 0;
@@ -32,11 +32,15 @@ struct MessageWriter {
 // Starts a message: the header and body_size zero bytes after it.
 void begin(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
 
-// Appends count zero bytes and returns the offset where they start. The capacity at least doubles when it is exceeded.
+// The same without zeroing the body, for a builder that writes every byte of it.
+void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
+
+// Appends count zero bytes and returns the offset where they start. The capacity at least doubles when it is
+// exceeded.
 std::size_t grow(MessageWriter& writer, std::size_t count);
 
-// The puts write at an offset from the start of the message, which begin and grow have made room for; integers are
-// big-endian. They are inline because a quote makes some twenty of them.
+// The puts write at an offset from the start of the message, which begin and grow have made room for;
+// integers are big-endian. They are inline because a quote makes some twenty of them.
 inline void put_u8(MessageWriter& writer, std::size_t offset, char value) {
     writer.bytes[offset] = static_cast<unsigned char>(value);
 }
@@ -74,17 +78,35 @@ inline void put_size_long(MessageWriter& writer, std::size_t offset, std::uint32
     put_u32(writer, offset, size);
 }
 
-// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms and 11 in
-// long ones, MPIDs 4.
+// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms
+// and 11 in long ones, MPIDs 4. Width is a constant at every call, so the blanks are one or two stores; the
+// text then goes over them in two overlapping ones, since symbols are too short to be worth a library call.
 inline void put_alpha(MessageWriter& writer, std::size_t offset, std::string_view text, std::size_t width) {
     unsigned char* out = writer.bytes.get() + offset;
+    const char* in = text.data();
     const std::size_t copied = text.size() < width ? text.size() : width;
-    for (std::size_t at = 0; at < copied; ++at) {
-        out[at] = static_cast<unsigned char>(text[at]);
-    }
-    for (std::size_t at = copied; at < width; ++at) {
-        out[at] = ' ';
+    __builtin_memset(out, ' ', width);
+    if (copied > 16) {
+        __builtin_memcpy(out, in, copied);
+    } else if (copied >= 8) {
+        std::uint64_t head;
+        std::uint64_t tail;
+        __builtin_memcpy(&head, in, sizeof head);
+        __builtin_memcpy(&tail, in + copied - sizeof tail, sizeof tail);
+        __builtin_memcpy(out, &head, sizeof head);
+        __builtin_memcpy(out + copied - sizeof tail, &tail, sizeof tail);
+    } else if (copied >= 4) {
+        std::uint32_t head;
+        std::uint32_t tail;
+        __builtin_memcpy(&head, in, sizeof head);
+        __builtin_memcpy(&tail, in + copied - sizeof tail, sizeof tail);
+        __builtin_memcpy(out, &head, sizeof head);
+        __builtin_memcpy(out + copied - sizeof tail, &tail, sizeof tail);
+    } else if (copied > 0) {  // one to three bytes: first, middle and last may be the same
+        out[0] = static_cast<unsigned char>(in[0]);
+        out[copied / 2] = static_cast<unsigned char>(in[copied / 2]);
+        out[copied - 1] = static_cast<unsigned char>(in[copied - 1]);
     }
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -49,4 +49,7 @@ RetransCursor find_message(const RetransStore& store, std::uint64_t index);
 std::size_t copy_blocks(const RetransStore& store, RetransCursor& cursor, std::uint64_t end, std::size_t most,
                         unsigned char* out, std::size_t room, std::size_t& bytes);
 
+// Passes over the block at the cursor, which must not be at the end of the store.
+void skip_block(const RetransStore& store, RetransCursor& cursor);
+
 } // namespace tessel

@@ -1,0 +1,326 @@
+#include "msg/quote_messages.h"
+
+#include <cassert>
+
+namespace tessel {
+
+namespace {
+
+std::size_t nbbo_bytes(char indicator) {
+    switch (indicator) {
+        case '2': return short_nbbo_bytes;
+        case '3': return long_nbbo_bytes;
+        default:  // '0' no change, '1' no NBBO, '4' the quote is the NBBO: nothing follows
+            return 0;
+    }
+}
+
+std::size_t best_odd_lot_bytes(char indicator) {
+    switch (indicator) {
+        case '2': return short_best_odd_lot_bytes;
+        case '3': return long_best_odd_lot_bytes;
+        case '5': return mpid_best_odd_lot_bytes;
+        default: return 0;
+    }
+}
+
+std::size_t odd_lot_bytes(char indicator) {
+    switch (indicator) {
+        case '2': return short_odd_lot_bytes;
+        case '3': return long_odd_lot_bytes;
+        case '5': return mpid_odd_lot_bytes;
+        default: return 0;
+    }
+}
+
+std::uint16_t odd_lot_count(const QuoteRecord& record) {
+    return static_cast<std::uint16_t>(record.odd_lot_count);
+}
+
+// Starts the message with room for everything that will follow the fixed body: one size, one look at the
+// capacity.
+void begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, std::size_t bytes) {
+    begin_uncleared(writer, record.header, bytes - common_header_bytes);
+    put_u8(writer, 1, 'Q');
+    put_u8(writer, 2, type);
+}
+
+// Short quote, type C, 52 bytes:
+//   29  5  symbol
+//   34  2  bid price, cents
+//   36  2  bid size
+//   38  2  ask price, cents
+//   40  2  ask size
+//   42  1  quote condition
+//   43  1  SIP-generated message identifier
+//   44  1  LULD BBO indicator
+//   45  1  retail interest indicator
+//   46  1  NBBO appendage indicator
+//   47  1  LULD national BBO indicator
+//   48  1  best odd-lot appendage indicator
+//   49  1  odd-lot list indicator
+//   50  2  number of odd-lot list entries
+void put_short_quote(MessageWriter& writer, const QuoteRecord& record) {
+    static_assert(50 + 2 == short_quote_bytes);
+    put_alpha(writer, 29, record.symbol, 5);
+    put_price_short(writer, 34, record.bid);
+    put_size_short(writer, 36, record.bid_size);
+    put_price_short(writer, 38, record.ask);
+    put_size_short(writer, 40, record.ask_size);
+    put_u8(writer, 42, record.condition);
+    put_u8(writer, 43, record.sip_flag);
+    put_u8(writer, 44, record.luld_bbo);
+    put_u8(writer, 45, record.retail);
+    put_u8(writer, 46, record.nbbo_ind);
+    put_u8(writer, 47, record.luld_nbbo);
+    put_u8(writer, 48, record.odd_best_ind);
+    put_u8(writer, 49, record.odd_list_ind);
+    put_u16(writer, 50, odd_lot_count(record));
+}
+
+// Long quote, type D, 83 bytes:
+//   29  8  ADF timestamp, ns
+//   37 11  symbol
+//   48  8  bid price, millionths
+//   56  4  bid size
+//   60  8  ask price, millionths
+//   68  4  ask size
+//   72  1  quote condition
+//   73  1  SIP-generated message identifier
+//   74  1  LULD BBO indicator
+//   75  1  retail interest indicator
+//   76  1  NBBO appendage indicator
+//   77  1  LULD national BBO indicator
+//   78  1  ADF MPID appendage indicator
+//   79  1  best odd-lot appendage indicator
+//   80  1  odd-lot list indicator
+//   81  2  number of odd-lot list entries
+void put_long_quote(MessageWriter& writer, const QuoteRecord& record) {
+    static_assert(81 + 2 == long_quote_bytes);
+    put_u64(writer, 29, record.adf_time);
+    put_alpha(writer, 37, record.symbol, 11);
+    put_price_long(writer, 48, record.bid);
+    put_size_long(writer, 56, record.bid_size);
+    put_price_long(writer, 60, record.ask);
+    put_size_long(writer, 68, record.ask_size);
+    put_u8(writer, 72, record.condition);
+    put_u8(writer, 73, record.sip_flag);
+    put_u8(writer, 74, record.luld_bbo);
+    put_u8(writer, 75, record.retail);
+    put_u8(writer, 76, record.nbbo_ind);
+    put_u8(writer, 77, record.luld_nbbo);
+    put_u8(writer, 78, record.adf_mpid_ind);
+    put_u8(writer, 79, record.odd_best_ind);
+    put_u8(writer, 80, record.odd_list_ind);
+    put_u16(writer, 81, odd_lot_count(record));
+}
+
+// MPID quote of the ADF, type M, 77 bytes, no appendages:
+//   29  8  ADF timestamp, ns
+//   37 11  symbol
+//   48  8  bid price, millionths
+//   56  4  bid size
+//   60  8  ask price, millionths
+//   68  4  ask size
+//   72  1  quote condition
+//   73  4  MPID
+void put_mpid_quote(MessageWriter& writer, const QuoteRecord& record) {
+    static_assert(73 + 4 == mpid_quote_bytes);
+    put_u64(writer, 29, record.adf_time);
+    put_alpha(writer, 37, record.symbol, 11);
+    put_price_long(writer, 48, record.bid);
+    put_size_long(writer, 56, record.bid_size);
+    put_price_long(writer, 60, record.ask);
+    put_size_long(writer, 68, record.ask_size);
+    put_u8(writer, 72, record.condition);
+    put_alpha(writer, 73, record.bid_mpid, 4);
+}
+
+// Short odd-lot update, type A, 39 bytes:
+//   29  5  symbol
+//   34  1  SIP-generated message identifier
+//   35  1  best odd-lot appendage indicator
+//   36  1  odd-lot list indicator
+//   37  2  number of odd-lot list entries
+void put_short_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
+    static_assert(37 + 2 == short_odd_lot_update_bytes);
+    put_alpha(writer, 29, record.symbol, 5);
+    put_u8(writer, 34, record.sip_flag);
+    put_u8(writer, 35, record.odd_best_ind);
+    put_u8(writer, 36, record.odd_list_ind);
+    put_u16(writer, 37, odd_lot_count(record));
+}
+
+// Long odd-lot update, type B, 53 bytes:
+//   29  8  ADF timestamp, ns
+//   37 11  symbol
+//   48  1  SIP-generated message identifier
+//   49  1  best odd-lot appendage indicator
+//   50  1  odd-lot list indicator
+//   51  2  number of odd-lot list entries
+void put_long_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
+    static_assert(51 + 2 == long_odd_lot_update_bytes);
+    put_u64(writer, 29, record.adf_time);
+    put_alpha(writer, 37, record.symbol, 11);
+    put_u8(writer, 48, record.sip_flag);
+    put_u8(writer, 49, record.odd_best_ind);
+    put_u8(writer, 50, record.odd_list_ind);
+    put_u16(writer, 51, odd_lot_count(record));
+}
+
+// NBBO appendage at offset `at`; returns the offset behind it.
+//   short, 11:  +0  1  NBBO quote condition      long, 27:  +0  1  NBBO quote condition
+//               +1  1  best bid market centre               +1  1  best bid market centre
+//               +2  2  best bid price, cents                +2  8  best bid price, millionths
+//               +4  2  best bid size                       +10  4  best bid size
+//               +6  1  best offer market centre            +14  1  best offer market centre
+//               +7  2  best offer price, cents             +15  8  best offer price, millionths
+//               +9  2  best offer size                     +23  4  best offer size
+std::size_t put_nbbo(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+    static_assert(9 + 2 == short_nbbo_bytes);
+    static_assert(23 + 4 == long_nbbo_bytes);
+    if (record.nbbo_ind == '2') {
+        put_u8(writer, at + 0, record.nbbo_condition);
+        put_u8(writer, at + 1, record.nbbo_bid_mc);
+        put_price_short(writer, at + 2, record.nbbo_bid);
+        put_size_short(writer, at + 4, record.nbbo_bid_size);
+        put_u8(writer, at + 6, record.nbbo_ask_mc);
+        put_price_short(writer, at + 7, record.nbbo_ask);
+        put_size_short(writer, at + 9, record.nbbo_ask_size);
+        return at + short_nbbo_bytes;
+    }
+    if (record.nbbo_ind == '3') {
+        put_u8(writer, at + 0, record.nbbo_condition);
+        put_u8(writer, at + 1, record.nbbo_bid_mc);
+        put_price_long(writer, at + 2, record.nbbo_bid);
+        put_size_long(writer, at + 10, record.nbbo_bid_size);
+        put_u8(writer, at + 14, record.nbbo_ask_mc);
+        put_price_long(writer, at + 15, record.nbbo_ask);
+        put_size_long(writer, at + 23, record.nbbo_ask_size);
+        return at + long_nbbo_bytes;
+    }
+    return at;
+}
+
+// ADF MPID appendage, 8 bytes: bid MPID 4, ask MPID 4.
+std::size_t put_adf_mpids(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+    static_assert(4 + 4 == adf_mpid_bytes);
+    if (record.adf_mpid_ind != '2') {
+        return at;
+    }
+    put_alpha(writer, at + 0, record.bid_mpid, 4);
+    put_alpha(writer, at + 4, record.ask_mpid, 4);
+    return at + adf_mpid_bytes;
+}
+
+// Best odd-lot appendage. Sizes have 16 bits in the long layouts too: they never exceed 99.
+//   '2', 10:  +0  1  bid market centre     '3', 22:  +0  1  bid market centre        '5', 30: as '3', then
+//             +1  2  bid price, cents                +1  8  bid price, millionths            +22  4  bid MPID
+//             +3  2  bid size                        +9  2  bid size                         +26  4  ask MPID
+//             +5  1  ask market centre              +11  1  ask market centre
+//             +6  2  ask price, cents               +12  8  ask price, millionths
+//             +8  2  ask size                       +20  2  ask size
+std::size_t put_best_odd_lot(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+    static_assert(8 + 2 == short_best_odd_lot_bytes);
+    static_assert(20 + 2 == long_best_odd_lot_bytes);
+    static_assert(26 + 4 == mpid_best_odd_lot_bytes);
+    const char indicator = record.odd_best_ind;
+    if (indicator == '2') {
+        put_u8(writer, at + 0, record.odd_bid_mc);
+        put_price_short(writer, at + 1, record.odd_bid);
+        put_u16(writer, at + 3, record.odd_bid_size);
+        put_u8(writer, at + 5, record.odd_ask_mc);
+        put_price_short(writer, at + 6, record.odd_ask);
+        put_u16(writer, at + 8, record.odd_ask_size);
+        return at + short_best_odd_lot_bytes;
+    }
+    if (indicator != '3' && indicator != '5') {
+        return at;
+    }
+    put_u8(writer, at + 0, record.odd_bid_mc);
+    put_price_long(writer, at + 1, record.odd_bid);
+    put_u16(writer, at + 9, record.odd_bid_size);
+    put_u8(writer, at + 11, record.odd_ask_mc);
+    put_price_long(writer, at + 12, record.odd_ask);
+    put_u16(writer, at + 20, record.odd_ask_size);
+    if (indicator == '3') {
+        return at + long_best_odd_lot_bytes;
+    }
+    put_alpha(writer, at + 22, record.odd_bid_mpid, 4);
+    put_alpha(writer, at + 26, record.odd_ask_mpid, 4);
+    return at + mpid_best_odd_lot_bytes;
+}
+
+// Odd-lot list, one entry an order.
+//   '2', 6:  +0  1  market centre        '3', 12:  +0  1  market centre          '5', 16: as '3', then
+//            +1  1  side                           +1  1  side                            +12  4  MPID
+//            +2  2  price, cents                   +2  8  price, millionths
+//            +4  2  size                          +10  2  size
+std::size_t put_odd_lots(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+    static_assert(4 + 2 == short_odd_lot_bytes);
+    static_assert(10 + 2 == long_odd_lot_bytes);
+    static_assert(12 + 4 == mpid_odd_lot_bytes);
+    const std::size_t entry_bytes = odd_lot_bytes(record.odd_list_ind);
+    if (entry_bytes == 0) {
+        return at;
+    }
+    for (std::size_t index = 0; index < record.odd_lot_count; ++index, at += entry_bytes) {
+        const OddLotQuote& order = record.odd_lots[index];
+        put_u8(writer, at + 0, order.mc);
+        put_u8(writer, at + 1, order.side);
+        if (entry_bytes == short_odd_lot_bytes) {
+            put_price_short(writer, at + 2, order.price);
+            put_size_short(writer, at + 4, order.size);
+            continue;
+        }
+        put_price_long(writer, at + 2, order.price);
+        put_size_short(writer, at + 10, order.size);
+        if (entry_bytes == mpid_odd_lot_bytes) {
+            put_alpha(writer, at + 12, order.mpid, 4);
+        }
+    }
+    return at;
+}
+
+}  // namespace
+
+void build_quote(MessageWriter& writer, const QuoteRecord& record, char type) {
+    const std::size_t odd_lots =
+        best_odd_lot_bytes(record.odd_best_ind) + odd_lot_bytes(record.odd_list_ind) * record.odd_lot_count;
+    std::size_t at = 0;
+    switch (type) {
+        case 'C':
+            begin_quote(writer, record, type, short_quote_bytes + nbbo_bytes(record.nbbo_ind) + odd_lots);
+            put_short_quote(writer, record);
+            at = put_nbbo(writer, short_quote_bytes, record);
+            break;
+        case 'D':
+            begin_quote(writer, record, type,
+                        long_quote_bytes + nbbo_bytes(record.nbbo_ind) +
+                            (record.adf_mpid_ind == '2' ? adf_mpid_bytes : 0) + odd_lots);
+            put_long_quote(writer, record);
+            at = put_nbbo(writer, long_quote_bytes, record);
+            at = put_adf_mpids(writer, at, record);
+            break;
+        case 'M':
+            begin_quote(writer, record, type, mpid_quote_bytes);
+            put_mpid_quote(writer, record);
+            return;
+        case 'A':
+            begin_quote(writer, record, type, short_odd_lot_update_bytes + odd_lots);
+            put_short_odd_lot_update(writer, record);
+            at = short_odd_lot_update_bytes;
+            break;
+        case 'B':
+            begin_quote(writer, record, type, long_odd_lot_update_bytes + odd_lots);
+            put_long_odd_lot_update(writer, record);
+            at = long_odd_lot_update_bytes;
+            break;
+        default: writer.size = 0; return;
+    }
+    at = put_best_odd_lot(writer, at, record);
+    at = put_odd_lots(writer, at, record);
+    assert(at == writer.size);  // the body was not zeroed: every byte must have been written
+}
+
+}  // namespace tessel
