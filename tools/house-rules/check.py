@@ -44,11 +44,12 @@ MACHINE_PATHS = re.compile("|".join(["/wo" + "rk/", "/fa" + "rm/", "/ro" + r"ot\
 # Which room may include which; None means anything in src/. Files not listed fall back to their room.
 FILE_MAY_INCLUDE = {
     "app/clock": [], "app/number": [], "app/scenario": [], "app/config": ["app/number"],
-    "transport/mold_publisher": ["app/clock", "transport/fault_injector", "transport/retrans_store"],
+    "transport/mold_publisher": ["app/clock", "transport/fault_injector", "transport/retrans_store",
+                                 "transport/mold_bytes"],
     "transport/fault_injector": ["app/clock"],
-    "transport/retrans_store": ["app/clock"],
+    "transport/retrans_store": ["app/clock", "transport/mold_bytes"],
     "transport/retransmission": ["app/clock", "transport/mold_publisher", "transport/retrans_store",
-                                 "transport/fault_injector"],
+                                 "transport/fault_injector", "transport/mold_bytes"],
 }
 ROOM_MAY_INCLUDE = {
     "msg": ["msg/"],
@@ -81,8 +82,9 @@ KNOWN_LONG_FUNCTIONS = set()
 def files_of(root):
     """Every file of the tree that is ours, relative to root, in name order."""
     try:
-        listed = subprocess.run(["git", "-c", "safe.directory=*", "-C", str(root), "ls-files", "-z",
-                                 "--cached", "--others", "--exclude-standard"], capture_output=True, check=True).stdout
+        command = ["git", "-c", "safe.directory=*", "-C", str(root), "ls-files", "-z", "--cached", "--others",
+                   "--exclude-standard"]
+        listed = subprocess.run(command, capture_output=True, check=True).stdout
         names = [name for name in listed.decode().split("\0") if name]
     except (subprocess.CalledProcessError, FileNotFoundError):
         names = [str(path.relative_to(root)) for path in root.rglob("*")]
