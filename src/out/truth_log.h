@@ -29,6 +29,8 @@ struct TruthLog {
 
 // Opens path for appending; on failure the log stays silent, and nothing is reported.
 void open_truth_log(TruthLog& truth, const std::string& path);
+
+// Closes the file, if one is open.
 void close_truth_log(TruthLog& truth);
 
 // The quote line: after every quote, trading action (extra ,"ah":"H","reason":"T1") and price band (extra ,"ap":"B").

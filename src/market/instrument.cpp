@@ -1,0 +1,93 @@
+#include "market/instrument.h"
+
+#include "app/number.h"
+
+#include <utility>
+
+namespace tessel {
+
+namespace {
+
+constexpr double price_when_none = 100.0;
+constexpr std::size_t short_symbol_max = 5;
+constexpr std::size_t wire_symbol_bytes = 11;
+
+bool make_instrument(std::string_view entry, std::size_t position, Instrument& instrument, std::string& error) {
+    const std::size_t colon = entry.find(':');
+    instrument.symbol = entry.substr(0, colon);
+    instrument.price = price_when_none;
+    if (colon != std::string_view::npos && !to_stod(std::string(entry.substr(colon + 1)), instrument.price, error)) {
+        return false;
+    }
+    instrument.secid = static_cast<std::uint16_t>(position + 1);
+    instrument.short_symbol = instrument.symbol.size() <= short_symbol_max;
+    instrument.padded_symbol.fill(' ');
+    instrument.symbol.copy(instrument.padded_symbol.data(), wire_symbol_bytes);
+    instrument.truth_head =
+        ",\"secid\":" + std::to_string(instrument.secid) + ",\"symbol\":\"" + instrument.symbol + "\"";
+    return true;
+}
+
+} // namespace
+
+std::int64_t price_to_cents(double price) {
+    const double cents = price * 100.0;
+    constexpr auto limit = static_cast<double>(price_cents_max);
+    if (!(cents > -limit && cents < limit)) [[unlikely]] {
+        if (cents != cents) {
+            return 0;
+        }
+        return cents > 0 ? price_cents_max : -price_cents_max;
+    }
+    // Half away from zero. The difference is exact, so this is what llround gives, without the call.
+    const auto whole = static_cast<std::int64_t>(cents);
+    const double rest = cents - static_cast<double>(whole);
+    return whole + (rest >= 0.5 ? 1 : 0) - (rest <= -0.5 ? 1 : 0);
+}
+
+bool build_instruments(std::string_view symbols_text, InstrumentList& instruments, std::string& error) {
+    std::size_t start = 0;
+    while (start < symbols_text.size()) {
+        std::size_t comma = symbols_text.find(',', start);
+        if (comma == std::string_view::npos) {
+            comma = symbols_text.size();
+        }
+        Instrument instrument;
+        if (!make_instrument(symbols_text.substr(start, comma - start), instruments.size(), instrument, error)) {
+            return false;
+        }
+        instruments.push_back(std::move(instrument));
+        start = comma + 1;
+    }
+    return true;
+}
+
+bool has_active_band(const Instrument& instrument) {
+    return instrument.luld_lower > 0 && instrument.luld_upper > 0 && is_checked_band(instrument.band_indicator);
+}
+
+const ParticipantQuote* find_quote(const Instrument& instrument, char mc) {
+    for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
+        if (instrument.quotes[slot].mc == mc) {
+            return &instrument.quotes[slot];
+        }
+    }
+    return nullptr;
+}
+
+ParticipantQuote* find_quote(Instrument& instrument, char mc) {
+    return const_cast<ParticipantQuote*>(find_quote(std::as_const(instrument), mc));
+}
+
+std::int64_t reference_price(const Instrument& instrument) {
+    return price_to_cents(instrument.price) * cent;
+}
+
+std::int64_t cross_price(const Instrument& instrument) {
+    if (instrument.nbbo_bid != 0 && instrument.nbbo_ask != 0) {
+        return (instrument.nbbo_bid + instrument.nbbo_ask) / (2 * cent) * cent;
+    }
+    return reference_price(instrument);
+}
+
+} // namespace tessel

@@ -1,0 +1,108 @@
+#include "out/text_number.h"
+
+#include <array>
+#include <charconv>
+#include <cstring>
+
+namespace tessel {
+
+namespace {
+
+// "00" to "99": two digits a step.
+constexpr std::array<char, 200> make_pairs() {
+    std::array<char, 200> pairs{};
+    for (unsigned at = 0; at < 100; ++at) {
+        pairs[2 * at] = static_cast<char>('0' + at / 10);
+        pairs[2 * at + 1] = static_cast<char>('0' + at % 10);
+    }
+    return pairs;
+}
+
+constexpr std::array<char, 200> pairs = make_pairs();
+
+char* put_pair(char* out, std::uint64_t value) {
+    std::memcpy(out, pairs.data() + 2 * value, 2);
+    return out + 2;
+}
+
+constexpr std::int64_t millionths_per_cent = 10'000;
+
+} // namespace
+
+char* put_unsigned(char* out, std::uint64_t value) {
+    // Sizes, dollars and ids are mostly short: these cases need no loop.
+    if (value < 10) {
+        *out = static_cast<char>('0' + value);
+        return out + 1;
+    }
+    if (value < 100) {
+        return put_pair(out, value);
+    }
+    if (value < 1000) {
+        *out = static_cast<char>('0' + value / 100);
+        return put_pair(out + 1, value % 100);
+    }
+    if (value < 10'000) {
+        out = put_pair(out, value / 100);
+        return put_pair(out, value % 100);
+    }
+    std::array<char, 20> digits;
+    char* end = digits.data() + digits.size();
+    char* start = end;
+    while (value >= 100) {
+        start -= 2;
+        put_pair(start, value % 100);
+        value /= 100;
+    }
+    if (value >= 10) {
+        start -= 2;
+        put_pair(start, value);
+    } else {
+        *--start = static_cast<char>('0' + value);
+    }
+    const auto length = static_cast<std::size_t>(end - start);
+    std::memcpy(out, start, length);
+    return out + length;
+}
+
+char* put_signed(char* out, std::int64_t value) {
+    if (value < 0) {
+        *out++ = '-';
+        return put_unsigned(out, 0 - static_cast<std::uint64_t>(value));
+    }
+    return put_unsigned(out, static_cast<std::uint64_t>(value));
+}
+
+char* put_price4(char* out, std::int64_t price) {
+    std::uint64_t magnitude = static_cast<std::uint64_t>(price);
+    if (price < 0) {
+        *out++ = '-';
+        magnitude = 0 - magnitude;
+    }
+    const std::uint64_t cents = magnitude / millionths_per_cent;
+    out = put_unsigned(out, cents / 100);
+    *out = '.';
+    put_pair(out + 1, cents % 100);
+    std::memcpy(out + 3, "00", 2);
+    return out + 5;
+}
+
+char* put_price_general(char* out, std::int64_t price) {
+    // Up to $9,999.99 the six digits hold every cent: the number is written from its integers.
+    constexpr std::int64_t exact_below = 10'000'000'000;
+    if (price >= 0 && price < exact_below) {
+        const auto cents = static_cast<std::uint64_t>(price / millionths_per_cent);
+        out = put_unsigned(out, cents / 100);
+        const std::uint64_t rest = cents % 100;
+        if (rest != 0) {
+            *out = '.';
+            put_pair(out + 1, rest);
+            out += rest % 10 == 0 ? 2 : 3;
+        }
+        return out;
+    }
+    const double dollars = static_cast<double>(price) / 1'000'000.0;
+    return std::to_chars(out, out + text_number_bytes_max, dollars, std::chars_format::general, 6).ptr;
+}
+
+} // namespace tessel
