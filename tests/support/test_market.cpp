@@ -4,15 +4,15 @@
 #include "market/tick.h"
 #include "transport/retrans_store.h"
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
-#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 
 namespace tessel::testing {
 
@@ -33,7 +33,7 @@ std::string read_descriptor(int fd, std::size_t from) {
     return text;
 }
 
-} // namespace
+}  // namespace
 
 TestMarket::TestMarket(const MarketOptions& options) {
     clock.simulated = true;
@@ -44,7 +44,8 @@ TestMarket::TestMarket(const MarketOptions& options) {
     reset_publisher(publisher, clock, options.session);
     publisher.sink = {keep_packet, this};
     scenario = parse_scenario(options.scenario);
-    init_engine(engine, publisher, rng, scenario, clock, options.participants, options.step_bps, options.quiet);
+    init_engine(engine, publisher, rng, scenario, clock, options.participants, options.step_bps,
+                options.quiet);
     if (options.truth) {
         engine.truth.fd = memfd_create("truth", MFD_CLOEXEC);
         engine.truth.good = engine.truth.fd >= 0;
@@ -195,4 +196,4 @@ std::string read_file(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-} // namespace tessel::testing
+}  // namespace tessel::testing

@@ -20,12 +20,12 @@ using Bytes = std::vector<unsigned char>;
 struct MarketOptions {
     std::string symbols = "AAPL:190.00,MSFT:410.00,TSLA:250.00";
     std::string participants = "QNPZKVD";
-    std::string scenario;           // a text as in TESSEL_SCENARIO
+    std::string scenario;  // a text as in TESSEL_SCENARIO
     std::uint64_t seed = 7;
     double step_bps = 0.8;
     bool quiet = false;
-    bool truth = true;              // keep a truth log, in memory
-    std::uint64_t wall_step_ns = 1; // what each reading of the wall clock adds
+    bool truth = true;               // keep a truth log, in memory
+    std::uint64_t wall_step_ns = 1;  // what each reading of the wall clock adds
     std::string session = "UTPBENCH01";
 };
 
@@ -43,12 +43,12 @@ struct TestMarket {
     TestMarket(const TestMarket&) = delete;
     TestMarket& operator=(const TestMarket&) = delete;
 
-    Clock clock; // simulated: 2023-11-14 22:13:20 UTC and 1,000,000 ms at first
+    Clock clock;  // simulated: 2023-11-14 22:13:20 UTC and 1,000,000 ms at first
     Random rng;
     Scenario scenario;
     MoldPublisher publisher;
     SipEngine engine;
-    std::vector<Bytes> packets; // what the publisher sent, in order
+    std::vector<Bytes> packets;  // what the publisher sent, in order
 
     Instrument& at(std::size_t index) {
         return engine.instruments.at(index);
@@ -123,4 +123,4 @@ private:
 // A file's whole content; an empty text when there is none.
 std::string read_file(const std::string& path);
 
-} // namespace tessel::testing
+}  // namespace tessel::testing

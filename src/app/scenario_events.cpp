@@ -1,0 +1,48 @@
+#include "app/scenario_events.h"
+
+#include "market/circuit_breaker.h"
+#include "market/halts.h"
+#include "market/luld.h"
+
+namespace tessel {
+
+namespace {
+
+bool is_due(std::uint32_t after_seconds, bool fired, std::uint64_t elapsed_seconds) {
+    return !fired && after_seconds <= elapsed_seconds;
+}
+
+}  // namespace
+
+void fire_scenario_events(SipEngine& engine, ScenarioMarks& marks, std::uint64_t start_ms,
+                          std::uint64_t now_ms) {
+    const Scenario& scenario = *engine.scenario;
+    const std::uint64_t elapsed = (now_ms - start_ms) / 1000;
+    InstrumentList& instruments = engine.instruments;
+    if (scenario.halt_after != 0 && is_due(scenario.halt_after, marks.halt_fired, elapsed)) {
+        marks.halt_fired = true;
+        if (!instruments.empty()) {
+            halt(engine, instruments[0], "T1", scenario.halt_secs);
+        }
+    }
+    if (scenario.pause_after != 0 && is_due(scenario.pause_after, marks.pause_fired, elapsed)) {
+        marks.pause_fired = true;
+        // Not the instrument of the halt, as long as there is another.
+        if (!instruments.empty()) {
+            luld_pause(engine, instruments[instruments.size() > 1 ? 1 : 0], scenario.pause_secs);
+        }
+    }
+    if (scenario.mwcb_level != 0 && is_due(scenario.mwcb_after, marks.mwcb_fired, elapsed)) {
+        marks.mwcb_fired = true;
+        breach_mwcb(engine, scenario.mwcb_level);
+    }
+    if (scenario.band_every != 0) {
+        for (Instrument& instrument : instruments) {
+            if (instrument.band_due_ms == 0) {
+                instrument.band_due_ms = now_ms + std::uint64_t{scenario.band_every} * 1000;
+            }
+        }
+    }
+}
+
+}  // namespace tessel

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "market/sip_engine.h"
+
+#include <cstdint>
+
+namespace tessel {
+
+// Which of the scripted one-time events have fired; never reset.
+struct ScenarioMarks {
+    bool halt_fired = false;
+    bool pause_fired = false;
+    bool mwcb_fired = false;
+};
+
+// Fires what the scenario has due now: the halt of the first instrument, the LULD pause of the second (the
+// first when there is only one) and the circuit breaker, each once; then gives every instrument without a
+// band time its first one. Both times are steady milliseconds; start_ms is the moment from which the scenario
+// counts. Without instruments a halt or pause only sets its mark.
+void fire_scenario_events(SipEngine& engine, ScenarioMarks& marks, std::uint64_t start_ms,
+                          std::uint64_t now_ms);
+
+}  // namespace tessel

@@ -1,0 +1,208 @@
+#include "transport/snapshot_spin.h"
+
+#include "market/directory.h"
+#include "market/luld.h"
+#include "market/nbbo.h"
+#include "market/quotes.h"
+#include "msg/admin_messages.h"
+#include "msg/quote_messages.h"
+
+#include <cassert>
+#include <cstring>
+
+namespace tessel {
+
+namespace {
+
+// The longest rebuilt quote: the ADF's, with every appendage and both its odd-lot orders.
+constexpr std::size_t quote_bytes_max =
+    long_quote_bytes + long_nbbo_bytes + adf_mpid_bytes + mpid_best_odd_lot_bytes + 2 * mpid_odd_lot_bytes;
+
+// What one instrument adds at most, its quotes aside.
+constexpr std::size_t instrument_bytes_max = short_directory_bytes + long_directory_bytes + indicator_bytes +
+                                             trading_action_bytes + price_band_bytes + collar_bytes +
+                                             6 * sequenced_header_bytes;
+
+std::size_t spin_bytes_max(const SipEngine& engine) {
+    std::size_t bytes = decline_levels_bytes + end_of_snapshot_bytes + 2 * sequenced_header_bytes;
+    for (const std::vector<unsigned char>& message : engine.retained_messages) {
+        bytes += message.size() + sequenced_header_bytes;
+    }
+    for (const Instrument& instrument : engine.instruments) {
+        bytes += instrument_bytes_max + instrument.quote_slots * (quote_bytes_max + sequenced_header_bytes);
+    }
+    return bytes;
+}
+
+void append_message(SpinBuffer& spin, const unsigned char* message, std::size_t length) {
+    assert(spin.size + sequenced_header_bytes + length <= spin.capacity);
+    unsigned char* out = spin.bytes.get() + spin.size;
+    const std::uint16_t packet_length = __builtin_bswap16(static_cast<std::uint16_t>(length + 1));
+    std::memcpy(out, &packet_length, sizeof packet_length);
+    out[2] = static_cast<unsigned char>(sequenced_data_type);
+    std::memcpy(out + sequenced_header_bytes, message, length);
+    spin.size += sequenced_header_bytes + length;
+}
+
+void append_built(SpinBuffer& spin) {
+    append_message(spin, spin.writer.bytes.get(), spin.writer.size);
+}
+
+void append_directory(SpinBuffer& spin, const Instrument& instrument, AdminTimes times,
+                      std::string& name_storage) {
+    const DirectoryRecord record = fill_directory(instrument, times, name_storage);
+    encode_directory(spin.writer, record, false);
+    append_built(spin);
+    encode_directory(spin.writer, record, true);
+    append_built(spin);
+    build_indicator(spin.writer, times, wire_symbol(instrument), instrument.indicator);
+    append_built(spin);
+}
+
+// What is the same in every quote of one instrument: the national best bid and offer as last told, and the
+// best odd-lot quote.
+QuoteRecord fill_instrument_part(const Instrument& instrument, std::uint64_t spin_time_ns) {
+    QuoteRecord record;
+    record.header.sip_time = spin_time_ns;
+    record.header.participant_time = spin_time_ns;
+    record.symbol = wire_symbol(instrument);
+    const Nbbo nbbo = stored_nbbo(instrument);
+    record.luld_nbbo = luld_nbbo_indicator(instrument, nbbo);
+    record.nbbo_condition = nbbo.bid != 0 && nbbo.ask != 0 ? 'R' : 'Y';
+    record.nbbo_bid_mc = nbbo.bid_mc;
+    record.nbbo_ask_mc = nbbo.ask_mc;
+    record.nbbo_bid = nbbo.bid;
+    record.nbbo_ask = nbbo.ask;
+    record.nbbo_bid_size = nbbo.bid_size;
+    record.nbbo_ask_size = nbbo.ask_size;
+    if (instrument.adf_present != 0) {
+        const bool has_mpids = instrument.adf_bid_mc == 'D' || instrument.adf_ask_mc == 'D';
+        record.odd_best_ind = has_mpids ? '5' : '3';
+        record.odd_bid_mc = instrument.adf_bid_mc;
+        record.odd_ask_mc = instrument.adf_ask_mc;
+        record.odd_bid = instrument.adf_bid;
+        record.odd_ask = instrument.adf_ask;
+        record.odd_bid_size = static_cast<std::uint16_t>(instrument.adf_sizes >> 16);
+        record.odd_ask_size = static_cast<std::uint16_t>(instrument.adf_sizes & 0xFFFFu);
+        record.odd_bid_mpid = instrument.adf_bid_mc == 'D' ? adf_bid_mpid : std::string_view();
+        record.odd_ask_mpid = instrument.adf_ask_mc == 'D' ? adf_ask_mpid : std::string_view();
+    }
+    return record;
+}
+
+// How the quote tells the stored national best bid and offer: that there is none, that it is this quote
+// itself, or by an appendage.
+char nbbo_indicator(const Instrument& instrument, const ParticipantQuote& quote) {
+    if (instrument.nbbo_bid == 0 && instrument.nbbo_ask == 0) {
+        return '1';
+    }
+    const bool is_whole = instrument.nbbo_bid != 0 && instrument.nbbo_bid_mc == quote.mc &&
+                          instrument.nbbo_ask_mc == quote.mc && instrument.nbbo_bid == quote.bid &&
+                          instrument.nbbo_ask == quote.ask && instrument.nbbo_bid_size == quote.bid_size &&
+                          instrument.nbbo_ask_size == quote.ask_size;
+    return is_whole ? '4' : '3';
+}
+
+void append_quote(SpinBuffer& spin, QuoteRecord& record, const Instrument& instrument,
+                  const ParticipantQuote& quote) {
+    const bool is_adf = quote.mc == 'D';
+    record.header.mc = quote.mc;
+    record.adf_time = is_adf ? record.header.participant_time : 0;
+    record.bid = quote.bid;
+    record.ask = quote.ask;
+    record.bid_size = quote.bid_size;
+    record.ask_size = quote.ask_size;
+    record.condition = quote.condition;
+    record.luld_bbo = luld_bbo_indicator(instrument, quote.bid, quote.ask);
+    record.nbbo_ind = nbbo_indicator(instrument, quote);
+    record.adf_mpid_ind = is_adf ? '2' : ' ';
+    record.bid_mpid = quote.has_mpids ? adf_bid_mpid : std::string_view();
+    record.ask_mpid = quote.has_mpids ? adf_ask_mpid : std::string_view();
+    OddLotQuote odd_lots[2];
+    record.odd_lot_count = quote.has_odd_lots ? list_odd_lots(quote, odd_lots) : 0;
+    record.odd_lots = odd_lots;
+    record.odd_list_ind = record.odd_lot_count == 0 ? '0' : (is_adf ? '5' : '3');
+    build_quote(spin.writer, record, 'D');
+    append_built(spin);
+}
+
+void append_statuses(SpinBuffer& spin, const SipEngine& engine, AdminTimes times) {
+    for (const Instrument& instrument : engine.instruments) {
+        if (instrument.status != 'T') {
+            build_trading_action(spin.writer, times, wire_symbol(instrument), instrument.status,
+                                 instrument.action_seq, times.participant_time, instrument.halt_reason);
+            append_built(spin);
+        }
+    }
+}
+
+void append_bands(SpinBuffer& spin, const SipEngine& engine, AdminTimes times) {
+    for (const Instrument& instrument : engine.instruments) {
+        if (instrument.luld_lower != 0) {
+            const char indicator = instrument.band_indicator == ' ' ? 'B' : instrument.band_indicator;
+            build_price_band(spin.writer, times, wire_symbol(instrument), indicator, times.participant_time,
+                             instrument.luld_lower, instrument.luld_upper);
+            append_built(spin);
+        }
+    }
+    for (const Instrument& instrument : engine.instruments) {
+        if (instrument.status == 'P') {
+            const Band collar = band_around(reference_price(instrument));
+            build_collar(spin.writer, times, wire_symbol(instrument), instrument.action_seq, collar.reference,
+                         collar.upper, collar.lower);
+            append_built(spin);
+        }
+    }
+}
+
+}  // namespace
+
+void build_spin(SpinBuffer& spin, SipEngine& engine, std::uint64_t spin_time_ns) {
+    const std::size_t needed = spin_bytes_max(engine);
+    if (spin.capacity < needed) {
+        spin.bytes.reset();  // first, so that the old and the new one never stand side by side
+        spin.bytes = std::make_unique_for_overwrite<unsigned char[]>(needed);
+        spin.capacity = needed;
+    }
+    spin.size = 0;
+    for (const std::vector<unsigned char>& message : engine.retained_messages) {
+        append_message(spin, message.data(), message.size());
+    }
+    const AdminTimes times{spin_time_ns, spin_time_ns};
+    std::string name_storage;
+    for (const Instrument& instrument : engine.instruments) {
+        append_directory(spin, instrument, times, name_storage);
+    }
+    append_statuses(spin, engine, times);
+    build_decline_levels(spin.writer, times);
+    append_built(spin);
+    append_bands(spin, engine, times);
+    for (const Instrument& instrument : engine.instruments) {
+        QuoteRecord record = fill_instrument_part(instrument, spin_time_ns);
+        for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
+            if (instrument.quotes[slot].quoted) {
+                append_quote(spin, record, instrument, instrument.quotes[slot]);
+            }
+        }
+    }
+    ++engine.scenario->stats.snapshots;
+}
+
+void append_end_of_snapshot(SpinBuffer& spin, std::uint64_t spin_time_ns, std::uint64_t last_sequence) {
+    build_end_of_snapshot(spin.writer, spin_time_ns, last_sequence);
+    append_built(spin);
+}
+
+std::vector<std::span<const unsigned char>> spin_messages(const SpinBuffer& spin) {
+    std::vector<std::span<const unsigned char>> messages;
+    std::size_t at = 0;
+    while (at < spin.size) {
+        const unsigned char* packet = spin.bytes.get() + at;
+        const std::size_t packet_length = static_cast<std::size_t>(packet[0]) << 8 | packet[1];
+        messages.emplace_back(packet + sequenced_header_bytes, packet_length - 1);
+        at += 2 + packet_length;
+    }
+    return messages;
+}
+
+}  // namespace tessel
