@@ -4,12 +4,12 @@
 
 namespace tessel {
 
-// The only place that asks the system for the time. A clock is handed to everything that stamps or times, so that a
-// test can put a simulated one there.
+// The only place that asks the system for the time. A clock is handed to everything that stamps or times, so
+// that a test can put a simulated one there.
 struct Clock {
     bool simulated = false;
-    // What a simulated clock answers. Each wall reading adds wall_step_ns afterwards, so that a test can tell the
-    // readings of one event apart; 0 makes time stand still.
+    // What a simulated clock answers. Each wall reading adds wall_step_ns afterwards, so that a test can tell
+    // the readings of one event apart; 0 makes time stand still.
     std::uint64_t simulated_wall_ns = 0;
     std::uint64_t wall_step_ns = 0;
     std::uint64_t simulated_steady_ms = 0;
@@ -21,4 +21,4 @@ std::uint64_t wall_ns(Clock& clock);
 // Steady time in milliseconds (the monotonic clock's nanoseconds / 1,000,000): what timers compare.
 std::uint64_t steady_ms(const Clock& clock);
 
-} // namespace tessel
+}  // namespace tessel
