@@ -16,7 +16,12 @@ void Model::trading_action(Instrument& in, char action, const std::string& reaso
     in.status = action;
     in.halt_reason = reason;
     const std::uint64_t sequence = append(trading_action_message(in, action, reason, wall(), time_ns));
-    quote_line(in, sequence, std::string(",\"ah\":\"") + action + "\",\"reason\":\"" + reason + "\"");
+    std::string extra = ",\"ah\":\"";
+    extra += action;
+    extra += "\",\"reason\":\"";
+    extra += reason;
+    extra += '"';
+    quote_line(in, sequence, extra);
 }
 
 void Model::halt(Instrument& in, const std::string& reason, std::uint32_t seconds) {
