@@ -89,32 +89,36 @@ std::string six_digits(std::string_view number) {
     return printed.data();
 }
 
-// The number's text: everything that a number can consist of.
-std::string_view number_text(std::string_view text) {
-    std::size_t size = 0;
-    while (size != text.size() && (is_digit(text[size]) || text[size] == '.' || text[size] == '-' || text[size] == '+' ||
-                                   text[size] == 'e' || text[size] == 'E')) {
-        ++size;
-    }
-    return text.substr(0, size);
+bool continues_number(char c) {
+    return is_digit(c) || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E';
 }
 
-// Takes the number at the start of both texts off the front and tells whether it is the same one. Two texts of which one is
-// the other with zeros behind its decimals (the truth's 190.0100 and a handler's 190.01) need no arithmetic.
+// Takes the number at the start of both texts off the front when they are the same but for zeros behind the decimals of
+// one (the truth's 190.0100 and a handler's 190.01): most are, and need no arithmetic.
 bool take_alike(std::string_view& truth, std::string_view& output) {
-    const std::string_view expected = number_text(truth);
-    const std::string_view got = number_text(output);
-    const std::string_view shorter = expected.size() < got.size() ? expected : got;
-    const std::string_view longer = expected.size() < got.size() ? got : expected;
-    const bool alike = longer.substr(0, shorter.size()) == shorter &&
-                       longer.find_first_not_of('0', shorter.size()) == std::string_view::npos &&
-                       (longer.size() == shorter.size() ||
-                        (shorter.find('.') != std::string_view::npos && shorter.find_first_of("eE") == std::string_view::npos));
-    if (alike) {
-        truth.remove_prefix(expected.size());
-        output.remove_prefix(got.size());
+    const std::size_t common_most = std::min(truth.size(), output.size());
+    std::size_t common = 0;
+    bool decimals = false;
+    while (common != common_most && truth[common] == output[common] && continues_number(truth[common])) {
+        decimals = truth[common] == '.' || (decimals && is_digit(truth[common]));
+        ++common;
     }
-    return alike;
+    const auto zeros_behind = [&](std::string_view text) {
+        std::size_t place = common;
+        while (place != text.size() && text[place] == '0') {
+            ++place;
+        }
+        return place;
+    };
+    const std::size_t truth_end = decimals ? zeros_behind(truth) : common;
+    const std::size_t output_end = decimals ? zeros_behind(output) : common;
+    if ((truth_end != truth.size() && continues_number(truth[truth_end])) ||
+        (output_end != output.size() && continues_number(output[output_end]))) {
+        return false;
+    }
+    truth.remove_prefix(truth_end);
+    output.remove_prefix(output_end);
+    return true;
 }
 
 bool same_number(std::size_t member, bool first, std::string_view& truth, std::string_view& output) {
