@@ -117,7 +117,7 @@ std::string verdict_sentence(const Result& result) {
         return fmt::format("All {} truth lines have their line in OUTPUT, and every member given agrees.",
                            grouped(figures.truth_lines));
     }
-    return fmt::format("Of {} truth lines {} are matched, {} mismatched and {} missing; {} lines of OUTPUT are unexpected.",
+    return fmt::format("Of {} truth lines {} are matched, {} mismatched and {} missing; unexpected lines in OUTPUT: {}.",
                        grouped(figures.truth_lines), grouped(figures.matched), grouped(figures.mismatched),
                        grouped(figures.missing), grouped(figures.unexpected));
 }

@@ -1,0 +1,147 @@
+"""The judge's HTML page, opened in a browser: what it says and what one sees."""
+
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from feed import program
+from png import count_colour, read_png
+
+# The page's colours by scheme, as its style has them.
+LIGHT = {"agrees": "#17703f", "differs": "#b3261e", "missing": "#d9480f", "mismatched": "#6741d9",
+         "unexpected": "#1971c2", "card": "#ffffff"}
+DARK = {"agrees": "#1f7a48", "differs": "#b73a32", "missing": "#ff8c42", "mismatched": "#9f85ff",
+        "unexpected": "#5aa9f0", "card": "#1b2229"}
+
+WIDTH, HEIGHT = 1100, 1000
+
+
+def line(seq, status="T"):
+    return f'{{"seq":{seq},"symbol":"AAPL","nbbo":[190.0100,300,190.0300,200],"status":"{status}"}}\n'
+
+
+def browser():
+    path = shutil.which("chromium") or shutil.which("chromium-browser")
+    assert path, "chromium is not installed"
+    return path
+
+
+def browse(tmp_path, page, *args):
+    """Runs the browser over the page with a profile of its own and returns what it prints."""
+    profile = tmp_path / f"profile{len(list(tmp_path.glob('profile*')))}"
+    profile.mkdir()
+    command = [browser(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+               "--disable-background-networking", "--disable-component-update", "--disable-sync", "--hide-scrollbars",
+               "--disable-dev-shm-usage", f"--user-data-dir={profile}", f"--window-size={WIDTH},{HEIGHT}", *args,
+               page.as_uri()]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=180, check=False, cwd=tmp_path)
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def take_picture(tmp_path, page, scheme):
+    """A picture of the page in the light or the dark scheme."""
+    path = tmp_path / f"{scheme}.png"
+    browse(tmp_path, page, f"--screenshot={path}",
+           f"--blink-settings=preferredColorScheme={0 if scheme == 'dark' else 1}")
+    return read_png(path)
+
+
+def make_page(tmp_path, output, truth=None):
+    (tmp_path / "truth.jsonl").write_text(truth or "".join(line(seq) for seq in range(1, 601)))
+    (tmp_path / "output.jsonl").write_text(output)
+    page = tmp_path / "page.html"
+    done = subprocess.run([program("tessel-judge"), tmp_path / "truth.jsonl", tmp_path / "output.jsonl", "--report",
+                           page], capture_output=True, text=True, timeout=60, check=False)
+    return done.returncode, page
+
+
+def shown_text(dom):
+    """The words of a page without its tags and style."""
+    text = re.sub(r"<style>.*?</style>", "", dom, flags=re.S)
+    return re.sub(r"\s+", " ", re.sub(r"<[^>]+>", " ", text)).strip()
+
+
+def colours_seen(picture, scheme):
+    """The names of the colours that take up more than a few points."""
+    return {name for name, colour in scheme.items() if count_colour(picture, colour) > 20}
+
+
+@pytest.mark.parametrize("scheme, colours", [("light", LIGHT), ("dark", DARK)])
+def test_page_of_an_agreement_is_green_without_bars(tmp_path, scheme, colours):
+    status, page = make_page(tmp_path, "".join(line(seq) for seq in range(1, 601)))
+    assert status == 0
+    picture = take_picture(tmp_path, page, scheme)
+    assert picture[:2] == (WIDTH, HEIGHT)
+    assert colours_seen(picture, colours) == {"agrees", "card"}
+    # The verdict is a banner, not a letter: it covers a good part of the page's top.
+    assert count_colour(picture, colours["agrees"]) > WIDTH * 60
+
+
+@pytest.mark.parametrize("scheme, colours", [("light", LIGHT), ("dark", DARK)])
+def test_page_of_differences_is_red_with_bars_of_each_kind(tmp_path, scheme, colours):
+    output = [line(seq, "H" if 300 <= seq < 330 else "T") for seq in range(1, 601) if not 100 <= seq < 160]
+    status, page = make_page(tmp_path, "".join(output) + line(500) * 20)
+    assert status == 1
+    picture = take_picture(tmp_path, page, scheme)
+    assert colours_seen(picture, colours) == {"differs", "missing", "mismatched", "unexpected", "card"}
+    assert count_colour(picture, colours["differs"]) > WIDTH * 60
+    # Sixty missing lines make higher bars than thirty mismatched ones, and those than twenty unexpected ones.
+    areas = [count_colour(picture, colours[name]) for name in ("missing", "mismatched", "unexpected")]
+    assert areas[0] > areas[1] > areas[2] > 500, areas
+
+
+def test_only_what_is_missing_has_bars_when_nothing_else_differs(tmp_path):
+    status, page = make_page(tmp_path, "".join(line(seq) for seq in range(1, 601) if seq != 77))
+    assert status == 1
+    assert colours_seen(take_picture(tmp_path, page, "light"), LIGHT) == {"differs", "missing", "card"}
+
+
+def test_page_tells_verdict_figures_axis_and_differences(tmp_path):
+    output = [line(seq, "H" if seq == 300 else "T") for seq in range(1, 601) if not 101 <= seq <= 160]
+    _, page = make_page(tmp_path, "".join(output) + line(600))
+    dom = browse(tmp_path, page, "--dump-dom")
+    text = shown_text(dom)
+    assert "Differs Of 600 truth lines 539 are matched, 1 mismatched and 60 missing; unexpected lines in OUTPUT: 1." in text
+    for words in ("truth lines 600", "output lines 541", "matched 539", "mismatched 1", "missing 60", "unexpected 1",
+                  "longest gap 60 101 to 160", "sequence number", "missing (60) mismatched (1) unexpected (1)",
+                  "missing, 60 lines", "mismatched in status", 'truth "T"', 'output "H"', "nbbo 540 0", "status 540 1"):
+        assert words in text, f"{words!r} is not in: {text}"
+    assert dom.count('<rect class="missing"') == 6  # ten numbers a bar
+    assert dom.count('<rect class="mismatched"') == 1
+
+
+def test_page_of_an_agreement_says_so(tmp_path):
+    _, page = make_page(tmp_path, "".join(line(seq) for seq in range(1, 601)))
+    dom = browse(tmp_path, page, "--dump-dom")
+    text = shown_text(dom)
+    assert "Agrees All 600 truth lines have their line in OUTPUT, and every member given agrees." in text
+    assert "nothing missing, mismatched or unexpected" in text
+    assert "<rect" not in dom and "Differences" not in text
+
+
+def test_several_runs_have_a_chart_each(tmp_path):
+    truth = "".join(line(seq) for seq in range(6, 300)) + "".join(line(seq) for seq in range(6, 500))
+    _, page = make_page(tmp_path, truth.replace(line(100), "", 1), truth)
+    dom = browse(tmp_path, page, "--dump-dom")
+    assert dom.count("<svg") == 2
+    assert "The truth log holds 2, the output 2." in shown_text(dom)
+
+
+def test_nothing_from_the_files_becomes_part_of_the_page(tmp_path):
+    evil = '<script>document.title="owned"</script><img src=x onerror=alert(1)>'
+    text = '{"seq":%d,"symbol":"%s"}\n'
+    _, page = make_page(tmp_path, text % (1, evil.replace('"', '\\"')) + text % (2, "&lt;b&gt;"),
+                        text % (1, "</table><h1>x</h1>") + text % (2, "<b>"))
+    dom = browse(tmp_path, page, "--dump-dom")
+    assert "<script" not in dom and "<img" not in dom and dom.count("<h1>") == 1
+    assert "<title>Differs: " in dom
+    assert "&amp;lt;b&amp;gt;" in dom
+
+
+def test_page_needs_nothing_from_anywhere(tmp_path):
+    _, page = make_page(tmp_path, line(1))
+    text = page.read_text()
+    assert not re.search(r"https?:|//|@import|url\(|<link|<script|src=", text)
