@@ -88,8 +88,8 @@ struct KindRow {
     char category;
     char type;
     MessageKind kind;
-    std::size_t bytes;       // the length, or the shortest one
-    bool exact;              // false when appendages may follow
+    std::size_t bytes;  // the length, or the shortest one
+    bool exact;         // false when appendages may follow
 };
 
 constexpr KindRow kind_rows[] = {
@@ -158,15 +158,15 @@ bool read_nbbo(NbboFields& nbbo, char indicator, Tail& tail) {
         if (p == nullptr) {
             return false;
         }
-        nbbo = {char_at(p, 0), char_at(p, 1), char_at(p, 6), price_short_at(p, 2), price_short_at(p, 7),
-                u16_at(p, 4),  u16_at(p, 9)};
+        nbbo = {char_at(p, 0),        char_at(p, 1), char_at(p, 6), price_short_at(p, 2),
+                price_short_at(p, 7), u16_at(p, 4),  u16_at(p, 9)};
     } else if (indicator == '3') {
         const unsigned char* p = tail.take(27);
         if (p == nullptr) {
             return false;
         }
-        nbbo = {char_at(p, 0),  char_at(p, 1), char_at(p, 14), price_long_at(p, 2), price_long_at(p, 15),
-                u32_at(p, 10), u32_at(p, 23)};
+        nbbo = {char_at(p, 0),        char_at(p, 1), char_at(p, 14), price_long_at(p, 2),
+                price_long_at(p, 15), u32_at(p, 10), u32_at(p, 23)};
     }
     return true;
 }
@@ -187,15 +187,27 @@ bool read_best_odd_lot(BestOddLotFields& best, char indicator, Tail& tail) {
         if (p == nullptr) {
             return false;
         }
-        best = {char_at(p, 0), char_at(p, 5), price_short_at(p, 1), price_short_at(p, 6),
-                u16_at(p, 3),  u16_at(p, 8),  {},                   {}};
+        best = {char_at(p, 0),
+                char_at(p, 5),
+                price_short_at(p, 1),
+                price_short_at(p, 6),
+                u16_at(p, 3),
+                u16_at(p, 8),
+                {},
+                {}};
     } else if (indicator == '3' || indicator == '5') {
         const unsigned char* p = tail.take(indicator == '5' ? 30 : 22);
         if (p == nullptr) {
             return false;
         }
-        best = {char_at(p, 0), char_at(p, 11), price_long_at(p, 1), price_long_at(p, 12),
-                u16_at(p, 9),  u16_at(p, 20),  {},                  {}};
+        best = {char_at(p, 0),
+                char_at(p, 11),
+                price_long_at(p, 1),
+                price_long_at(p, 12),
+                u16_at(p, 9),
+                u16_at(p, 20),
+                {},
+                {}};
         if (indicator == '5') {
             best.bid_mpid = text_at(p, 22, mpid_width);
             best.ask_mpid = text_at(p, 26, mpid_width);
@@ -539,7 +551,8 @@ bool decode_message(Message& message, const unsigned char* bytes, std::size_t le
                                          row->exact ? "" : "at least ", row->bytes));
     }
     if (!read_body(message, row->kind, bytes, length)) {
-        return refuse(error, fmt::format("{}: {} bytes do not fit its indicators", kind_name(row->kind), length));
+        return refuse(error,
+                      fmt::format("{}: {} bytes do not fit its indicators", kind_name(row->kind), length));
     }
     message.kind = row->kind;
     return true;

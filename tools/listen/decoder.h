@@ -8,35 +8,36 @@
 
 // Reads the bytes of one UQDF or UTDF message into a plain record.
 //
-// Written from the layouts alone, with no code of the feed: what the feed encodes wrongly is not decoded wrongly
-// in the same way here. Integers are big-endian. Prices are millionths of a dollar in the record whatever the
-// form of the message; sizes are what the message carries (shares in quotes, millionths of a share in trades).
+// Written from the layouts alone, with no code of the feed: what the feed encodes wrongly is not decoded
+// wrongly in the same way here. Integers are big-endian. Prices are millionths of a dollar in the record
+// whatever the form of the message; sizes are what the message carries (shares in quotes, millionths of a
+// share in trades).
 namespace tessel::listen {
 
 enum class MessageKind : std::uint8_t {
     unknown,
-    start_of_day,       // C I
-    session_open,       // C O
-    wipe_out,           // C P
-    decline_levels,     // A C
-    directory_short,    // A B
-    directory_long,     // A F
-    indicator,          // A V
-    trading_action,     // A H
-    price_band,         // A P
-    collar,             // A E
-    mwcb_status,        // A D
-    end_of_snapshot,    // A S, in a Snap-Shot session only
-    odd_lots_short,     // Q A
-    odd_lots_long,      // Q B
-    quote_short,        // Q C
-    quote_long,         // Q D
-    mpid_quote,         // Q M
-    trade_short,        // T M
-    trade_long,         // T N
-    cancel_error,       // T O
-    correction,         // T P
-    as_of,              // T Q
+    start_of_day,     // C I
+    session_open,     // C O
+    wipe_out,         // C P
+    decline_levels,   // A C
+    directory_short,  // A B
+    directory_long,   // A F
+    indicator,        // A V
+    trading_action,   // A H
+    price_band,       // A P
+    collar,           // A E
+    mwcb_status,      // A D
+    end_of_snapshot,  // A S, in a Snap-Shot session only
+    odd_lots_short,   // Q A
+    odd_lots_long,    // Q B
+    quote_short,      // Q C
+    quote_long,       // Q D
+    mpid_quote,       // Q M
+    trade_short,      // T M
+    trade_long,       // T N
+    cancel_error,     // T O
+    correction,       // T P
+    as_of,            // T Q
 };
 
 // The kind's name as `--decode` writes it, such as "quote_short".
@@ -70,8 +71,9 @@ struct QuoteFields {
     char adf_mpid_indicator = ' ';
     char best_odd_lot_indicator = '0';
     char odd_lot_list_indicator = '0';
-    std::uint16_t odd_lot_count = 0;   // as the message says; the list may hold fewer when the indicator has none
-    std::string_view bid_mpid;         // of "D"; the one MPID of an MPID quote
+    std::uint16_t odd_lot_count =
+        0;                      // as the message says; the list may hold fewer when the indicator has none
+    std::string_view bid_mpid;  // of "D"; the one MPID of an MPID quote
     std::string_view ask_mpid;
 };
 
@@ -110,8 +112,8 @@ struct OddLotFields {
 struct TradeFields {
     std::uint64_t id = 0;
     std::int64_t price = 0;
-    std::uint64_t size = 0;   // millionths of a share
-    std::string_view conditions;   // always four characters
+    std::uint64_t size = 0;       // millionths of a share
+    std::string_view conditions;  // always four characters
     char trade_through_exempt = ' ';
     std::uint16_t sale_days = 0;
 };
@@ -120,7 +122,7 @@ struct SaleStatistics {
     std::int64_t high = 0;
     std::int64_t low = 0;
     std::int64_t last = 0;
-    std::uint64_t volume = 0;   // millionths of a share
+    std::uint64_t volume = 0;  // millionths of a share
 
     bool operator==(const SaleStatistics&) const = default;
 };
@@ -146,7 +148,7 @@ struct DirectoryFields {
     std::string_view issue_sub_type;
     std::string_view reason;
     char issue_type = ' ';
-    char flag_84 = ' ';   // letters whose meaning the feed does not use, named by their offset
+    char flag_84 = ' ';  // letters whose meaning the feed does not use, named by their offset
     char flag_85 = ' ';
     char flag_86 = ' ';
     char flag_89 = ' ';
@@ -182,14 +184,15 @@ struct CollarFields {
     std::uint8_t extension = 0;
 };
 
-// One decoded message. `kind` says which members hold its fields; the others hold leftovers of earlier messages.
-// Text members are views into the message's bytes, without the blanks that pad them on the right: they last as long
-// as the bytes do. One record is meant to be used again and again, so that the list keeps its memory.
+// One decoded message. `kind` says which members hold its fields; the others hold leftovers of earlier
+// messages. Text members are views into the message's bytes, without the blanks that pad them on the right:
+// they last as long as the bytes do. One record is meant to be used again and again, so that the list keeps
+// its memory.
 struct Message {
     MessageKind kind = MessageKind::unknown;
     Header header;
-    std::string_view symbol;   // empty for messages without one
-    QuoteFields quote;         // the five quotation kinds
+    std::string_view symbol;  // empty for messages without one
+    QuoteFields quote;        // the five quotation kinds
     NbboFields nbbo;
     BestOddLotFields best_odd_lot;
     std::vector<OddLotFields> odd_lots;
@@ -200,12 +203,12 @@ struct Message {
     CollarFields collar;
     std::int64_t decline_level[3] = {0, 0, 0};
     char mwcb_level = ' ';
-    std::uint64_t snapshot_sequence = 0;   // of an end-of-snapshot message
+    std::uint64_t snapshot_sequence = 0;  // of an end-of-snapshot message
 };
 
-// Decodes `length` bytes into `message`. Returns false, with the reason in `error` when that is not null, for a
-// message of unknown category and type and for one whose length is not the one its layout and indicators say; the
-// record is then partly filled and its kind is `unknown`. Never reads past `bytes + length`.
+// Decodes `length` bytes into `message`. Returns false, with the reason in `error` when that is not null, for
+// a message of unknown category and type and for one whose length is not the one its layout and indicators
+// say; the record is then partly filled and its kind is `unknown`. Never reads past `bytes + length`.
 bool decode_message(Message& message, const unsigned char* bytes, std::size_t length, std::string* error);
 
 }  // namespace tessel::listen

@@ -11,7 +11,8 @@ namespace {
 constexpr std::size_t symbol_key_bytes = 16;
 constexpr std::uint64_t millionths_per_share = 1'000'000;
 
-// Sale conditions that let a trade set the last price, and that let it count for the volume; a blank always does.
+// Sale conditions that let a trade set the last price, and that let it count for the volume; a blank always
+// does.
 constexpr std::string_view last_set = "@ABDFKLOSXY1569 ";
 constexpr std::string_view volume_set = "@ABCDFGHIKLOPRSTUVWXYZ14567 ";
 
@@ -49,7 +50,8 @@ void grow_slots(Market& market) {
     for (std::size_t i = 0; i < market.instruments.size(); ++i) {
         const std::uint32_t* slot = find_slot(market, market.instruments[i].symbol);
         if (*slot == 0) {
-            market.slots[static_cast<std::size_t>(slot - market.slots.data())] = static_cast<std::uint32_t>(i + 1);
+            market.slots[static_cast<std::size_t>(slot - market.slots.data())] =
+                static_cast<std::uint32_t>(i + 1);
         }
     }
 }
@@ -83,7 +85,8 @@ Instrument& instrument_of(Market& market, std::string_view symbol) {
 template <class Entry>
 Entry& entry_of(std::vector<Entry>& entries, char center) {
     auto at = entries.begin();
-    while (at != entries.end() && static_cast<unsigned char>(at->center) < static_cast<unsigned char>(center)) {
+    while (at != entries.end() &&
+           static_cast<unsigned char>(at->center) < static_cast<unsigned char>(center)) {
         ++at;
     }
     if (at == entries.end() || at->center != center) {
@@ -96,7 +99,8 @@ Entry& entry_of(std::vector<Entry>& entries, char center) {
 void apply_directory(Market& market, const Message& m) {
     ++market.directory_count;
     Instrument* known = known_instrument(market, m.symbol);
-    // A second entry of the same name is an instrument of its own that no message can reach; it holds its place.
+    // A second entry of the same name is an instrument of its own that no message can reach; it holds its
+    // place.
     Instrument& entry = known != nullptr && known->secid == 0 ? *known : add_instrument(market, m.symbol);
     entry.secid = market.directory_count & 0xffffu;
 }
@@ -128,7 +132,7 @@ void apply_odd_lots(Instrument& instrument, CentreQuote& quote, const Message& m
             best.ask_mpid = m.best_odd_lot.ask_mpid;
             break;
         case '1': best = {}; break;
-        default: break;   // "0": as it was
+        default: break;  // "0": as it was
     }
 }
 
@@ -144,7 +148,7 @@ void apply_nbbo(Nbbo& nbbo, const Message& m) {
         case '4':
             nbbo = {q.bid, q.ask, q.bid_size, q.ask_size, m.header.market_center, m.header.market_center};
             break;
-        default: break;   // "0": as it was
+        default: break;  // "0": as it was
     }
 }
 
@@ -213,7 +217,8 @@ void apply_trade(Market& market, const Message& m) {
     if (all_in(trade.conditions, last_set)) {
         instrument.last_center = m.header.market_center;
     }
-    apply_change(entry_of(instrument.center_sales, m.header.market_center).sales, m.report.participant_change, trade);
+    apply_change(entry_of(instrument.center_sales, m.header.market_center).sales, m.report.participant_change,
+                 trade);
 }
 
 // Marks the newest kept trade of that id as gone; one that is no longer kept needs nothing.
@@ -275,8 +280,8 @@ void apply_decoded(Market& market, const Message& m, std::uint64_t sequence) {
         case MessageKind::end_of_snapshot: market.snapshot_sequence = m.snapshot_sequence; break;
         case MessageKind::start_of_day: market.day_started = true; break;
         case MessageKind::session_open: market.open_centers.push_back(m.header.market_center); break;
-        // The long directory entry repeats the short one; a wipe-out is told by the quotes behind it; an MPID quote, a
-        // collar and an as-of trade change no state.
+        // The long directory entry repeats the short one; a wipe-out is told by the quotes behind it; an MPID
+        // quote, a collar and an as-of trade change no state.
         case MessageKind::directory_long:
         case MessageKind::wipe_out:
         case MessageKind::mpid_quote:
@@ -314,8 +319,8 @@ const CentreQuote* find_quote(const Instrument& instrument, char center) {
 
 bool band_in_force(const Band& band) {
     return band.lower > 0 && band.upper > 0 &&
-           (band.indicator == 'A' || band.indicator == 'B' || band.indicator == 'C' || band.indicator == 'E' ||
-            band.indicator == 'G');
+           (band.indicator == 'A' || band.indicator == 'B' || band.indicator == 'C' ||
+            band.indicator == 'E' || band.indicator == 'G');
 }
 
 std::size_t build_levels(const Instrument& instrument, char side, Level* levels, std::size_t most) {
@@ -336,7 +341,7 @@ std::size_t build_levels(const Instrument& instrument, char side, Level* levels,
             continue;
         }
         if (at == most) {
-            continue;   // worse than all that are kept, and whatever is kept only gets better
+            continue;  // worse than all that are kept, and whatever is kept only gets better
         }
         if (count == most) {
             --count;

@@ -11,9 +11,9 @@
 
 // What a receiver knows of the market from the messages alone.
 //
-// Plain records, changed only by apply_message. A market that was built from a Snap-Shot spin and one that saw every
-// message are equal in quotes, NBBO, best odd-lot quotes, status and bands; trades, statistics and the reasons and
-// action numbers of instruments that trade normally are not in a spin.
+// Plain records, changed only by apply_message. A market that was built from a Snap-Shot spin and one that
+// saw every message are equal in quotes, NBBO, best odd-lot quotes, status and bands; trades, statistics and
+// the reasons and action numbers of instruments that trade normally are not in a spin.
 namespace tessel::listen {
 
 struct OddLot {
@@ -29,8 +29,8 @@ struct OddLot {
 // One market centre's quote in one instrument.
 struct CentreQuote {
     char center = ' ';
-    // Whether a side has a price. A quote that was wiped out cannot be told on the wire from one that was emptied by
-    // a halt, so both count as not present.
+    // Whether a side has a price. A quote that was wiped out cannot be told on the wire from one that was
+    // emptied by a halt, so both count as not present.
     bool present = false;
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -83,11 +83,11 @@ struct Band {
 struct Trade {
     char center = ' ';
     char sub_center = ' ';
-    bool live = true;              // false once cancelled or replaced by a correction
+    bool live = true;  // false once cancelled or replaced by a correction
     std::array<char, 4> conditions = {' ', ' ', ' ', ' '};
     std::uint64_t id = 0;
     std::int64_t price = 0;
-    std::uint64_t size = 0;        // millionths of a share
+    std::uint64_t size = 0;  // millionths of a share
 
     bool operator==(const Trade&) const = default;
 };
@@ -100,23 +100,23 @@ struct CentreStatistics {
 };
 
 struct Instrument {
-    std::string symbol;       // at most 11 letters: more are not on the wire
-    unsigned secid = 0;       // position in the directory, from 1, in 16 bits; 0 when no directory named it
+    std::string symbol;  // at most 11 letters: more are not on the wire
+    unsigned secid = 0;  // position in the directory, from 1, in 16 bits; 0 when no directory named it
     char indicator = '0';
-    std::vector<CentreQuote> quotes;   // in letter order, one for each centre heard
+    std::vector<CentreQuote> quotes;  // in letter order, one for each centre heard
     Nbbo nbbo;
     BestOddLot best_odd_lot;
     char status = 'T';
     std::string reason;
     std::uint32_t action_sequence = 0;
     Band band;
-    std::vector<Trade> trades;   // oldest first, the latest ones only: see trades_kept_max
-    SaleStatistics sales;        // consolidated; from change indicators and conditions, replaced by what a cancel or
-                                 // correction tells
+    std::vector<Trade> trades;  // oldest first, the latest ones only: see trades_kept_max
+    SaleStatistics sales;  // consolidated; from change indicators and conditions, replaced by what a cancel
+                           // or correction tells
     char last_center = ' ';
-    std::vector<CentreStatistics> center_sales;   // in letter order
+    std::vector<CentreStatistics> center_sales;  // in letter order
     std::uint64_t trade_count = 0;
-    std::uint64_t share_volume = 0;   // whole shares of every trade reported, never taken back
+    std::uint64_t share_volume = 0;  // whole shares of every trade reported, never taken back
 };
 
 // Trades kept of one instrument: enough for the cancels and corrections of a feed, which reach for the newest
@@ -124,34 +124,36 @@ struct Instrument {
 constexpr std::size_t trades_kept_max = 512;
 
 struct Market {
-    std::vector<Instrument> instruments;   // in directory order; those that no directory named come as they are heard
-    unsigned directory_count = 0;          // directory entries seen
-    std::vector<char> open_centers;        // centres whose session-open message was seen, in that order
+    std::vector<Instrument>
+        instruments;               // in directory order; those that no directory named come as they are heard
+    unsigned directory_count = 0;  // directory entries seen
+    std::vector<char> open_centers;  // centres whose session-open message was seen, in that order
     bool day_started = false;
     std::array<std::int64_t, 3> decline_levels = {0, 0, 0};
-    char mwcb_level = ' ';                 // the level breached last
-    std::uint64_t last_sequence = 0;       // of the last message applied that had a number
-    std::uint64_t snapshot_sequence = 0;   // from an end-of-snapshot message
+    char mwcb_level = ' ';                // the level breached last
+    std::uint64_t last_sequence = 0;      // of the last message applied that had a number
+    std::uint64_t snapshot_sequence = 0;  // from an end-of-snapshot message
     std::uint64_t messages = 0;
-    std::uint64_t undecoded = 0;           // messages that could not be decoded
-    std::string last_error;                // why the last of them could not
+    std::uint64_t undecoded = 0;  // messages that could not be decoded
+    std::string last_error;       // why the last of them could not
 
-    Message message;   // the message applied last, for callers that look at it before its bytes go
+    Message message;  // the message applied last, for callers that look at it before its bytes go
 
     // Open addressing: position + 1 in `instruments`, 0 for a free slot; its size is a power of two.
     std::vector<std::uint32_t> slots;
 };
 
-// Decodes a message and brings the market up to date with it. `sequence` is its number on the multicast stream, 0
-// for a message of a spin. Bytes that cannot be decoded change nothing but `undecoded` and `last_error`.
-// Messages must be applied in order. A spin is applied to an empty market.
+// Decodes a message and brings the market up to date with it. `sequence` is its number on the multicast
+// stream, 0 for a message of a spin. Bytes that cannot be decoded change nothing but `undecoded` and
+// `last_error`. Messages must be applied in order. A spin is applied to an empty market.
 void apply_message(Market& market, const unsigned char* bytes, std::size_t length, std::uint64_t sequence);
 
 // The same for a message that is decoded already.
 void apply_decoded(Market& market, const Message& message, std::uint64_t sequence);
 
-// The instrument of that name: the first one, should the directory hold the name twice. Two instruments of one name
-// (and of one name in its first 11 letters) cannot be told apart by what is on the wire. Null when unknown.
+// The instrument of that name: the first one, should the directory hold the name twice. Two instruments of
+// one name (and of one name in its first 11 letters) cannot be told apart by what is on the wire. Null when
+// unknown.
 const Instrument* find_instrument(const Market& market, std::string_view symbol);
 
 // The centre's quote, or null.
@@ -162,13 +164,13 @@ bool band_in_force(const Band& band);
 
 struct Level {
     std::int64_t price = 0;
-    std::int64_t size = 0;   // of all centres at the price
+    std::int64_t size = 0;  // of all centres at the price
 
     bool operator==(const Level&) const = default;
 };
 
-// Fills `levels` with at most `most` price levels of one side ("B" or "A"), best first, and returns how many. Every
-// quote with a price and a size above 0 counts, whatever its condition.
+// Fills `levels` with at most `most` price levels of one side ("B" or "A"), best first, and returns how many.
+// Every quote with a price and a size above 0 counts, whatever its condition.
 std::size_t build_levels(const Instrument& instrument, char side, Level* levels, std::size_t most);
 
 }  // namespace tessel::listen

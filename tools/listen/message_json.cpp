@@ -76,7 +76,8 @@ void put_header(Members& to, const Header& h) {
 
 void put_odd_lots(Members& to, const Message& m) {
     const QuoteFields& q = m.quote;
-    if (q.best_odd_lot_indicator == '2' || q.best_odd_lot_indicator == '3' || q.best_odd_lot_indicator == '5') {
+    if (q.best_odd_lot_indicator == '2' || q.best_odd_lot_indicator == '3' ||
+        q.best_odd_lot_indicator == '5') {
         const BestOddLotFields& best = m.best_odd_lot;
         to.open("best_odd_lot");
         to.letter("bid_center", best.bid_center);
@@ -317,8 +318,8 @@ void append_message_json(std::string& out, const Message& message, std::uint64_t
     out += "}\n";
 }
 
-void append_undecoded_json(std::string& out, const unsigned char* bytes, std::size_t length, std::uint64_t sequence,
-                           const std::string& error) {
+void append_undecoded_json(std::string& out, const unsigned char* bytes, std::size_t length,
+                           std::uint64_t sequence, const std::string& error) {
     out += '{';
     Members to{out};
     to.number("seq", sequence);

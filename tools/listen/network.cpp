@@ -17,7 +17,7 @@ namespace tessel::listen {
 namespace {
 
 constexpr std::size_t batch_max = 64;
-constexpr std::size_t datagram_bytes_max = 2048;   // the feed's packets end at 1,500
+constexpr std::size_t datagram_bytes_max = 2048;  // the feed's packets end at 1,500
 
 int fail(int fd, const std::string& what, std::string* error) {
     *error = what + ": " + std::strerror(errno);
@@ -35,7 +35,7 @@ int set_receive_buffer(int fd, int bytes) {
     int granted = 0;
     socklen_t length = sizeof granted;
     getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &granted, &length);
-    return granted / 2;   // the system counts its own overhead in and reports twice what was granted
+    return granted / 2;  // the system counts its own overhead in and reports twice what was granted
 }
 
 // The count of datagrams dropped so far that the system attaches to the next one it delivers.
@@ -75,8 +75,8 @@ bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string* 
     return true;
 }
 
-bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port, const std::string& iface,
-                    int buffer_bytes, std::string* error) {
+bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port,
+                    const std::string& iface, int buffer_bytes, std::string* error) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);

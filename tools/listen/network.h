@@ -7,8 +7,8 @@
 #include <functional>
 #include <string>
 
-// The sockets of a receiver. Every function that opens something returns the descriptor, or -1 with the failing call
-// in `error`. All sockets are non-blocking.
+// The sockets of a receiver. Every function that opens something returns the descriptor, or -1 with the
+// failing call in `error`. All sockets are non-blocking.
 namespace tessel::listen {
 
 // "HOST:PORT" as an IPv4 address; a name is looked up. False with the reason in `error`.
@@ -16,15 +16,16 @@ bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string* 
 
 struct MulticastSocket {
     int fd = -1;
-    int buffer_bytes = 0;              // what the system granted
-    std::uint64_t kernel_drops = 0;    // datagrams the kernel had no room for (SO_RXQ_OVFL)
-    std::uint64_t truncated = 0;       // datagrams longer than any packet of the feed
+    int buffer_bytes = 0;            // what the system granted
+    std::uint64_t kernel_drops = 0;  // datagrams the kernel had no room for (SO_RXQ_OVFL)
+    std::uint64_t truncated = 0;     // datagrams longer than any packet of the feed
 };
 
-// Joins `group` on the interface with address `iface`. The socket is bound to the group itself, so that datagrams of
-// other groups on the same port stay out. `buffer_bytes` is what is asked for; the system may grant less.
-bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port, const std::string& iface,
-                    int buffer_bytes, std::string* error);
+// Joins `group` on the interface with address `iface`. The socket is bound to the group itself, so that
+// datagrams of other groups on the same port stay out. `buffer_bytes` is what is asked for; the system may
+// grant less.
+bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port,
+                    const std::string& iface, int buffer_bytes, std::string* error);
 
 // Receives what is waiting, at most `most` datagrams, and calls `take` for each. Returns how many came.
 std::size_t receive_multicast(MulticastSocket& from, std::size_t most,

@@ -32,7 +32,7 @@ bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t len
     range.first = big_endian(bytes + 10, 8);
     std::size_t count = big_endian(bytes + 18, 2);
     if (count == mold_end_of_session_count) {
-        count = 0;   // says, like a heartbeat, which number would be next
+        count = 0;  // says, like a heartbeat, which number would be next
     }
     // Number 0 does not exist, and a range past the end of the numbers cannot be held.
     if (range.first == 0 || range.first > UINT64_MAX - count) {
@@ -89,8 +89,8 @@ void drain(Sequencer& s) {
     }
 }
 
-// Takes [first, end) out of the holes and returns how many numbers that closed. What is left of a hole keeps its
-// history; an answer that came in restarts the wait for the rest of it.
+// Takes [first, end) out of the holes and returns how many numbers that closed. What is left of a hole keeps
+// its history; an answer that came in restarts the wait for the rest of it.
 std::uint64_t close_holes(Sequencer& s, std::uint64_t first, std::uint64_t end, std::int64_t now_ms) {
     std::uint64_t closed = 0;
     auto hole = std::lower_bound(s.holes.begin(), s.holes.end(), first,
@@ -164,7 +164,8 @@ bool buffer_is_full(const Sequencer& s) {
     return s.waiting_bytes >= s.settings.buffer_bytes_max;
 }
 
-// Cuts the hole at `index` so that its first part is one request; returns false when no more may be asked for now.
+// Cuts the hole at `index` so that its first part is one request; returns false when no more may be asked for
+// now.
 bool fit_request(Sequencer& s, std::size_t index, std::uint64_t room) {
     const std::uint64_t most = std::min(s.settings.request_messages_max, room);
     if (most == 0) {
@@ -245,7 +246,8 @@ void take_packet(Sequencer& s, const unsigned char* bytes, std::size_t length, s
     }
     const bool in_order = range.first <= s.next;
     if (!in_order && s.waiting_bytes + length > s.settings.buffer_bytes_max) {
-        // Not kept, so it is missing like a packet that never came, and is asked for once there is room again.
+        // Not kept, so it is missing like a packet that never came, and is asked for once there is room
+        // again.
         ++s.counters.buffer_full;
         if (range.end > s.highest) {
             find_gap(s, s.highest, range.end, now_ms);

@@ -23,8 +23,8 @@ void give_up(SnapshotClient& client, std::string error) {
     client.error = std::move(error);
 }
 
-// Another attempt later, while there are attempts left. A spin that broke off begins from nothing again only before
-// its first message: afterwards the market would hold half a state.
+// Another attempt later, while there are attempts left. A spin that broke off begins from nothing again only
+// before its first message: afterwards the market would hold half a state.
 void try_again(SnapshotClient& client, const std::string& why, std::int64_t now_ms) {
     close_snapshot(client);
     if (client.attempts > client.settings.retries || client.messages != 0) {

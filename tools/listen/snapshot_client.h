@@ -10,8 +10,8 @@
 
 // Fetches the state of the market from the Snap-Shot service: log in, read the spin, log out.
 //
-// The order that makes a late join whole is the caller's: join the multicast group and keep what comes in, then
-// begin here; apply each message of the spin; when `state` is `done`, drop the kept messages up to
+// The order that makes a late join whole is the caller's: join the multicast group and keep what comes in,
+// then begin here; apply each message of the spin; when `state` is `done`, drop the kept messages up to
 // `snapshot_sequence` and go on with the next one.
 namespace tessel::listen {
 
@@ -22,9 +22,9 @@ struct SnapshotSettings {
     std::string user;
     std::string password;
     std::string session;
-    unsigned retries = 5;             // further attempts when the service is busy with another client or not there
-    std::int64_t retry_ms = 500;      // between attempts
-    std::int64_t timeout_ms = 30'000; // without a byte from the service
+    unsigned retries = 5;  // further attempts when the service is busy with another client or not there
+    std::int64_t retry_ms = 500;       // between attempts
+    std::int64_t timeout_ms = 30'000;  // without a byte from the service
     std::int64_t heartbeat_ms = 1'000;
 };
 
@@ -39,9 +39,9 @@ struct SnapshotClient {
     std::int64_t last_receive_ms = 0;
     std::int64_t last_send_ms = 0;
     SoupReader input;
-    std::uint64_t messages = 0;            // of the spin, the end-of-snapshot message included
-    std::uint64_t snapshot_sequence = 0;   // the last number that the spin covers
-    std::string error;                     // why it failed
+    std::uint64_t messages = 0;           // of the spin, the end-of-snapshot message included
+    std::uint64_t snapshot_sequence = 0;  // the last number that the spin covers
+    std::string error;                    // why it failed
 };
 
 // Does whatever can be done now without waiting: connects, logs in, reads, sends a heartbeat, tries again.

@@ -28,7 +28,8 @@ std::string framed(char type, const std::string& payload) {
 }  // namespace
 
 void soup_append(SoupReader& reader, const unsigned char* bytes, std::size_t length) {
-    reader.bytes.erase(reader.bytes.begin(), reader.bytes.begin() + static_cast<std::ptrdiff_t>(reader.taken));
+    reader.bytes.erase(reader.bytes.begin(),
+                       reader.bytes.begin() + static_cast<std::ptrdiff_t>(reader.taken));
     reader.taken = 0;
     reader.bytes.insert(reader.bytes.end(), bytes, bytes + length);
 }

@@ -11,12 +11,12 @@ namespace {
 constexpr std::size_t levels_max = 10;
 constexpr std::uint64_t millionths_per_share = 1'000'000;
 
-// The longest line: two sides of 10 levels, each level at most 1 + 1 + 21 + 1 + 20 + 1 bytes, and below 400 bytes
-// around them.
+// The longest line: two sides of 10 levels, each level at most 1 + 1 + 21 + 1 + 20 + 1 bytes, and below 400
+// bytes around them.
 constexpr std::size_t line_bytes_max = 2048;
 
-// Writes into a buffer that is known to be large enough. Prices and sizes are whole numbers, so none of this goes
-// through the stream or printf formatting: that is most of the cost of a line.
+// Writes into a buffer that is known to be large enough. Prices and sizes are whole numbers, so none of this
+// goes through the stream or printf formatting: that is most of the cost of a line.
 struct LineWriter {
     char bytes[line_bytes_max];
     char* end = bytes;
@@ -118,8 +118,8 @@ void put_book(LineWriter& line, const Instrument& instrument, const Message& m) 
     line.text("}\n");
 }
 
-// 2 for crosses and the official close, told by their sale conditions; 1 for other prints of "D", which are TRF
-// prints; 0 for the rest, exchange prints.
+// 2 for crosses and the official close, told by their sale conditions; 1 for other prints of "D", which are
+// TRF prints; 0 for the rest, exchange prints.
 char trade_kind(const Message& m) {
     const std::string_view conditions = m.report.trade.conditions;
     if (conditions[1] == 'O' || conditions[1] == '5' || conditions[1] == '6' || conditions[3] == 'M') {
@@ -238,7 +238,8 @@ bool append_truth_line(std::string& out, const Market& market, const Message& m,
 bool append_truth_line(std::string& out, const Market& market, const unsigned char* bytes, std::size_t length,
                        std::uint64_t sequence) {
     Message message;
-    return decode_message(message, bytes, length, nullptr) && append_truth_line(out, market, message, sequence);
+    return decode_message(message, bytes, length, nullptr) &&
+           append_truth_line(out, market, message, sequence);
 }
 
 }  // namespace tessel::listen

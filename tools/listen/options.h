@@ -1,0 +1,44 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <string>
+
+// The command line of tessel-listen.
+namespace tessel::listen {
+
+struct Options {
+    std::string group = "239.255.25.177";
+    std::uint16_t port = 25177;
+    std::string iface = "127.0.0.1";
+    std::string session = "UTPBENCH01";
+    int receive_buffer_bytes = 32 << 20;
+
+    std::string retrans;  // HOST:PORT; empty: nothing is asked for again
+    sockaddr_in retrans_address{};
+    unsigned retries = 5;
+    std::int64_t timeout_ms = 250;
+
+    std::string snapshot;  // HOST:PORT; empty: no Snap-Shot
+    sockaddr_in snapshot_address{};
+    std::string user;
+    std::string password;
+
+    std::int64_t first_sequence =
+        -1;           // -1: 1 with a retransmission service and no Snap-Shot, else the first heard
+    std::string out;  // a path, "-" for standard output, empty for none
+    bool decode = false;
+    bool view = false;
+    std::uint64_t count = 0;  // 0: no limit
+    double seconds = 0;       // 0: no limit
+    std::string from_pcap;
+};
+
+enum class ExitStatus : int { nothing_missing = 0, something_missing = 1, bad_options = 2 };
+
+// Reads the command line into `options`. Returns -1 to go on, or the status to end with: 0 after --help and
+// --version, 2 after a fault, which has been printed to standard error.
+int parse_options(Options& options, int argc, const char* const* argv);
+
+}  // namespace tessel::listen
