@@ -54,6 +54,7 @@ const std::map<std::string, Layout>& layouts() {
         {"CO", {"session-open", {}}},
         {"CP", {"wipe-out", {}}},
         {"AC", {"decline-levels", {{"level 1", 8, 'n'}, {"level 2", 8, 'n'}, {"level 3", 8, 'n'}}}},
+        {"AS", {"end-of-snapshot", {{"last sequence", 8, 'n'}}}},
         {"AD", {"breaker-status", {{"level", 1, 't'}}}},
         {"AV", {"indicator", {{"symbol", 11, 't'}, {"indicator", 1, 't'}}}},
         {"AB",

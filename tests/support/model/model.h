@@ -148,8 +148,8 @@ struct Model {
     // Reading it.
     std::string stats_line() const;
     std::string faults_summary() const;
-    std::vector<std::string> spin(
-        std::uint64_t spin_time_ns);  ///< unframed messages, without the end of snapshot
+    std::vector<std::string> spin(std::uint64_t spin_time_ns);  ///< unframed, without the end of snapshot
+    std::string end_of_snapshot(std::uint64_t spin_time_ns) const;
     std::string book(std::uint64_t now_ns) const;
     std::string bbo() const;
 

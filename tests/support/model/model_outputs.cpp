@@ -184,6 +184,10 @@ std::vector<std::string> Model::spin(std::uint64_t spin_time_ns) {
     return out;
 }
 
+std::string Model::end_of_snapshot(std::uint64_t spin_time_ns) const {
+    return header('A', 'S', 'E', ' ', spin_time_ns, spin_time_ns).num(next_sequence - 1, 8).bytes;
+}
+
 std::string Model::book(std::uint64_t now_ns) const {
     std::string out = "{\"ts_ns\":" + std::to_string(now_ns) + ",\"symbols\":{";
     for (const Instrument& in : instruments) {
