@@ -20,7 +20,7 @@ using Bytes = std::vector<unsigned char>;
 struct MarketOptions {
     std::string symbols = "AAPL:190.00,MSFT:410.00,TSLA:250.00";
     std::string participants = "QNPZKVD";
-    std::string scenario;  // a text as in TESSEL_SCENARIO
+    std::string scenario = {};  // a text as in TESSEL_SCENARIO
     std::uint64_t seed = 7;
     double step_bps = 0.8;
     bool quiet = false;
