@@ -1,0 +1,204 @@
+#include "support/market_difference.h"
+
+#include <cstdlib>
+
+namespace tessel::testing {
+
+namespace {
+
+constexpr std::size_t reason_letters = 6;
+
+// A band whose lower price is 0 stands for none.
+listen::Band told_band(const listen::Band& band) {
+    return band.lower == 0 ? listen::Band{} : band;
+}
+
+std::string name_of(const listen::Instrument& instrument) {
+    return "'" + instrument.symbol + "': ";
+}
+
+std::string text_of(const listen::CentreQuote& quote) {
+    std::string text = std::string(1, quote.center) + " " + std::to_string(quote.bid) + "x" +
+                       std::to_string(quote.bid_size) + " " + std::to_string(quote.ask) + "x" +
+                       std::to_string(quote.ask_size) + " " + quote.condition + " " + quote.bid_mpid + "/" +
+                       quote.ask_mpid;
+    for (const listen::OddLot& order : quote.odd_lots) {
+        text += std::string(" ") + order.side + std::to_string(order.price) + "x" +
+                std::to_string(order.size) + order.mpid;
+    }
+    return text;
+}
+
+std::string text_of(const listen::Nbbo& nbbo) {
+    return std::string(1, nbbo.bid_center) + std::to_string(nbbo.bid) + "x" + std::to_string(nbbo.bid_size) +
+           " " + nbbo.ask_center + std::to_string(nbbo.ask) + "x" + std::to_string(nbbo.ask_size);
+}
+
+std::string text_of(const listen::BestOddLot& best) {
+    if (!best.present) {
+        return "none";
+    }
+    return std::string(1, best.bid_center) + std::to_string(best.bid) + "x" + std::to_string(best.bid_size) +
+           best.bid_mpid + " " + best.ask_center + std::to_string(best.ask) + "x" +
+           std::to_string(best.ask_size) + best.ask_mpid;
+}
+
+std::string text_of(const listen::Band& band) {
+    return std::string(1, band.indicator) + " " + std::to_string(band.lower) + " " +
+           std::to_string(band.upper);
+}
+
+std::string differs(const listen::Instrument& instrument, const char* what, const std::string& expected,
+                    const std::string& got) {
+    return name_of(instrument) + what + ": expected " + expected + ", got " + got;
+}
+
+std::string quotes_difference(const listen::Instrument& whole, const listen::Instrument& joined) {
+    if (whole.quotes.size() != joined.quotes.size()) {
+        return differs(whole, "number of centres", std::to_string(whole.quotes.size()),
+                       std::to_string(joined.quotes.size()));
+    }
+    for (std::size_t i = 0; i < whole.quotes.size(); ++i) {
+        if (!(whole.quotes[i] == joined.quotes[i])) {
+            return differs(whole, "quote", text_of(whole.quotes[i]), text_of(joined.quotes[i]));
+        }
+    }
+    return {};
+}
+
+std::string status_difference(const listen::Instrument& whole, const listen::Instrument& joined) {
+    if (whole.status != joined.status) {
+        return differs(whole, "status", std::string(1, whole.status), std::string(1, joined.status));
+    }
+    if (whole.status == 'T' && joined.action_sequence == 0) {
+        return {};
+    }
+    if (whole.reason != joined.reason) {
+        return differs(whole, "reason", whole.reason, joined.reason);
+    }
+    if (whole.action_sequence != joined.action_sequence) {
+        return differs(whole, "action number", std::to_string(whole.action_sequence),
+                       std::to_string(joined.action_sequence));
+    }
+    return {};
+}
+
+std::string instrument_difference(const listen::Instrument& whole, const listen::Instrument& joined) {
+    if (whole.symbol != joined.symbol || whole.secid != joined.secid || whole.indicator != joined.indicator) {
+        return differs(whole, "directory", std::to_string(whole.secid) + whole.indicator,
+                       joined.symbol + " " + std::to_string(joined.secid) + joined.indicator);
+    }
+    if (std::string found = quotes_difference(whole, joined); !found.empty()) {
+        return found;
+    }
+    if (!(whole.nbbo == joined.nbbo)) {
+        return differs(whole, "NBBO", text_of(whole.nbbo), text_of(joined.nbbo));
+    }
+    if (!(whole.best_odd_lot == joined.best_odd_lot)) {
+        return differs(whole, "best odd-lot quote", text_of(whole.best_odd_lot),
+                       text_of(joined.best_odd_lot));
+    }
+    if (!(told_band(whole.band) == told_band(joined.band))) {
+        return differs(whole, "band", text_of(whole.band), text_of(joined.band));
+    }
+    return status_difference(whole, joined);
+}
+
+// The feed's own quote of a centre in the listener's terms.
+listen::CentreQuote told_quote(const ParticipantQuote& quote) {
+    listen::CentreQuote told;
+    told.center = quote.mc;
+    told.present = quote.bid != 0 || quote.ask != 0;
+    told.bid = quote.bid;
+    told.ask = quote.ask;
+    told.bid_size = quote.bid_size;
+    told.ask_size = quote.ask_size;
+    told.condition = quote.condition;
+    const bool is_adf = quote.mc == 'D';
+    if (quote.has_mpids) {
+        told.bid_mpid = adf_bid_mpid;
+        told.ask_mpid = adf_ask_mpid;
+    }
+    if (quote.has_odd_lots) {
+        told.odd_lots.push_back({quote.mc, 'B', quote.odd_bid, quote.odd_bid_size,
+                                 std::string(is_adf ? adf_bid_mpid : std::string_view())});
+        told.odd_lots.push_back({quote.mc, 'A', quote.odd_ask, quote.odd_ask_size,
+                                 std::string(is_adf ? adf_ask_mpid : std::string_view())});
+    }
+    return told;
+}
+
+// Everything of an instrument that a receiver can know, from the feed's own record.
+listen::Instrument told_instrument(const Instrument& own) {
+    listen::Instrument told;
+    told.symbol = own.symbol.substr(0, 11);
+    told.secid = own.secid;
+    told.indicator = own.indicator;
+    for (std::size_t slot = 0; slot < own.quote_slots; ++slot) {
+        if (own.quotes[slot].quoted) {
+            told.quotes.push_back(told_quote(own.quotes[slot]));
+        }
+    }
+    told.nbbo = {own.nbbo_bid,      own.nbbo_ask,    own.nbbo_bid_size,
+                 own.nbbo_ask_size, own.nbbo_bid_mc, own.nbbo_ask_mc};
+    if (own.adf_present != 0) {
+        told.best_odd_lot = {true,
+                             own.adf_bid_mc,
+                             own.adf_ask_mc,
+                             own.adf_bid,
+                             own.adf_ask,
+                             static_cast<std::uint16_t>(own.adf_sizes >> 16),
+                             static_cast<std::uint16_t>(own.adf_sizes & 0xffffu),
+                             std::string(own.adf_bid_mc == 'D' ? adf_bid_mpid : std::string_view()),
+                             std::string(own.adf_ask_mc == 'D' ? adf_ask_mpid : std::string_view())};
+    }
+    told.band = {own.band_indicator, own.luld_lower, own.luld_upper};
+    told.status = own.status;
+    told.reason = own.halt_reason.substr(0, reason_letters);
+    told.action_sequence = own.action_seq;
+    return told;
+}
+
+}  // namespace
+
+std::string joiner_difference(const listen::Market& whole, const listen::Market& joined) {
+    if (whole.day_started != joined.day_started || whole.open_centers != joined.open_centers ||
+        whole.decline_levels != joined.decline_levels) {
+        return "start of day, open centres or decline levels";
+    }
+    if (whole.instruments.size() != joined.instruments.size()) {
+        return "instruments: expected " + std::to_string(whole.instruments.size()) + ", got " +
+               std::to_string(joined.instruments.size());
+    }
+    for (std::size_t i = 0; i < whole.instruments.size(); ++i) {
+        if (std::string found = instrument_difference(whole.instruments[i], joined.instruments[i]);
+            !found.empty()) {
+            return found;
+        }
+    }
+    return {};
+}
+
+std::string engine_difference(const SipEngine& engine, const listen::Market& whole) {
+    if (engine.instruments.size() != whole.instruments.size()) {
+        return "instruments: expected " + std::to_string(engine.instruments.size()) + ", got " +
+               std::to_string(whole.instruments.size());
+    }
+    for (std::size_t i = 0; i < engine.instruments.size(); ++i) {
+        if (std::string found =
+                instrument_difference(told_instrument(engine.instruments[i]), whole.instruments[i]);
+            !found.empty()) {
+            return found;
+        }
+    }
+    return {};
+}
+
+std::string apply_spin(listen::Market& market, const SpinBuffer& spin) {
+    for (const std::span<const unsigned char> message : spin_messages(spin)) {
+        listen::apply_message(market, message.data(), message.size(), 0);
+    }
+    return market.undecoded == 0 ? std::string() : "a spin message does not decode: " + market.last_error;
+}
+
+}  // namespace tessel::testing
