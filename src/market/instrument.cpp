@@ -62,10 +62,6 @@ bool build_instruments(std::string_view symbols_text, InstrumentList& instrument
     return true;
 }
 
-bool has_active_band(const Instrument& instrument) {
-    return instrument.luld_lower > 0 && instrument.luld_upper > 0 && is_checked_band(instrument.band_indicator);
-}
-
 const ParticipantQuote* find_quote(const Instrument& instrument, char mc) {
     for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
         if (instrument.quotes[slot].mc == mc) {

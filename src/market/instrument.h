@@ -77,6 +77,8 @@ struct alignas(64) ParticipantTradeStats {
 };
 static_assert(sizeof(ParticipantTradeStats) == 64);
 
+struct QuoteBlock; // market/quote_index
+
 // One symbol. The order of the fields is the order of their use: a quote touches the first two cache lines, a trade the
 // third, and the rest is for events.
 struct alignas(64) Instrument {
@@ -104,6 +106,7 @@ struct alignas(64) Instrument {
     bool short_symbol = true;            // at most 5 characters: short forms can carry it
     char indicator = '0';                // of the directory and the indicator message
     std::array<char, 16> padded_symbol{}; // the symbol's first 11 characters, padded with blanks
+    QuoteBlock* blocks = nullptr; // the quotes' index, eight slots a block
     ParticipantQuote* quotes = nullptr;  // one slot for each distinct participant letter, in letter order
     std::size_t quote_slots = 0;
     std::uint64_t quote_resume_ms = 0;
@@ -140,12 +143,16 @@ using InstrumentList = std::vector<Instrument, HugePageAllocator<Instrument>>;
 // "stod: not a number: 'abc'" when a price cannot be read.
 bool build_instruments(std::string_view symbols_text, InstrumentList& instruments, std::string& error);
 
-// Whether quotes are checked against the band now: both prices above 0 and the indicator one of ABCEG.
-bool has_active_band(const Instrument& instrument);
-
-// Whether the band's letter is one under which quotes are checked.
+// Whether the band's letter is one under which quotes are checked: A B C E G.
 inline bool is_checked_band(char indicator) {
-    return indicator == 'A' || indicator == 'B' || indicator == 'C' || indicator == 'E' || indicator == 'G';
+    constexpr std::uint32_t checked = 1u << 0 | 1u << 1 | 1u << 2 | 1u << 4 | 1u << 6; // letters counted from 'A'
+    const unsigned letter = static_cast<unsigned char>(indicator) - unsigned{'A'};
+    return letter < 32 && (checked >> letter & 1) != 0;
+}
+
+// Whether quotes are checked against the band now: both prices above 0 and the indicator one of ABCEG.
+inline bool has_active_band(const Instrument& instrument) {
+    return instrument.luld_lower > 0 && instrument.luld_upper > 0 && is_checked_band(instrument.band_indicator);
 }
 
 inline bool is_stopped(const Instrument& instrument) {

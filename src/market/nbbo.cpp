@@ -1,6 +1,7 @@
 #include "market/nbbo.h"
 
 #include <algorithm>
+#include <array>
 
 namespace tessel {
 
@@ -8,19 +9,18 @@ namespace {
 
 constexpr std::uint32_t round_lot = 100;
 
-constexpr std::uint32_t condition_bit(char letter) {
-    return std::uint32_t{1} << (letter - 'A');
+// 1 for the conditions whose quotes can set the NBBO.
+constexpr std::array<unsigned char, 256> make_eligible() {
+    std::array<unsigned char, 256> eligible{};
+    for (const char letter : {'A', 'B', 'H', 'O', 'R', 'Y'}) {
+        eligible[static_cast<unsigned char>(letter)] = 1;
+    }
+    return eligible;
 }
 
-constexpr std::uint32_t eligible_conditions = condition_bit('A') | condition_bit('B') | condition_bit('H') |
-                                              condition_bit('O') | condition_bit('R') | condition_bit('Y');
+constexpr std::array<unsigned char, 256> eligible_conditions = make_eligible();
 
-bool is_eligible(const ParticipantQuote& quote) {
-    const unsigned letter = static_cast<unsigned char>(quote.condition) - unsigned{'A'};
-    return quote.present && letter < 32 && (eligible_conditions >> (letter & 31) & 1) != 0;
-}
-
-// Best price, its total size and its centre on one side, as pass 2 gathers them.
+// The total size and the centre of one side's best price.
 struct BestSide {
     std::uint32_t total = 0;
     std::uint32_t largest = 0;
@@ -28,16 +28,21 @@ struct BestSide {
     char mc = ' ';
 };
 
-// Takes one counting quote at the best price into the side. Slots come in letter order, so on a full tie the first stays.
+// Takes a centre that quotes at the best price into the side. Centres come in letter order: on a full tie the first stays.
 void join_side(BestSide& side, std::uint32_t size, std::uint64_t time, char mc) {
     side.total += size;
-    const bool better = size > side.largest || (size == side.largest && time < side.earliest);
-    side.largest = better ? size : side.largest;
-    side.earliest = better ? time : side.earliest;
-    side.mc = better ? mc : side.mc;
+    if (size > side.largest || (size == side.largest && time < side.earliest)) {
+        side.largest = size;
+        side.earliest = time;
+        side.mc = mc;
+    }
 }
 
 } // namespace
+
+bool is_eligible_condition(char condition) {
+    return eligible_conditions[static_cast<unsigned char>(condition)] != 0;
+}
 
 Nbbo compute_nbbo(const Instrument& instrument) {
     // Without a band every price is inside.
@@ -45,36 +50,34 @@ Nbbo compute_nbbo(const Instrument& instrument) {
     const std::int64_t highest_bid = banded ? instrument.luld_upper : INT64_MAX;
     const std::int64_t lowest_ask = banded ? instrument.luld_lower : 1;
     const auto bid_counts = [highest_bid](const ParticipantQuote& quote) {
-        return quote.bid >= 1 && quote.bid_size >= round_lot && quote.bid <= highest_bid && is_eligible(quote);
+        return quote.present && is_eligible_condition(quote.condition) && quote.bid >= 1 && quote.bid_size >= round_lot &&
+               quote.bid <= highest_bid;
     };
     const auto ask_counts = [lowest_ask](const ParticipantQuote& quote) {
-        return quote.ask >= 1 && quote.ask_size >= round_lot && quote.ask >= lowest_ask && is_eligible(quote);
+        return quote.present && is_eligible_condition(quote.condition) && quote.ask >= 1 && quote.ask_size >= round_lot &&
+               quote.ask >= lowest_ask;
     };
 
+    Nbbo nbbo;
     const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
-    std::int64_t best_bid = 0;
-    std::int64_t best_ask = INT64_MAX;
     for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
-        const std::int64_t bid = bid_counts(*quote) ? quote->bid : 0;
-        const std::int64_t ask = ask_counts(*quote) ? quote->ask : INT64_MAX;
-        best_bid = std::max(best_bid, bid);
-        best_ask = std::min(best_ask, ask);
+        if (bid_counts(*quote) && quote->bid > nbbo.bid) {
+            nbbo.bid = quote->bid;
+        }
+        if (ask_counts(*quote) && (nbbo.ask == 0 || quote->ask < nbbo.ask)) {
+            nbbo.ask = quote->ask;
+        }
     }
-
     BestSide bid_side;
     BestSide ask_side;
     for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
-        if (quote->bid == best_bid && bid_counts(*quote)) {
+        if (quote->bid == nbbo.bid && bid_counts(*quote)) {
             join_side(bid_side, quote->bid_size, quote->time, quote->mc);
         }
-        if (quote->ask == best_ask && ask_counts(*quote)) {
+        if (quote->ask == nbbo.ask && ask_counts(*quote)) {
             join_side(ask_side, quote->ask_size, quote->time, quote->mc);
         }
     }
-
-    Nbbo nbbo;
-    nbbo.bid = best_bid;
-    nbbo.ask = best_ask == INT64_MAX ? 0 : best_ask;
     nbbo.bid_size = bid_side.total;
     nbbo.ask_size = ask_side.total;
     nbbo.bid_mc = bid_side.mc;

@@ -17,6 +17,9 @@ struct Nbbo {
     char ask_mc = ' ';
 };
 
+// Whether quotes of this condition can set the NBBO: A B H O R Y.
+bool is_eligible_condition(char condition);
+
 // The national best bid and offer over the instrument's present quotes of an eligible condition (A B H O R Y) and at least
 // a round lot; with an active band, bids above its upper and asks below its lower price don't count.
 Nbbo compute_nbbo(const Instrument& instrument);

@@ -1,6 +1,7 @@
 #include "market/quotes.h"
 
 #include "market/nbbo.h"
+#include "market/quote_index.h"
 
 namespace tessel {
 
@@ -89,45 +90,6 @@ char refresh_nbbo(SipEngine& engine, Instrument& instrument, const ParticipantQu
     return choose_nbbo_indicator(quote, nbbo);
 }
 
-// The best odd-lot orders of all centres: those inside the NBBO only. A size of 0 is a side without one.
-struct BestOddLot {
-    std::int64_t bid = 0;
-    std::int64_t ask = 0;
-    std::uint32_t sizes = 0; // bid in the upper 16 bits, ask in the lower
-    char bid_mc = ' ';
-    char ask_mc = ' ';
-};
-
-// Only a strictly better order replaces the one held, so of equal ones the first letter's stays. Orders of a centre whose
-// quote is gone still stand until its next quote.
-BestOddLot scan_odd_lots(const Instrument& instrument, const Nbbo& nbbo) {
-    BestOddLot best;
-    best.bid = nbbo.bid != 0 ? nbbo.bid : INT64_MIN;
-    best.ask = nbbo.ask != 0 ? nbbo.ask : INT64_MAX;
-    std::uint32_t bid_size = 0;
-    std::uint32_t ask_size = 0;
-    const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
-    for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
-        if (!quote->has_odd_lots) {
-            continue;
-        }
-        if (quote->odd_bid > best.bid) {
-            best.bid = quote->odd_bid;
-            bid_size = quote->odd_bid_size;
-            best.bid_mc = quote->mc;
-        }
-        if (quote->odd_ask < best.ask) {
-            best.ask = quote->odd_ask;
-            ask_size = quote->odd_ask_size;
-            best.ask_mc = quote->mc;
-        }
-    }
-    best.bid = bid_size != 0 ? best.bid : 0;
-    best.ask = ask_size != 0 ? best.ask : 0;
-    best.sizes = bid_size << 16 | ask_size;
-    return best;
-}
-
 // Stores the best odd-lot quote when it has changed, and returns how to tell it: "0" unchanged or none, "1" gone,
 // "5" with MPIDs, "2"/"3" without.
 char refresh_best_odd_lot(Instrument& instrument, const BestOddLot& best) {
@@ -185,13 +147,13 @@ bool is_short_form(const Instrument& instrument, const ParticipantQuote& quote, 
 char choose_form(const Instrument& instrument, const ParticipantQuote& quote, QuoteRecord& record) {
     if (is_short_form(instrument, quote, record)) {
         record.odd_list_ind = record.odd_lot_count != 0 ? '2' : '0';
+        record.adf_mpid_ind = ' ';
         return 'C';
     }
     record.nbbo_ind = record.nbbo_ind == '2' ? '3' : record.nbbo_ind;
     record.odd_best_ind = record.odd_best_ind == '2' ? '3' : record.odd_best_ind;
-    if (record.odd_lot_count != 0) {
-        record.odd_list_ind = quote.mc == adf ? '5' : '3';
-    }
+    record.odd_list_ind = record.odd_lot_count == 0 ? '0' : quote.mc == adf ? '5' : '3';
+    record.adf_mpid_ind = ' ';
     if (quote.mc == adf) {
         record.adf_mpid_ind = '2';
         record.bid_mpid = quote.has_mpids ? adf_bid_mpid : std::string_view();
@@ -263,12 +225,12 @@ void update_participant_quote(SipEngine& engine, Instrument& instrument, std::ui
 void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& quote, char sip_flag,
                    std::uint64_t now_ns) {
     FeedStats& stats = engine.scenario->stats;
-    QuoteRecord record;
-    OddLotQuote odd_lots[2];
+    // The engine's record is used again and again: what is not set here keeps its first value, or is read only when an
+    // indicator asks for it.
+    QuoteRecord& record = engine.quote_record;
     record.header.mc = quote.mc;
     record.header.sip_time = wall_ns(*engine.clock);
     record.header.participant_time = now_ns;
-    record.adf_time = quote.mc == adf ? now_ns : 0;
     record.symbol = wire_symbol(instrument);
     record.bid = quote.bid;
     record.ask = quote.ask;
@@ -278,24 +240,32 @@ void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& 
     record.sip_flag = sip_flag;
     record.luld_bbo = luld_bbo_indicator(instrument, quote.bid, quote.ask);
 
-    const Nbbo nbbo = compute_nbbo(instrument);
+    index_quote(quote, instrument.blocks, static_cast<std::size_t>(&quote - instrument.quotes));
+    const Nbbo nbbo = indexed_nbbo(instrument, instrument.blocks);
     record.nbbo_ind = refresh_nbbo(engine, instrument, quote, nbbo);
     fill_nbbo(record, nbbo);
     record.luld_nbbo = luld_nbbo_indicator(instrument, nbbo);
-    const BestOddLot best = scan_odd_lots(instrument, nbbo);
+    const BestOddLot best = indexed_best_odd_lot(instrument, instrument.blocks, nbbo);
     record.odd_best_ind = refresh_best_odd_lot(instrument, best);
-    fill_best_odd_lot(record, best);
+    if (record.odd_best_ind > '1') {
+        fill_best_odd_lot(record, best);
+    }
+    OddLotQuote odd_lots[2];
     record.odd_lots = odd_lots;
-    record.odd_lot_count = list_odd_lots(quote, odd_lots);
+    record.odd_lot_count = quote.has_odd_lots ? list_odd_lots(quote, odd_lots) : 0;
 
     const char type = choose_form(instrument, quote, record);
+    record.adf_time = quote.mc == adf ? now_ns : 0;
     build_quote(engine.writer, record, type);
+    record.odd_lots = nullptr;
     const std::uint64_t sequence = publish_message(engine);
     ++stats.quotes;
     if (sip_flag == 'E') {
         ++stats.sip_generated;
     }
-    write_quote_line(engine.truth, instrument, sequence, {});
+    if (engine.truth.good) {
+        write_quote_line(engine.truth, instrument, sequence, {});
+    }
     if (quote.mc == adf) {
         ++stats.adf_quotes;
         if (stats.quotes % mpid_quote_every == 0 && quote.bid != 0) {

@@ -24,11 +24,14 @@ void assign_slots(SipEngine& engine) {
     // Crosses print on 'Q' and TRF prints on 'D' whoever quotes.
     const std::string trading = distinct_letters(engine.participants + "QD");
     engine.quotes.assign(engine.instruments.size() * quoting.size(), {});
+    const std::size_t blocks = quote_blocks(quoting.size());
+    engine.quote_blocks.assign(engine.instruments.size() * blocks, empty_quote_block());
     engine.trade_stats.assign(engine.instruments.size() * trading.size(), {});
     for (std::size_t at = 0; at < engine.instruments.size(); ++at) {
         Instrument& instrument = engine.instruments[at];
         instrument.quotes = engine.quotes.data() + at * quoting.size();
         instrument.quote_slots = quoting.size();
+        instrument.blocks = engine.quote_blocks.data() + at * blocks;
         instrument.trade_stats = engine.trade_stats.data() + at * trading.size();
         instrument.trade_slots = trading.size();
         for (std::size_t slot = 0; slot < quoting.size(); ++slot) {

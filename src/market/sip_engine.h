@@ -3,8 +3,10 @@
 #include "app/clock.h"
 #include "app/scenario.h"
 #include "market/instrument.h"
+#include "market/quote_index.h"
 #include "market/random.h"
 #include "msg/message_writer.h"
+#include "msg/quote_messages.h"
 #include "out/truth_log.h"
 #include "transport/mold_publisher.h"
 
@@ -34,10 +36,12 @@ struct SipEngine {
     std::vector<std::vector<unsigned char>> retained_messages; // start of day and session opens, as published
     Clock* clock = nullptr;
     MessageWriter writer; // every message is built here
+    QuoteRecord quote_record; // every quote's, kept so that what never changes is set once
 
     std::vector<std::uint16_t> participant_slots; // quote slot of each character of participants
     std::array<std::int16_t, 256> trade_slot{};   // trade statistics slot of a market centre, -1: none
     std::vector<ParticipantQuote, HugePageAllocator<ParticipantQuote>> quotes;
+    std::vector<QuoteBlock, HugePageAllocator<QuoteBlock>> quote_blocks; // the quotes' index
     std::vector<ParticipantTradeStats, HugePageAllocator<ParticipantTradeStats>> trade_stats;
 };
 

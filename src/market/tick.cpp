@@ -71,6 +71,30 @@ void renew_band(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns,
     }
 }
 
+// Asks for what the step of an instrument will touch, some way ahead of it: with thousands of instruments none of it is in
+// the cache any more, and the processor cannot guess the stride across three arrays.
+void prefetch_instrument(const Instrument& instrument) {
+    constexpr std::size_t line = 64;
+    const auto* const record = reinterpret_cast<const char*>(&instrument);
+    for (std::size_t at = 0; at < 4; ++at) {
+        __builtin_prefetch(record + at * line, 1);
+    }
+}
+
+void prefetch_quotes(const Instrument& instrument) {
+    constexpr std::size_t line = 64;
+    const auto* const block = reinterpret_cast<const char*>(instrument.blocks);
+    for (std::size_t at = 0; at < sizeof(QuoteBlock) / line; ++at) {
+        __builtin_prefetch(block + at * line, 1);
+    }
+    for (std::size_t slot = 0; slot < instrument.quote_slots && slot < QuoteBlock::centres; ++slot) {
+        __builtin_prefetch(instrument.quotes + slot, 1);
+    }
+    if (!instrument.trades.empty()) {
+        __builtin_prefetch(&instrument.trades.back(), 1);
+    }
+}
+
 void step_instrument(SipEngine& engine, Instrument& instrument, NormalDeviates& deviates, std::uint64_t now_ns,
                      std::uint64_t now_ms, bool is_first) {
     if (!run_due_resumptions(engine, instrument, now_ns, now_ms)) {
@@ -98,10 +122,15 @@ void tick(SipEngine& engine, std::uint64_t now_ms) {
     ++engine.tick;
     const std::uint64_t now_ns = wall_ns(*engine.clock);
     NormalDeviates deviates;
-    bool is_first = true;
-    for (Instrument& instrument : engine.instruments) {
-        step_instrument(engine, instrument, deviates, now_ns, now_ms, is_first);
-        is_first = false;
+    const std::size_t count = engine.instruments.size();
+    for (std::size_t at = 0; at < count; ++at) {
+        if (at + 2 < count) {
+            prefetch_instrument(engine.instruments[at + 2]);
+        }
+        if (at + 1 < count) {
+            prefetch_quotes(engine.instruments[at + 1]);
+        }
+        step_instrument(engine, engine.instruments[at], deviates, now_ns, now_ms, at == 0);
     }
     flush(*engine.publisher);
 }

@@ -13,8 +13,8 @@ namespace tessel {
 // whole is removed and not renamed. Failures are not reported: the next turn comes in 250 ms.
 void replace_file(const std::string& path, const std::string& text);
 
-// {"ts_ns":...,"symbols":{"AAPL":{"bid":[[190.01,300]],"ask":[[190.03,200]],"last":190.02,"volume":5000,"status":"T"}}}
-// and a line feed, at most 5 levels a side. text is reused from turn to turn.
+// {"ts_ns":...,"symbols":{"AAPL":{"bid":[[190.01,300]],"ask":[[190.03,200]],"last":190.02,"volume":5000,
+// "status":"T"}}} on one line and a line feed, at most 5 levels a side. text is reused from turn to turn.
 void format_book(std::string& text, std::span<const Instrument> instruments, std::uint64_t now_ns);
 
 // A line for each instrument: symbol, best bid, best offer ("AAPL 190.01 190.03").
