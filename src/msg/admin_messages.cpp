@@ -38,9 +38,10 @@ void build_wipe_out(MessageWriter& writer, AdminTimes times, char mc) {
 void build_decline_levels(MessageWriter& writer, AdminTimes times) {
     static_assert(45 + 8 == decline_levels_bytes);
     begin_admin(writer, times, 'A', 'C', 'E', decline_levels_bytes);
-    put_price_long(writer, 29, decline_level_1);
-    put_price_long(writer, 37, decline_level_2);
-    put_price_long(writer, 45, decline_level_3);
+    unsigned char* const out = writer.bytes.get();
+    put_price_long(out, 29, decline_level_1);
+    put_price_long(out, 37, decline_level_2);
+    put_price_long(out, 45, decline_level_3);
 }
 
 // Issue symbol directory, short form type B, 90 bytes; the long form, type F, 117 bytes, goes on behind it:
@@ -68,27 +69,28 @@ void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool
     constexpr std::uint16_t round_lot = 100;  // shares
     begin_admin(writer, record.times, 'A', long_form ? 'F' : 'B', 'Q',
                 long_form ? long_directory_bytes : short_directory_bytes);
-    put_alpha(writer, 29, record.symbol, 11);
-    put_alpha(writer, 40, {}, 11);
-    put_alpha(writer, 51, record.issue_name, 30);
-    put_u8(writer, 81, 'C');
-    put_alpha(writer, 82, "C", 2);
-    put_u8(writer, 84, 'Q');
-    put_u8(writer, 85, 'P');
-    put_u8(writer, 86, 'N');
-    put_u16(writer, 87, round_lot);
-    put_u8(writer, 89, 'N');
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, record.symbol, 11);
+    put_alpha(out, 40, {}, 11);
+    put_alpha(out, 51, record.issue_name, 30);
+    put_u8(out, 81, 'C');
+    put_alpha(out, 82, "C", 2);
+    put_u8(out, 84, 'Q');
+    put_u8(out, 85, 'P');
+    put_u8(out, 86, 'N');
+    put_u16(out, 87, round_lot);
+    put_u8(out, 89, 'N');
     if (!long_form) {
         return;
     }
-    put_u8(writer, 90, 'N');
-    put_u8(writer, 91, '0');
-    put_u8(writer, 92, '3');
-    put_u8(writer, 93, record.trading_state);
-    put_alpha(writer, 94, record.trading_reason, 6);
-    put_u8(writer, 100, record.indicator);
-    put_u64(writer, 101, 0);
-    put_u64(writer, 109, 0);
+    put_u8(out, 90, 'N');
+    put_u8(out, 91, '0');
+    put_u8(out, 92, '3');
+    put_u8(out, 93, record.trading_state);
+    put_alpha(out, 94, record.trading_reason, 6);
+    put_u8(out, 100, record.indicator);
+    put_u64(out, 101, 0);
+    put_u64(out, 109, 0);
 }
 
 // Instrument indicator, 41 bytes:
@@ -97,8 +99,9 @@ void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool
 void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator) {
     static_assert(40 + 1 == indicator_bytes);
     begin_admin(writer, times, 'A', 'V', 'Q', indicator_bytes);
-    put_alpha(writer, 29, symbol, 11);
-    put_u8(writer, 40, indicator);
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, symbol, 11);
+    put_u8(out, 40, indicator);
 }
 
 // Trading action, 59 bytes:
@@ -111,11 +114,12 @@ void build_trading_action(MessageWriter& writer, AdminTimes times, std::string_v
                           std::uint32_t action_seq, std::uint64_t action_time_ns, std::string_view reason) {
     static_assert(53 + 6 == trading_action_bytes);
     begin_admin(writer, times, 'A', 'H', 'Q', trading_action_bytes);
-    put_alpha(writer, 29, symbol, 11);
-    put_u8(writer, 40, action);
-    put_u32(writer, 41, action_seq);
-    put_u64(writer, 45, action_time_ns);
-    put_alpha(writer, 53, reason, 6);
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, symbol, 11);
+    put_u8(out, 40, action);
+    put_u32(out, 41, action_seq);
+    put_u64(out, 45, action_time_ns);
+    put_alpha(out, 53, reason, 6);
 }
 
 // LULD price band, 65 bytes:
@@ -128,11 +132,12 @@ void build_price_band(MessageWriter& writer, AdminTimes times, std::string_view 
                       std::uint64_t effective_time_ns, std::int64_t lower, std::int64_t upper) {
     static_assert(57 + 8 == price_band_bytes);
     begin_admin(writer, times, 'A', 'P', 'E', price_band_bytes);
-    put_alpha(writer, 29, symbol, 11);
-    put_u8(writer, 40, indicator);
-    put_u64(writer, 41, effective_time_ns);
-    put_price_long(writer, 49, lower);
-    put_price_long(writer, 57, upper);
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, symbol, 11);
+    put_u8(out, 40, indicator);
+    put_u64(out, 41, effective_time_ns);
+    put_price_long(out, 49, lower);
+    put_price_long(out, 57, upper);
 }
 
 // LULD collar, 69 bytes:
@@ -146,12 +151,13 @@ void build_collar(MessageWriter& writer, AdminTimes times, std::string_view symb
                   std::int64_t reference, std::int64_t upper, std::int64_t lower) {
     static_assert(68 + 1 == collar_bytes);
     begin_admin(writer, times, 'A', 'E', 'Q', collar_bytes);
-    put_alpha(writer, 29, symbol, 11);
-    put_u32(writer, 40, action_seq);
-    put_price_long(writer, 44, reference);
-    put_price_long(writer, 52, upper);
-    put_price_long(writer, 60, lower);
-    put_u8(writer, 68, '\0');
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, symbol, 11);
+    put_u32(out, 40, action_seq);
+    put_price_long(out, 44, reference);
+    put_price_long(out, 52, upper);
+    put_price_long(out, 60, lower);
+    put_u8(out, 68, '\0');
 }
 
 // Circuit breaker status, 30 bytes:
@@ -160,7 +166,8 @@ void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t le
     static_assert(29 + 1 == mwcb_status_bytes);
     const std::uint32_t shown = level > 3 ? 3 : level;
     begin_admin(writer, times, 'A', 'D', 'E', mwcb_status_bytes);
-    put_u8(writer, 29, static_cast<char>('0' + shown));
+    unsigned char* const out = writer.bytes.get();
+    put_u8(out, 29, static_cast<char>('0' + shown));
 }
 
 // End of snapshot, 37 bytes:
@@ -168,7 +175,8 @@ void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t le
 void build_end_of_snapshot(MessageWriter& writer, std::uint64_t time_ns, std::uint64_t last_sequence) {
     static_assert(29 + 8 == end_of_snapshot_bytes);
     begin_admin(writer, {time_ns, time_ns}, 'A', 'S', 'E', end_of_snapshot_bytes);
-    put_u64(writer, 29, last_sequence);
+    unsigned char* const out = writer.bytes.get();
+    put_u64(out, 29, last_sequence);
 }
 
 }  // namespace tessel

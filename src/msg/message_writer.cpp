@@ -42,14 +42,15 @@ void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::si
         enlarge(writer, 0, needed);
     }
     writer.size = needed;
-    put_u8(writer, 0, header.version);
-    put_u8(writer, 1, header.category);
-    put_u8(writer, 2, header.type);
-    put_u8(writer, 3, header.mc);
-    put_u8(writer, 4, header.sub_mc);
-    put_u64(writer, 5, header.sip_time);
-    put_u64(writer, 13, header.participant_time);
-    put_u64(writer, 21, header.participant_token);
+    unsigned char* const out = writer.bytes.get();
+    put_u8(out, 0, header.version);
+    put_u8(out, 1, header.category);
+    put_u8(out, 2, header.type);
+    put_u8(out, 3, header.mc);
+    put_u8(out, 4, header.sub_mc);
+    put_u64(out, 5, header.sip_time);
+    put_u64(out, 13, header.participant_time);
+    put_u64(out, 21, header.participant_token);
 }
 
 void begin(MessageWriter& writer, const MessageHeader& header, std::size_t body_size) {

@@ -39,73 +39,57 @@ void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::si
 // exceeded.
 std::size_t grow(MessageWriter& writer, std::size_t count);
 
-// The puts write at an offset from the start of the message, which begin and grow have made room for;
-// integers are big-endian. They are inline because a quote makes some twenty of them.
-inline void put_u8(MessageWriter& writer, std::size_t offset, char value) {
-    writer.bytes[offset] = static_cast<unsigned char>(value);
+// The puts write at an offset from the start of the message, which begin and grow have made room for; integers are
+// big-endian. They take the message's first byte, which a builder reads from its writer once: bytes can be anything's, so
+// behind each put through the writer the compiler would have to read it again. Inline, because a quote makes some twenty.
+inline void put_u8(unsigned char* message, std::size_t offset, char value) {
+    message[offset] = static_cast<unsigned char>(value);
 }
 
-inline void put_u16(MessageWriter& writer, std::size_t offset, std::uint16_t value) {
+inline void put_u16(unsigned char* message, std::size_t offset, std::uint16_t value) {
     const std::uint16_t swapped = __builtin_bswap16(value);
-    __builtin_memcpy(writer.bytes.get() + offset, &swapped, sizeof swapped);
+    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
 }
 
-inline void put_u32(MessageWriter& writer, std::size_t offset, std::uint32_t value) {
+inline void put_u32(unsigned char* message, std::size_t offset, std::uint32_t value) {
     const std::uint32_t swapped = __builtin_bswap32(value);
-    __builtin_memcpy(writer.bytes.get() + offset, &swapped, sizeof swapped);
+    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
 }
 
-inline void put_u64(MessageWriter& writer, std::size_t offset, std::uint64_t value) {
+inline void put_u64(unsigned char* message, std::size_t offset, std::uint64_t value) {
     const std::uint64_t swapped = __builtin_bswap64(value);
-    __builtin_memcpy(writer.bytes.get() + offset, &swapped, sizeof swapped);
+    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
 }
 
 // Whole cents of a price in millionths (truncated), low 16 bits.
-inline void put_price_short(MessageWriter& writer, std::size_t offset, std::int64_t price) {
-    put_u16(writer, offset, static_cast<std::uint16_t>(price / 10000));
+inline void put_price_short(unsigned char* message, std::size_t offset, std::int64_t price) {
+    put_u16(message, offset, static_cast<std::uint16_t>(price / 10000));
 }
 
-inline void put_price_long(MessageWriter& writer, std::size_t offset, std::int64_t price) {
-    put_u64(writer, offset, static_cast<std::uint64_t>(price));
+inline void put_price_long(unsigned char* message, std::size_t offset, std::int64_t price) {
+    put_u64(message, offset, static_cast<std::uint64_t>(price));
 }
 
 // Sizes in shares, low 16 bits; the long form has 32.
-inline void put_size_short(MessageWriter& writer, std::size_t offset, std::uint32_t size) {
-    put_u16(writer, offset, static_cast<std::uint16_t>(size));
+inline void put_size_short(unsigned char* message, std::size_t offset, std::uint32_t size) {
+    put_u16(message, offset, static_cast<std::uint16_t>(size));
 }
 
-inline void put_size_long(MessageWriter& writer, std::size_t offset, std::uint32_t size) {
-    put_u32(writer, offset, size);
+inline void put_size_long(unsigned char* message, std::size_t offset, std::uint32_t size) {
+    put_u32(message, offset, size);
 }
 
-// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms
-// and 11 in long ones, MPIDs 4. Width is a constant at every call, so the blanks are one or two stores; the
-// text then goes over them in two overlapping ones, since symbols are too short to be worth a library call.
-inline void put_alpha(MessageWriter& writer, std::size_t offset, std::string_view text, std::size_t width) {
-    unsigned char* out = writer.bytes.get() + offset;
-    const char* in = text.data();
-    const std::size_t copied = text.size() < width ? text.size() : width;
+// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms and 11 in
+// long ones, MPIDs 4. A text that fills its field, as the market's padded symbols do, is one copy of a constant width.
+inline void put_alpha(unsigned char* message, std::size_t offset, std::string_view text, std::size_t width) {
+    unsigned char* const out = message + offset;
+    if (text.size() >= width) {
+        __builtin_memcpy(out, text.data(), width);
+        return;
+    }
     __builtin_memset(out, ' ', width);
-    if (copied > 16) {
-        __builtin_memcpy(out, in, copied);
-    } else if (copied >= 8) {
-        std::uint64_t head;
-        std::uint64_t tail;
-        __builtin_memcpy(&head, in, sizeof head);
-        __builtin_memcpy(&tail, in + copied - sizeof tail, sizeof tail);
-        __builtin_memcpy(out, &head, sizeof head);
-        __builtin_memcpy(out + copied - sizeof tail, &tail, sizeof tail);
-    } else if (copied >= 4) {
-        std::uint32_t head;
-        std::uint32_t tail;
-        __builtin_memcpy(&head, in, sizeof head);
-        __builtin_memcpy(&tail, in + copied - sizeof tail, sizeof tail);
-        __builtin_memcpy(out, &head, sizeof head);
-        __builtin_memcpy(out + copied - sizeof tail, &tail, sizeof tail);
-    } else if (copied > 0) {  // one to three bytes: first, middle and last may be the same
-        out[0] = static_cast<unsigned char>(in[0]);
-        out[copied / 2] = static_cast<unsigned char>(in[copied / 2]);
-        out[copied - 1] = static_cast<unsigned char>(in[copied - 1]);
+    if (!text.empty()) {
+        __builtin_memcpy(out, text.data(), text.size());
     }
 }
 

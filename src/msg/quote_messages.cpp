@@ -41,8 +41,9 @@ std::uint16_t odd_lot_count(const QuoteRecord& record) {
 // capacity.
 void begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, std::size_t bytes) {
     begin_uncleared(writer, record.header, bytes - common_header_bytes);
-    put_u8(writer, 1, 'Q');
-    put_u8(writer, 2, type);
+    unsigned char* const out = writer.bytes.get();
+    put_u8(out, 1, 'Q');
+    put_u8(out, 2, type);
 }
 
 // Short quote, type C, 52 bytes:
@@ -62,20 +63,21 @@ void begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, st
 //   50  2  number of odd-lot list entries
 void put_short_quote(MessageWriter& writer, const QuoteRecord& record) {
     static_assert(50 + 2 == short_quote_bytes);
-    put_alpha(writer, 29, record.symbol, 5);
-    put_price_short(writer, 34, record.bid);
-    put_size_short(writer, 36, record.bid_size);
-    put_price_short(writer, 38, record.ask);
-    put_size_short(writer, 40, record.ask_size);
-    put_u8(writer, 42, record.condition);
-    put_u8(writer, 43, record.sip_flag);
-    put_u8(writer, 44, record.luld_bbo);
-    put_u8(writer, 45, record.retail);
-    put_u8(writer, 46, record.nbbo_ind);
-    put_u8(writer, 47, record.luld_nbbo);
-    put_u8(writer, 48, record.odd_best_ind);
-    put_u8(writer, 49, record.odd_list_ind);
-    put_u16(writer, 50, odd_lot_count(record));
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, record.symbol, 5);
+    put_price_short(out, 34, record.bid);
+    put_size_short(out, 36, record.bid_size);
+    put_price_short(out, 38, record.ask);
+    put_size_short(out, 40, record.ask_size);
+    put_u8(out, 42, record.condition);
+    put_u8(out, 43, record.sip_flag);
+    put_u8(out, 44, record.luld_bbo);
+    put_u8(out, 45, record.retail);
+    put_u8(out, 46, record.nbbo_ind);
+    put_u8(out, 47, record.luld_nbbo);
+    put_u8(out, 48, record.odd_best_ind);
+    put_u8(out, 49, record.odd_list_ind);
+    put_u16(out, 50, odd_lot_count(record));
 }
 
 // Long quote, type D, 83 bytes:
@@ -97,22 +99,23 @@ void put_short_quote(MessageWriter& writer, const QuoteRecord& record) {
 //   81  2  number of odd-lot list entries
 void put_long_quote(MessageWriter& writer, const QuoteRecord& record) {
     static_assert(81 + 2 == long_quote_bytes);
-    put_u64(writer, 29, record.adf_time);
-    put_alpha(writer, 37, record.symbol, 11);
-    put_price_long(writer, 48, record.bid);
-    put_size_long(writer, 56, record.bid_size);
-    put_price_long(writer, 60, record.ask);
-    put_size_long(writer, 68, record.ask_size);
-    put_u8(writer, 72, record.condition);
-    put_u8(writer, 73, record.sip_flag);
-    put_u8(writer, 74, record.luld_bbo);
-    put_u8(writer, 75, record.retail);
-    put_u8(writer, 76, record.nbbo_ind);
-    put_u8(writer, 77, record.luld_nbbo);
-    put_u8(writer, 78, record.adf_mpid_ind);
-    put_u8(writer, 79, record.odd_best_ind);
-    put_u8(writer, 80, record.odd_list_ind);
-    put_u16(writer, 81, odd_lot_count(record));
+    unsigned char* const out = writer.bytes.get();
+    put_u64(out, 29, record.adf_time);
+    put_alpha(out, 37, record.symbol, 11);
+    put_price_long(out, 48, record.bid);
+    put_size_long(out, 56, record.bid_size);
+    put_price_long(out, 60, record.ask);
+    put_size_long(out, 68, record.ask_size);
+    put_u8(out, 72, record.condition);
+    put_u8(out, 73, record.sip_flag);
+    put_u8(out, 74, record.luld_bbo);
+    put_u8(out, 75, record.retail);
+    put_u8(out, 76, record.nbbo_ind);
+    put_u8(out, 77, record.luld_nbbo);
+    put_u8(out, 78, record.adf_mpid_ind);
+    put_u8(out, 79, record.odd_best_ind);
+    put_u8(out, 80, record.odd_list_ind);
+    put_u16(out, 81, odd_lot_count(record));
 }
 
 // MPID quote of the ADF, type M, 77 bytes, no appendages:
@@ -126,14 +129,15 @@ void put_long_quote(MessageWriter& writer, const QuoteRecord& record) {
 //   73  4  MPID
 void put_mpid_quote(MessageWriter& writer, const QuoteRecord& record) {
     static_assert(73 + 4 == mpid_quote_bytes);
-    put_u64(writer, 29, record.adf_time);
-    put_alpha(writer, 37, record.symbol, 11);
-    put_price_long(writer, 48, record.bid);
-    put_size_long(writer, 56, record.bid_size);
-    put_price_long(writer, 60, record.ask);
-    put_size_long(writer, 68, record.ask_size);
-    put_u8(writer, 72, record.condition);
-    put_alpha(writer, 73, record.bid_mpid, 4);
+    unsigned char* const out = writer.bytes.get();
+    put_u64(out, 29, record.adf_time);
+    put_alpha(out, 37, record.symbol, 11);
+    put_price_long(out, 48, record.bid);
+    put_size_long(out, 56, record.bid_size);
+    put_price_long(out, 60, record.ask);
+    put_size_long(out, 68, record.ask_size);
+    put_u8(out, 72, record.condition);
+    put_alpha(out, 73, record.bid_mpid, 4);
 }
 
 // Short odd-lot update, type A, 39 bytes:
@@ -144,11 +148,12 @@ void put_mpid_quote(MessageWriter& writer, const QuoteRecord& record) {
 //   37  2  number of odd-lot list entries
 void put_short_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
     static_assert(37 + 2 == short_odd_lot_update_bytes);
-    put_alpha(writer, 29, record.symbol, 5);
-    put_u8(writer, 34, record.sip_flag);
-    put_u8(writer, 35, record.odd_best_ind);
-    put_u8(writer, 36, record.odd_list_ind);
-    put_u16(writer, 37, odd_lot_count(record));
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, 29, record.symbol, 5);
+    put_u8(out, 34, record.sip_flag);
+    put_u8(out, 35, record.odd_best_ind);
+    put_u8(out, 36, record.odd_list_ind);
+    put_u16(out, 37, odd_lot_count(record));
 }
 
 // Long odd-lot update, type B, 53 bytes:
@@ -160,12 +165,13 @@ void put_short_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) 
 //   51  2  number of odd-lot list entries
 void put_long_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
     static_assert(51 + 2 == long_odd_lot_update_bytes);
-    put_u64(writer, 29, record.adf_time);
-    put_alpha(writer, 37, record.symbol, 11);
-    put_u8(writer, 48, record.sip_flag);
-    put_u8(writer, 49, record.odd_best_ind);
-    put_u8(writer, 50, record.odd_list_ind);
-    put_u16(writer, 51, odd_lot_count(record));
+    unsigned char* const out = writer.bytes.get();
+    put_u64(out, 29, record.adf_time);
+    put_alpha(out, 37, record.symbol, 11);
+    put_u8(out, 48, record.sip_flag);
+    put_u8(out, 49, record.odd_best_ind);
+    put_u8(out, 50, record.odd_list_ind);
+    put_u16(out, 51, odd_lot_count(record));
 }
 
 // NBBO appendage at offset `at`; returns the offset behind it.
@@ -179,24 +185,25 @@ void put_long_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
 std::size_t put_nbbo(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
     static_assert(9 + 2 == short_nbbo_bytes);
     static_assert(23 + 4 == long_nbbo_bytes);
+    unsigned char* const out = writer.bytes.get();
     if (record.nbbo_ind == '2') {
-        put_u8(writer, at + 0, record.nbbo_condition);
-        put_u8(writer, at + 1, record.nbbo_bid_mc);
-        put_price_short(writer, at + 2, record.nbbo_bid);
-        put_size_short(writer, at + 4, record.nbbo_bid_size);
-        put_u8(writer, at + 6, record.nbbo_ask_mc);
-        put_price_short(writer, at + 7, record.nbbo_ask);
-        put_size_short(writer, at + 9, record.nbbo_ask_size);
+        put_u8(out, at + 0, record.nbbo_condition);
+        put_u8(out, at + 1, record.nbbo_bid_mc);
+        put_price_short(out, at + 2, record.nbbo_bid);
+        put_size_short(out, at + 4, record.nbbo_bid_size);
+        put_u8(out, at + 6, record.nbbo_ask_mc);
+        put_price_short(out, at + 7, record.nbbo_ask);
+        put_size_short(out, at + 9, record.nbbo_ask_size);
         return at + short_nbbo_bytes;
     }
     if (record.nbbo_ind == '3') {
-        put_u8(writer, at + 0, record.nbbo_condition);
-        put_u8(writer, at + 1, record.nbbo_bid_mc);
-        put_price_long(writer, at + 2, record.nbbo_bid);
-        put_size_long(writer, at + 10, record.nbbo_bid_size);
-        put_u8(writer, at + 14, record.nbbo_ask_mc);
-        put_price_long(writer, at + 15, record.nbbo_ask);
-        put_size_long(writer, at + 23, record.nbbo_ask_size);
+        put_u8(out, at + 0, record.nbbo_condition);
+        put_u8(out, at + 1, record.nbbo_bid_mc);
+        put_price_long(out, at + 2, record.nbbo_bid);
+        put_size_long(out, at + 10, record.nbbo_bid_size);
+        put_u8(out, at + 14, record.nbbo_ask_mc);
+        put_price_long(out, at + 15, record.nbbo_ask);
+        put_size_long(out, at + 23, record.nbbo_ask_size);
         return at + long_nbbo_bytes;
     }
     return at;
@@ -208,8 +215,9 @@ std::size_t put_adf_mpids(MessageWriter& writer, std::size_t at, const QuoteReco
     if (record.adf_mpid_ind != '2') {
         return at;
     }
-    put_alpha(writer, at + 0, record.bid_mpid, 4);
-    put_alpha(writer, at + 4, record.ask_mpid, 4);
+    unsigned char* const out = writer.bytes.get();
+    put_alpha(out, at + 0, record.bid_mpid, 4);
+    put_alpha(out, at + 4, record.ask_mpid, 4);
     return at + adf_mpid_bytes;
 }
 
@@ -225,29 +233,30 @@ std::size_t put_best_odd_lot(MessageWriter& writer, std::size_t at, const QuoteR
     static_assert(20 + 2 == long_best_odd_lot_bytes);
     static_assert(26 + 4 == mpid_best_odd_lot_bytes);
     const char indicator = record.odd_best_ind;
+    unsigned char* const out = writer.bytes.get();
     if (indicator == '2') {
-        put_u8(writer, at + 0, record.odd_bid_mc);
-        put_price_short(writer, at + 1, record.odd_bid);
-        put_u16(writer, at + 3, record.odd_bid_size);
-        put_u8(writer, at + 5, record.odd_ask_mc);
-        put_price_short(writer, at + 6, record.odd_ask);
-        put_u16(writer, at + 8, record.odd_ask_size);
+        put_u8(out, at + 0, record.odd_bid_mc);
+        put_price_short(out, at + 1, record.odd_bid);
+        put_u16(out, at + 3, record.odd_bid_size);
+        put_u8(out, at + 5, record.odd_ask_mc);
+        put_price_short(out, at + 6, record.odd_ask);
+        put_u16(out, at + 8, record.odd_ask_size);
         return at + short_best_odd_lot_bytes;
     }
     if (indicator != '3' && indicator != '5') {
         return at;
     }
-    put_u8(writer, at + 0, record.odd_bid_mc);
-    put_price_long(writer, at + 1, record.odd_bid);
-    put_u16(writer, at + 9, record.odd_bid_size);
-    put_u8(writer, at + 11, record.odd_ask_mc);
-    put_price_long(writer, at + 12, record.odd_ask);
-    put_u16(writer, at + 20, record.odd_ask_size);
+    put_u8(out, at + 0, record.odd_bid_mc);
+    put_price_long(out, at + 1, record.odd_bid);
+    put_u16(out, at + 9, record.odd_bid_size);
+    put_u8(out, at + 11, record.odd_ask_mc);
+    put_price_long(out, at + 12, record.odd_ask);
+    put_u16(out, at + 20, record.odd_ask_size);
     if (indicator == '3') {
         return at + long_best_odd_lot_bytes;
     }
-    put_alpha(writer, at + 22, record.odd_bid_mpid, 4);
-    put_alpha(writer, at + 26, record.odd_ask_mpid, 4);
+    put_alpha(out, at + 22, record.odd_bid_mpid, 4);
+    put_alpha(out, at + 26, record.odd_ask_mpid, 4);
     return at + mpid_best_odd_lot_bytes;
 }
 
@@ -264,19 +273,20 @@ std::size_t put_odd_lots(MessageWriter& writer, std::size_t at, const QuoteRecor
     if (entry_bytes == 0) {
         return at;
     }
+    unsigned char* const out = writer.bytes.get();
     for (std::size_t index = 0; index < record.odd_lot_count; ++index, at += entry_bytes) {
         const OddLotQuote& order = record.odd_lots[index];
-        put_u8(writer, at + 0, order.mc);
-        put_u8(writer, at + 1, order.side);
+        put_u8(out, at + 0, order.mc);
+        put_u8(out, at + 1, order.side);
         if (entry_bytes == short_odd_lot_bytes) {
-            put_price_short(writer, at + 2, order.price);
-            put_size_short(writer, at + 4, order.size);
+            put_price_short(out, at + 2, order.price);
+            put_size_short(out, at + 4, order.size);
             continue;
         }
-        put_price_long(writer, at + 2, order.price);
-        put_size_short(writer, at + 10, order.size);
+        put_price_long(out, at + 2, order.price);
+        put_size_short(out, at + 10, order.size);
         if (entry_bytes == mpid_odd_lot_bytes) {
-            put_alpha(writer, at + 12, order.mpid, 4);
+            put_alpha(out, at + 12, order.mpid, 4);
         }
     }
     return at;

@@ -56,7 +56,7 @@ TEST(MessageWriter, Begin_BodyIsZeroAlsoInAWriterUsedBefore) {
 TEST(MessageWriter, Grow_AppendsZeroesAndGivesTheirStart) {
     MessageWriter writer = used_writer();
     begin(writer, some_header(), 4);
-    put_u32(writer, 29, 0xa1a2a3a4);
+    put_u32(writer.bytes.get(), 29, 0xa1a2a3a4);
     EXPECT_EQ(grow(writer, 6), 33u);
     EXPECT_EQ(writer.size, 39u);
     EXPECT_EQ(content(writer).substr(29), std::string("\xa1\xa2\xa3\xa4\0\0\0\0\0\0", 10));
@@ -72,7 +72,7 @@ TEST(MessageWriter, Grow_KeepsWhatIsThereAndAtLeastDoublesTheCapacity) {
     while (writer.size < 100'000) {
         const std::size_t capacity = writer.capacity;
         const std::size_t start = grow(writer, 7);
-        put_u8(writer, start, 'x');
+        put_u8(writer.bytes.get(), start, 'x');
         if (writer.capacity != capacity) {
             ++enlargements;
             EXPECT_GE(writer.capacity, 2 * capacity);
@@ -108,27 +108,27 @@ TEST(MessageWriter, UsedAgain_AllocatesNothing) {
 TEST(MessageWriter, Integers_BigEndianInTheirWidth) {
     MessageWriter writer;
     begin(writer, some_header(), 19);
-    put_u8(writer, 29, 'z');
-    put_u16(writer, 30, 0x1234);
-    put_u32(writer, 32, 0x89abcdef);
-    put_u64(writer, 36, 0xfedcba9876543210);
-    put_size_short(writer, 44, 0x12345);  // the low 16 bits
-    put_size_short(writer, 46, 65534);
+    put_u8(writer.bytes.get(), 29, 'z');
+    put_u16(writer.bytes.get(), 30, 0x1234);
+    put_u32(writer.bytes.get(), 32, 0x89abcdef);
+    put_u64(writer.bytes.get(), 36, 0xfedcba9876543210);
+    put_size_short(writer.bytes.get(), 44, 0x12345);  // the low 16 bits
+    put_size_short(writer.bytes.get(), 46, 65534);
     EXPECT_EQ(hex(content(writer).substr(29)), "7a 12 34 89 ab cd ef fe dc ba 98 76 54 32 10 23 45 ff fe ");
 }
 
 TEST(MessageWriter, SizeLong_Takes32Bits) {
     MessageWriter writer;
     begin(writer, some_header(), 4);
-    put_size_long(writer, 29, 0xfffefdfc);
+    put_size_long(writer.bytes.get(), 29, 0xfffefdfc);
     EXPECT_EQ(hex(content(writer).substr(29)), "ff fe fd fc ");
 }
 
 TEST(MessageWriter, Price190_19000CentsInShortAndMillionthsInLong) {
     MessageWriter writer;
     begin(writer, some_header(), 10);
-    put_price_short(writer, 29, 190'000'000);
-    put_price_long(writer, 31, 190'000'000);
+    put_price_short(writer.bytes.get(), 29, 190'000'000);
+    put_price_long(writer.bytes.get(), 31, 190'000'000);
     EXPECT_EQ(hex(content(writer).substr(29)), "4a 38 00 00 00 00 0b 53 2b 80 ");
 }
 
@@ -143,7 +143,7 @@ TEST(MessageWriter, ShortPrice_FractionsOfACentAreCutAndHighBitsLost) {
     for (const Row& row : rows) {
         MessageWriter writer;
         begin(writer, some_header(), 2);
-        put_price_short(writer, 29, row.price);
+        put_price_short(writer.bytes.get(), 29, row.price);
         expect_layout(
             writer, joined(header_layout("1QCNB", 0x0102030405060708, 0x1112131415161718, 0x2122232425262728),
                            {number(29, 2, row.cents)}));
@@ -153,21 +153,21 @@ TEST(MessageWriter, ShortPrice_FractionsOfACentAreCutAndHighBitsLost) {
 TEST(MessageWriter, LongPrice_NegativeIsTwosComplement) {
     MessageWriter writer;
     begin(writer, some_header(), 8);
-    put_price_long(writer, 29, -10'000);
+    put_price_long(writer.bytes.get(), 29, -10'000);
     EXPECT_EQ(hex(content(writer).substr(29)), "ff ff ff ff ff ff d8 f0 ");
 }
 
 TEST(MessageWriter, TwelveLetterSymbolInLongForm_FirstElevenLetters) {
     MessageWriter writer = used_writer();
     begin(writer, some_header(), 12);
-    put_alpha(writer, 29, "ABCDEFGHIJKL", 11);
+    put_alpha(writer.bytes.get(), 29, "ABCDEFGHIJKL", 11);
     EXPECT_EQ(content(writer).substr(29), std::string("ABCDEFGHIJK\0", 12));
 }
 
 TEST(MessageWriter, ThreeLetterSymbolInShortForm_LettersAndTwoBlanks) {
     MessageWriter writer = used_writer();
     begin(writer, some_header(), 6);
-    put_alpha(writer, 29, "IBM", 5);
+    put_alpha(writer.bytes.get(), 29, "IBM", 5);
     EXPECT_EQ(content(writer).substr(29), std::string("IBM  \0", 6));
 }
 
@@ -177,7 +177,7 @@ TEST(MessageWriter, Alpha_EveryLengthInEveryWidth) {
         for (std::size_t length = 0; length <= letters.size(); ++length) {
             MessageWriter writer = used_writer();
             begin(writer, some_header(), width + 1);
-            put_alpha(writer, 29, std::string_view(letters).substr(0, length), width);
+            put_alpha(writer.bytes.get(), 29, std::string_view(letters).substr(0, length), width);
             std::string expected = letters.substr(0, std::min(length, width));
             expected.resize(width, ' ');
             ASSERT_EQ(content(writer).substr(29), expected + '\0')
