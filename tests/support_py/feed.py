@@ -19,6 +19,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -317,6 +318,30 @@ class Feed:
             number = self.next_seq()
             return number if number > count else None
         return wait_until(enough, seconds, f"{count} messages")
+
+    def tap(self):
+        """A socket that has joined the feed's group. The caller closes it."""
+        tap = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        tap.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        tap.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        tap.bind((self.group, self.port))
+        tap.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                       socket.inet_aton(self.group) + socket.inet_aton(self.iface))
+        return tap
+
+    def fall_silent(self, seconds=START_SECONDS):
+        """Stops the ticks and waits for the heartbeat that tells every receiver the last number. Returns the next
+        number to be given. Control commands still make messages afterwards; ticks come back with "rate"."""
+        with self.tap() as tap:
+            self.control("rate 1000000")
+            end = time.monotonic() + seconds
+            while time.monotonic() < end:
+                tap.settimeout(max(0.01, end - time.monotonic()))
+                packet = tap.recv(2048)
+                number, count = struct.unpack("!QH", packet[10:20])
+                if count == 0 and number == self.next_seq():
+                    return number
+        raise TimeoutError("the feed sent no heartbeat")
 
     def truth_lines(self):
         """The truth log as it stands: complete lines as texts."""

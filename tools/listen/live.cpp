@@ -162,6 +162,7 @@ void run_one_pass(Live& live) {
 // The end has come, and no packet of the feed will say so: what is known to exist by now is still fetched.
 void fetch_missing(Live& live) {
     Sequencer& sequencer = live.receiver.sequencer;
+    run_one_pass(live);  // what came before the signal may still wait in the socket
     live.receiver.end_sequence = sequencer.highest;
     const std::int64_t begin_ms = steady_ms();
     const int signals = stop_signals;

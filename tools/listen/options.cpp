@@ -70,6 +70,7 @@ std::string check(Options& o) {
 
 int parse_options(Options& options, int argc, const char* const* argv) {
     CLI::App app("Receives the feed, puts it in order and writes what it carries.", "tessel-listen");
+    app.option_defaults()->take_last();  // a later occurrence wins, as with the feed itself
     declare(app, options);
     try {
         app.parse(argc, argv);
