@@ -245,7 +245,7 @@ TEST(Control, AsOfPrintsOneTradeOfYesterday) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     EXPECT_EQ(steered.reply("asof MSFT"), "ok asof MSFT\n");
-    EXPECT_EQ(steered.market.letters_of(before + 1, steered.market.last()), std::vector<std::string>{"TQDN"});
+    EXPECT_EQ(steered.market.letters_of(before + 1, steered.market.last()), std::vector<std::string>{"TQDQ"});
     EXPECT_EQ(steered.stats().asofs, 1u);
     EXPECT_EQ(steered.market.publisher.packet_count, 0u);
 }
