@@ -1,0 +1,100 @@
+"""The same seed gives the same feed, whatever compiled it.
+
+A small program (digest/digest_main.cpp) runs the market in memory under a simulated clock and writes every packet and
+the truth log to files. It is built with g++ and clang++, each at -O0 and at -O2, and the files must be the same.
+"""
+
+import concurrent.futures
+import hashlib
+import os
+import re
+import subprocess
+import tempfile
+from pathlib import Path
+
+import pytest
+
+SOURCE = Path(os.environ.get("TESSEL_SOURCE", Path(__file__).resolve().parents[2]))
+MAIN = SOURCE / "tests/checks/digest/digest_main.cpp"
+TICKS = 10_000
+BUILDS = [("g++", "-O0"), ("g++", "-O2"), ("clang++", "-O0"), ("clang++", "-O2")]
+
+# What the market needs; the sockets' rooms stay out.
+PARTS = ["market/*.cpp", "msg/*.cpp", "out/truth_log.cpp", "out/text_number.cpp", "app/clock.cpp", "app/number.cpp",
+         "app/scenario.cpp", "transport/mold_publisher.cpp", "transport/fault_injector.cpp",
+         "transport/retrans_store.cpp"]
+
+
+FLAGS = ["-std=c++20", "-ffp-contract=off", f"-I{SOURCE / 'src'}"]
+
+
+def compile_it(compiler, arguments):
+    """One call of a compiler; its complaint is the assertion's text."""
+    done = subprocess.run([compiler, *FLAGS, *map(str, arguments)], capture_output=True, text=True, check=False)
+    assert done.returncode == 0, f"{compiler} {arguments}\n{done.stderr}"
+
+
+def system_headers(files):
+    """The text of a header with every header of the system that the files include: precompiled, it halves the time."""
+    lines = {line for file in files for line in file.read_text().splitlines() if re.match(r"#include <", line)}
+    return "\n".join(sorted(lines)) + "\n"
+
+
+def build(compiler, level, sources, folder, pool):
+    """Compiles the sources for one build; returns the jobs that are not finished yet."""
+    common = folder / "common.h"
+    common.write_text(system_headers(sources + list((SOURCE / "src").glob("*/*.h"))))
+    precompiled = folder / ("common.h.pch" if compiler == "clang++" else "common.h.gch")
+    compile_it(compiler, [level, "-x", "c++-header", common, "-o", precompiled])
+    include = ["-include-pch", precompiled] if compiler == "clang++" else ["-include", common]
+    return [pool.submit(compile_it, compiler, [level, *include, "-c", source, "-o", folder / f"{source.stem}.o"])
+            for source in sources]
+
+
+@pytest.fixture(name="programs", scope="module")
+def build_programs():
+    """The digest program of each build, by (compiler, level)."""
+    sources = [MAIN] + sorted(path for part in PARTS for path in (SOURCE / "src").glob(part))
+    missing = [part for part in PARTS if not list((SOURCE / "src").glob(part))]
+    assert not missing
+    with tempfile.TemporaryDirectory(prefix="tessel-digest-") as folder:
+        programs, jobs = {}, []
+        with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
+            for compiler, level in BUILDS:
+                here = Path(folder) / f"{compiler}{level}"
+                here.mkdir()
+                programs[compiler, level] = here / "digest"
+                jobs += build(compiler, level, sources, here, pool)
+            for job in jobs:
+                job.result()
+        for (compiler, _level), program in programs.items():
+            objects = sorted(str(path) for path in program.parent.glob("*.o"))
+            assert len(objects) == len(sources)
+            subprocess.run([compiler, *objects, "-o", str(program)], check=True)
+        yield programs
+
+
+def run(program, seed, ticks=TICKS):
+    """Runs the program; returns the SHA-256 of its packets and of its truth log, and their sizes."""
+    with tempfile.TemporaryDirectory(prefix="tessel-digest-") as folder:
+        packets, truth = Path(folder) / "packets", Path(folder) / "truth"
+        subprocess.run([program, str(seed), str(ticks), packets, truth], check=True, stderr=subprocess.DEVNULL)
+        contents = packets.read_bytes(), truth.read_bytes()
+    return [hashlib.sha256(content).hexdigest() for content in contents] + [len(content) for content in contents]
+
+
+def test_both_compilers_at_both_levels_give_the_same_packets_and_truth(programs):
+    """All builds against one."""
+    results = {build: run(program, 7) for build, program in programs.items()}
+    first = results["g++", "-O2"]
+    assert first[2] > 100 * TICKS and first[3] > 100 * TICKS, "the run is too small to say anything"
+    assert all(result == first for result in results.values()), results
+
+
+def test_same_seed_twice_gives_the_same_bytes_and_another_seed_others(programs):
+    """Two runs of one program."""
+    program = programs["g++", "-O2"]
+    first = run(program, 11)
+    assert run(program, 11) == first
+    other = run(program, 12)
+    assert other[0] != first[0] and other[1] != first[1]
