@@ -237,7 +237,7 @@ TEST(ReplaceFile, ReaderSeesThePreviousOrTheNewTextAndNeverAPart) {
             ++reads;
         }
     });
-    for (int turn = 0; turn < 2000; ++turn) {
+    for (int turn = 0; turn < 400; ++turn) {
         replace_file(path, texts[turn % 2]);
     }
     done = true;
