@@ -1,12 +1,16 @@
 """Captures: writes pcap files by hand, takes them from the wire, and reads what tshark makes of them."""
 
+import json
 import os
+import signal
+import socket
 import struct
 import subprocess
+import time
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
-from feed import Process
+from feed import Process, free_port, program, wait_until
 
 SOURCE = Path(os.environ.get("TESSEL_SOURCE") or Path(__file__).resolve().parents[2])
 DISSECTOR = SOURCE / "tools" / "wireshark" / "tessel.lua"
@@ -103,6 +107,49 @@ def read_messages(path, *args):
     return messages
 
 
+# How the names of tessel-listen's objects continue in the dissector's field names.
+NESTED = {"nbbo": "nbbo_", "best_odd_lot": "best_odd_lot_", "odd_lots": "odd_lot_", "corrected": "corrected_",
+          "consolidated": "consolidated_", "participant": "participant_"}
+PRICES = {"bid", "ask", "price", "high", "low", "last", "level_1", "level_2", "level_3", "lower", "upper", "reference"}
+TRADE_KINDS = {"trade_short", "trade_long", "cancel_error", "correction", "as_of"}
+
+
+def _shown_time(nanoseconds):
+    """A time as Wireshark shows it in UTC."""
+    seconds, rest = divmod(nanoseconds, 1_000_000_000)
+    moment = time.gmtime(seconds)
+    return f"{time.strftime('%b', moment)} {moment.tm_mday:2d}, {time.strftime('%Y %H:%M:%S', moment)}.{rest:09d} UTC"
+
+
+def _shown_members(members, prefix, in_trade):
+    for name, value in members.items():
+        if isinstance(value, list):
+            for entry in value:
+                yield from _shown_members(entry, NESTED[name], in_trade)
+        elif isinstance(value, dict):
+            yield from _shown_members(value, NESTED[name], in_trade)
+        elif name.endswith("_time_ns"):
+            yield prefix + name[:-len("_ns")], _shown_time(value)
+        elif name in PRICES or (in_trade and name in ("size", "volume")):
+            yield prefix + name, f"{value / 1_000_000:.15g}"
+        else:
+            yield prefix + name, str(value)
+
+
+def shown_by_listener(line):
+    """One line of tessel-listen --decode as `read_messages` shows the same message."""
+    members = json.loads(line)
+    return list(_shown_members(members, "", members["kind"] in TRADE_KINDS))
+
+
+def listen_to_capture(path, *args):
+    """The lines that tessel-listen writes about a capture."""
+    done = subprocess.run([program("tessel-listen"), "--from-pcap", str(path), "--out", "-", *map(str, args)],
+                          capture_output=True, text=True, timeout=240, check=False)
+    assert done.returncode == 0, done.stderr
+    return done.stdout.splitlines()
+
+
 class Capture:
     """tshark writing what passes on the loopback interface to a file, from when `start` returns until `stop`.
 
@@ -116,17 +163,16 @@ class Capture:
         self.child = None
 
     def start(self):
-        import socket
-
-        from feed import free_port, wait_until
-
         probe = free_port()
         self.child = Process(["tshark", "-i", "lo", "-F", "pcap", "-B", "64", "-f",
                               f"({self.filter}) or udp port {probe}", "-w", self.path])
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
             def seen():
                 if not self.child.running():
-                    raise PermissionError("tshark may not capture here: " + " ".join(self.child.stderr))
+                    reason = " ".join(self.child.stderr)
+                    if "permission" in reason.lower():
+                        raise PermissionError(reason)
+                    raise AssertionError("tshark ended: " + reason)
                 sender.sendto(b"probe", ("127.0.0.1", probe))
                 return self.path.exists() and self.path.stat().st_size > 24
             wait_until(seen, self.seconds, "tshark to capture")
@@ -134,9 +180,6 @@ class Capture:
 
     def stop(self):
         """Ends the capture once the file has stopped growing, so that what was on the wire is in it."""
-        import signal
-        import time
-
         size, since = -1, time.monotonic()
         while time.monotonic() - since < 1:
             if self.path.stat().st_size != size:

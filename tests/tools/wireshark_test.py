@@ -5,8 +5,8 @@ import struct
 
 import pytest
 
-from capture import (TcpConversation, mold_packet, read_fields, read_messages, run_tshark, soup_packet, udp_frame,
-                     write_pcap)
+from capture import (TcpConversation, listen_to_capture, mold_packet, read_fields, read_messages, run_tshark,
+                     shown_by_listener, soup_packet, udp_frame, write_pcap)
 
 # Fields in wire order. A kind says how many bytes a value takes and what Wireshark shows for it.
 LETTER, COUNT1, COUNT2, COUNT4, NUMBER, PRICE2, PRICE8, SHARES, TIME = range(9)
@@ -205,6 +205,15 @@ def test_every_field_of_every_message_is_named_and_right(feed_capture):
         assert got == [("seq", str(100 + number))] + expected
 
 
+def test_listener_decodes_the_same_from_the_same_capture(feed_capture, tmp_path):
+    lines = listen_to_capture(feed_capture, "--decode")
+    assert [shown_by_listener(line) for line in lines] == read_messages(feed_capture)
+    path = write_pcap(tmp_path / "session.pcap", conversation(25179, (700,)))
+    lines = listen_to_capture(path, "--decode", "--snapshot", "127.0.0.1:25179")
+    got = [[row for row in shown_by_listener(line) if row[0] != "seq"] for line in lines]
+    assert got == [shown for _, shown in MESSAGES]
+
+
 @pytest.mark.parametrize("condition, count", [
     ('tessel.symbol == "AAPL"', None),
     ('tessel.symbol == "MSFT" && tessel.kind == "correction"', None),
@@ -277,7 +286,7 @@ def conversation(port, sizes, accepted_apart=False):
     return talk.frames
 
 
-@pytest.mark.parametrize("sizes", [(100_000,), (1448,), (1,), (7, 250, 3), (33,)])
+@pytest.mark.parametrize("sizes", [(100_000,), (1448,), (2, 1), (7, 250, 3), (33,)])
 def test_snapshot_session_is_put_together_from_any_segments(tmp_path, sizes):
     path = write_pcap(tmp_path / "session.pcap", conversation(25179, sizes))
     assert read_messages(path) == [expected for _, expected in MESSAGES]
