@@ -204,4 +204,45 @@ TradeView read_trade(const Bytes& message) {
     return view;
 }
 
+std::string brief(const Bytes& message) {
+    const std::string kind = letters(message).substr(0, 2);
+    const std::string centre(1, letter_at(message, 3));
+    if (kind == "AH") {
+        std::string reason = get_text(message, 53, 6);
+        reason.erase(reason.find_last_not_of(' ') + 1);
+        return "action " + get_text(message, 40, 1) + " " + reason + " " + std::to_string(get_u32(message, 41));
+    }
+    if (kind == "AP") {
+        return "band " + get_text(message, 40, 1);
+    }
+    if (kind == "AE") {
+        return "collar";
+    }
+    if (kind == "AD") {
+        return "breaker " + get_text(message, 29, 1);
+    }
+    if (kind == "CP") {
+        return "wipe-out " + centre;
+    }
+    if (kind == "QM") {
+        return "mpid quote";
+    }
+    if (kind[0] == 'Q') {
+        const QuoteView view = read_quote(message);
+        return "quote " + centre + " " + view.condition + (view.sip_flag == 'E' ? " E" : "");
+    }
+    if (kind == "TM" || kind == "TN") {
+        return "trade " + centre + " " + read_trade(message).conditions;
+    }
+    return letters(message);
+}
+
+std::vector<std::string> briefs(const TestMarket& market, std::uint64_t first, std::uint64_t last) {
+    std::vector<std::string> result;
+    for (std::uint64_t sequence = first; sequence <= last; ++sequence) {
+        result.push_back(brief(market.message(sequence)));
+    }
+    return result;
+}
+
 }  // namespace tessel::testing

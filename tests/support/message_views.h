@@ -110,4 +110,10 @@ struct TradeView {
 // Throws when the message is none of these or has another length.
 TradeView read_trade(const Bytes& message);
 
+// A message in a few words, which is how a test writes down the order of an event: "action H T1 1" (reason and
+// action number), "band D", "collar", "quote Q L" (centre and condition, " E" behind it when the SIP made it),
+// "mpid quote", "trade Q @5  ", "breaker 2", "wipe-out Q"; any other message is its letters.
+std::string brief(const Bytes& message);
+std::vector<std::string> briefs(const TestMarket& market, std::uint64_t first, std::uint64_t last);
+
 }  // namespace tessel::testing
