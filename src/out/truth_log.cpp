@@ -21,7 +21,9 @@ constexpr std::size_t cancel_line_bytes = 200;
 constexpr std::size_t correction_line_bytes = 220;
 
 char* put_text(char* out, std::string_view text) {
-    std::memcpy(out, text.data(), text.size());
+    if (!text.empty()) {  // an empty one may have no address
+        std::memcpy(out, text.data(), text.size());
+    }
     return out + text.size();
 }
 

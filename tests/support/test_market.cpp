@@ -14,6 +14,9 @@
 #include <sstream>
 #include <stdexcept>
 
+// The sanitizers' own way to send their reports elsewhere; absent from a build without them.
+extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void* descriptor);
+
 namespace tessel::testing {
 
 namespace {
@@ -158,11 +161,18 @@ StderrCapture::StderrCapture() {
     saved_ = dup(STDERR_FILENO);
     file_ = memfd_create("stderr", MFD_CLOEXEC);
     dup2(file_, STDERR_FILENO);
+    // A report that ends the process must not end in the capture.
+    if (__sanitizer_set_report_fd != nullptr) {
+        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(saved_)));
+    }
 }
 
 StderrCapture::~StderrCapture() {
     std::fflush(stderr);
     dup2(saved_, STDERR_FILENO);
+    if (__sanitizer_set_report_fd != nullptr) {
+        __sanitizer_set_report_fd(reinterpret_cast<void*>(std::intptr_t{STDERR_FILENO}));
+    }
     close(saved_);
     close(file_);
 }
