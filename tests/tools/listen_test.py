@@ -280,3 +280,17 @@ def test_capture_file_gives_the_same_lines_as_the_network(tmp_path):
     assert result.returncode == 0
     sequences = [json.loads(line)["seq"] for line in result.stdout.splitlines()]
     assert sequences == list(range(1, len(sequences) + 1)) and len(sequences) >= 700
+
+
+def test_packets_that_the_kernel_drops_are_reported_with_the_remedy_and_recovered(tmp_path):
+    feed = Feed(tmp_path, interval_ms=2)
+    out = tmp_path / "out.jsonl"
+    with listen(feed, "--rcvbuf", "4096", *feed.retrans_args(), "--out", out) as receiver, feed:
+        receiver.process.send_signal(signal.SIGSTOP)
+        feed.wait_for_messages(3000)   # far more than the socket buffer holds
+        receiver.process.send_signal(signal.SIGCONT)
+        line = receiver.wait_for_line("the kernel dropped")
+        assert stop_all(feed, receiver) == [0], receiver.stderr
+        truth = lines_of_messages(feed)
+    assert "net.core.rmem_max" in line and "sysctl -w" in line
+    assert out.read_text().splitlines() == truth

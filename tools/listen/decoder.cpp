@@ -1,6 +1,9 @@
 #include "listen/decoder.h"
 
+#include <endian.h>
 #include <fmt/format.h>
+
+#include <cstring>
 
 namespace tessel::listen {
 
@@ -37,15 +40,21 @@ constexpr std::int64_t millionths_per_cent = 10'000;
 
 // Big-endian reads. The callers have checked that the bytes are there.
 std::uint16_t u16_at(const unsigned char* p, std::size_t offset) {
-    return static_cast<std::uint16_t>((p[offset] << 8) | p[offset + 1]);
+    std::uint16_t value;
+    std::memcpy(&value, p + offset, sizeof value);
+    return be16toh(value);
 }
 
 std::uint32_t u32_at(const unsigned char* p, std::size_t offset) {
-    return (static_cast<std::uint32_t>(u16_at(p, offset)) << 16) | u16_at(p, offset + 2);
+    std::uint32_t value;
+    std::memcpy(&value, p + offset, sizeof value);
+    return be32toh(value);
 }
 
 std::uint64_t u64_at(const unsigned char* p, std::size_t offset) {
-    return (static_cast<std::uint64_t>(u32_at(p, offset)) << 32) | u32_at(p, offset + 4);
+    std::uint64_t value;
+    std::memcpy(&value, p + offset, sizeof value);
+    return be64toh(value);
 }
 
 char char_at(const unsigned char* p, std::size_t offset) {

@@ -73,7 +73,11 @@ Instrument& add_instrument(Market& market, std::string_view symbol) {
 
 Instrument* known_instrument(Market& market, std::string_view symbol) {
     const std::uint32_t* slot = find_slot(market, symbol);
-    return slot == nullptr || *slot == 0 ? nullptr : &market.instruments[*slot - 1];
+    if (slot == nullptr || *slot == 0) {
+        return nullptr;
+    }
+    market.latest = *slot - 1;
+    return &market.instruments[market.latest];
 }
 
 Instrument& instrument_of(Market& market, std::string_view symbol) {
@@ -304,6 +308,9 @@ void apply_message(Market& market, const unsigned char* bytes, std::size_t lengt
 }
 
 const Instrument* find_instrument(const Market& market, std::string_view symbol) {
+    if (market.latest < market.instruments.size() && market.instruments[market.latest].symbol == symbol) {
+        return &market.instruments[market.latest];
+    }
     const std::uint32_t* slot = find_slot(market, symbol);
     return slot == nullptr || *slot == 0 ? nullptr : &market.instruments[*slot - 1];
 }

@@ -32,11 +32,11 @@ struct CentreQuote {
     // Whether a side has a price. A quote that was wiped out cannot be told on the wire from one that was
     // emptied by a halt, so both count as not present.
     bool present = false;
+    char condition = ' ';
     std::int64_t bid = 0;
     std::int64_t ask = 0;
     std::uint32_t bid_size = 0;
     std::uint32_t ask_size = 0;
-    char condition = ' ';
     std::string bid_mpid;
     std::string ask_mpid;
     std::vector<OddLot> odd_lots;
@@ -141,6 +141,8 @@ struct Market {
 
     // Open addressing: position + 1 in `instruments`, 0 for a free slot; its size is a power of two.
     std::vector<std::uint32_t> slots;
+    // The instrument of the message applied last: the next question is mostly about it.
+    std::size_t latest = 0;
 };
 
 // Decodes a message and brings the market up to date with it. `sequence` is its number on the multicast

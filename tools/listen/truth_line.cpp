@@ -34,6 +34,12 @@ struct LineWriter {
         end = std::to_chars(end, bytes + sizeof bytes, value).ptr;
     }
 
+    void two_digits(unsigned value) {
+        end[0] = static_cast<char>('0' + value / 10);
+        end[1] = static_cast<char>('0' + value % 10);
+        end += 2;
+    }
+
     // Dollars with four decimals. Finer prices are not made by the feed and take the slow way.
     void price(std::int64_t millionths) {
         if (millionths % 100 != 0) {
@@ -48,10 +54,8 @@ struct LineWriter {
         number(magnitude / 1'000'000);
         const auto decimals = static_cast<unsigned>(magnitude % 1'000'000 / 100);
         letter('.');
-        letter(static_cast<char>('0' + decimals / 1000));
-        letter(static_cast<char>('0' + decimals / 100 % 10));
-        letter(static_cast<char>('0' + decimals / 10 % 10));
-        letter(static_cast<char>('0' + decimals % 10));
+        two_digits(decimals / 100);
+        two_digits(decimals % 100);
     }
 };
 
