@@ -72,7 +72,7 @@ UNPAIRED_TESTS = {}
 BUILT = re.compile(r"src/\w+/\w+\.cpp|tools/(listen|judge)/\w+\.cpp|tests/unit/\w+/\w+\.cpp"
                    r"|tests/runs/\w+_test\.cpp|tests/tools/\w+/\w+_test\.cpp"
                    r"|tests/support/(\w+/)?\w+\.cpp|tests/simulator/\w+\.cpp"
-                   r"|tests/fuzz/(\w+_fuzz|corpus_main)\.cpp|bench/\w+_bench\.cpp"
+                   r"|tests/fuzz/(\w+_fuzz|corpus_main)\.cpp|tests/checks/\w+/\w+\.cpp|bench/\w+_bench\.cpp"
                    r"|bench/(throughput|profile)/\w+\.cpp")
 
 # Functions above the limit that are known; a new one is a finding.
