@@ -33,8 +33,6 @@ constexpr std::array<unsigned char, 256> make_membership() {
 
 constexpr std::array<unsigned char, 256> membership = make_membership();
 
-constexpr char adf = 'D';
-
 } // namespace
 
 Eligibility eligibility(const char* conditions) {
