@@ -19,15 +19,17 @@ char letter_at(const Bytes& message, std::size_t offset) {
 
 std::size_t read_nbbo(const Bytes& message, std::size_t at, QuoteView& view) {
     if (view.nbbo_ind == '2') {
-        view.nbbo = {letter_at(message, at),          letter_at(message, at + 1), letter_at(message, at + 6),
-                     price_at(message, at + 2, false), price_at(message, at + 7, false),
-                     get_u16(message, at + 4),        get_u16(message, at + 9)};
+        view.nbbo = {letter_at(message, at),           letter_at(message, at + 1),
+                     letter_at(message, at + 6),       price_at(message, at + 2, false),
+                     price_at(message, at + 7, false), get_u16(message, at + 4),
+                     get_u16(message, at + 9)};
         return at + 11;
     }
     if (view.nbbo_ind == '3') {
-        view.nbbo = {letter_at(message, at),         letter_at(message, at + 1), letter_at(message, at + 14),
-                     price_at(message, at + 2, true), price_at(message, at + 15, true),
-                     get_u32(message, at + 10),      get_u32(message, at + 23)};
+        view.nbbo = {letter_at(message, at),           letter_at(message, at + 1),
+                     letter_at(message, at + 14),      price_at(message, at + 2, true),
+                     price_at(message, at + 15, true), get_u32(message, at + 10),
+                     get_u32(message, at + 23)};
         return at + 27;
     }
     return at;
@@ -35,14 +37,22 @@ std::size_t read_nbbo(const Bytes& message, std::size_t at, QuoteView& view) {
 
 std::size_t read_best(const Bytes& message, std::size_t at, QuoteView& view) {
     if (view.best_ind == '2') {
-        view.best = {letter_at(message, at),          letter_at(message, at + 5), price_at(message, at + 1, false),
-                     price_at(message, at + 6, false), get_u16(message, at + 3),   get_u16(message, at + 8),
+        view.best = {letter_at(message, at),
+                     letter_at(message, at + 5),
+                     price_at(message, at + 1, false),
+                     price_at(message, at + 6, false),
+                     get_u16(message, at + 3),
+                     get_u16(message, at + 8),
                      {}};
         return at + 10;
     }
     if (view.best_ind == '3' || view.best_ind == '5') {
-        view.best = {letter_at(message, at),          letter_at(message, at + 11), price_at(message, at + 1, true),
-                     price_at(message, at + 12, true), get_u16(message, at + 9),    get_u16(message, at + 20),
+        view.best = {letter_at(message, at),
+                     letter_at(message, at + 11),
+                     price_at(message, at + 1, true),
+                     price_at(message, at + 12, true),
+                     get_u16(message, at + 9),
+                     get_u16(message, at + 20),
                      {}};
         if (view.best_ind == '3') {
             return at + 22;
@@ -59,8 +69,11 @@ std::size_t read_list(const Bytes& message, std::size_t at, QuoteView& view) {
     }
     for (unsigned entry = 0; entry < view.entries; ++entry) {
         const bool long_form = view.list_ind != '2';
-        OddLotPart order{letter_at(message, at), letter_at(message, at + 1), price_at(message, at + 2, long_form),
-                         get_u16(message, at + (long_form ? 10 : 4)), {}};
+        OddLotPart order{letter_at(message, at),
+                         letter_at(message, at + 1),
+                         price_at(message, at + 2, long_form),
+                         get_u16(message, at + (long_form ? 10 : 4)),
+                         {}};
         at += long_form ? 12 : 6;
         if (view.list_ind == '5') {
             order.mpid = get_text(message, at, 4);
@@ -105,8 +118,8 @@ void read_revision(const Bytes& message, TradeView& view, std::size_t trade, std
 
 void expect_length(const Bytes& message, std::size_t length) {
     if (message.size() != length) {
-        throw std::runtime_error(letters(message) + " has " + std::to_string(message.size()) + " bytes, not " +
-                                 std::to_string(length));
+        throw std::runtime_error(letters(message) + " has " + std::to_string(message.size()) +
+                                 " bytes, not " + std::to_string(length));
     }
 }
 
@@ -210,7 +223,8 @@ std::string brief(const Bytes& message) {
     if (kind == "AH") {
         std::string reason = get_text(message, 53, 6);
         reason.erase(reason.find_last_not_of(' ') + 1);
-        return "action " + get_text(message, 40, 1) + " " + reason + " " + std::to_string(get_u32(message, 41));
+        return "action " + get_text(message, 40, 1) + " " + reason + " " +
+               std::to_string(get_u32(message, 41));
     }
     if (kind == "AP") {
         return "band " + get_text(message, 40, 1);

@@ -8,8 +8,8 @@
 
 namespace tessel::testing {
 
-// Messages taken apart by offsets that stand here a second time, so that an encoder's mistake shows. Prices are
-// millionths of a dollar in every form; a part that the message does not carry keeps its default.
+// Messages taken apart by offsets that stand here a second time, so that an encoder's mistake shows. Prices
+// are millionths of a dollar in every form; a part that the message does not carry keeps its default.
 
 struct NbboPart {
     char condition = '-';
@@ -85,7 +85,7 @@ struct StatisticsView {
 
 // A trade report, cancel/error, correction or as-of trade.
 struct TradeView {
-    char type = '-';  // M, N, O, P or Q
+    char type = '-';     // M, N, O, P or Q
     std::string centre;  // originator and sub-market centre
     std::uint64_t sip_time = 0;
     std::uint64_t participant_time = 0;
@@ -96,8 +96,8 @@ struct TradeView {
     std::uint64_t size = 0;  // millionths of a share
     std::string conditions;
     char exempt = '-';
-    std::string changes;  // price change indicators
-    char function = '-';  // of a cancel/error
+    std::string changes;       // price change indicators
+    char function = '-';       // of a cancel/error
     std::uint64_t new_id = 0;  // from here: of a correction
     std::int64_t new_price = 0;
     std::uint64_t new_size = 0;
@@ -110,9 +110,9 @@ struct TradeView {
 // Throws when the message is none of these or has another length.
 TradeView read_trade(const Bytes& message);
 
-// A message in a few words, which is how a test writes down the order of an event: "action H T1 1" (reason and
-// action number), "band D", "collar", "quote Q L" (centre and condition, " E" behind it when the SIP made it),
-// "mpid quote", "trade Q @5  ", "breaker 2", "wipe-out Q"; any other message is its letters.
+// A message in a few words, which is how a test writes down the order of an event: "action H T1 1" (reason
+// and action number), "band D", "collar", "quote Q L" (centre and condition, " E" behind it when the SIP made
+// it), "mpid quote", "trade Q @5  ", "breaker 2", "wipe-out Q"; any other message is its letters.
 std::string brief(const Bytes& message);
 std::vector<std::string> briefs(const TestMarket& market, std::uint64_t first, std::uint64_t last);
 

@@ -38,16 +38,17 @@ TEST(Breaker, Messages_AreTheStatusThenAHaltAnInstrumentInListOrder) {
     errors.take();
     breach_mwcb(market.engine, 1);
     EXPECT_EQ(briefs(market, mark + 1, market.last()),
-              (List{"breaker 1", "action H MWC1 1", "quote Q L", "quote N L", "band D", "action H MWC1 1", "quote Q L",
-                    "quote N L", "band D"}));
+              (List{"breaker 1", "action H MWC1 1", "quote Q L", "quote N L", "band D", "action H MWC1 1",
+                    "quote Q L", "quote N L", "band D"}));
     const testing::Bytes message = market.message(mark + 1);
     EXPECT_EQ(message.size(), 30u);
     EXPECT_EQ(get_text(message, 0, 5), "1ADE ");
     EXPECT_EQ(get_text(market.message(mark + 2), 29, 2), "B ");
     EXPECT_EQ(get_text(market.message(mark + 6), 29, 2), "A ");
     EXPECT_EQ(errors.take(), "bench: MWCB level 1 breached at seq " + std::to_string(mark + 1) + "\n" +
-                                 "bench: B halted (MWC1) at seq " + std::to_string(mark + 5) + ", resuming in 5 s\n" +
-                                 "bench: A halted (MWC1) at seq " + std::to_string(mark + 9) + ", resuming in 5 s\n");
+                                 "bench: B halted (MWC1) at seq " + std::to_string(mark + 5) +
+                                 ", resuming in 5 s\n" + "bench: A halted (MWC1) at seq " +
+                                 std::to_string(mark + 9) + ", resuming in 5 s\n");
     // Two readings of its own, then one for each halt.
     EXPECT_EQ(get_u64(message, 5) + get_u64(message, 13), 2 * now + 1);
     EXPECT_EQ(get_u64(market.message(mark + 2), 13), now + 2);
@@ -65,8 +66,12 @@ TEST(Breaker, EveryLevel_HasItsDigitReasonLengthAndTruthLine) {
         const char* reason;
         std::uint64_t resume_ms;
     };
-    for (const Row& row : {Row{0, "0", "MWC3", 1'005'000}, {1, "1", "MWC1", 1'005'000}, {2, "2", "MWC2", 1'005'000},
-                           {3, "3", "MWC3", 0}, {4, "3", "MWC3", 0}, {4'294'967'295u, "3", "MWC3", 0}}) {
+    for (const Row& row : {Row{0, "0", "MWC3", 1'005'000},
+                           {1, "1", "MWC1", 1'005'000},
+                           {2, "2", "MWC2", 1'005'000},
+                           {3, "3", "MWC3", 0},
+                           {4, "3", "MWC3", 0},
+                           {4'294'967'295u, "3", "MWC3", 0}}) {
         StderrCapture errors;
         TestMarket market({.symbols = "A:100"});
         breach_mwcb(market.engine, row.level);
@@ -74,7 +79,9 @@ TEST(Breaker, EveryLevel_HasItsDigitReasonLengthAndTruthLine) {
         EXPECT_EQ(market.at(0).halt_reason, row.reason) << row.level;
         EXPECT_EQ(market.at(0).quote_resume_ms, row.resume_ms) << row.level;
         EXPECT_EQ(market.truth_lines().front(), "{\"seq\":1,\"mwcb\":" + std::to_string(row.level) + "}");
-        EXPECT_EQ(errors.take().find("bench: MWCB level " + std::to_string(row.level) + " breached at seq 1\n"), 0u);
+        EXPECT_EQ(
+            errors.take().find("bench: MWCB level " + std::to_string(row.level) + " breached at seq 1\n"),
+            0u);
     }
 }
 
@@ -128,7 +135,8 @@ TEST(Breaker, WhileSomeAreHaltedOneIsPausedAndOneQuotesOnly_HaltsTheOthers) {
     const std::uint64_t mark = market.last();
     breach_mwcb(market.engine, 2);
     EXPECT_EQ(briefs(market, mark + 1, market.last()),
-              (List{"breaker 2", "action H MWC2 3", "quote Q L", "band D", "action H MWC2 1", "quote Q L", "band D"}));
+              (List{"breaker 2", "action H MWC2 3", "quote Q L", "band D", "action H MWC2 1", "quote Q L",
+                    "band D"}));
     EXPECT_EQ(statuses(market), "HPHHH");
     EXPECT_EQ(market.at(0).halt_reason, "T1");
     EXPECT_EQ(market.at(1).halt_reason, "LUDP");

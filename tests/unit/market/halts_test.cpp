@@ -22,7 +22,8 @@ using testing::TestMarket;
 
 using List = std::vector<std::string>;
 
-// Quotes of these draws are drawn one after the other: the conditions are whatever they are, so only the centres count.
+// Quotes of these draws are drawn one after the other: the conditions are whatever they are, so only the
+// centres count.
 List without_conditions(List list) {
     for (std::string& text : list) {
         if (text.starts_with("quote ") && !text.ends_with(" L")) {
@@ -37,7 +38,8 @@ struct Session {
     TestMarket market;
     std::uint64_t mark = 0;
 
-    explicit Session(const MarketOptions& options = {.symbols = "IBM:100", .participants = "QZN"}) : market(options) {
+    explicit Session(const MarketOptions& options = {.symbols = "IBM:100", .participants = "QZN"})
+        : market(options) {
         market.start_of_day();
         mark = market.last();
         market.packets.clear();
@@ -100,9 +102,10 @@ TEST(Halt, OneReading_ServesActionQuotesAndBand) {
     halt(session.market.engine, session.instrument(), "T1", 0);
     for (std::uint64_t sequence = session.mark + 1; sequence <= session.market.last(); ++sequence) {
         EXPECT_EQ(get_u64(session.market.message(sequence), 13), now) << sequence;
-        EXPECT_EQ(get_u64(session.market.message(sequence), 5), now + sequence - session.mark) << "own SIP time";
+        EXPECT_EQ(get_u64(session.market.message(sequence), 5), now + sequence - session.mark)
+            << "own SIP time";
     }
-    EXPECT_EQ(get_u64(session.market.message(session.mark + 1), 45), now);   // action time
+    EXPECT_EQ(get_u64(session.market.message(session.mark + 1), 45), now);       // action time
     EXPECT_EQ(get_u64(session.market.message(session.market.last()), 41), now);  // effective time
 }
 
@@ -111,22 +114,26 @@ TEST(Halt, TruthLines_ShowTheEmptiedSidesTheStatusAndNoBandAtTheEnd) {
     halt(session.market.engine, session.instrument(), "T1", 0);
     const List lines = session.market.truth_lines();
     const auto seq = std::to_string(session.market.last());
-    EXPECT_EQ(lines.back(), "{\"seq\":" + seq + ",\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
-                            "\"nbbo\":[0.0000,0,0.0000,0],\"status\":\"H\",\"ap\":\"D\"}");
-    EXPECT_NE(lines.at(lines.size() - 2).find("\"bid\":[],\"ask\":[],\"nbbo\":[0.0000,0,0.0000,0],"
-                                              "\"band\":[95.0000,105.0000],\"status\":\"H\"}"),
+    EXPECT_EQ(lines.back(), "{\"seq\":" + seq +
+                                ",\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
+                                "\"nbbo\":[0.0000,0,0.0000,0],\"status\":\"H\",\"ap\":\"D\"}");
+    EXPECT_NE(lines.at(lines.size() - 2)
+                  .find("\"bid\":[],\"ask\":[],\"nbbo\":[0.0000,0,0.0000,0],"
+                        "\"band\":[95.0000,105.0000],\"status\":\"H\"}"),
               std::string::npos);
-    EXPECT_NE(lines.at(lines.size() - 3).find("\"status\":\"H\",\"ah\":\"H\",\"reason\":\"T1\"}"), std::string::npos);
+    EXPECT_NE(lines.at(lines.size() - 3).find("\"status\":\"H\",\"ah\":\"H\",\"reason\":\"T1\"}"),
+              std::string::npos);
 }
 
 TEST(Halt, StandardError_NamesSymbolReasonNumberAndLength) {
     Session session;
     session.errors.take();
     halt(session.market.engine, session.instrument(), "T1", 0);
-    EXPECT_EQ(session.errors.take(), "bench: IBM halted (T1) at seq " + std::to_string(session.market.last()) + "\n");
-    halt(session.market.engine, session.instrument(), "MWC1", 5);
     EXPECT_EQ(session.errors.take(),
-              "bench: IBM halted (MWC1) at seq " + std::to_string(session.market.last()) + ", resuming in 5 s\n");
+              "bench: IBM halted (T1) at seq " + std::to_string(session.market.last()) + "\n");
+    halt(session.market.engine, session.instrument(), "MWC1", 5);
+    EXPECT_EQ(session.errors.take(), "bench: IBM halted (MWC1) at seq " +
+                                         std::to_string(session.market.last()) + ", resuming in 5 s\n");
 }
 
 TEST(Halt, Twice_SendsAndCountsTwice_AndTheSecondOneDecidesTheTimer) {
@@ -134,8 +141,8 @@ TEST(Halt, Twice_SendsAndCountsTwice_AndTheSecondOneDecidesTheTimer) {
     halt(session.market.engine, session.instrument(), "T1", 7);
     EXPECT_EQ(session.instrument().quote_resume_ms, 1'007'000u);
     halt(session.market.engine, session.instrument(), "T1", 0);
-    EXPECT_EQ(session.sent(), (List{"action H T1 1", "quote Q L", "quote Z L", "quote N L", "band D", "action H T1 2",
-                                    "quote Q L", "quote Z L", "quote N L", "band D"}));
+    EXPECT_EQ(session.sent(), (List{"action H T1 1", "quote Q L", "quote Z L", "quote N L", "band D",
+                                    "action H T1 2", "quote Q L", "quote Z L", "quote N L", "band D"}));
     EXPECT_EQ(session.market.scenario.stats.halts, 2u);
     EXPECT_EQ(session.instrument().quote_resume_ms, 0u);
 }
@@ -198,8 +205,16 @@ TEST(Resume, ReasonOfTheHalt_DecidesTheReasonOfTheResumption) {
         const char* halted;
         const char* resumed;
     };
-    for (const Row& row : {Row{"T1", "T3"}, {"LUDP", "LUDP"}, {"LUDPX", "T3"}, {"MWC1", "MWCQ"}, {"MWC3", "MWCQ"},
-                           {"MWC", "MWCQ"}, {"MW", "T3"}, {"", "T3"}, {"T3", "T3"}, {"MWCQ", "MWCQ"}}) {
+    for (const Row& row : {Row{"T1", "T3"},
+                           {"LUDP", "LUDP"},
+                           {"LUDPX", "T3"},
+                           {"MWC1", "MWCQ"},
+                           {"MWC3", "MWCQ"},
+                           {"MWC", "MWCQ"},
+                           {"MW", "T3"},
+                           {"", "T3"},
+                           {"T3", "T3"},
+                           {"MWCQ", "MWCQ"}}) {
         Session session;
         halt(session.market.engine, session.instrument(), row.halted, 0);
         resume_quotation(session.market.engine, session.instrument(), 5);
@@ -215,8 +230,8 @@ TEST(Resume, Pause_RepeatsItsReasonInBothActions) {
     session.sent();
     resume_quotation(session.market.engine, session.instrument(), 5);
     resume_trading(session.market.engine, session.instrument(), 5);
-    EXPECT_EQ(session.sent(), (List{"action Q LUDP 2", "quote Q", "quote Z", "quote N", "band E", "action T LUDP 3",
-                                    "trade Q @5  "}));
+    EXPECT_EQ(session.sent(), (List{"action Q LUDP 2", "quote Q", "quote Z", "quote N", "band E",
+                                    "action T LUDP 3", "trade Q @5  "}));
 }
 
 TEST(Resume, BandNotDeactivated_IsNotPublishedAgain) {
@@ -241,7 +256,8 @@ TEST(Resume, PriceMovedSinceTheHalt_BandEIsComputedAnew) {
 
 // ------------------------------------------------------------------ timers
 
-// The statuses of the first instrument over time, a change each: "12000 Q". Milliseconds count from the first call.
+// The statuses of the first instrument over time, a change each: "12000 Q". Milliseconds count from the first
+// call.
 List status_changes(TestMarket& market, std::size_t ticks) {
     const std::uint64_t start = market.clock.simulated_steady_ms;
     List changes;
@@ -257,8 +273,11 @@ List status_changes(TestMarket& market, std::size_t ticks) {
 }
 
 TEST(HaltTimers, SixtySeconds_QuotesAfterItsLengthAndTradesTwoSecondsLater) {
-    for (const auto& [seconds, expected] : {std::pair<unsigned, List>{0, {}}, {8, {"8000 Q", "10000 T"}},
-                                            {1, {"1000 Q", "3000 T"}}, {58, {"58000 Q", "60000 T"}}, {60, {"60000 Q"}},
+    for (const auto& [seconds, expected] : {std::pair<unsigned, List>{0, {}},
+                                            {8, {"8000 Q", "10000 T"}},
+                                            {1, {"1000 Q", "3000 T"}},
+                                            {58, {"58000 Q", "60000 T"}},
+                                            {60, {"60000 Q"}},
                                             {61, {}}}) {
         Session session;
         halt(session.market.engine, session.instrument(), "T1", seconds);
@@ -299,8 +318,12 @@ TEST(HaltTimers, EveryStatus_ResumedByHandGoesItsWay) {
         char status;
         std::string first_resumption;
     };
-    for (const Row& row : {Row{"h", 'H', "action Q T3 2"}, {"p", 'P', "action Q LUDP 2"}, {"ph", 'H', "action Q T3 3"},
-                           {"hp", 'P', "action Q LUDP 3"}, {"hqh", 'H', "action Q T3 4"}, {"hqp", 'P', "action Q LUDP 4"}}) {
+    for (const Row& row : {Row{"h", 'H', "action Q T3 2"},
+                           {"p", 'P', "action Q LUDP 2"},
+                           {"ph", 'H', "action Q T3 3"},
+                           {"hp", 'P', "action Q LUDP 3"},
+                           {"hqh", 'H', "action Q T3 4"},
+                           {"hqp", 'P', "action Q LUDP 4"}}) {
         Session session;
         for (const char event : row.events) {
             if (event == 'h') {
@@ -336,7 +359,8 @@ TEST(HaltTimers, StoppedInstrument_OnlyNonFirmQuotesAndNoTrades) {
         EXPECT_EQ(session.instrument().nbbo_bid, 0);
         int quotes = 0;
         for (std::uint64_t sequence = session.mark + 1; sequence <= session.market.last(); ++sequence) {
-            const testing::QuoteView view = read_quote(session.market.message(sequence));  // nothing but quotes
+            const testing::QuoteView view =
+                read_quote(session.market.message(sequence));  // nothing but quotes
             ASSERT_EQ(view.condition, 'N');
             ASSERT_NE(view.mc, 'D');
             ++quotes;

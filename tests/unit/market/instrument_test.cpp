@@ -1,8 +1,8 @@
 #include "market/instrument.h"
 
+#include <gtest/gtest.h>
 #include <array>
 #include <cmath>
-#include <gtest/gtest.h>
 #include <limits>
 #include <random>
 #include <string>
@@ -23,9 +23,30 @@ std::int64_t rounded_cents(double price) {
 TEST(PriceToCents, HalvesLimitsAndNoNumbers_AreRoundedAwayFromZeroAndHeld) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
     const double tiny = std::numeric_limits<double>::denorm_min();
-    for (const double price : {0.0, -0.0, tiny, 0.004, 0.005, 0.0049999999999999999, 0.015, 0.025, 0.125, 0.375, 1.005,
-                               2.675, 190.0, 189.995, 655.35, 655.355, 1e9 + 0.125, 9999999999.99, 1e10, 1.0000001e10,
-                               1e15, 1e300, std::numeric_limits<double>::max(), infinity,
+    for (const double price : {0.0,
+                               -0.0,
+                               tiny,
+                               0.004,
+                               0.005,
+                               0.0049999999999999999,
+                               0.015,
+                               0.025,
+                               0.125,
+                               0.375,
+                               1.005,
+                               2.675,
+                               190.0,
+                               189.995,
+                               655.35,
+                               655.355,
+                               1e9 + 0.125,
+                               9999999999.99,
+                               1e10,
+                               1.0000001e10,
+                               1e15,
+                               1e300,
+                               std::numeric_limits<double>::max(),
+                               infinity,
                                std::numeric_limits<double>::quiet_NaN()}) {
         for (const double near : {price, std::nextafter(price, infinity), std::nextafter(price, -infinity)}) {
             EXPECT_EQ(price_to_cents(near), rounded_cents(near)) << near;
@@ -47,7 +68,8 @@ TEST(PriceToCents, RandomPricesOfEveryScale_EqualTheLibrarysRounding) {
         const double price = std::ldexp(mantissa, static_cast<int>(raw() % 44) - 8);
         ASSERT_EQ(price_to_cents(price), rounded_cents(price)) << price;
     }
-    for (std::int64_t half = -200'001; half < 200'000; half += 2) {  // x.xx5 as a double: on both sides of the half
+    for (std::int64_t half = -200'001; half < 200'000;
+         half += 2) {  // x.xx5 as a double: on both sides of the half
         const double price = static_cast<double>(half) / 200.0;
         ASSERT_EQ(price_to_cents(price), rounded_cents(price)) << price;
     }
@@ -88,9 +110,9 @@ TEST(BuildInstruments, Texts_GiveSymbolsPricesAndSecids) {
 }
 
 TEST(BuildInstruments, PriceThatIsNoNumber_FailsWithTheConversionsText) {
-    for (const auto& [text, message] : {std::pair("A:", "stod: not a number: ''"),
-                                        std::pair("B:1,A:abc", "stod: not a number: 'abc'"),
-                                        std::pair("A:1e999", "stod: out of range: '1e999'")}) {
+    for (const auto& [text, message] :
+         {std::pair("A:", "stod: not a number: ''"), std::pair("B:1,A:abc", "stod: not a number: 'abc'"),
+          std::pair("A:1e999", "stod: out of range: '1e999'")}) {
         InstrumentList list;
         std::string error;
         EXPECT_FALSE(build_instruments(text, list, error)) << text;
@@ -148,7 +170,8 @@ TEST(ActiveBand, NeedsBothPricesAboveZeroAndACheckedLetter) {
     Instrument instrument;
     for (int letter = 0; letter < 256; ++letter) {
         instrument.band_indicator = static_cast<char>(letter);
-        const bool checked = letter != 0 && std::string("ABCEG").find(static_cast<char>(letter)) != std::string::npos;
+        const bool checked =
+            letter != 0 && std::string("ABCEG").find(static_cast<char>(letter)) != std::string::npos;
         instrument.luld_lower = 1;
         instrument.luld_upper = 1;
         EXPECT_EQ(has_active_band(instrument), checked) << letter;
@@ -189,13 +212,14 @@ TEST(CrossPrice, MidpointCutToCents_OrReferenceRounded) {
         double price;
         std::int64_t expected;
     };
-    for (const Row& row : std::vector<Row>{{190'010'000, 190'030'000, 1.0, 190'020'000},
-                                           {190'010'000, 190'040'000, 1.0, 190'020'000},  // .025 is cut to .02
-                                           {190'010'000, 0, 189.995, 190'000'000},
-                                           {0, 190'010'000, 189.994, 189'990'000},
-                                           {0, 0, -0.015, -20'000},
-                                           {-30'000, 20'000, 1.0, 0},  // toward zero
-                                           {-40'000, -10'000, 1.0, -20'000}}) {
+    for (const Row& row :
+         std::vector<Row>{{190'010'000, 190'030'000, 1.0, 190'020'000},
+                          {190'010'000, 190'040'000, 1.0, 190'020'000},  // .025 is cut to .02
+                          {190'010'000, 0, 189.995, 190'000'000},
+                          {0, 190'010'000, 189.994, 189'990'000},
+                          {0, 0, -0.015, -20'000},
+                          {-30'000, 20'000, 1.0, 0},  // toward zero
+                          {-40'000, -10'000, 1.0, -20'000}}) {
         Instrument instrument;
         instrument.nbbo_bid = row.bid;
         instrument.nbbo_ask = row.ask;

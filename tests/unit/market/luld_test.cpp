@@ -3,8 +3,8 @@
 #include "support/message_views.h"
 #include "support/test_market.h"
 
-#include <cstdint>
 #include <gtest/gtest.h>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -28,9 +28,14 @@ TEST(BandAround, FivePercentOnEachSide_CutTowardZeroToCents) {
     struct Row {
         std::int64_t reference, lower, upper;
     };
-    for (const Row& row : {Row{190'000'000, 180'500'000, 199'500'000}, {100'000, 90'000, 100'000},
-                           {10'000, 0, 10'000}, {20'000, 10'000, 20'000}, {200'000, 190'000, 210'000},
-                           {190'010'000, 180'500'000, 199'510'000}, {0, 0, 0}, {-10'000, 0, -10'000},
+    for (const Row& row : {Row{190'000'000, 180'500'000, 199'500'000},
+                           {100'000, 90'000, 100'000},
+                           {10'000, 0, 10'000},
+                           {20'000, 10'000, 20'000},
+                           {200'000, 190'000, 210'000},
+                           {190'010'000, 180'500'000, 199'510'000},
+                           {0, 0, 0},
+                           {-10'000, 0, -10'000},
                            {-1'000'000, -950'000, -1'050'000},
                            {10'000'000'000'000'000, 9'500'000'000'000'000, 10'500'000'000'000'000}}) {
         const Band band = band_around(row.reference);
@@ -59,9 +64,10 @@ TEST(SendBand, EveryField_AndTheTruthLine) {
     EXPECT_EQ(market.at(0).band_indicator, 'A');
     EXPECT_EQ(market.at(0).band_due_ms, 0u);
     EXPECT_EQ(market.scenario.stats.bands, 1u);
-    EXPECT_EQ(market.truth_text(), "{\"seq\":1,\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
-                                   "\"nbbo\":[0.0000,0,0.0000,0],\"band\":[180.5000,199.5000],\"status\":\"T\","
-                                   "\"ap\":\"A\"}\n");
+    EXPECT_EQ(market.truth_text(),
+              "{\"seq\":1,\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
+              "\"nbbo\":[0.0000,0,0.0000,0],\"band\":[180.5000,199.5000],\"status\":\"T\","
+              "\"ap\":\"A\"}\n");
     EXPECT_TRUE(market.packets.empty());
 }
 
@@ -104,11 +110,20 @@ TEST(BandIsStale, OnePercentExactly_OrMore) {
         double price;
         bool stale;
     };
-    for (const Row& row : {Row{100'000'000, 101.0, true}, {100'000'000, 100.99, false}, {100'000'000, 99.0, true},
-                           {100'000'000, 99.01, false}, {100'000'000, 100.995, true}, {100'000'000, 100.9949, false},
-                           {0, 500.0, false}, {10'000, 0.01, false}, {10'000, 0.02, true}, {50'000, 0.05, false},
-                           {-10'000, -0.01, true}, {-1'000'000, -1.0, true},
-                           {10'000'000'000'000'000, 1e300, false}, {10'000'000'000'000'000, -1e300, true}}) {
+    for (const Row& row : {Row{100'000'000, 101.0, true},
+                           {100'000'000, 100.99, false},
+                           {100'000'000, 99.0, true},
+                           {100'000'000, 99.01, false},
+                           {100'000'000, 100.995, true},
+                           {100'000'000, 100.9949, false},
+                           {0, 500.0, false},
+                           {10'000, 0.01, false},
+                           {10'000, 0.02, true},
+                           {50'000, 0.05, false},
+                           {-10'000, -0.01, true},
+                           {-1'000'000, -1.0, true},
+                           {10'000'000'000'000'000, 1e300, false},
+                           {10'000'000'000'000'000, -1e300, true}}) {
         Instrument instrument;
         instrument.luld_ref = row.reference;
         instrument.price = row.price;

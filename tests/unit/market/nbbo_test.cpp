@@ -1,7 +1,7 @@
 #include "market/nbbo.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <map>
 #include <random>
 #include <string>
@@ -82,7 +82,8 @@ TEST(ComputeNbbo, EveryCondition_OnlyABHORYCount) {
         Book book(1);
         book.set_bid(0, 1, 100);
         book.quotes[0].condition = static_cast<char>(letter);
-        const bool counts = letter != 0 && std::string("ABHORY").find(static_cast<char>(letter)) != std::string::npos;
+        const bool counts =
+            letter != 0 && std::string("ABHORY").find(static_cast<char>(letter)) != std::string::npos;
         EXPECT_EQ(compute_nbbo(book.instrument).bid, counts ? cent : 0) << letter;
     }
 }
@@ -122,7 +123,7 @@ void naive_side(std::vector<Candidate> all, bool bids, std::int64_t& price, std:
         if (left.price != right.price) {
             return bids ? left.price > right.price : left.price < right.price;
         }
-        return left.size != right.size ? left.size > right.size
+        return left.size != right.size   ? left.size > right.size
                : left.time != right.time ? left.time < right.time
                                          : left.mc < right.mc;
     });
@@ -177,7 +178,8 @@ TEST(ComputeNbbo, Seed3_TwentyThousandRandomBooks_EqualASortOfTheCandidates) {
     for (int round = 0; round < 20'000; ++round) {
         Book book(1 + raw() % 12);
         scramble(book, raw);
-        ASSERT_EQ(show(compute_nbbo(book.instrument)), show(naive_nbbo(book.instrument))) << "round " << round;
+        ASSERT_EQ(show(compute_nbbo(book.instrument)), show(naive_nbbo(book.instrument)))
+            << "round " << round;
     }
 }
 
@@ -236,7 +238,8 @@ TEST(BuildLevels, TwelvePrices_TheBestTenOnly) {
         book.set_ask(shuffled, 200 - static_cast<std::int64_t>(at), 1);
     }
     EXPECT_EQ(levels_of(book.instrument, 'B', 10),
-              "1110000x1 1100000x1 1090000x1 1080000x1 1070000x1 1060000x1 1050000x1 1040000x1 1030000x1 1020000x1 ");
+              "1110000x1 1100000x1 1090000x1 1080000x1 1070000x1 1060000x1 1050000x1 1040000x1 1030000x1 "
+              "1020000x1 ");
     EXPECT_EQ(levels_of(book.instrument, 'A', 5), "1890000x1 1900000x1 1910000x1 1920000x1 1930000x1 ");
 }
 
@@ -288,8 +291,17 @@ TEST(LuldBboIndicator, BidAboveAndAskBelowTheBand) {
         char expected;
     };
     Book book(1);
-    for (const Row& row : {Row{200, 201, ' '}, {201, 201, 'A'}, {201, 100, 'A'}, {201, 99, 'C'}, {201, 0, 'A'},
-                           {200, 99, 'B'}, {200, 100, ' '}, {0, 99, 'B'}, {0, 0, ' '}, {0, -1, ' '}, {300, -1, 'A'}}) {
+    for (const Row& row : {Row{200, 201, ' '},
+                           {201, 201, 'A'},
+                           {201, 100, 'A'},
+                           {201, 99, 'C'},
+                           {201, 0, 'A'},
+                           {200, 99, 'B'},
+                           {200, 100, ' '},
+                           {0, 99, 'B'},
+                           {0, 0, ' '},
+                           {0, -1, ' '},
+                           {300, -1, 'A'}}) {
         book.set_band(100, 200);
         EXPECT_EQ(luld_bbo_indicator(book.instrument, row.bid * cent, row.ask * cent), row.expected)
             << row.bid << ' ' << row.ask;
@@ -304,9 +316,21 @@ TEST(LuldNbboIndicator, EachRowOfTheTable_FirstMatchWins) {
         char expected;
     };
     Book book(1);
-    for (const Row& row : {Row{200, 100, 'I'}, {200, 201, 'G'}, {99, 100, 'H'}, {200, 200, 'E'}, {200, 0, 'E'},
-                           {100, 100, 'F'}, {0, 100, 'F'}, {99, 201, 'D'}, {150, 201, 'C'}, {0, 201, 'C'},
-                           {99, 150, 'B'}, {99, 0, 'B'}, {150, 160, 'A'}, {0, 0, 'A'}, {100, 200, 'A'}}) {
+    for (const Row& row : {Row{200, 100, 'I'},
+                           {200, 201, 'G'},
+                           {99, 100, 'H'},
+                           {200, 200, 'E'},
+                           {200, 0, 'E'},
+                           {100, 100, 'F'},
+                           {0, 100, 'F'},
+                           {99, 201, 'D'},
+                           {150, 201, 'C'},
+                           {0, 201, 'C'},
+                           {99, 150, 'B'},
+                           {99, 0, 'B'},
+                           {150, 160, 'A'},
+                           {0, 0, 'A'},
+                           {100, 200, 'A'}}) {
         Nbbo nbbo;
         nbbo.bid = row.bid * cent;
         nbbo.ask = row.ask * cent;

@@ -1,7 +1,7 @@
 #include "market/quote_index.h"
 
 #include "market/nbbo.h"
-#include "tests/support/test_market.h"
+#include "support/test_market.h"
 
 #include <gtest/gtest.h>
 
@@ -126,5 +126,5 @@ TEST(QuoteIndex, LargestPossiblePrice_IsKeptToTheCent) {
     EXPECT_EQ(nbbo.ask, quote.ask);
 }
 
-} // namespace
-} // namespace tessel::testing
+}  // namespace
+}  // namespace tessel::testing

@@ -66,7 +66,8 @@ struct Floor {
         return publish(mc);
     }
     // Gives a centre odd-lot orders; they go out with the next quote.
-    void set_odd_lots(char mc, std::int64_t bid, std::uint8_t bid_size, std::int64_t ask, std::uint8_t ask_size) {
+    void set_odd_lots(char mc, std::int64_t bid, std::uint8_t bid_size, std::int64_t ask,
+                      std::uint8_t ask_size) {
         ParticipantQuote& stored = quote(mc);
         stored.has_odd_lots = true;
         stored.odd_bid = bid * cent;
@@ -78,8 +79,8 @@ struct Floor {
     const QuoteView& draw(char mc, const std::vector<std::uint64_t>& draws, char condition = ' ',
                           std::uint64_t now_ns = 5) {
         script_draws(market.rng, draws);
-        const QuoteView& view =
-            collect([&] { update_participant_quote(market.engine, instrument(), slot(mc), now_ns, condition); });
+        const QuoteView& view = collect(
+            [&] { update_participant_quote(market.engine, instrument(), slot(mc), now_ns, condition); });
         EXPECT_EQ(draws_left(market.rng), 0u);
         return view;
     }
@@ -121,10 +122,13 @@ TEST(DrawnQuote, OneSided_EmptiesAskOrBidAndIsY) {
         double u, v;
         bool has_bid, has_ask;
     };
-    for (const Row& row : {Row{0.0, 0.0, true, false}, {below, 0.5 - 0x1p-50, true, false}, {below, 0.5, false, true},
+    for (const Row& row : {Row{0.0, 0.0, true, false},
+                           {below, 0.5 - 0x1p-50, true, false},
+                           {below, 0.5, false, true},
                            {0.0, 0.999, false, true}}) {
         Floor floor;
-        const QuoteView& view = floor.draw('A', joined_draws({quote_draws(2, 2, 3, 4, row.u), {real_draw(row.v)}}));
+        const QuoteView& view =
+            floor.draw('A', joined_draws({quote_draws(2, 2, 3, 4, row.u), {real_draw(row.v)}}));
         EXPECT_EQ(view.condition, 'Y');
         EXPECT_EQ(view.bid, row.has_bid ? 99'980'000 : 0);
         EXPECT_EQ(view.bid_size, row.has_bid ? 300u : 0u);
@@ -182,9 +186,11 @@ TEST(DrawnQuote, OddLotEveryThird_OrdersStandACentInsideAndGoWithTheNextUpdate) 
 
 TEST(DrawnQuote, OddLotsWithAnEmptyAsk_StandAtTheReference) {
     Floor floor("A", "IBM:100", "odd_lot_every=1");
-    const QuoteView& view = floor.draw(
-        'A', joined_draws({quote_draws(1, 1, 1, 1, 0.0), {real_draw(0.1), int_draw(1, 99, 5), int_draw(1, 99, 6)}}));
-    EXPECT_EQ(view.odd_lots, (std::vector<OddLotPart>{{'A', 'B', 100'000'000, 5, ""}, {'A', 'A', 100'000'000, 6, ""}}));
+    const QuoteView& view =
+        floor.draw('A', joined_draws({quote_draws(1, 1, 1, 1, 0.0),
+                                      {real_draw(0.1), int_draw(1, 99, 5), int_draw(1, 99, 6)}}));
+    EXPECT_EQ(view.odd_lots,
+              (std::vector<OddLotPart>{{'A', 'B', 100'000'000, 5, ""}, {'A', 'A', 100'000'000, 6, ""}}));
 }
 
 // ------------------------------------------------------------------ telling the NBBO
@@ -254,7 +260,8 @@ TEST(NbboIndicator, NonFirmQuoteOfAHalt_IsPublishedAndChangesNothing) {
 TEST(NbboIndicator, StaleQuotes_MayCrossTheMarketAndAreToldAsTheyAre) {
     Floor floor("AB");
     floor.set('A', 9999, 100, 10001, 100);
-    EXPECT_EQ(floor.set('B', 10050, 100, 10060, 100).nbbo, (NbboPart{'R', 'B', 'A', 100'500'000, 100'010'000, 100, 100}));
+    EXPECT_EQ(floor.set('B', 10050, 100, 10060, 100).nbbo,
+              (NbboPart{'R', 'B', 'A', 100'500'000, 100'010'000, 100, 100}));
 }
 
 // ------------------------------------------------------------------ choice of the form
@@ -268,12 +275,18 @@ TEST(QuoteForm, LimitsOfTheShortForm_LargestThatFitsAndNextThatDoesNot) {
         std::uint32_t ask_size;
         char type;
     };
-    for (const Row& row : {Row{"IBM:1", 9999, 100, 10001, 100, 'C'}, {"ABCDE:1", 9999, 100, 10001, 100, 'C'},
-                           {"ABCDEF:1", 9999, 100, 10001, 100, 'D'}, {":1", 9999, 100, 10001, 100, 'C'},
-                           {"IBM:1", 9999, 100, 65535, 100, 'C'}, {"IBM:1", 9999, 100, 65536, 100, 'D'},
-                           {"IBM:1", 65536, 100, 65535, 100, 'D'}, {"IBM:1", -1, 100, 10001, 100, 'D'},
-                           {"IBM:1", 9999, 65534, 10001, 100, 'C'}, {"IBM:1", 9999, 65535, 10001, 100, 'D'},
-                           {"IBM:1", 9999, 100, 10001, 65534, 'C'}, {"IBM:1", 9999, 100, 10001, 65535, 'D'},
+    for (const Row& row : {Row{"IBM:1", 9999, 100, 10001, 100, 'C'},
+                           {"ABCDE:1", 9999, 100, 10001, 100, 'C'},
+                           {"ABCDEF:1", 9999, 100, 10001, 100, 'D'},
+                           {":1", 9999, 100, 10001, 100, 'C'},
+                           {"IBM:1", 9999, 100, 65535, 100, 'C'},
+                           {"IBM:1", 9999, 100, 65536, 100, 'D'},
+                           {"IBM:1", 65536, 100, 65535, 100, 'D'},
+                           {"IBM:1", -1, 100, 10001, 100, 'D'},
+                           {"IBM:1", 9999, 65534, 10001, 100, 'C'},
+                           {"IBM:1", 9999, 65535, 10001, 100, 'D'},
+                           {"IBM:1", 9999, 100, 10001, 65534, 'C'},
+                           {"IBM:1", 9999, 100, 10001, 65535, 'D'},
                            {"IBM:1", 0, 0, 0, 0, 'C'}}) {
         Floor floor("A", row.symbol);
         const QuoteView& view = floor.set('A', row.bid, row.bid_size, row.ask, row.ask_size);
@@ -290,7 +303,8 @@ TEST(QuoteForm, LimitsOfTheShortForm_LargestThatFitsAndNextThatDoesNot) {
 TEST(QuoteForm, NbboOutOfTheShortForm_MakesTheQuoteLong) {
     Floor dear("AB");
     dear.set('A', 65536, 100, 65537, 100);
-    const QuoteView above = dear.set('B', 9999, 100, 10001, 100);  // its bid is no best bid, its ask is the best ask
+    const QuoteView above =
+        dear.set('B', 9999, 100, 10001, 100);  // its bid is no best bid, its ask is the best ask
     EXPECT_EQ(above.type, 'D');
     EXPECT_EQ(above.nbbo_ind, '3');
     EXPECT_EQ(above.nbbo, (NbboPart{'R', 'A', 'B', 655'360'000, 100'010'000, 100, 100}));
@@ -325,12 +339,14 @@ TEST(QuoteForm, ShortAppendagesInALongQuote_TurnLong) {
     EXPECT_EQ(view.list_ind, '3');
     EXPECT_EQ(view.nbbo, (NbboPart{'R', 'B', 'A', 99'990'000, 100'010'000, 300, 100}));
     EXPECT_EQ(view.best, (BestOddLotPart{'B', 'B', 100'000'000, 100'000'000, 5, 6, ""}));
-    EXPECT_EQ(view.odd_lots, (std::vector<OddLotPart>{{'B', 'B', 100'000'000, 5, ""}, {'B', 'A', 100'000'000, 6, ""}}));
+    EXPECT_EQ(view.odd_lots,
+              (std::vector<OddLotPart>{{'B', 'B', 100'000'000, 5, ""}, {'B', 'A', 100'000'000, 6, ""}}));
     EXPECT_EQ(view.symbol, "TOOLONG    ");
 }
 
 TEST(QuoteForm, OwnOddLotPriceOutOfTheShortForm_MakesTheQuoteLong) {
-    for (const auto& [bid, type] : {std::pair<std::int64_t, char>{65535, 'C'}, {65536, 'D'}, {0, 'C'}, {-1, 'D'}}) {
+    for (const auto& [bid, type] :
+         {std::pair<std::int64_t, char>{65535, 'C'}, {65536, 'D'}, {0, 'C'}, {-1, 'D'}}) {
         Floor floor("A");
         floor.set('A', 65535, 100, 65535, 100);
         floor.set_odd_lots('A', bid, 5, 65535, 6);  // neither is inside the NBBO, but for 65536
@@ -386,17 +402,20 @@ TEST(BestOddLot, OnlyOrdersInsideTheNbboCount_AndAnEmptySideLetsAnyCount) {
         char bid_mc, ask_mc;
         char indicator;
     };
-    for (const Row& row : {Row{9999, 10003, ' ', ' ', '0'}, {10000, 10003, 'B', ' ', '2'},
-                           {9999, 10002, ' ', 'B', '2'}, {10500, 9000, 'B', 'B', '2'}}) {
+    for (const Row& row : {Row{9999, 10003, ' ', ' ', '0'},
+                           {10000, 10003, 'B', ' ', '2'},
+                           {9999, 10002, ' ', 'B', '2'},
+                           {10500, 9000, 'B', 'B', '2'}}) {
         Floor floor("AB");
         floor.set('A', 9999, 100, 10003, 100);
         floor.set_odd_lots('B', row.odd_bid, 5, row.odd_ask, 6);
         const QuoteView& view = floor.set('B', 9998, 100, 10004, 100);
         EXPECT_EQ(view.best_ind, row.indicator) << row.odd_bid << ' ' << row.odd_ask;
         if (row.indicator == '2') {
-            EXPECT_EQ(view.best, (BestOddLotPart{row.bid_mc, row.ask_mc, row.bid_mc == 'B' ? row.odd_bid * cent : 0,
-                                                 row.ask_mc == 'B' ? row.odd_ask * cent : 0,
-                                                 row.bid_mc == 'B' ? 5u : 0u, row.ask_mc == 'B' ? 6u : 0u, ""}));
+            EXPECT_EQ(view.best,
+                      (BestOddLotPart{row.bid_mc, row.ask_mc, row.bid_mc == 'B' ? row.odd_bid * cent : 0,
+                                      row.ask_mc == 'B' ? row.odd_ask * cent : 0, row.bid_mc == 'B' ? 5u : 0u,
+                                      row.ask_mc == 'B' ? 6u : 0u, ""}));
         }
     }
     Floor empty("A");
@@ -473,7 +492,8 @@ TEST(AdfQuote, OddLots_CarryMpidsInTheListAndTheBest) {
     const QuoteView& view =
         floor.draw('D', joined_draws({quote_draws(3, 3, 1, 1), {int_draw(1, 99, 50), int_draw(1, 99, 60)}}));
     EXPECT_EQ(view.list_ind, '5');
-    EXPECT_EQ(view.odd_lots, (std::vector<OddLotPart>{{'D', 'B', 99'980'000, 50, "NITE"}, {'D', 'A', 100'020'000, 60, "GSCO"}}));
+    EXPECT_EQ(view.odd_lots, (std::vector<OddLotPart>{{'D', 'B', 99'980'000, 50, "NITE"},
+                                                      {'D', 'A', 100'020'000, 60, "GSCO"}}));
     EXPECT_EQ(view.best_ind, '5');
     EXPECT_EQ(view.best, (BestOddLotPart{'D', 'D', 99'980'000, 100'020'000, 50, 60, "NITEGSCO"}));
 }
@@ -481,7 +501,8 @@ TEST(AdfQuote, OddLots_CarryMpidsInTheListAndTheBest) {
 TEST(AdfQuote, EverySeventhQuote_IsFollowedByAnMpidQuoteOutsideBookAndTruth) {
     Floor floor("D");
     for (int round = 1; round <= 21; ++round) {
-        const QuoteView quote = floor.draw('D', quote_draws(1 + round % 3, 2, 1, 1), ' ', 1000u + static_cast<unsigned>(round));
+        const QuoteView quote =
+            floor.draw('D', quote_draws(1 + round % 3, 2, 1, 1), ' ', 1000u + static_cast<unsigned>(round));
         ASSERT_EQ(floor.sent.size(), round % 7 == 0 ? 2u : 1u) << round;
         if (round % 7 != 0) {
             continue;
@@ -511,7 +532,8 @@ TEST(AdfQuote, SeventhWithOneSide_EmptyBidHasNoMpidQuote_EmptyAskIsTakenAsZero) 
     for (const double side : {0.1, 0.9}) {
         Floor floor("D");
         floor.stats().quotes = 6;
-        const QuoteView view = floor.draw('D', joined_draws({quote_draws(1, 1, 1, 1, 0.0), {real_draw(side)}}));
+        const QuoteView view =
+            floor.draw('D', joined_draws({quote_draws(1, 1, 1, 1, 0.0), {real_draw(side)}}));
         if (side > 0.5) {
             EXPECT_EQ(view.bid, 0);
             EXPECT_EQ(floor.sent.size(), 1u);
@@ -599,7 +621,8 @@ TEST(EmptyAllQuotes, LetterByLetterWithRepeats_ConditionLAndNothingElseKept) {
 
 TEST(EmptyAllQuotes, AdfThatNeverQuoted_SendsBlankMpids) {
     Floor floor("D");
-    EXPECT_EQ(floor.collect([&] { empty_all_quotes(floor.market.engine, floor.instrument(), 1); }).mpids, "        ");
+    EXPECT_EQ(floor.collect([&] { empty_all_quotes(floor.market.engine, floor.instrument(), 1); }).mpids,
+              "        ");
 }
 
 TEST(ListOddLots, NoneOrTwo_BidFirst) {
@@ -626,7 +649,9 @@ TEST(ListOddLots, NoneOrTwo_BidFirst) {
 
 // Whoever follows the indicators of the messages alone knows the NBBO and the best odd-lot quote after each.
 TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentStands) {
-    TestMarket market({.symbols = "IBM:100,TOOLONG:700,P:0.02", .participants = "QNPZKVDAB", .scenario = "odd_lot_every=2",
+    TestMarket market({.symbols = "IBM:100,TOOLONG:700,P:0.02",
+                       .participants = "QNPZKVDAB",
+                       .scenario = "odd_lot_every=2",
                        .seed = 11});
     market.start_of_day();
     std::map<std::string, std::pair<NbboPart, BestOddLotPart>> told;
@@ -646,7 +671,9 @@ TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentS
             switch (view.nbbo_ind) {
                 case '0': break;
                 case '1': nbbo = {'-', ' ', ' ', 0, 0, 0, 0}; break;
-                case '4': nbbo = {'-', view.mc, view.mc, view.bid, view.ask, view.bid_size, view.ask_size}; break;
+                case '4':
+                    nbbo = {'-', view.mc, view.mc, view.bid, view.ask, view.bid_size, view.ask_size};
+                    break;
                 default: nbbo = view.nbbo; break;
             }
             if (view.best_ind != '0') {
@@ -657,15 +684,17 @@ TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentS
             const Instrument& instrument = market.at(at);
             auto& [nbbo, best] = told[std::string(wire_symbol(instrument).substr(0, 2))];
             nbbo.condition = '-';
-            ASSERT_EQ(nbbo, (NbboPart{'-', instrument.nbbo_bid_mc, instrument.nbbo_ask_mc, instrument.nbbo_bid,
-                                      instrument.nbbo_ask, instrument.nbbo_bid_size, instrument.nbbo_ask_size}))
+            ASSERT_EQ(nbbo,
+                      (NbboPart{'-', instrument.nbbo_bid_mc, instrument.nbbo_ask_mc, instrument.nbbo_bid,
+                                instrument.nbbo_ask, instrument.nbbo_bid_size, instrument.nbbo_ask_size}))
                 << "round " << round << ' ' << instrument.symbol;
             ASSERT_EQ(best.bid_mc != '-', instrument.adf_present == 1);
             if (instrument.adf_present == 1) {
                 best.mpids.clear();
-                ASSERT_EQ(best, (BestOddLotPart{instrument.adf_bid_mc, instrument.adf_ask_mc, instrument.adf_bid,
-                                                instrument.adf_ask, instrument.adf_sizes >> 16,
-                                                instrument.adf_sizes & 0xffff, ""}));
+                ASSERT_EQ(best,
+                          (BestOddLotPart{instrument.adf_bid_mc, instrument.adf_ask_mc, instrument.adf_bid,
+                                          instrument.adf_ask, instrument.adf_sizes >> 16,
+                                          instrument.adf_sizes & 0xffff, ""}));
             }
         }
         market.run_ticks(1);

@@ -31,8 +31,9 @@ TEST(FindInstrument, OtherCase_IsUnknownAndTold) {
     EXPECT_EQ(find_instrument(market.engine, "AAP"), nullptr);
     EXPECT_EQ(find_instrument(market.engine, "AAPLX"), nullptr);
     EXPECT_EQ(find_instrument(market.engine, ""), nullptr);
-    EXPECT_EQ(errors.take(), "bench: unknown symbol 'aapl'\nbench: unknown symbol 'AAP'\n"
-                             "bench: unknown symbol 'AAPLX'\nbench: unknown symbol ''\n");
+    EXPECT_EQ(errors.take(),
+              "bench: unknown symbol 'aapl'\nbench: unknown symbol 'AAP'\n"
+              "bench: unknown symbol 'AAPLX'\nbench: unknown symbol ''\n");
 }
 
 TEST(FindInstrument, RepeatedAndEmptySymbols_TheFirstIsFound) {

@@ -5,8 +5,8 @@
 #include "support/scripted_draws.h"
 #include "support/test_market.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <map>
 #include <string>
 #include <string_view>
@@ -39,7 +39,8 @@ struct Tape {
     FeedStats& stats() {
         return market.scenario.stats;
     }
-    void record(char centre, std::int64_t cents, std::uint64_t shares, const char* conditions, char sub = ' ') {
+    void record(char centre, std::int64_t cents, std::uint64_t shares, const char* conditions,
+                char sub = ' ') {
         record_trade(market.engine, instrument(), centre, sub, cents * cent, shares, conditions,
                      conditions[1] == 'F' ? 'X' : ' ', trade_time, TradeKind::exchange);
     }
@@ -86,8 +87,8 @@ TEST(Cancel, EveryField_IsOfTheCancelledTradeAndTheRecomputedStatistics) {
     EXPECT_EQ(view.trf_time, 0u);
     EXPECT_EQ(tape.market.truth_lines().back(),
               "{\"seq\":4,\"secid\":1,\"symbol\":\"IBM\",\"cancel_error\":[2,102.0000,300,\"N\",\"C\"]}");
-    EXPECT_EQ(tape.instrument().share_volume, 600u);                // never taken back
-    EXPECT_EQ(tape.instrument().last_trade_price, 10200 * cent);    // nor this
+    EXPECT_EQ(tape.instrument().share_volume, 600u);              // never taken back
+    EXPECT_EQ(tape.instrument().last_trade_price, 10200 * cent);  // nor this
 }
 
 TEST(Cancel, FourInARow_AreThreeCancelsAndAnError_OnTheSumOfBothCounters) {
@@ -153,8 +154,11 @@ TEST(Correction, Draws_DecidePriceUpPriceDownOrSize) {
         std::int64_t cents;
         std::uint64_t shares;
     };
-    for (const Row& row : {Row{{0.0, 0.0}, 10001, 100}, {{0.5 - 0x1p-50, 0.5 - 0x1p-50}, 10001, 100},
-                           {{0.0, 0.5}, 9999, 100}, {{0.5}, 10000, 200}, {{0.999}, 10000, 200}}) {
+    for (const Row& row : {Row{{0.0, 0.0}, 10001, 100},
+                           {{0.5 - 0x1p-50, 0.5 - 0x1p-50}, 10001, 100},
+                           {{0.0, 0.5}, 9999, 100},
+                           {{0.5}, 10000, 200},
+                           {{0.999}, 10000, 200}}) {
         Tape tape;
         tape.record('N', 10000, 100, "@   ");
         const TradeView view = tape.correct(row.draws);
@@ -168,7 +172,8 @@ TEST(Correction, Draws_DecidePriceUpPriceDownOrSize) {
         EXPECT_EQ(view.conditions, "@   ");
         EXPECT_EQ(view.changes, "7");
         EXPECT_EQ(view.participant_time, revision_time);
-        const StatisticsView expected{row.cents * cent, row.cents * cent, row.cents * cent, row.shares * size_unit};
+        const StatisticsView expected{row.cents * cent, row.cents * cent, row.cents * cent,
+                                      row.shares * size_unit};
         EXPECT_EQ(view.consolidated, expected);
         EXPECT_EQ(view.participant, expected);
         EXPECT_EQ(view.last_centre, 'N');
@@ -252,7 +257,8 @@ TEST(AsOf, EveryField_AndTheOpenPacketGoesOut) {
     for (const bool truth : {true, false}) {
         TestMarket market({.symbols = "IBM:189.995", .truth = truth});
         record_trade(market.engine, market.at(0), 'N', ' ', cent, 1, "@   ", ' ', 1, TradeKind::exchange);
-        const StatisticsView before{market.at(0).high, market.at(0).low, market.at(0).last, market.at(0).volume};
+        const StatisticsView before{market.at(0).high, market.at(0).low, market.at(0).last,
+                                    market.at(0).volume};
         const std::uint64_t now = market.clock.simulated_wall_ns;
         emit_asof(market.engine, market.at(0));
         const TradeView view = read_trade(market.message(2));
@@ -270,7 +276,9 @@ TEST(AsOf, EveryField_AndTheOpenPacketGoesOut) {
         EXPECT_EQ(market.scenario.stats.asofs, 1u);
         EXPECT_EQ(market.packets.size(), 1u);
         EXPECT_EQ(market.at(0).trades.size(), 1u);
-        EXPECT_EQ((StatisticsView{market.at(0).high, market.at(0).low, market.at(0).last, market.at(0).volume}), before);
+        EXPECT_EQ(
+            (StatisticsView{market.at(0).high, market.at(0).low, market.at(0).last, market.at(0).volume}),
+            before);
         if (truth) {
             EXPECT_EQ(market.truth_lines().back(),
                       "{\"seq\":2,\"secid\":1,\"symbol\":\"IBM\",\"asof\":[189.97,300,\"D\",\"@   \"]}");
@@ -278,7 +286,8 @@ TEST(AsOf, EveryField_AndTheOpenPacketGoesOut) {
     }
 }
 
-// ------------------------------------------------------------------ thousands of trades, judged from their messages
+// ------------------------------------------------------------------ thousands of trades, judged from their
+// messages
 
 constexpr std::string_view high_low_set = " @ABDFGKLOPSXYZ14569";
 constexpr std::string_view last_set = " @ABDFKLOSXY1569";
@@ -334,8 +343,10 @@ struct LiveTape {
 };
 
 TEST(Revisions_Seed21, ThousandsOfTrades_EveryMessageTellsTheStatisticsOfTheLiveTrades) {
-    TestMarket market({.symbols = "AAPL:190,TOOLONG:700,P:0.05", .scenario = "cancel_every=3,correct_every=4,asof_every=5,"
-                       "trf_every=2", .seed = 21});
+    TestMarket market({.symbols = "AAPL:190,TOOLONG:700,P:0.05",
+                       .scenario = "cancel_every=3,correct_every=4,asof_every=5,"
+                                   "trf_every=2",
+                       .seed = 21});
     market.start_of_day();
     market.run_ticks(1000);
     std::map<std::string, LiveTape> tapes;

@@ -51,10 +51,17 @@ TEST(Eligibility, ConditionsOfTheFeed_UpdateWhatTheyShould) {
         const char* conditions;
         bool high_low, last, volume;
     };
-    for (const Row& row : {Row{"@   ", true, true, true}, {"@  I", false, false, true}, {"@F  ", true, true, true},
-                           {"@O  ", true, true, true}, {"@5  ", true, true, true}, {"@6  ", true, true, true},
-                           {"@  M", false, false, false}, {"    ", true, true, true}, {"@4  ", true, false, true},
-                           {"C   ", false, false, true}, {"@7  ", false, false, true}}) {
+    for (const Row& row : {Row{"@   ", true, true, true},
+                           {"@  I", false, false, true},
+                           {"@F  ", true, true, true},
+                           {"@O  ", true, true, true},
+                           {"@5  ", true, true, true},
+                           {"@6  ", true, true, true},
+                           {"@  M", false, false, false},
+                           {"    ", true, true, true},
+                           {"@4  ", true, false, true},
+                           {"C   ", false, false, true},
+                           {"@7  ", false, false, true}}) {
         const Eligibility eligible = eligibility(row.conditions);
         EXPECT_EQ(eligible.high_low, row.high_low) << row.conditions;
         EXPECT_EQ(eligible.last, row.last) << row.conditions;
@@ -63,8 +70,8 @@ TEST(Eligibility, ConditionsOfTheFeed_UpdateWhatTheyShould) {
 }
 
 std::string show(const StatisticsRecord& record) {
-    return std::to_string(record.high) + " " + std::to_string(record.low) + " " + std::to_string(record.last) + " " +
-           std::to_string(record.volume);
+    return std::to_string(record.high) + " " + std::to_string(record.low) + " " +
+           std::to_string(record.last) + " " + std::to_string(record.volume);
 }
 
 TEST(ApplyTrade, FirstHigherLowerAndNegativePrices_CompareSigned) {
@@ -76,8 +83,12 @@ TEST(ApplyTrade, FirstHigherLowerAndNegativePrices_CompareSigned) {
         std::int64_t price;
         const char* expected;
     };
-    for (const Row& row : {Row{500, "500 500 500 10"}, {600, "600 500 600 20"}, {400, "600 400 400 30"},
-                           {-100, "600 -100 -100 40"}, {0, "600 -100 0 50"}, {-50, "600 -100 -50 60"}}) {
+    for (const Row& row : {Row{500, "500 500 500 10"},
+                           {600, "600 500 600 20"},
+                           {400, "600 400 400 30"},
+                           {-100, "600 -100 -100 40"},
+                           {0, "600 -100 0 50"},
+                           {-50, "600 -100 -50 60"}}) {
         apply_trade(instrument, stats, all, 'N', row.price, 10);
         EXPECT_EQ(show(consolidated_statistics(instrument)), row.expected);
         EXPECT_EQ(show(participant_statistics(instrument, 'N')), row.expected);
@@ -100,8 +111,10 @@ TEST(ApplyTrade, EachEligibility_UpdatesItsOwnFieldsOnly) {
         const char* expected;
         char last_centre;
     };
-    for (const Row& row : {Row{{true, false, false}, "7 7 0 0", ' '}, {{false, true, false}, "0 0 7 0", 'Z'},
-                           {{false, false, true}, "0 0 0 3", ' '}, {{false, false, false}, "0 0 0 0", ' '}}) {
+    for (const Row& row : {Row{{true, false, false}, "7 7 0 0", ' '},
+                           {{false, true, false}, "0 0 7 0", 'Z'},
+                           {{false, false, true}, "0 0 0 3", ' '},
+                           {{false, false, false}, "0 0 0 0", ' '}}) {
         TestMarket market({.symbols = "A"});
         Instrument& instrument = market.at(0);
         apply_trade(instrument, find_trade_stats(instrument, 'Z'), row.eligible, 'Z', 7, 3);
@@ -129,11 +142,22 @@ TEST(NextTradeId, EveryKey_CountsFromOneForItself) {
         char centre, sub;
         std::uint64_t id;
     };
-    for (const Row& row : {Row{0, 'D', ' ', 1}, {0, 'D', ' ', 2}, {0, 'D', 'N', 1}, {0, 'D', ' ', 3}, {0, 'D', 'B', 1},
-                           {0, 'D', 'N', 2}, {1, 'D', 'N', 1}, {0, 'Q', ' ', 1}, {0, 'N', ' ', 1}, {0, 'Q', ' ', 2},
-                           {0, 'x', ' ', 1}, {0, 'x', ' ', 2}, {0, 'Q', 'Q', 1}}) {
+    for (const Row& row : {Row{0, 'D', ' ', 1},
+                           {0, 'D', ' ', 2},
+                           {0, 'D', 'N', 1},
+                           {0, 'D', ' ', 3},
+                           {0, 'D', 'B', 1},
+                           {0, 'D', 'N', 2},
+                           {1, 'D', 'N', 1},
+                           {0, 'Q', ' ', 1},
+                           {0, 'N', ' ', 1},
+                           {0, 'Q', ' ', 2},
+                           {0, 'x', ' ', 1},
+                           {0, 'x', ' ', 2},
+                           {0, 'Q', 'Q', 1}}) {
         Instrument& instrument = market.at(row.instrument);
-        EXPECT_EQ(next_trade_id(instrument, find_trade_stats(instrument, row.centre), row.centre, row.sub), row.id)
+        EXPECT_EQ(next_trade_id(instrument, find_trade_stats(instrument, row.centre), row.centre, row.sub),
+                  row.id)
             << row.centre << row.sub;
     }
 }
@@ -150,7 +174,8 @@ TEST(RecomputeStatistics, DeadTrades_AreLeftOutAndIdsAndSharesStay) {
         trade.market_center = "QNPZKVD"[raw() % 7];
         trade.price = static_cast<std::int64_t>(raw() % 9) * 10'000;
         trade.size = raw() % 5 * size_unit;
-        const std::string conditions = std::vector<std::string>{"@   ", "@  I", "@F  ", "@  M", "@O  "}[raw() % 5];
+        const std::string conditions =
+            std::vector<std::string>{"@   ", "@  I", "@F  ", "@  M", "@O  "}[raw() % 5];
         conditions.copy(trade.conditions.data(), 4);
         trade.live = raw() % 3 != 0;
         instrument.trades.push_back(trade);
@@ -175,8 +200,8 @@ TEST(RecomputeStatistics, DeadTrades_AreLeftOutAndIdsAndSharesStay) {
                 }
                 expected.volume += all_in(letters, volume_set) ? one.size : 0;
             }
-            const StatisticsRecord got =
-                centre == '*' ? consolidated_statistics(instrument) : participant_statistics(instrument, centre);
+            const StatisticsRecord got = centre == '*' ? consolidated_statistics(instrument)
+                                                       : participant_statistics(instrument, centre);
             ASSERT_EQ(show(got), show(expected)) << "round " << round << " centre " << centre;
             if (centre == '*') {
                 ASSERT_EQ(instrument.last_market_center, last_centre);

@@ -38,10 +38,11 @@ struct Tape {
         return market.scenario.stats;
     }
     // Records a trade; price in cents. Returns its report.
-    TradeView record(char centre, std::int64_t cents, std::uint64_t shares, const char* conditions, char sub = ' ',
-                     TradeKind kind = TradeKind::exchange) {
+    TradeView record(char centre, std::int64_t cents, std::uint64_t shares, const char* conditions,
+                     char sub = ' ', TradeKind kind = TradeKind::exchange) {
         const std::uint64_t sequence = market.last() + 1;
-        record_trade(market.engine, instrument(), centre, sub, cents * cent, shares, conditions, ' ', trade_time, kind);
+        record_trade(market.engine, instrument(), centre, sub, cents * cent, shares, conditions, ' ',
+                     trade_time, kind);
         return read_trade(market.message(sequence));
     }
     void set_nbbo(std::int64_t bid, char bid_mc, std::int64_t ask, char ask_mc) {
@@ -59,8 +60,8 @@ struct Tape {
         return before == market.last() ? "" : in_short(read_trade(market.message(market.last())));
     }
     static std::string in_short(const TradeView& view) {
-        return view.centre + std::to_string(view.price / cent) + "x" + std::to_string(view.size / size_unit) + "[" +
-               view.conditions + view.exempt + "]";
+        return view.centre + std::to_string(view.price / cent) + "x" + std::to_string(view.size / size_unit) +
+               "[" + view.conditions + view.exempt + "]";
     }
 };
 
@@ -83,8 +84,9 @@ TEST(RecordTrade, EveryField_IsInTheShortReport) {
     EXPECT_EQ(view.trf_time, 0u);
     EXPECT_EQ(view.sip_time, 1'700'000'000'000'000'000u);
     EXPECT_EQ(tape.stats().trades, 1u);
-    EXPECT_EQ(tape.market.truth_lines().back(), "{\"seq\":1,\"secid\":1,\"symbol\":\"IBM\",\"trade\":[100.0100,300,\"N\","
-                                                "\"@F  \"],\"kind\":0,\"id\":1}");
+    EXPECT_EQ(tape.market.truth_lines().back(),
+              "{\"seq\":1,\"secid\":1,\"symbol\":\"IBM\",\"trade\":[100.0100,300,\"N\","
+              "\"@F  \"],\"kind\":0,\"id\":1}");
     ASSERT_EQ(tape.instrument().trades.size(), 1u);
     EXPECT_TRUE(tape.instrument().trades[0].live);
     EXPECT_EQ(tape.instrument().share_volume, 300u);
@@ -98,13 +100,17 @@ TEST(RecordTrade, LimitsOfTheShortForm_LargestThatFitsAndNextThatDoesNot) {
         const char* conditions;
         char type;
     };
-    for (const Row& row : {Row{"ABCDE", 655'350'000, "@   ", 'M'}, {"ABCDE", 655'360'000, "@   ", 'N'},
-                           {"ABCDEF", 1'000'000, "@   ", 'N'}, {"ABCDE", 1'000'000, "R   ", 'N'},
-                           {"ABCDE", 1'000'000, " R  ", 'M'}, {"ABCDE", 0, "@   ", 'M'},
-                           {"ABCDE", -10'000, "@   ", 'N'}, {"", 10'000, "    ", 'M'}}) {
+    for (const Row& row : {Row{"ABCDE", 655'350'000, "@   ", 'M'},
+                           {"ABCDE", 655'360'000, "@   ", 'N'},
+                           {"ABCDEF", 1'000'000, "@   ", 'N'},
+                           {"ABCDE", 1'000'000, "R   ", 'N'},
+                           {"ABCDE", 1'000'000, " R  ", 'M'},
+                           {"ABCDE", 0, "@   ", 'M'},
+                           {"ABCDE", -10'000, "@   ", 'N'},
+                           {"", 10'000, "    ", 'M'}}) {
         Tape tape("", row.symbol[0] != '\0' ? row.symbol : ",");
-        record_trade(tape.market.engine, tape.instrument(), 'N', ' ', row.price, 100, row.conditions, ' ', trade_time,
-                     TradeKind::exchange);
+        record_trade(tape.market.engine, tape.instrument(), 'N', ' ', row.price, 100, row.conditions, ' ',
+                     trade_time, TradeKind::exchange);
         const TradeView view = read_trade(tape.market.message(1));
         EXPECT_EQ(view.type, row.type) << row.symbol << ' ' << row.price << row.conditions;
         EXPECT_EQ(view.price, row.price);
@@ -151,7 +157,8 @@ TEST(RecordTrade, OfficialClose_ChangesNothing) {
 TEST(RecordTrade, TrfPrints_CountIdsForEachLetterAndCarryTheTrfTime) {
     Tape tape;
     for (int at = 0; at < 5; ++at) {
-        EXPECT_EQ(tape.record('D', 100, 100, "@   ", ' ', TradeKind::trf).id, static_cast<std::uint64_t>(at + 1));
+        EXPECT_EQ(tape.record('D', 100, 100, "@   ", ' ', TradeKind::trf).id,
+                  static_cast<std::uint64_t>(at + 1));
     }
     const TradeView view = tape.record('D', 100, 100, "@   ", 'N', TradeKind::trf);
     EXPECT_EQ(view.id, 1u);
@@ -182,7 +189,8 @@ TEST(RecordTrade, EverythingDueAtOnce_ComesAsAsOfThenCancelThenCorrection) {
     EXPECT_EQ(tape.market.last(), 1u);
     EXPECT_EQ(tape.market.packets.size(), 0u);
     tape.record('Q', 101, 100, "@6  ", ' ', TradeKind::cross);
-    EXPECT_EQ(tape.market.letters_of(2, tape.market.last()), (std::vector<std::string>{"TMQ ", "TQDQ", "TON "}));
+    EXPECT_EQ(tape.market.letters_of(2, tape.market.last()),
+              (std::vector<std::string>{"TMQ ", "TQDQ", "TON "}));
     EXPECT_EQ(tape.market.packets.size(), 1u);  // the as-of trade went out with everything before it
     EXPECT_EQ(testing::packet_messages(tape.market.packets[0]).size(), 3u);
     EXPECT_EQ(tape.stats().corrections, 0u);  // the only regular trade was just cancelled
@@ -228,8 +236,8 @@ TEST(RecordTrade, PendingRequests_OneOfEachATradeOfAnyKind_EvenWithoutAnEligible
 TEST(RecordTrade, PeriodsCountTradesOfAllInstruments) {
     TestMarket market({.symbols = "A:100,B:100", .scenario = "asof_every=3"});
     for (int at = 0; at < 9; ++at) {
-        record_trade(market.engine, market.at(static_cast<std::size_t>(at % 2)), 'N', ' ', 100 * cent, 100, "@   ", ' ',
-                     trade_time, TradeKind::exchange);
+        record_trade(market.engine, market.at(static_cast<std::size_t>(at % 2)), 'N', ' ', 100 * cent, 100,
+                     "@   ", ' ', trade_time, TradeKind::exchange);
     }
     std::string symbols;
     for (std::uint64_t sequence = 1; sequence <= market.last(); ++sequence) {
@@ -250,10 +258,12 @@ TEST(ExchangePrint, DrawsAndSides_DecideTheTrade) {
     Tape tape;
     tape.set_nbbo(9999, 'N', 10001, 'P');
     EXPECT_EQ(tape.exchange_print({real_draw(0.5)}), "");
-    EXPECT_EQ(tape.exchange_print({yes, bid, real_draw(0.08 - 0x1p-50), int_draw(1, 99, 1)}), "N 9999x1[@  I ]");
+    EXPECT_EQ(tape.exchange_print({yes, bid, real_draw(0.08 - 0x1p-50), int_draw(1, 99, 1)}),
+              "N 9999x1[@  I ]");
     EXPECT_EQ(tape.exchange_print({yes, ask, real_draw(0.0), int_draw(1, 99, 99)}), "P 10001x99[@  I ]");
     EXPECT_EQ(tape.exchange_print({yes, bid, real_draw(0.08), int_draw(1, 5, 5)}), "N 9999x500[@F  X]");
-    EXPECT_EQ(tape.exchange_print({yes, ask, real_draw(0.16 - 0x1p-50), int_draw(1, 5, 1)}), "P 10001x100[@F  X]");
+    EXPECT_EQ(tape.exchange_print({yes, ask, real_draw(0.16 - 0x1p-50), int_draw(1, 5, 1)}),
+              "P 10001x100[@F  X]");
     EXPECT_EQ(tape.exchange_print({yes, bid, real_draw(0.16), int_draw(1, 5, 2)}), "N 9999x200[@    ]");
     EXPECT_EQ(tape.exchange_print({yes, ask, real_draw(0.999), int_draw(1, 5, 3)}), "P 10001x300[@    ]");
     EXPECT_EQ(tape.stats().exchange_prints, 6u);
@@ -347,8 +357,8 @@ TEST(Crosses, ReopeningClosingAndOpening_AtTheMidpointCutToCents) {
         EXPECT_EQ(view.participant_time, trade_time);
         EXPECT_NE(tape.market.truth_lines().at(sequence - 1).find("\"kind\":2,"), std::string::npos);
     }
-    EXPECT_EQ(prints, (std::vector<std::string>{"Q 10000x3000[@5   ]", "Q 10000x8000[@6   ]", "Q 10000x0[@  M ]",
-                                                "Q 10000x5000[@O   ]"}));
+    EXPECT_EQ(prints, (std::vector<std::string>{"Q 10000x3000[@5   ]", "Q 10000x8000[@6   ]",
+                                                "Q 10000x0[@  M ]", "Q 10000x5000[@O   ]"}));
     EXPECT_EQ(tape.stats().cross_prints, 4u);
     EXPECT_EQ(tape.stats().exchange_prints, 0u);
 }

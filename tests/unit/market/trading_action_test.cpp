@@ -28,8 +28,9 @@ TEST(TradingAction, EveryField_AndTheTruthLine) {
     EXPECT_EQ(get_u32(message, 41), 1u);
     EXPECT_EQ(get_u64(message, 45), 4'242u);
     EXPECT_EQ(get_text(message, 53, 6), "T1    ");
-    EXPECT_EQ(market.truth_text(), "{\"seq\":1,\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
-                                   "\"nbbo\":[0.0000,0,0.0000,0],\"status\":\"H\",\"ah\":\"H\",\"reason\":\"T1\"}\n");
+    EXPECT_EQ(market.truth_text(),
+              "{\"seq\":1,\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
+              "\"nbbo\":[0.0000,0,0.0000,0],\"status\":\"H\",\"ah\":\"H\",\"reason\":\"T1\"}\n");
     EXPECT_EQ(market.at(0).status, 'H');
     EXPECT_EQ(market.at(0).halt_reason, "T1");
 }

@@ -49,8 +49,8 @@ TEST(WipeOut, Messages_AreTheWipeOutThenTheLettersQuotesInListOrder) {
     const testing::Bytes message = market.message(mark + 1);
     EXPECT_EQ(message.size(), 29u);
     EXPECT_EQ(get_text(message, 0, 5), "1CPQ ");
-    EXPECT_EQ(get_u64(message, 13), now);      // the first reading, which the quotes carry too
-    EXPECT_EQ(get_u64(message, 5), now + 1);   // the second
+    EXPECT_EQ(get_u64(message, 13), now);     // the first reading, which the quotes carry too
+    EXPECT_EQ(get_u64(message, 5), now + 1);  // the second
     EXPECT_EQ(get_u64(message, 21), 0u);
     for (const std::uint64_t sequence : {mark + 2, mark + 3}) {
         const QuoteView view = read_quote(market.message(sequence));
@@ -59,7 +59,8 @@ TEST(WipeOut, Messages_AreTheWipeOutThenTheLettersQuotesInListOrder) {
     }
     EXPECT_EQ(read_quote(market.message(mark + 2)).symbol, "A    ");
     EXPECT_EQ(read_quote(market.message(mark + 3)).symbol, "C    ");
-    EXPECT_EQ(errors.take(), "bench: quote wipe-out of participant Q at seq " + std::to_string(market.last()) + "\n");
+    EXPECT_EQ(errors.take(),
+              "bench: quote wipe-out of participant Q at seq " + std::to_string(market.last()) + "\n");
     EXPECT_EQ(market.scenario.stats.wipeouts, 1u);
     EXPECT_EQ(market.scenario.stats.sip_generated, 2u);
     EXPECT_EQ(market.scenario.stats.quotes, 5u);
@@ -96,7 +97,8 @@ TEST(WipeOut, CentreAtTheNbbo_TheNextQuotesAndTruthLinesTellTheNewOne) {
               std::string::npos);
     wipe_out(market.engine, 'N');
     EXPECT_EQ(read_quote(market.message(market.last())).nbbo_ind, '1');
-    EXPECT_NE(market.truth_lines().back().find("\"bid\":[],\"ask\":[],\"nbbo\":[0.0000,0,0.0000,0]"), std::string::npos);
+    EXPECT_NE(market.truth_lines().back().find("\"bid\":[],\"ask\":[],\"nbbo\":[0.0000,0,0.0000,0]"),
+              std::string::npos);
 }
 
 TEST(WipeOut, SecondOfTheSameLetter_FindsNoQuote) {

@@ -1,8 +1,8 @@
 #include "out/text_number.h"
 
+#include <gtest/gtest.h>
 #include <array>
 #include <cstdio>
-#include <gtest/gtest.h>
 #include <limits>
 #include <random>
 #include <sstream>
@@ -54,9 +54,9 @@ TEST(PutUnsigned, EveryDigitCountAndItsNeighbours_AreDecimal) {
 }
 
 TEST(PutSigned, NegativeZeroAndLimits) {
-    for (const std::int64_t value : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{1}, std::int64_t{-10'000},
-                                     std::numeric_limits<std::int64_t>::min(),
-                                     std::numeric_limits<std::int64_t>::max()}) {
+    for (const std::int64_t value :
+         {std::int64_t{0}, std::int64_t{-1}, std::int64_t{1}, std::int64_t{-10'000},
+          std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()}) {
         EXPECT_EQ(written(put_signed, value), std::to_string(value));
     }
 }
@@ -92,14 +92,23 @@ TEST(PutPrice4, WholeCentsOfEveryScale_EqualTheFormattedDollars) {
 }
 
 TEST(PutPriceGeneral, WholeCentsOfEveryScale_EqualAnOutputStream) {
-    for_many_prices([](std::int64_t price) { ASSERT_EQ(written(put_price_general, price), streamed(price)); });
+    for_many_prices(
+        [](std::int64_t price) { ASSERT_EQ(written(put_price_general, price), streamed(price)); });
 }
 
 TEST(PutPriceGeneral, AroundSixDigits_RoundsAndTurnsToExponents) {
-    for (const auto& [price, expected] :
-         {std::pair<std::int64_t, const char*>{189'970'000, "189.97"}, {1'234'570'000, "1234.57"}, {190'000'000, "190"},
-          {190'100'000, "190.1"}, {0, "0"}, {10'000, "0.01"}, {9'999'990'000, "9999.99"}, {10'000'010'000, "10000"},
-          {12'345'670'000, "12345.7"}, {999'999'500'000, "1e+06"}, {-20'000, "-0.02"}, {-189'970'000, "-189.97"}}) {
+    for (const auto& [price, expected] : {std::pair<std::int64_t, const char*>{189'970'000, "189.97"},
+                                          {1'234'570'000, "1234.57"},
+                                          {190'000'000, "190"},
+                                          {190'100'000, "190.1"},
+                                          {0, "0"},
+                                          {10'000, "0.01"},
+                                          {9'999'990'000, "9999.99"},
+                                          {10'000'010'000, "10000"},
+                                          {12'345'670'000, "12345.7"},
+                                          {999'999'500'000, "1e+06"},
+                                          {-20'000, "-0.02"},
+                                          {-189'970'000, "-189.97"}}) {
         EXPECT_EQ(written(put_price_general, price), expected);
         EXPECT_EQ(streamed(price), expected);
     }

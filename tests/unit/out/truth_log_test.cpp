@@ -3,13 +3,13 @@
 #include "market/instrument.h"
 #include "support/test_market.h"
 
-#include <array>
-#include <cstdio>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+#include <array>
+#include <cstdio>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace tessel {
@@ -78,8 +78,9 @@ double dollars(std::int64_t price) {
 
 TEST(QuoteLine, NoQuotes_EmptyListsAndZeroNbbo) {
     Log log("IBM");
-    EXPECT_EQ(log.quote_line(7), "{\"seq\":7,\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
-                                 "\"nbbo\":[0.0000,0,0.0000,0],\"status\":\"T\"}\n");
+    EXPECT_EQ(log.quote_line(7),
+              "{\"seq\":7,\"secid\":1,\"symbol\":\"IBM\",\"bid\":[],\"ask\":[],"
+              "\"nbbo\":[0.0000,0,0.0000,0],\"status\":\"T\"}\n");
 }
 
 TEST(QuoteLine, LevelsNbboBandAndStatus_StandInTheirOrder) {
@@ -131,7 +132,8 @@ TEST(QuoteLine, Band_IsLeftOutWhenAPriceIsNotAboveZeroOrTheLetterIsNotChecked) {
         instrument.luld_upper = 20'000;
         instrument.band_indicator = letter;
         const bool checked = std::string("ABCEG").find(letter) != std::string::npos;
-        EXPECT_EQ(log.quote_line(1).find(",\"band\":[0.0100,0.0200],") != std::string::npos, checked) << letter;
+        EXPECT_EQ(log.quote_line(1).find(",\"band\":[0.0100,0.0200],") != std::string::npos, checked)
+            << letter;
         instrument.luld_lower = 0;
         EXPECT_EQ(log.quote_line(1).find("band"), std::string::npos);
         instrument.luld_lower = 10'000;
@@ -164,21 +166,24 @@ TEST(CutLines, SymbolsOfEveryLength_EqualTheFormattingCallsIntoTheirBuffers) {
         const unsigned long long sequence = 12'345'678'901;
         const std::int64_t price = 190'030'000;
         write_trade_line(log.truth, log.instrument(), sequence, price, 200, 'Q', "@F I", 2, 987'654'321);
-        ASSERT_EQ(log.take(),
-                  cut_format<160>("{\"seq\":%llu,\"secid\":%u,\"symbol\":\"%s\",\"trade\":[%.4f,%llu,\"%c\",\"%.4s\"],"
-                                  "\"kind\":%d,\"id\":%llu}\n",
-                                  sequence, 65535u, symbol.c_str(), dollars(price), 200ull, 'Q', "@F I", 2,
-                                  987'654'321ull));
+        ASSERT_EQ(
+            log.take(),
+            cut_format<160>(
+                "{\"seq\":%llu,\"secid\":%u,\"symbol\":\"%s\",\"trade\":[%.4f,%llu,\"%c\",\"%.4s\"],"
+                "\"kind\":%d,\"id\":%llu}\n",
+                sequence, 65535u, symbol.c_str(), dollars(price), 200ull, 'Q', "@F I", 2, 987'654'321ull));
         write_cancel_line(log.truth, log.instrument(), sequence, 12, -price, 8'000, 'N', 'E');
-        ASSERT_EQ(log.take(),
-                  cut_format<200>("{\"seq\":%llu,\"secid\":%u,\"symbol\":\"%s\",\"cancel_error\":[%llu,%.4f,%llu,"
-                                  "\"%c\",\"%c\"]}\n",
-                                  sequence, 65535u, symbol.c_str(), 12ull, dollars(-price), 8'000ull, 'N', 'E'));
+        ASSERT_EQ(
+            log.take(),
+            cut_format<200>("{\"seq\":%llu,\"secid\":%u,\"symbol\":\"%s\",\"cancel_error\":[%llu,%.4f,%llu,"
+                            "\"%c\",\"%c\"]}\n",
+                            sequence, 65535u, symbol.c_str(), 12ull, dollars(-price), 8'000ull, 'N', 'E'));
         write_correction_line(log.truth, log.instrument(), sequence, 11, 13, price, 100, 'D');
         ASSERT_EQ(log.take(),
-                  cut_format<220>("{\"seq\":%llu,\"secid\":%u,\"symbol\":\"%s\",\"correction\":[%llu,%llu,%.4f,%llu,"
-                                  "\"%c\"]}\n",
-                                  sequence, 65535u, symbol.c_str(), 11ull, 13ull, dollars(price), 100ull, 'D'));
+                  cut_format<220>(
+                      "{\"seq\":%llu,\"secid\":%u,\"symbol\":\"%s\",\"correction\":[%llu,%llu,%.4f,%llu,"
+                      "\"%c\"]}\n",
+                      sequence, 65535u, symbol.c_str(), 11ull, 13ull, dollars(price), 100ull, 'D'));
     }
 }
 
@@ -188,7 +193,8 @@ TEST(CutLines, WholeLines_AreThese) {
     write_cancel_line(log.truth, log.instrument(), 814, 12, 190'030'000, 200, 'Q', 'C');
     write_correction_line(log.truth, log.instrument(), 815, 11, 13, 0, 100, 'N');
     EXPECT_EQ(log.take(),
-              "{\"seq\":813,\"secid\":1,\"symbol\":\"AAPL\",\"trade\":[190.0300,200,\"Q\",\"@   \"],\"kind\":0,\"id\":12}\n"
+              "{\"seq\":813,\"secid\":1,\"symbol\":\"AAPL\",\"trade\":[190.0300,200,\"Q\",\"@   "
+              "\"],\"kind\":0,\"id\":12}\n"
               "{\"seq\":814,\"secid\":1,\"symbol\":\"AAPL\",\"cancel_error\":[12,190.0300,200,\"Q\",\"C\"]}\n"
               "{\"seq\":815,\"secid\":1,\"symbol\":\"AAPL\",\"correction\":[11,13,0.0000,100,\"N\"]}\n");
 }
@@ -210,8 +216,10 @@ TEST(MwcbAndMarkLines, LevelAsGivenAndLabelAsItIs) {
     write_mwcb_line(log.truth, 818, 0);
     write_mark_line(log.truth, "", 0);
     write_mark_line(log.truth, std::string(4'000, 'l'), 818);
-    EXPECT_EQ(log.take(), "{\"seq\":817,\"mwcb\":4294967295}\n{\"seq\":818,\"mwcb\":0}\n{\"mark\":\"\",\"seq\":0}\n"
-                          "{\"mark\":\"" + std::string(4'000, 'l') + "\",\"seq\":818}\n");
+    EXPECT_EQ(log.take(),
+              "{\"seq\":817,\"mwcb\":4294967295}\n{\"seq\":818,\"mwcb\":0}\n{\"mark\":\"\",\"seq\":0}\n"
+              "{\"mark\":\"" +
+                  std::string(4'000, 'l') + "\",\"seq\":818}\n");
 }
 
 TEST(OpenTruthLog, ExistingFile_IsAppendedTo) {
