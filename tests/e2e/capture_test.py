@@ -1,5 +1,5 @@
-"""One run of the feed taken from the wire, and read by others: Wireshark's own MoldUDP64 and SoupBinTCP dissectors, the
-project's dissector, the listener and the judge."""
+"""One run of the feed taken from the wire, and read by others: Wireshark's own MoldUDP64 and SoupBinTCP
+dissectors, the project's dissector, the listener and the judge."""
 
 import json
 import socket
@@ -8,7 +8,8 @@ import subprocess
 
 import pytest
 
-from capture import (Capture, listen_to_capture, read_fields, read_messages, run_tshark, shown_by_listener, soup_packet)
+from capture import (Capture, listen_to_capture, read_fields, read_messages, run_tshark, shown_by_listener,
+                     soup_packet)
 from feed import Feed, program
 
 # Everything that can happen, often, with no fault injected.
@@ -95,7 +96,8 @@ def run(tmp_path_factory):
 
 
 def test_mold_dissector_sees_every_sequence_number_once_and_nothing_malformed(run):
-    rows = read_fields(run.path, ["moldudp64.sequence", "moldudp64.count", "moldudp64.msgseq", "moldudp64.session",
+    rows = read_fields(run.path, ["moldudp64.sequence", "moldudp64.count", "moldudp64.msgseq",
+                                  "moldudp64.session",
                                   "udp.length"], *run.mold, dissector=False)
     expected = 1
     for (sequence,), (count,), numbers, session, (length,) in rows:
@@ -107,7 +109,8 @@ def test_mold_dissector_sees_every_sequence_number_once_and_nothing_malformed(ru
         expected += int(count)
     assert expected >= run.next_sequence > 2000
     assert sum(1 for row in rows if row[1] == ["0"]) >= 1, "no heartbeat in the capture"
-    bad = "_ws.malformed || moldudp64.msglen.invalid || moldudp64.count.invalid || moldudp64.end_of_session_extra"
+    bad = ("_ws.malformed || moldudp64.msglen.invalid || moldudp64.count.invalid || "
+           "moldudp64.end_of_session_extra")
     assert run_tshark("-r", run.path, *run.mold[:2], "-Y", bad, dissector=False) == ""
 
 
@@ -121,8 +124,8 @@ def test_soup_dissector_reads_the_session_without_a_malformed_packet(run):
     assert packets == [("L", 47), ("A", 31)] + spins[0] + [("L", 47), ("A", 31)] + spins[1] + [("O", 1)]
     assert {name.strip() for row in rows for name in row[2]} == {USER}
     assert {name for row in rows for name in row[3]} == {run.feed.session}
-    # The feed pads the number in Login Accepted on the right, where that dissector wants its blanks on the left; it says so
-    # of these two packets, and there is nothing else to say of any.
+    # The feed pads the number in Login Accepted on the right, where that dissector wants its blanks on the
+    # left; it says so of these two packets, and there is nothing else to say of any.
     padded = "(soupbintcp.req_seq_num.invalid || soupbintcp.next_seq_num.invalid)"
     noted = read_fields(run.path, ["soupbintcp.packet_type"], *run.soup, "-Y", padded, dissector=False)
     assert [row[0][0].strip("'") for row in noted] == ["A", "A"]
@@ -138,7 +141,8 @@ def test_own_dissector_and_listener_agree_field_by_field(run):
     spin = [message for message in shown if message[0][0] != "seq"]
     assert len(spin) == len(run.first_spin) + len(run.second_spin)
     assert len(numbered) >= run.next_sequence - 1
-    # The listener may write a spin's messages before or between the numbered ones; each stream keeps its order.
+    # The listener may write a spin's messages before or between the numbered ones; each stream keeps its
+    # order.
     from_feed, from_spin, expected = [], [], 1
     for message in decoded:
         if message[0] == ("seq", str(expected)) and dict(message)["kind"] != "end_of_snapshot":
@@ -149,20 +153,25 @@ def test_own_dissector_and_listener_agree_field_by_field(run):
     assert from_feed == numbered
     assert from_spin == spin
     kinds = {dict(message)["kind"] for message in shown}
-    assert kinds >= {"start_of_day", "session_open", "wipe_out", "decline_levels", "directory_short", "directory_long",
-                     "indicator", "trading_action", "price_band", "collar", "mwcb_status", "end_of_snapshot", "quote_short",
-                     "quote_long", "mpid_quote", "trade_short", "trade_long", "cancel_error", "correction", "as_of"}
+    assert kinds >= {"start_of_day", "session_open", "wipe_out", "decline_levels", "directory_short",
+                     "directory_long",
+                     "indicator", "trading_action", "price_band", "collar", "mwcb_status", "end_of_snapshot",
+                     "quote_short",
+                     "quote_long", "mpid_quote", "trade_short", "trade_long", "cancel_error", "correction",
+                     "as_of"}
 
 
 def test_own_dissector_finds_nothing_wrong(run):
-    assert run_tshark("-r", run.path, *run.own, "-Y", "_ws.malformed || tessel.wrong_length || tessel.unknown_kind || "
+    assert run_tshark("-r", run.path, *run.own, "-Y",
+                      "_ws.malformed || tessel.wrong_length || tessel.unknown_kind || "
                       "tessel.cut_block || tessel.short_packet") == ""
 
 
 def test_filter_finds_the_trades_of_one_symbol(run):
     """Filters pick packets; the messages in them are then looked through."""
     wanted = sum(1 for line in run.truth if line.get("symbol") == "MSFT" and "trade" in line)
-    messages = read_messages(run.path, *run.own, "-Y", 'tessel.symbol == "MSFT" && tessel.kind == "trade_short"')
+    messages = read_messages(run.path, *run.own, "-Y",
+                             'tessel.symbol == "MSFT" && tessel.kind == "trade_short"')
     found = [dict(message) for message in messages]
     assert sum(1 for one in found if one["symbol"] == "MSFT" and one["kind"] == "trade_short") == wanted > 0
 
@@ -170,7 +179,8 @@ def test_filter_finds_the_trades_of_one_symbol(run):
 def test_judge_finds_the_captured_run_to_be_the_truth(run, tmp_path):
     output = tmp_path / "heard.jsonl"
     output.write_text("\n".join(listen_to_capture(run.path, *run.feed.receiver_args())) + "\n")
-    done = subprocess.run([program("tessel-judge"), run.feed.truth_path, output], capture_output=True, text=True,
+    done = subprocess.run([program("tessel-judge"), run.feed.truth_path, output], capture_output=True,
+                          text=True,
                           timeout=120, check=False)
     assert done.returncode == 0, done.stdout + done.stderr
     assert json.loads(output.read_text().splitlines()[0])["seq"] == run.truth[0]["seq"]

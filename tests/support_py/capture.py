@@ -80,7 +80,8 @@ def soup_packet(letter, payload=b""):
 def run_tshark(*args, dissector=True, seconds=240):
     """tshark's standard output. A script error or a refused option fails."""
     script = ["-X", f"lua_script:{DISSECTOR}"] if dissector else []
-    done = subprocess.run(["tshark", *script, *map(str, args)], capture_output=True, text=True, errors="replace", timeout=seconds,
+    done = subprocess.run(["tshark", *script, *map(str, args)], capture_output=True, text=True,
+                          errors="replace", timeout=seconds,
                           check=False, env={**os.environ, "TZ": "UTC", "LC_ALL": "C"})
     assert done.returncode == 0, done.stderr
     assert "Lua" not in done.stderr and "Lua Error" not in done.stdout, done.stderr
@@ -88,11 +89,12 @@ def run_tshark(*args, dissector=True, seconds=240):
 
 
 def read_fields(path, names, *args, dissector=True):
-    """One row a packet: the texts of the named fields, a list for each (a field may stand in a packet often)."""
+    """One row a packet: the texts of the named fields, a list for each, since a packet may have one often."""
     wanted = [word for name in names for word in ("-e", name)]
     text = run_tshark("-r", path, *args, "-T", "fields", "-E", "occurrence=a", "-E", "aggregator=|", "-E",
                       "separator=/t", *wanted, dissector=dissector)
-    return [[column.split("|") if column else [] for column in line.split("\t")] for line in text.splitlines()]
+    return [[column.split("|") if column else [] for column in line.split("\t")]
+            for line in text.splitlines()]
 
 
 def read_messages(path, *args):
@@ -102,7 +104,8 @@ def read_messages(path, *args):
     messages = []
     for proto in ElementTree.fromstring(text).iter("proto"):
         if proto.get("name") == "tessel_message":
-            messages.append([(field.get("name")[len("tessel."):], field.get("show")) for field in proto.iter("field")
+            messages.append([(field.get("name")[len("tessel."):], field.get("show"))
+                             for field in proto.iter("field")
                              if field.get("name").startswith("tessel.")])
     return messages
 
@@ -110,7 +113,8 @@ def read_messages(path, *args):
 # How the names of tessel-listen's objects continue in the dissector's field names.
 NESTED = {"nbbo": "nbbo_", "best_odd_lot": "best_odd_lot_", "odd_lots": "odd_lot_", "corrected": "corrected_",
           "consolidated": "consolidated_", "participant": "participant_"}
-PRICES = {"bid", "ask", "price", "high", "low", "last", "level_1", "level_2", "level_3", "lower", "upper", "reference"}
+PRICES = {"bid", "ask", "price", "high", "low", "last", "level_1", "level_2", "level_3", "lower", "upper",
+          "reference"}
 TRADE_KINDS = {"trade_short", "trade_long", "cancel_error", "correction", "as_of"}
 
 
@@ -118,7 +122,8 @@ def _shown_time(nanoseconds):
     """A time as Wireshark shows it in UTC."""
     seconds, rest = divmod(nanoseconds, 1_000_000_000)
     moment = time.gmtime(seconds)
-    return f"{time.strftime('%b', moment)} {moment.tm_mday:2d}, {time.strftime('%Y %H:%M:%S', moment)}.{rest:09d} UTC"
+    day = f"{time.strftime('%b', moment)} {moment.tm_mday:2d}"
+    return f"{day}, {time.strftime('%Y %H:%M:%S', moment)}.{rest:09d} UTC"
 
 
 def _shown_members(members, prefix, in_trade):
@@ -153,8 +158,8 @@ def listen_to_capture(path, *args):
 class Capture:
     """tshark writing what passes on the loopback interface to a file, from when `start` returns until `stop`.
 
-    `start` sends datagrams to a port of its own, which the filter must let through, until the first is in the file:
-    only then is it certain that nothing that follows is missed."""
+    `start` sends datagrams to a port of its own, which the filter lets through too, until the first is in the
+    file: only then is it certain that nothing that follows is missed."""
 
     def __init__(self, path, capture_filter, seconds=60):
         self.path = path

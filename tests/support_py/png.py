@@ -7,8 +7,8 @@ SIGNATURE = b"\x89PNG\r\n\x1a\n"
 
 
 def read_png(path):
-    """The picture as (width, height, rows): each row is bytes of red, green, blue per point. Takes what browsers
-    write: eight bits a channel, with or without alpha, not interlaced."""
+    """The picture as (width, height, rows): each row is bytes of red, green, blue per point. Takes what
+    browsers write: eight bits a channel, with or without alpha, not interlaced."""
     data = path.read_bytes()
     assert data[:8] == SIGNATURE, f"{path} is no PNG"
     place, packed = 8, b""

@@ -33,8 +33,10 @@ def browse(tmp_path, page, *args):
     profile = tmp_path / f"profile{len(list(tmp_path.glob('profile*')))}"
     profile.mkdir()
     command = [browser(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-               "--disable-background-networking", "--disable-component-update", "--disable-sync", "--hide-scrollbars",
-               "--disable-dev-shm-usage", f"--user-data-dir={profile}", f"--window-size={WIDTH},{HEIGHT}", *args,
+               "--disable-background-networking", "--disable-component-update", "--disable-sync",
+               "--hide-scrollbars",
+               "--disable-dev-shm-usage", f"--user-data-dir={profile}", f"--window-size={WIDTH},{HEIGHT}",
+               *args,
                page.as_uri()]
     done = subprocess.run(command, capture_output=True, text=True, timeout=180, check=False, cwd=tmp_path)
     assert done.returncode == 0, done.stderr
@@ -53,7 +55,8 @@ def make_page(tmp_path, output, truth=None):
     (tmp_path / "truth.jsonl").write_text(truth or "".join(line(seq) for seq in range(1, 601)))
     (tmp_path / "output.jsonl").write_text(output)
     page = tmp_path / "page.html"
-    done = subprocess.run([program("tessel-judge"), tmp_path / "truth.jsonl", tmp_path / "output.jsonl", "--report",
+    done = subprocess.run([program("tessel-judge"), tmp_path / "truth.jsonl", tmp_path / "output.jsonl",
+                           "--report",
                            page], capture_output=True, text=True, timeout=60, check=False)
     return done.returncode, page
 
@@ -104,10 +107,14 @@ def test_page_tells_verdict_figures_axis_and_differences(tmp_path):
     _, page = make_page(tmp_path, "".join(output) + line(600))
     dom = browse(tmp_path, page, "--dump-dom")
     text = shown_text(dom)
-    assert "Differs Of 600 truth lines 539 are matched, 1 mismatched and 60 missing; unexpected lines in OUTPUT: 1." in text
-    for words in ("truth lines 600", "output lines 541", "matched 539", "mismatched 1", "missing 60", "unexpected 1",
-                  "longest gap 60 101 to 160", "sequence number", "missing (60) mismatched (1) unexpected (1)",
-                  "missing, 60 lines", "mismatched in status", 'truth "T"', 'output "H"', "nbbo 540 0", "status 540 1"):
+    assert ("Differs Of 600 truth lines 539 are matched, 1 mismatched and 60 missing; unexpected lines in "
+            "OUTPUT: 1.") in text
+    for words in ("truth lines 600", "output lines 541", "matched 539", "mismatched 1", "missing 60",
+                  "unexpected 1",
+                  "longest gap 60 101 to 160", "sequence number",
+                  "missing (60) mismatched (1) unexpected (1)",
+                  "missing, 60 lines", "mismatched in status", 'truth "T"', 'output "H"', "nbbo 540 0",
+                  "status 540 1"):
         assert words in text, f"{words!r} is not in: {text}"
     assert dom.count('<rect class="missing"') == 6  # ten numbers a bar
     assert dom.count('<rect class="mismatched"') == 1

@@ -47,7 +47,8 @@ class Bench:
 
 
 def run_judge(*args, **options):
-    return subprocess.run([program("tessel-judge"), *map(str, args)], capture_output=True, text=True, timeout=120,
+    return subprocess.run([program("tessel-judge"), *map(str, args)], capture_output=True, text=True,
+                          timeout=120,
                           check=False, **options)
 
 
@@ -163,7 +164,8 @@ def test_bad_files_and_options_end_with_status_2(bench, tmp_path):
     assert bench.judge('{"mark":"x","seq":1}\n', text).returncode == 2
     missing = tmp_path / "nowhere"
     done = run_judge(missing, bench.output)
-    assert (done.returncode, done.stderr) == (2, f"tessel-judge: {missing}: open: No such file or directory\n")
+    assert (done.returncode, done.stderr) == (2,
+                                              f"tessel-judge: {missing}: open: No such file or directory\n")
     done = run_judge(bench.output, tmp_path)
     assert (done.returncode, done.stderr) == (2, f"tessel-judge: {tmp_path}: not a regular file\n")
     assert run_judge().returncode == 2
@@ -195,7 +197,7 @@ def sanitized():
 
 
 def test_million_lines_are_judged_quickly_in_little_memory(tmp_path):
-    """Measures, and prints, what a run takes; only far too much of it fails, since the machine may be busy."""
+    """Measures and prints what a run takes; only far too much of it fails, since the machine may be busy."""
     truth, output = tmp_path / "truth.jsonl", tmp_path / "output.jsonl"
     part = truth_text(1, 14_000).splitlines()
     bodies = [line.split(",", 1)[1] for line in part]

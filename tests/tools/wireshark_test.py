@@ -48,7 +48,7 @@ def encode(rows):
 
 
 def message(category, letter, center, kind, length, *parts):
-    """A message: the header, then the fields of each part. Returns its bytes and what is to be shown of it."""
+    """A message: the header, then the fields of each part. Returns its bytes and what is to be shown."""
     header = [("version", LETTER, "1"), ("category", LETTER, category), ("type", LETTER, letter),
               ("market_center", LETTER, center), ("sub_market_center", LETTER, " "), ("sip_time", TIME, NOW),
               ("participant_time", TIME, NOW), ("participant_token", NUMBER, 77)]
@@ -59,8 +59,10 @@ def message(category, letter, center, kind, length, *parts):
 
 def short_quote(nbbo="0", best="0", odd_list="0", count=0, *parts, length=52):
     return message("Q", "C", "Q", "quote_short", length, [
-        ("symbol", text(5), "AAPL"), ("bid", PRICE2, 190.01), ("bid_size", COUNT2, 300), ("ask", PRICE2, 655.35),
-        ("ask_size", COUNT2, 65534), ("condition", LETTER, "R"), ("sip_flag", LETTER, "E"), ("luld_bbo", LETTER, "A"),
+        ("symbol", text(5), "AAPL"), ("bid", PRICE2, 190.01), ("bid_size", COUNT2, 300),
+        ("ask", PRICE2, 655.35),
+        ("ask_size", COUNT2, 65534), ("condition", LETTER, "R"), ("sip_flag", LETTER, "E"),
+        ("luld_bbo", LETTER, "A"),
         ("retail", LETTER, " "), ("nbbo_indicator", LETTER, nbbo), ("luld_nbbo", LETTER, "I"),
         ("best_odd_lot_indicator", LETTER, best), ("odd_lot_list_indicator", LETTER, odd_list),
         ("odd_lot_count", COUNT2, count)], *parts)
@@ -70,7 +72,8 @@ def long_quote(nbbo="0", mpids=" ", best="0", odd_list="0", count=0, *parts, len
     return message("Q", "D", "D", "quote_long", length, [
         ("adf_time", TIME, NOW), ("symbol", text(11), "ABCDEFGHIJK"), ("bid", PRICE8, -0.01),
         ("bid_size", COUNT4, 4_000_000_000), ("ask", PRICE8, 1234567.89), ("ask_size", COUNT4, 100),
-        ("condition", LETTER, "Y"), ("sip_flag", LETTER, " "), ("luld_bbo", LETTER, "B"), ("retail", LETTER, " "),
+        ("condition", LETTER, "Y"), ("sip_flag", LETTER, " "), ("luld_bbo", LETTER, "B"),
+        ("retail", LETTER, " "),
         ("nbbo_indicator", LETTER, nbbo), ("luld_nbbo", LETTER, "H"), ("adf_mpid_indicator", LETTER, mpids),
         ("best_odd_lot_indicator", LETTER, best), ("odd_lot_list_indicator", LETTER, odd_list),
         ("odd_lot_count", COUNT2, count)], *parts)
@@ -96,7 +99,8 @@ def best_part(price, mpids=False):
 def list_part(price, mpids=False):
     rows = []
     for side, value, mpid in (("B", 190.02, "NITE"), ("A", 190.05, "GSCO")):
-        rows += [("odd_lot_center", LETTER, "Q"), ("odd_lot_side", LETTER, side), ("odd_lot_price", price, value),
+        rows += [("odd_lot_center", LETTER, "Q"), ("odd_lot_side", LETTER, side),
+                 ("odd_lot_price", price, value),
                  ("odd_lot_size", COUNT2, 41)] + ([("odd_lot_mpid", text(4), mpid)] if mpids else [])
     return rows
 
@@ -112,7 +116,8 @@ def trade_part(prefix="", conditions="@  I", days=True):
 
 
 def statistics_part(name):
-    return [(name + "_high", PRICE8, 191.5), (name + "_low", PRICE8, 189.25), (name + "_last", PRICE8, 190.01),
+    return [(name + "_high", PRICE8, 191.5), (name + "_low", PRICE8, 189.25),
+            (name + "_last", PRICE8, 190.01),
             (name + "_volume", SHARES, 123456.5)]
 
 
@@ -120,7 +125,8 @@ REPORT_PART = [("trf_time", TIME, NOW), ("symbol", text(11), "MSFT")]
 CHANGE_PART = [("consolidated_change", LETTER, "7"), ("last_center", LETTER, "N")]
 DIRECTORY_PART = [
     ("symbol", text(11), "AAPL"), ("old_symbol", text(11), ""), ("issue_name", text(30), "AAPL COMMON STOCK"),
-    ("issue_type", LETTER, "C"), ("issue_sub_type", text(2), "C"), ("flag_84", LETTER, "Q"), ("flag_85", LETTER, "P"),
+    ("issue_type", LETTER, "C"), ("issue_sub_type", text(2), "C"), ("flag_84", LETTER, "Q"),
+    ("flag_85", LETTER, "P"),
     ("flag_86", LETTER, "N"), ("round_lot", COUNT2, 100), ("flag_89", LETTER, "M")]
 
 MESSAGES = [
@@ -132,7 +138,8 @@ MESSAGES = [
     message("A", "B", "Q", "directory_short", 90, DIRECTORY_PART),
     message("A", "F", "Q", "directory_long", 117, DIRECTORY_PART, [
         ("flag_90", LETTER, "N"), ("flag_91", LETTER, "0"), ("flag_92", LETTER, "3"), ("state", LETTER, "H"),
-        ("reason", text(6), "LUDP"), ("indicator", LETTER, "0"), ("reserved_101", NUMBER, 5), ("reserved_109", NUMBER, 6)]),
+        ("reason", text(6), "LUDP"), ("indicator", LETTER, "0"), ("reserved_101", NUMBER, 5),
+        ("reserved_109", NUMBER, 6)]),
     message("A", "V", "Q", "indicator", 41, [("symbol", text(11), "AAPL"), ("indicator", LETTER, "0")]),
     message("A", "H", "Q", "trading_action", 59, [
         ("symbol", text(11), "AAPL"), ("action", LETTER, "H"), ("action_sequence", COUNT4, 4_000_000_000),
@@ -141,31 +148,38 @@ MESSAGES = [
         ("symbol", text(11), "AAPL"), ("indicator", LETTER, "B"), ("effective_time", TIME, NOW),
         ("lower", PRICE8, 180.5), ("upper", PRICE8, 199.5)]),
     message("A", "E", "Q", "collar", 69, [
-        ("symbol", text(11), "AAPL"), ("action_sequence", COUNT4, 9), ("reference", PRICE8, 190), ("upper", PRICE8, 199.5),
+        ("symbol", text(11), "AAPL"), ("action_sequence", COUNT4, 9), ("reference", PRICE8, 190),
+        ("upper", PRICE8, 199.5),
         ("lower", PRICE8, 180.5), ("extension", COUNT1, 0)]),
     message("A", "D", "E", "mwcb_status", 30, [("level", LETTER, "3")]),
     message("A", "S", "E", "end_of_snapshot", 37, [("snapshot_sequence", NUMBER, 812)]),
     message("Q", "A", "Q", "odd_lots_short", 39 + 10 + 12, [
         ("symbol", text(5), "AAPL"), ("sip_flag", LETTER, " "), ("best_odd_lot_indicator", LETTER, "2"),
-        ("odd_lot_list_indicator", LETTER, "2"), ("odd_lot_count", COUNT2, 2)], best_part(PRICE2), list_part(PRICE2)),
+        ("odd_lot_list_indicator", LETTER, "2"), ("odd_lot_count", COUNT2, 2)], best_part(PRICE2),
+        list_part(PRICE2)),
     message("Q", "B", "Q", "odd_lots_long", 53 + 22, [
         ("adf_time", TIME, NOW), ("symbol", text(11), "AAPL"), ("sip_flag", LETTER, " "),
-        ("best_odd_lot_indicator", LETTER, "3"), ("odd_lot_list_indicator", LETTER, "4"), ("odd_lot_count", COUNT2, 2)],
+        ("best_odd_lot_indicator", LETTER, "3"), ("odd_lot_list_indicator", LETTER, "4"),
+        ("odd_lot_count", COUNT2, 2)],
         best_part(PRICE8)),
     short_quote(),
     short_quote("1"),
     short_quote("4", "1"),
-    short_quote("2", "2", "2", 2, nbbo_part(PRICE2, COUNT2), best_part(PRICE2), list_part(PRICE2), length=52 + 11 + 10 + 12),
+    short_quote("2", "2", "2", 2, nbbo_part(PRICE2, COUNT2), best_part(PRICE2), list_part(PRICE2),
+                length=52 + 11 + 10 + 12),
     short_quote("0", "0", "2", 2, list_part(PRICE2), length=52 + 12),
     long_quote(),
-    long_quote("3", "2", "5", "5", 2, nbbo_part(PRICE8, COUNT4), MPID_PART, best_part(PRICE8, True), list_part(PRICE8, True),
+    long_quote("3", "2", "5", "5", 2, nbbo_part(PRICE8, COUNT4), MPID_PART, best_part(PRICE8, True),
+               list_part(PRICE8, True),
                length=83 + 27 + 8 + 30 + 32),
     long_quote("3", " ", "3", "3", 2, nbbo_part(PRICE8, COUNT4), best_part(PRICE8), list_part(PRICE8),
                length=83 + 27 + 22 + 24),
     long_quote("0", "2", "0", "4", 2, MPID_PART, length=91),
     message("Q", "M", "D", "mpid_quote", 77, [
-        ("adf_time", TIME, NOW), ("symbol", text(11), "AAPL"), ("bid", PRICE8, 190), ("bid_size", COUNT4, 100),
-        ("ask", PRICE8, 190.04), ("ask_size", COUNT4, 100), ("condition", LETTER, "R"), ("mpid", text(4), "VIRT")]),
+        ("adf_time", TIME, NOW), ("symbol", text(11), "AAPL"), ("bid", PRICE8, 190),
+        ("bid_size", COUNT4, 100),
+        ("ask", PRICE8, 190.04), ("ask_size", COUNT4, 100), ("condition", LETTER, "R"),
+        ("mpid", text(4), "VIRT")]),
     message("T", "M", "Q", "trade_short", 67, [
         ("trf_time", TIME, 0), ("symbol", text(5), "AAPL"), ("id", NUMBER, 17), ("price", PRICE2, 0.01),
         ("size", SHARES, 5000), ("conditions", text(4), "@O  "), ("trade_through_exempt", LETTER, " "),
@@ -240,9 +254,11 @@ def test_fields_can_be_filtered(tmp_path, condition, count):
 
     tests = {
         'tessel.symbol == "AAPL"': lambda m: has(m, "symbol", lambda v: v == "AAPL"),
-        'tessel.symbol == "MSFT" && tessel.kind == "correction"': lambda m: has(m, "kind", lambda v: v == "correction"),
+        'tessel.symbol == "MSFT" && tessel.kind == "correction"': lambda m: has(m, "kind",
+                                                                                lambda v: v == "correction"),
         "tessel.bid < 0": lambda m: has(m, "bid", lambda v: float(v) < 0),
-        "tessel.nbbo_bid == 190.02 && tessel.nbbo_ask_size == 200": lambda m: has(m, "nbbo_bid", lambda v: True),
+        "tessel.nbbo_bid == 190.02 && tessel.nbbo_ask_size == 200": lambda m: has(m, "nbbo_bid",
+                                                                                  lambda v: True),
         "tessel.size == 300": lambda m: has(m, "size", lambda v: v == "300"),
         'tessel.sip_time >= "2025-11-21 13:33:20"': lambda m: True,
     }
@@ -260,15 +276,16 @@ def test_other_ports_are_taken_by_option_and_by_preference(tmp_path):
 
 def test_messages_show_below_wiresharks_own_mold_dissector(tmp_path):
     path = write_pcap(tmp_path / "other.pcap", [udp_frame(packet, 31001) for packet in packets(1)])
-    messages = read_messages(path, "-d", "udp.port==31001,moldudp64", "-d", "moldudp64.payload,tessel_message")
+    messages = read_messages(path, "-d", "udp.port==31001,moldudp64", "-d",
+                             "moldudp64.payload,tessel_message")
     assert [shown for shown in messages] == [expected for _, expected in MESSAGES]
     rows = read_fields(path, ["moldudp64.msgseq"], "-d", "udp.port==31001,moldudp64")
     assert sum((row[0] for row in rows), []) == [str(1 + number) for number in range(len(MESSAGES))]
 
 
 def conversation(port, sizes, accepted_apart=False):
-    """A Snap-Shot session on `port`, the server's bytes cut into segments of the sizes, again and again. The feed sends
-    Login Accepted by itself, so it can have a segment of its own."""
+    """A Snap-Shot session on `port`, the server's bytes cut into segments of the sizes, again and again. The
+    feed sends Login Accepted by itself, so it can have a segment of its own."""
     talk = TcpConversation(port)
     talk.client(soup_packet("L", b"LATE  " + b"secret".ljust(10) + b"UTPBENCH01" + b"1".rjust(20)))
     data = soup_packet("A", b"UTPBENCH01" + b"1".ljust(20))
@@ -290,7 +307,8 @@ def conversation(port, sizes, accepted_apart=False):
 def test_snapshot_session_is_put_together_from_any_segments(tmp_path, sizes):
     path = write_pcap(tmp_path / "session.pcap", conversation(25179, sizes))
     assert read_messages(path) == [expected for _, expected in MESSAGES]
-    rows = read_fields(path, ["tessel_snapshot.packet_type", "tessel_snapshot.username", "tessel_snapshot.password",
+    rows = read_fields(path, ["tessel_snapshot.packet_type", "tessel_snapshot.username",
+                              "tessel_snapshot.password",
                               "tessel_snapshot.session", "tessel_snapshot.requested_sequence",
                               "tessel_snapshot.next_sequence"], "-Y", "tessel_snapshot")
     columns = [sum((row[column] for row in rows), []) for column in range(6)]
@@ -303,8 +321,8 @@ def test_snapshot_session_is_put_together_from_any_segments(tmp_path, sizes):
 
 @pytest.mark.parametrize("sizes", [(1000,), (7, 250, 3)])
 def test_snapshot_session_shows_below_wiresharks_own_soup_dissector(tmp_path, sizes):
-    """Login Accepted has a segment of its own here: Wireshark begins a new conversation behind it and would not put
-    together a packet that starts in its segment."""
+    """Login Accepted has a segment of its own here: Wireshark begins a new conversation behind it and would
+    not put together a packet that starts in its segment."""
     path = write_pcap(tmp_path / "session.pcap", conversation(31002, sizes, accepted_apart=True))
     assert read_messages(path) == []
     assert len(read_messages(path, "-d", "tcp.port==31002,tessel_snapshot")) == len(MESSAGES)
@@ -315,7 +333,8 @@ def test_heartbeats_and_requests_are_named(tmp_path):
     request = mold_packet(7, [])[:18] + struct.pack(">H", 5)
     path = write_pcap(tmp_path / "small.pcap", [
         udp_frame(mold_packet(31, []), 25177), udp_frame(request, 25178, destination="127.0.0.1")])
-    rows = read_fields(path, ["_ws.col.Info", "tessel.session", "tessel.packet_sequence", "tessel.packet_count"])
+    rows = read_fields(path, ["_ws.col.Info", "tessel.session", "tessel.packet_sequence",
+                              "tessel.packet_count"])
     assert rows == [[["heartbeat, next 31"], ["UTPBENCH01"], ["31"], ["0"]],
                     [["request from 7, 5 messages"], ["UTPBENCH01"], ["7"], ["5"]]]
 

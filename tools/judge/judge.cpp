@@ -20,7 +20,8 @@ struct HeldLine {
     std::uint64_t line_number = 0;
 };
 
-// A truth line that had its turn, kept for a while to tell a repeated OUTPUT line from one that came too late.
+// A truth line that had its turn, kept for a while to tell a repeated OUTPUT line from one that came too
+// late.
 struct PastLine {
     std::uint64_t seq = 0;
     bool found = false;
@@ -37,16 +38,17 @@ struct JudgeState {
     LineSource output;
     Result* result = nullptr;
     RunResult* run = nullptr;
-    std::map<std::uint64_t, HeldLine> held; // by sequence number, each behind the truth line that is due
+    std::map<std::uint64_t, HeldLine> held;  // by sequence number, each behind the truth line that is due
     std::size_t held_bytes = 0;
     bool output_ended = false;
-    std::deque<PastLine> past; // rising
-    Difference gap;            // the stretch of missing lines that is growing; lines = 0 when there is none
-    Line output_line;          // scratch, kept for its memory
+    std::deque<PastLine> past;  // rising
+    Difference gap;             // the stretch of missing lines that is growing; lines = 0 when there is none
+    Line output_line;           // scratch, kept for its memory
     std::string* error = nullptr;
 };
 
-bool bad_line(JudgeState& state, const LineSource& source, std::uint64_t line_number, const std::string& reason) {
+bool bad_line(JudgeState& state, const LineSource& source, std::uint64_t line_number,
+              const std::string& reason) {
     *state.error = fmt::format("{}:{}: {}", source.path, line_number, reason);
     return false;
 }
@@ -91,7 +93,8 @@ Bucket* bucket_of(RunResult& run, std::uint64_t seq) {
         return nullptr;
     }
     const std::uint64_t inside = std::clamp(seq, run.truth.lowest, run.truth.highest) - run.truth.lowest;
-    const double share = static_cast<double>(inside) / (static_cast<double>(run.truth.highest - run.truth.lowest) + 1);
+    const double share =
+        static_cast<double>(inside) / (static_cast<double>(run.truth.highest - run.truth.lowest) + 1);
     const auto index = static_cast<std::size_t>(share * static_cast<double>(run.buckets.size()));
     return &run.buckets[std::min(index, run.buckets.size() - 1)];
 }
@@ -163,8 +166,8 @@ void note_foreign(Result& result, const std::string& name) {
     }
 }
 
-// Compares the members that OUTPUT gives. A member that the truth line does not have is a mismatch, unless OUTPUT says
-// null, which means exactly that.
+// Compares the members that OUTPUT gives. A member that the truth line does not have is a mismatch, unless
+// OUTPUT says null, which means exactly that.
 std::uint32_t compare_members(JudgeState& state, const TruthLine& truth, std::string_view text) {
     std::uint32_t mismatched = 0;
     for (std::size_t member = 0; member != member_count; ++member) {
@@ -184,10 +187,11 @@ std::uint32_t compare_members(JudgeState& state, const TruthLine& truth, std::st
 }
 
 // Judges one truth line with the OUTPUT line of the same number. False when that line cannot be read.
-bool compare_lines(JudgeState& state, const TruthLine& truth, std::string_view text, std::uint64_t line_number) {
+bool compare_lines(JudgeState& state, const TruthLine& truth, std::string_view text,
+                   std::uint64_t line_number) {
     end_gap(state);
     Figures& figures = state.run->figures;
-    if (text == truth.text) { // the truth line has been read, so this one needs no reading
+    if (text == truth.text) {  // the truth line has been read, so this one needs no reading
         for (std::size_t member = 0; member != member_count; ++member) {
             state.result->members[member].compared += truth.line.members[member].length != 0 ? 1 : 0;
         }
@@ -223,7 +227,8 @@ bool compare_lines(JudgeState& state, const TruthLine& truth, std::string_view t
     return true;
 }
 
-// The next OUTPUT line that is no mark, with its sequence number. The rest of the line is only read when it is compared.
+// The next OUTPUT line that is no mark, with its sequence number. The rest of the line is only read when it
+// is compared.
 ReadResult next_output(JudgeState& state, std::string_view& text, std::uint64_t& seq) {
     while (true) {
         const ReadResult read = next_line(state.output, text, state.error);
@@ -267,7 +272,8 @@ bool drop_held_below(JudgeState& state, std::uint64_t seq) {
     return true;
 }
 
-// Puts one OUTPUT line that is not the one due where it belongs: behind (unexpected) or ahead (held). False at a bad line.
+// Puts one OUTPUT line that is not the one due where it belongs: behind (unexpected) or ahead (held). False
+// at a bad line.
 bool put_aside(JudgeState& state, std::uint64_t due, std::uint64_t seq, std::string_view text) {
     const std::uint64_t line_number = state.output.line_number;
     if (seq >= due && seq <= state.run->truth.highest && state.held.count(seq) == 0) {
@@ -288,8 +294,8 @@ bool put_aside(JudgeState& state, std::uint64_t due, std::uint64_t seq, std::str
     return true;
 }
 
-// Finds the OUTPUT line for the truth line that is due and compares them, or counts the truth line as missing. False at a
-// bad line of OUTPUT.
+// Finds the OUTPUT line for the truth line that is due and compares them, or counts the truth line as
+// missing. False at a bad line of OUTPUT.
 bool judge_line(JudgeState& state, const TruthLine& truth) {
     const std::uint64_t due = truth.line.seq;
     if (!drop_held_below(state, due)) {
@@ -305,7 +311,8 @@ bool judge_line(JudgeState& state, const TruthLine& truth) {
             return false;
         }
     }
-    while (!found && !state.output_ended && state.held.size() < window_lines_max && state.held_bytes < window_bytes_max) {
+    while (!found && !state.output_ended && state.held.size() < window_lines_max &&
+           state.held_bytes < window_bytes_max) {
         std::string_view text;
         std::uint64_t seq = 0;
         const ReadResult read = next_output(state, text, seq);
@@ -403,9 +410,9 @@ bool judge_run(JudgeState& state, const Options& options) {
 }
 
 void add_figures(Figures& total, const Figures& part) {
-    for (const auto field :
-         {&Figures::truth_lines, &Figures::output_lines, &Figures::matched, &Figures::mismatched, &Figures::missing,
-          &Figures::unexpected, &Figures::repeated, &Figures::unknown, &Figures::too_late, &Figures::left_out}) {
+    for (const auto field : {&Figures::truth_lines, &Figures::output_lines, &Figures::matched,
+                             &Figures::mismatched, &Figures::missing, &Figures::unexpected,
+                             &Figures::repeated, &Figures::unknown, &Figures::too_late, &Figures::left_out}) {
         total.*field += part.*field;
     }
     if (part.longest_missing > total.longest_missing) {
@@ -416,7 +423,8 @@ void add_figures(Figures& total, const Figures& part) {
 }
 
 // Which run of the truth is judged with which of OUTPUT, in OUTPUT's order.
-std::vector<RunResult> pair_runs(const std::vector<Run>& truth, std::size_t first_number, const std::vector<Run>& output) {
+std::vector<RunResult> pair_runs(const std::vector<Run>& truth, std::size_t first_number,
+                                 const std::vector<Run>& output) {
     std::vector<RunResult> pairs;
     const std::size_t count = std::max<std::size_t>(output.size(), 1);
     for (std::size_t index = 0; index != count; ++index) {
@@ -430,14 +438,15 @@ std::vector<RunResult> pair_runs(const std::vector<Run>& truth, std::size_t firs
             pair.output = output[index];
         }
         if (pair.truth_run != 0 && pairs.size() < charted_runs_max) {
-            pair.buckets.resize(std::min<std::uint64_t>(buckets_per_run, pair.truth.highest - pair.truth.lowest + 1));
+            pair.buckets.resize(
+                std::min<std::uint64_t>(buckets_per_run, pair.truth.highest - pair.truth.lowest + 1));
         }
         pairs.push_back(std::move(pair));
     }
     return pairs;
 }
 
-} // namespace
+}  // namespace
 
 bool judge(const Options& options, Result& result, std::string* error) {
     JudgeState state;
@@ -445,7 +454,8 @@ bool judge(const Options& options, Result& result, std::string* error) {
     state.error = error;
     std::vector<Run> truth_runs;
     std::vector<Run> output_runs;
-    if (!open_source(state.truth, options.truth_path, error) || !open_source(state.output, options.output_path, error) ||
+    if (!open_source(state.truth, options.truth_path, error) ||
+        !open_source(state.output, options.output_path, error) ||
         !find_truth_runs(state.truth, truth_runs, error)) {
         return false;
     }
@@ -456,7 +466,8 @@ bool judge(const Options& options, Result& result, std::string* error) {
     }
     std::size_t first_number = 1;
     if (options.run > truth_runs.size()) {
-        *error = fmt::format("{}: no run {}, the file has {}", options.truth_path, options.run, truth_runs.size());
+        *error =
+            fmt::format("{}: no run {}, the file has {}", options.truth_path, options.run, truth_runs.size());
         return false;
     }
     if (options.run != 0) {
@@ -482,4 +493,4 @@ bool agrees(const Result& result) {
     return result.figures.mismatched == 0 && result.figures.missing == 0 && result.figures.unexpected == 0;
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

@@ -25,8 +25,8 @@ bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// Walks over one line. Every function leaves `at` behind what it took and returns false without a promise about
-// `at` when the text is not what it looks for.
+// Walks over one line. Every function leaves `at` behind what it took and returns false without a promise
+// about `at` when the text is not what it looks for.
 struct Scanner {
     const char* begin;
     const char* at;
@@ -101,7 +101,8 @@ struct Scanner {
         return false;
     }
 
-    // A number, a plain string, null, true, false, or an array of these and of arrays, no deeper than a list of levels.
+    // A number, a plain string, null, true, false, or an array of these and of arrays, no deeper than a list
+    // of levels.
     bool take_value(int depth) {
         if (at == end) {
             return false;
@@ -137,8 +138,8 @@ struct Scanner {
     }
 };
 
-// Index of a member by name, member_count when no truth line has it. The length and first letter settle nearly every
-// comparison, so a walk through the table is quick enough.
+// Index of a member by name, member_count when no truth line has it. The length and first letter settle
+// nearly every comparison, so a walk through the table is quick enough.
 std::size_t member_index(std::string_view name) {
     std::size_t index = 0;
     while (index != member_count && member_names[index] != name) {
@@ -189,8 +190,8 @@ bool fail(std::string* error, std::string reason) {
     return false;
 }
 
-// Parses with the library. A member given twice is watched for here, since the parsed object keeps only one of them;
-// members that are never compared may be given as often as a handler likes.
+// Parses with the library. A member given twice is watched for here, since the parsed object keeps only one
+// of them; members that are never compared may be given as often as a handler likes.
 bool parse_object(std::string_view text, Json& object, std::string* error) {
     std::set<std::string> names;
     std::string twice;
@@ -208,7 +209,7 @@ bool parse_object(std::string_view text, Json& object, std::string* error) {
         object = Json::parse(text.begin(), text.end(), watch);
     } catch (const Json::parse_error& fault) {
         return fail(error, fmt::format("not JSON: broken at byte {}", fault.byte));
-    } catch (const std::exception& fault) { // a number too large for a double
+    } catch (const std::exception& fault) {  // a number too large for a double
         return fail(error, fmt::format("not JSON: {}", fault.what()));
     }
     if (!object.is_object()) {
@@ -220,7 +221,7 @@ bool parse_object(std::string_view text, Json& object, std::string* error) {
     return true;
 }
 
-} // namespace
+}  // namespace
 
 bool peek_sequence(std::string_view text, std::uint64_t& seq) {
     constexpr std::string_view head = R"({"seq":)";
@@ -232,7 +233,7 @@ bool peek_sequence(std::string_view text, std::uint64_t& seq) {
         text.remove_prefix(1);
     }
     if (text.size() > 1 && text[0] == '0' && is_digit(text[1])) {
-        return false; // a leading zero is not JSON: let the full reader say so
+        return false;  // a leading zero is not JSON: let the full reader say so
     }
     const auto [last, fault] = std::from_chars(text.data(), text.data() + text.size(), seq);
     return fault == std::errc() && last != text.data() + text.size() && (*last == ',' || *last == '}');
@@ -302,7 +303,7 @@ bool read_line_fully(std::string_view text, Line& out, std::string* error) {
         return fail(error, "member 'seq' is not a whole number from 0 up");
     }
     out.seq = seq->get<std::uint64_t>();
-    out.rewritten = "{}"; // never empty, so that spans are known to stand here
+    out.rewritten = "{}";  // never empty, so that spans are known to stand here
     for (const auto& [name, value] : object.items()) {
         const std::size_t index = member_index(name);
         if (name == "mark") {
@@ -344,4 +345,4 @@ std::string_view member_text(const Line& line, std::string_view text, std::size_
     return base.substr(span.offset, span.length);
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

@@ -37,7 +37,7 @@ bool refill(LineSource& source, std::string* error) {
         return false;
     }
     if (got == 0) {
-        source.end_offset = position; // the file got shorter, or this is its end
+        source.end_offset = position;  // the file got shorter, or this is its end
     }
     source.end += static_cast<std::size_t>(got);
     return true;
@@ -47,7 +47,7 @@ bool is_blank(std::string_view text) {
     return text.find_first_not_of(" \t\r") == std::string_view::npos;
 }
 
-} // namespace
+}  // namespace
 
 LineSource::~LineSource() {
     if (fd >= 0) {
@@ -72,7 +72,8 @@ bool open_source(LineSource& source, const std::string& path, std::string* error
     return true;
 }
 
-void seek_source(LineSource& source, std::uint64_t offset, std::uint64_t end_offset, std::uint64_t line_number) {
+void seek_source(LineSource& source, std::uint64_t offset, std::uint64_t end_offset,
+                 std::uint64_t line_number) {
     source.begin = 0;
     source.end = 0;
     source.buffer_offset = offset;
@@ -81,11 +82,12 @@ void seek_source(LineSource& source, std::uint64_t offset, std::uint64_t end_off
 }
 
 ReadResult next_line(LineSource& source, std::string_view& text, std::string* error) {
-    std::size_t searched = 0; // bytes behind `begin` known to hold no line feed
+    std::size_t searched = 0;  // bytes behind `begin` known to hold no line feed
     while (true) {
         const char* const first = source.buffer.data() + source.begin;
         const std::size_t held = source.end - source.begin;
-        const auto* const feed = static_cast<const char*>(std::memchr(first + searched, '\n', held - searched));
+        const auto* const feed =
+            static_cast<const char*>(std::memchr(first + searched, '\n', held - searched));
         const bool at_end = source.buffer_offset + source.end >= source.end_offset;
         if (feed != nullptr || (at_end && held != 0)) {
             const std::size_t length = feed != nullptr ? static_cast<std::size_t>(feed - first) : held;
@@ -102,7 +104,8 @@ ReadResult next_line(LineSource& source, std::string_view& text, std::string* er
             return ReadResult::end;
         }
         if (held > line_bytes_max) {
-            *error = fmt::format("{}:{}: line longer than {} bytes", source.path, source.line_number + 1, line_bytes_max);
+            *error = fmt::format("{}:{}: line longer than {} bytes", source.path, source.line_number + 1,
+                                 line_bytes_max);
             return ReadResult::error;
         }
         searched = held;
@@ -116,4 +119,4 @@ std::uint64_t line_offset(const LineSource& source, std::string_view text) {
     return source.buffer_offset + static_cast<std::uint64_t>(text.data() - source.buffer.data());
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

@@ -4,8 +4,8 @@
 #include <exception>
 #include <fstream>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "judge/judge.h"
 #include "judge/report.h"
@@ -17,11 +17,13 @@ enum ExitStatus : int { status_agrees = 0, status_differs = 1, status_bad_input 
 int run(int argc, char** argv) {
     tessel::judge::Options options;
     std::string report_path;
-    CLI::App app("Compares a feed handler's output with the feed's truth log.\n"
-                 "Exit status: 0 all agree, 1 not, 2 bad input.",
-                 "tessel-judge");
+    CLI::App app(
+        "Compares a feed handler's output with the feed's truth log.\n"
+        "Exit status: 0 all agree, 1 not, 2 bad input.",
+        "tessel-judge");
     app.add_option("TRUTH", options.truth_path, "The truth log (--truth-out of the feed)")->required();
-    app.add_option("OUTPUT", options.output_path, "The handler's file: JSON lines with a seq and any of the truth line's members")
+    app.add_option("OUTPUT", options.output_path,
+                   "The handler's file: JSON lines with a seq and any of the truth line's members")
         ->required();
     app.add_option("--report", report_path, "Write the report as one HTML page to this file, too");
     app.add_option("--run", options.run, "Judge against this run of the truth only; the first is 1")
@@ -59,12 +61,12 @@ int run(int argc, char** argv) {
     return tessel::judge::agrees(result) ? status_agrees : status_differs;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     try {
         return run(argc, argv);
-    } catch (const std::exception& fault) { // a full disk on standard output, or no memory
+    } catch (const std::exception& fault) {  // a full disk on standard output, or no memory
         std::fprintf(stderr, "tessel-judge: %s\n", fault.what());
         return status_bad_input;
     }

@@ -8,16 +8,21 @@ namespace tessel::judge {
 
 namespace {
 
-// The page's whole style. Verdicts and series keep their colours apart from one another for every kind of colour vision;
-// the dark variant only changes their lightness. The page's tests look for the six colours in a picture of it.
+// The page's whole style. Verdicts and series keep their colours apart from one another for every kind of
+// colour vision; the dark variant only changes their lightness. The page's tests look for these colours in
+// a picture of it.
 constexpr std::string_view style = R"css(
-:root { color-scheme: light dark; --page: #f4f6f8; --card: #ffffff; --ink: #18212b; --soft: #5b6875; --line: #d9dfe5;
-  --agrees: #17703f; --differs: #b3261e; --missing: #d9480f; --mismatched: #6741d9; --unexpected: #1971c2; }
+:root { color-scheme: light dark; --page: #f4f6f8; --card: #ffffff; --ink: #18212b; --soft: #5b6875;
+  --line: #d9dfe5;
+  --agrees: #17703f; --differs: #b3261e;
+  --missing: #d9480f; --mismatched: #6741d9; --unexpected: #1971c2; }
 @media (prefers-color-scheme: dark) {
   :root { --page: #12171c; --card: #1b2229; --ink: #e8edf2; --soft: #9aa7b4; --line: #333d47;
-    --agrees: #1f7a48; --differs: #b73a32; --missing: #ff8c42; --mismatched: #9f85ff; --unexpected: #5aa9f0; } }
+    --agrees: #1f7a48; --differs: #b73a32; --missing: #ff8c42; --mismatched: #9f85ff;
+    --unexpected: #5aa9f0; } }
 * { box-sizing: border-box; }
-body { margin: 0; background: var(--page); color: var(--ink); font: 15px/1.5 system-ui, "DejaVu Sans", sans-serif; }
+body { margin: 0; background: var(--page); color: var(--ink);
+  font: 15px/1.5 system-ui, "DejaVu Sans", sans-serif; }
 main { max-width: 1080px; margin: 0 auto; padding: 24px 20px 48px; }
 h1 { font-size: 30px; margin: 0; letter-spacing: .01em; }
 h2 { font-size: 17px; margin: 0 0 12px; }
@@ -26,7 +31,8 @@ p { margin: 6px 0 0; }
 .verdict { border-radius: 12px; padding: 22px 26px; color: #ffffff; }
 .verdict.agrees { background: var(--agrees); } .verdict.differs { background: var(--differs); }
 .verdict p { font-size: 16px; }
-.tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(138px, 1fr)); gap: 12px; margin: 16px 0; }
+.tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(138px, 1fr)); gap: 12px;
+  margin: 16px 0; }
 .tile, section { background: var(--card); border: 1px solid var(--line); border-radius: 12px; }
 .tile { padding: 12px 16px; } .tile b { display: block; font-size: 20px; font-variant-numeric: tabular-nums; }
 .tile span { color: var(--soft); font-size: 13px; } .tile small { display: block; color: var(--soft); }
@@ -45,7 +51,8 @@ svg .unexpected, .key.unexpected { fill: var(--unexpected); background: var(--un
 table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; }
 th { text-align: left; color: var(--soft); font-size: 13px; font-weight: 600; }
 th, td { padding: 6px 14px 6px 0; border-bottom: 1px solid var(--line); vertical-align: top; }
-tr:last-child td { border-bottom: 0; } table.narrow { width: auto; min-width: 50%; } td.number, th.number { text-align: right; }
+tr:last-child td { border-bottom: 0; } table.narrow { width: auto; min-width: 50%; }
+td.number, th.number { text-align: right; }
 code, pre { font: 12.5px/1.5 ui-monospace, "DejaVu Sans Mono", monospace; }
 pre { white-space: pre-wrap; overflow-wrap: anywhere; margin: 2px 0 0; }
 .values td { border: 0; padding: 0 12px 0 0; } .values { width: auto; } .where { color: var(--soft); }
@@ -58,23 +65,13 @@ std::string escaped(std::string_view text) {
     safe.reserve(text.size());
     for (const char c : text) {
         switch (c) {
-        case '&':
-            safe += "&amp;";
-            break;
-        case '<':
-            safe += "&lt;";
-            break;
-        case '>':
-            safe += "&gt;";
-            break;
-        case '"':
-            safe += "&quot;";
-            break;
-        case '\'':
-            safe += "&#39;";
-            break;
-        default: // control characters are no text: a page with them would not be well-formed
-            safe += static_cast<unsigned char>(c) < 0x20 && c != '\t' ? ' ' : c;
+            case '&': safe += "&amp;"; break;
+            case '<': safe += "&lt;"; break;
+            case '>': safe += "&gt;"; break;
+            case '"': safe += "&quot;"; break;
+            case '\'': safe += "&#39;"; break;
+            default:  // control characters are no text: a page with them would not be well-formed
+                safe += static_cast<unsigned char>(c) < 0x20 && c != '\t' ? ' ' : c;
         }
     }
     return safe;
@@ -82,8 +79,8 @@ std::string escaped(std::string_view text) {
 
 void add_tile(std::string& page, std::string_view name, std::uint64_t number, std::string_view colour,
               const std::string& note = "") {
-    page += fmt::format(R"(<div class="tile {}"><span>{}</span><b>{}</b>{}</div>)", number == 0 ? "" : colour, name,
-                        grouped(number), note.empty() ? "" : "<small>" + escaped(note) + "</small>");
+    page += fmt::format(R"(<div class="tile {}"><span>{}</span><b>{}</b>{}</div>)", number == 0 ? "" : colour,
+                        name, grouped(number), note.empty() ? "" : "<small>" + escaped(note) + "</small>");
 }
 
 void add_tiles(std::string& page, const Options& options, const Result& result) {
@@ -98,8 +95,9 @@ void add_tiles(std::string& page, const Options& options, const Result& result) 
     add_tile(page, "unexpected", figures.unexpected, "unexpected",
              figures.repeated == 0 ? "" : grouped(figures.repeated) + " repeated");
     add_tile(page, "longest gap", figures.longest_missing, "missing",
-             figures.longest_missing == 0 ? ""
-                                          : fmt::format("{} to {}", figures.longest_missing_first, figures.longest_missing_last));
+             figures.longest_missing == 0
+                 ? ""
+                 : fmt::format("{} to {}", figures.longest_missing_first, figures.longest_missing_last));
     page += "</div>\n";
 }
 
@@ -140,15 +138,18 @@ void add_runs(std::string& page, const Result& result) {
     if (result.truth_runs < 2 && result.runs.size() < 2) {
         return;
     }
-    page += fmt::format("<section><h2>Runs</h2><p>The truth log holds {}, the output {}.</p>"
-                        R"(<table><tr><th>run</th><th class="number">first sequence</th><th class="number">last</th>)"
-                        R"(<th class="number">truth lines</th><th class="number">mismatched</th><th class="number">missing</th>)"
-                        R"(<th class="number">unexpected</th></tr>)",
-                        result.truth_runs, result.output_runs);
+    page += fmt::format(
+        "<section><h2>Runs</h2><p>The truth log holds {}, the output {}.</p>"
+        R"(<table><tr><th>run</th><th class="number">first sequence</th><th class="number">last</th>)"
+        R"(<th class="number">truth lines</th><th class="number">mismatched</th>)"
+        R"(<th class="number">missing</th><th class="number">unexpected</th></tr>)",
+        result.truth_runs, result.output_runs);
     for (const RunResult& run : result.runs) {
-        page += fmt::format(R"(<tr><td>{}</td>)", run.truth_run == 0 ? "not in the truth log" : grouped(run.truth_run));
-        for (const std::uint64_t number : {run.truth.lowest, run.truth.highest, run.figures.truth_lines, run.figures.mismatched,
-                                           run.figures.missing, run.figures.unexpected}) {
+        page += fmt::format(R"(<tr><td>{}</td>)",
+                            run.truth_run == 0 ? "not in the truth log" : grouped(run.truth_run));
+        for (const std::uint64_t number :
+             {run.truth.lowest, run.truth.highest, run.figures.truth_lines, run.figures.mismatched,
+              run.figures.missing, run.figures.unexpected}) {
             page += fmt::format(R"(<td class="number">{}</td>)", grouped(number));
         }
         page += "</tr>";
@@ -157,13 +158,14 @@ void add_runs(std::string& page, const Result& result) {
 }
 
 void add_members(std::string& page, const Result& result) {
-    page += R"(<section><h2>Members</h2><table class="narrow"><tr><th>member</th><th class="number">compared</th>)"
-            R"(<th class="number">mismatched</th></tr>)";
+    page += R"(<section><h2>Members</h2><table class="narrow"><tr><th>member</th>)"
+            R"(<th class="number">compared</th><th class="number">mismatched</th></tr>)";
     for (std::size_t member = 0; member != member_count; ++member) {
         const MemberCount& count = result.members[member];
         if (count.compared != 0) {
-            page += fmt::format(R"(<tr><td><code>{}</code></td><td class="number">{}</td><td class="number">{}</td></tr>)",
-                                member_names[member], grouped(count.compared), grouped(count.mismatched));
+            page += fmt::format(
+                R"(<tr><td><code>{}</code></td><td class="number">{}</td><td class="number">{}</td></tr>)",
+                member_names[member], grouped(count.compared), grouped(count.mismatched));
         }
     }
     page += "</table>";
@@ -175,12 +177,11 @@ void add_members(std::string& page, const Result& result) {
 
 std::string what(const Difference& difference) {
     switch (difference.kind) {
-    case DifferenceKind::missing:
-        return difference.lines == 1 ? "missing" : fmt::format("missing, {} lines", grouped(difference.lines));
-    case DifferenceKind::unexpected:
-        return escaped("unexpected: " + difference.reason);
-    case DifferenceKind::mismatched:
-        break;
+        case DifferenceKind::missing:
+            return difference.lines == 1 ? "missing"
+                                         : fmt::format("missing, {} lines", grouped(difference.lines));
+        case DifferenceKind::unexpected: return escaped("unexpected: " + difference.reason);
+        case DifferenceKind::mismatched: break;
     }
     return "mismatched in " + member_list(difference.members);
 }
@@ -190,9 +191,11 @@ void add_values(std::string& page, const Difference& difference) {
     for (std::size_t member = 0; member != member_count; ++member) {
         if ((difference.members >> member & 1U) != 0) {
             const std::string expected = shown_value(difference.truth_text, member);
-            page += fmt::format(R"(<tr><td><code>{}</code></td><td>truth <code>{}</code></td><td>output <code>{}</code></td></tr>)",
-                                member_names[member], escaped(expected.empty() ? "has none" : expected),
-                                escaped(shown_value(difference.output_text, member)));
+            page += fmt::format(
+                "<tr><td><code>{}</code></td><td>truth <code>{}</code></td>"
+                "<td>output <code>{}</code></td></tr>",
+                member_names[member], escaped(expected.empty() ? "has none" : expected),
+                escaped(shown_value(difference.output_text, member)));
         }
     }
     page += "</table>";
@@ -200,7 +203,8 @@ void add_values(std::string& page, const Difference& difference) {
 
 void add_line(std::string& page, std::string_view name, std::uint64_t line, const std::string& text) {
     if (line != 0) {
-        page += fmt::format(R"(<pre><span class="where">{} line {}</span> {}</pre>)", name, line, escaped(text));
+        page +=
+            fmt::format(R"(<pre><span class="where">{} line {}</span> {}</pre>)", name, line, escaped(text));
     }
 }
 
@@ -208,13 +212,15 @@ void add_differences(std::string& page, const Result& result) {
     if (result.differences_found == 0) {
         return;
     }
-    page += fmt::format(R"(<section><h2>Differences</h2><p class="where">The first {} of {}; missing lines in a row are one.</p>)"
+    page += fmt::format(R"(<section><h2>Differences</h2><p class="where">The first {} of {}; )"
+                        "missing lines in a row are one.</p>"
                         R"(<table><tr><th>run</th><th>sequence</th><th>what</th></tr>)",
                         result.differences.size(), grouped(result.differences_found));
     for (const Difference& difference : result.differences) {
-        page += fmt::format("<tr><td>{}</td><td>{}{}</td><td>{}", difference.run, difference.seq,
-                            difference.seq_last == difference.seq ? "" : fmt::format(" to {}", difference.seq_last),
-                            what(difference));
+        page += fmt::format(
+            "<tr><td>{}</td><td>{}{}</td><td>{}", difference.run, difference.seq,
+            difference.seq_last == difference.seq ? "" : fmt::format(" to {}", difference.seq_last),
+            what(difference));
         if (difference.members != 0) {
             add_values(page, difference);
         }
@@ -226,14 +232,15 @@ void add_differences(std::string& page, const Result& result) {
     page += "</table></section>\n";
 }
 
-} // namespace
+}  // namespace
 
 std::string html_report(const Options& options, const Result& result) {
     const bool good = agrees(result);
-    std::string page = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-                       "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">";
-    page += fmt::format("<title>{}: {}</title><style>{}</style></head>\n<body><main>\n", good ? "Agrees" : "Differs",
-                        escaped(options.output_path), style);
+    std::string page =
+        "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">";
+    page += fmt::format("<title>{}: {}</title><style>{}</style></head>\n<body><main>\n",
+                        good ? "Agrees" : "Differs", escaped(options.output_path), style);
     page += fmt::format("<div class=\"verdict {}\"><h1>{}</h1><p>{}</p></div>\n", good ? "agrees" : "differs",
                         good ? "Agrees" : "Differs", escaped(verdict_sentence(result)));
     add_tiles(page, options, result);
@@ -241,9 +248,10 @@ std::string html_report(const Options& options, const Result& result) {
     add_runs(page, result);
     add_members(page, result);
     add_differences(page, result);
-    page += fmt::format("<footer>truth <code>{}</code>, output <code>{}</code></footer>\n</main></body></html>\n",
-                        escaped(options.truth_path), escaped(options.output_path));
+    page +=
+        fmt::format("<footer>truth <code>{}</code>, output <code>{}</code></footer>\n</main></body></html>\n",
+                    escaped(options.truth_path), escaped(options.output_path));
     return page;
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

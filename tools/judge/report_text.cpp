@@ -12,8 +12,8 @@ std::string runs_note(const Options& options, const Result& result) {
     if (result.truth_runs < 2 && result.output_runs < 2) {
         return "";
     }
-    std::string note = fmt::format("TRUTH holds {} run{}, OUTPUT {}; ", result.truth_runs, result.truth_runs == 1 ? "" : "s",
-                                   result.output_runs);
+    std::string note = fmt::format("TRUTH holds {} run{}, OUTPUT {}; ", result.truth_runs,
+                                   result.truth_runs == 1 ? "" : "s", result.output_runs);
     if (options.run != 0) {
         return note + fmt::format("judged run {} as asked", options.run);
     }
@@ -45,43 +45,47 @@ void add_members(std::string& text, const Result& result) {
     for (std::size_t member = 0; member != member_count; ++member) {
         const MemberCount& count = result.members[member];
         if (count.mismatched != 0) {
-            text += fmt::format("  {:<12} {} of {} compared\n", member_names[member], grouped(count.mismatched),
-                                grouped(count.compared));
+            text += fmt::format("  {:<12} {} of {} compared\n", member_names[member],
+                                grouped(count.mismatched), grouped(count.compared));
         }
     }
 }
 
-void add_difference(std::string& text, const Options& options, std::size_t number, const Difference& difference) {
+void add_difference(std::string& text, const Options& options, std::size_t number,
+                    const Difference& difference) {
     const std::string place = fmt::format("{:>2}. run {} seq {}", number, difference.run, difference.seq);
     switch (difference.kind) {
-    case DifferenceKind::missing:
-        text += difference.lines == 1 ? fmt::format("{}: missing\n", place)
-                                      : fmt::format("{} to {}: missing, {} lines\n", place, difference.seq_last,
-                                                    grouped(difference.lines));
-        break;
-    case DifferenceKind::unexpected:
-        text += fmt::format("{}: unexpected ({})\n", place, difference.reason);
-        break;
-    case DifferenceKind::mismatched:
-        text += fmt::format("{}: mismatched in {}\n", place, member_list(difference.members));
-        break;
+        case DifferenceKind::missing:
+            text += difference.lines == 1 ? fmt::format("{}: missing\n", place)
+                                          : fmt::format("{} to {}: missing, {} lines\n", place,
+                                                        difference.seq_last, grouped(difference.lines));
+            break;
+        case DifferenceKind::unexpected:
+            text += fmt::format("{}: unexpected ({})\n", place, difference.reason);
+            break;
+        case DifferenceKind::mismatched:
+            text += fmt::format("{}: mismatched in {}\n", place, member_list(difference.members));
+            break;
     }
     if (difference.truth_line != 0) {
-        text += fmt::format("    truth   {}:{}: {}\n", options.truth_path, difference.truth_line, difference.truth_text);
+        text += fmt::format("    truth   {}:{}: {}\n", options.truth_path, difference.truth_line,
+                            difference.truth_text);
     }
     if (difference.output_line != 0) {
-        text += fmt::format("    output  {}:{}: {}\n", options.output_path, difference.output_line, difference.output_text);
+        text += fmt::format("    output  {}:{}: {}\n", options.output_path, difference.output_line,
+                            difference.output_text);
     }
     for (std::size_t member = 0; member != member_count; ++member) {
         if ((difference.members >> member & 1U) != 0) {
             const std::string expected = shown_value(difference.truth_text, member);
             text += fmt::format("    {}: truth {}, output {}\n", member_names[member],
-                                expected.empty() ? "has none" : expected, shown_value(difference.output_text, member));
+                                expected.empty() ? "has none" : expected,
+                                shown_value(difference.output_text, member));
         }
     }
 }
 
-} // namespace
+}  // namespace
 
 std::string grouped(std::uint64_t number) {
     std::string digits = std::to_string(number);
@@ -117,14 +121,16 @@ std::string verdict_sentence(const Result& result) {
         return fmt::format("All {} truth lines have their line in OUTPUT, and every member given agrees.",
                            grouped(figures.truth_lines));
     }
-    return fmt::format("Of {} truth lines {} are matched, {} mismatched and {} missing; unexpected lines in OUTPUT: {}.",
-                       grouped(figures.truth_lines), grouped(figures.matched), grouped(figures.mismatched),
-                       grouped(figures.missing), grouped(figures.unexpected));
+    return fmt::format(
+        "Of {} truth lines {} are matched, {} mismatched and {} missing; unexpected lines in OUTPUT: {}.",
+        grouped(figures.truth_lines), grouped(figures.matched), grouped(figures.mismatched),
+        grouped(figures.missing), grouped(figures.unexpected));
 }
 
 std::string text_report(const Options& options, const Result& result) {
     const Figures& figures = result.figures;
-    std::string text = fmt::format("{}: {}\n\n", agrees(result) ? "AGREES" : "DIFFERS", verdict_sentence(result));
+    std::string text =
+        fmt::format("{}: {}\n\n", agrees(result) ? "AGREES" : "DIFFERS", verdict_sentence(result));
     add_row(text, "truth lines", grouped(figures.truth_lines));
     add_row(text, "output lines", grouped(figures.output_lines));
     add_row(text, "matched", grouped(figures.matched));
@@ -132,15 +138,17 @@ std::string text_report(const Options& options, const Result& result) {
     add_members(text, result);
     add_row(text, "missing", grouped(figures.missing));
     if (figures.longest_missing != 0) {
-        add_row(text, "longest gap", fmt::format("{} truth lines in a row, sequence {} to {}", grouped(figures.longest_missing),
-                                                 figures.longest_missing_first, figures.longest_missing_last));
+        add_row(text, "longest gap",
+                fmt::format("{} truth lines in a row, sequence {} to {}", grouped(figures.longest_missing),
+                            figures.longest_missing_first, figures.longest_missing_last));
     }
     add_row(text, "unexpected", unexpected_row(figures));
     if (options.from_first || options.to_last) {
-        add_row(text, "left out", fmt::format("{} truth lines {}", grouped(figures.left_out),
-                                              options.from_first && options.to_last ? "before OUTPUT's first or behind its last"
-                                              : options.from_first                  ? "before OUTPUT's first"
-                                                                                    : "behind OUTPUT's last"));
+        add_row(text, "left out",
+                fmt::format("{} truth lines {}", grouped(figures.left_out),
+                            options.from_first && options.to_last ? "before OUTPUT's first or behind its last"
+                            : options.from_first                  ? "before OUTPUT's first"
+                                                                  : "behind OUTPUT's last"));
     }
     std::uint64_t compared = 0;
     for (const MemberCount& count : result.members) {
@@ -164,4 +172,4 @@ std::string text_report(const Options& options, const Result& result) {
     return text;
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

@@ -13,7 +13,7 @@ namespace {
 
 // How far the sequence must fall, to the run's first number or below, to begin a new run.
 struct RestartRule {
-    bool strictly_rising = false; // the truth: no reordering, no repeats
+    bool strictly_rising = false;  // the truth: no reordering, no repeats
     bool single_run = false;
     std::uint64_t fall = restart_fall;
 };
@@ -44,7 +44,8 @@ void count_line(Run& run, std::uint64_t seq, bool mark) {
     run.highest = std::max(run.highest, seq);
 }
 
-// The sequence number of a line and whether it is a mark, without taking the whole line apart where that can be spared.
+// The sequence number of a line and whether it is a mark, without taking the whole line apart where that can
+// be spared.
 bool read_sequence(std::string_view text, std::uint64_t& seq, bool& mark, std::string* error) {
     mark = false;
     if (peek_sequence(text, seq)) {
@@ -73,8 +74,8 @@ bool find_runs(LineSource& source, const RestartRule& rule, std::vector<Run>& ru
         }
         if (runs.empty() || restarts(rule, runs.back(), seq, mark)) {
             if (runs.size() == runs_max) {
-                *error = fmt::format("{}:{}: the sequence starts again for the {}th time", source.path, source.line_number,
-                                     runs_max);
+                *error = fmt::format("{}:{}: the sequence starts again for the {}th time", source.path,
+                                     source.line_number, runs_max);
                 return false;
             }
             Run run;
@@ -95,7 +96,7 @@ bool find_runs(LineSource& source, const RestartRule& rule, std::vector<Run>& ru
     return result == ReadResult::end;
 }
 
-} // namespace
+}  // namespace
 
 bool find_truth_runs(LineSource& source, std::vector<Run>& runs, std::string* error) {
     RestartRule rule;
@@ -103,7 +104,8 @@ bool find_truth_runs(LineSource& source, std::vector<Run>& runs, std::string* er
     return find_runs(source, rule, runs, error);
 }
 
-bool find_output_runs(LineSource& source, const std::vector<Run>& truth, std::vector<Run>& runs, std::string* error) {
+bool find_output_runs(LineSource& source, const std::vector<Run>& truth, std::vector<Run>& runs,
+                      std::string* error) {
     RestartRule rule;
     rule.single_run = truth.size() < 2;
     for (const Run& run : truth) {
@@ -112,4 +114,4 @@ bool find_output_runs(LineSource& source, const std::vector<Run>& truth, std::ve
     return find_runs(source, rule, runs, error);
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

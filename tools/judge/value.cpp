@@ -93,8 +93,8 @@ bool continues_number(char c) {
     return is_digit(c) || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E';
 }
 
-// Takes the number at the start of both texts off the front when they are the same but for zeros behind the decimals of
-// one (the truth's 190.0100 and a handler's 190.01): most are, and need no arithmetic.
+// Takes the number at the start of both texts off the front when they are the same but for zeros behind the
+// decimals of one (the truth's 190.0100 and a handler's 190.01): most are, and need no arithmetic.
 bool take_alike(std::string_view& truth, std::string_view& output) {
     const std::size_t common_most = std::min(truth.size(), output.size());
     std::size_t common = 0;
@@ -168,7 +168,7 @@ bool starts_number(std::string_view text) {
     return !text.empty() && (text.front() == '-' || is_digit(text.front()));
 }
 
-} // namespace
+}  // namespace
 
 bool take_number(std::string_view& text, Number& out) {
     out = Number{};
@@ -220,7 +220,7 @@ bool same_value(std::size_t member, std::string_view truth, std::string_view out
     if (truth == output) {
         return true;
     }
-    bool first = true; // the first scalar of the member
+    bool first = true;  // the first scalar of the member
     while (true) {
         skip_blanks(truth);
         skip_blanks(output);
@@ -247,4 +247,4 @@ bool same_value(std::size_t member, std::string_view truth, std::string_view out
     }
 }
 
-} // namespace tessel::judge
+}  // namespace tessel::judge

@@ -3,14 +3,16 @@
 --     tshark -X lua_script:tools/wireshark/tessel.lua -r capture.pcap -Y 'tessel.symbol == "AAPL"'
 --
 -- Three protocols:
---   tessel             MoldUDP64 packets on the feed's UDP ports, by preference or with -d udp.port==PORT,tessel
---   tessel_snapshot    a Snap-Shot session on the feed's TCP port, by preference or with -d tcp.port==PORT,tessel_snapshot
---   tessel_message     one message; also below Wireshark's own SoupBinTCP dissector, and below its MoldUDP64 dissector
---                      where "Decode As" asks for it
+--   tessel             MoldUDP64 packets on the feed's UDP ports, by preference or with
+--                      -d udp.port==PORT,tessel
+--   tessel_snapshot    a Snap-Shot session on the feed's TCP port, by preference or with
+--                      -d tcp.port==PORT,tessel_snapshot
+--   tessel_message     one message; also below Wireshark's own SoupBinTCP dissector, and below its MoldUDP64
+--                      dissector where "Decode As" asks for it
 --
--- Prices are shown in dollars and trade sizes in shares, so that a filter reads tessel.bid > 190.5 whether the message
--- carries cents or millionths. Each field's name, kind and title stands once, in `fields`; each message's layout stands once,
--- in `layouts`.
+-- Prices are shown in dollars and trade sizes in shares, so that a filter reads tessel.bid > 190.5 whether
+-- the message carries cents or millionths. Each field's name, kind and title stands once, in `fields`; each
+-- message's layout stands once, in `layouts`.
 
 local feed = Proto("tessel", "UQDF/UTDF market data feed")
 local snapshot = Proto("tessel_snapshot", "UQDF/UTDF Snap-Shot session")
@@ -162,7 +164,8 @@ local fields = {}
 local proto_fields = {}
 for _, row in ipairs(field_list) do
     local name, kind, title = row[1], kinds[row[2]], row[3]
-    fields[name] = {kind = kind, proto_field = ProtoField.new(title, "tessel." .. name, kind.ftype, nil, kind.base)}
+    fields[name] = {kind = kind, proto_field = ProtoField.new(title, "tessel." .. name, kind.ftype, nil,
+        kind.base)}
     proto_fields[name] = fields[name].proto_field
 end
 -- Fields that are not in the bytes of a message.
@@ -181,7 +184,8 @@ message.experts = {wrong_length, unknown_kind}
 local cut_block = ProtoExpert.new("tessel.cut_block", "The packet ends inside a message block",
     expert.group.MALFORMED, expert.severity.ERROR)
 feed.experts = {cut_block}
-local short_packet = ProtoExpert.new("tessel.short_packet", "The SoupBinTCP packet is shorter than its type says",
+local short_packet = ProtoExpert.new("tessel.short_packet",
+    "The SoupBinTCP packet is shorter than its type says",
     expert.group.MALFORMED, expert.severity.ERROR)
 snapshot.experts = {short_packet}
 
@@ -207,16 +211,19 @@ snapshot.fields = snapshot_fields
 -- The layouts: offset, width, field. Every message begins with the header.
 local header_bytes = 29
 local header = {
-    {0, 1, "version"}, {1, 1, "category"}, {2, 1, "type"}, {3, 1, "market_center"}, {4, 1, "sub_market_center"},
+    {0, 1, "version"}, {1, 1, "category"}, {2, 1, "type"}, {3, 1, "market_center"},
+    {4, 1, "sub_market_center"},
     {5, 8, "sip_time"}, {13, 8, "participant_time"}, {21, 8, "participant_token"},
 }
 
 local directory = {
-    {29, 11, "symbol"}, {40, 11, "old_symbol"}, {51, 30, "issue_name"}, {81, 1, "issue_type"}, {82, 2, "issue_sub_type"},
+    {29, 11, "symbol"}, {40, 11, "old_symbol"}, {51, 30, "issue_name"}, {81, 1, "issue_type"},
+    {82, 2, "issue_sub_type"},
     {84, 1, "flag_84"}, {85, 1, "flag_85"}, {86, 1, "flag_86"}, {87, 2, "round_lot"}, {89, 1, "flag_89"},
 }
 local directory_long = {
-    {90, 1, "flag_90"}, {91, 1, "flag_91"}, {92, 1, "flag_92"}, {93, 1, "state"}, {94, 6, "reason"}, {100, 1, "indicator"},
+    {90, 1, "flag_90"}, {91, 1, "flag_91"}, {92, 1, "flag_92"}, {93, 1, "state"}, {94, 6, "reason"},
+    {100, 1, "indicator"},
     {101, 8, "reserved_101"}, {109, 8, "reserved_109"},
 }
 for index = #directory, 1, -1 do
@@ -233,63 +240,85 @@ local layouts = {
     AF = {kind = "directory_long", length = 117, table.unpack(directory_long)},
     AV = {kind = "indicator", length = 41, {29, 11, "symbol"}, {40, 1, "indicator"}},
     AH = {kind = "trading_action", length = 59,
-        {29, 11, "symbol"}, {40, 1, "action"}, {41, 4, "action_sequence"}, {45, 8, "action_time"}, {53, 6, "reason"}},
+        {29, 11, "symbol"}, {40, 1, "action"}, {41, 4, "action_sequence"}, {45, 8, "action_time"},
+        {53, 6, "reason"}},
     AP = {kind = "price_band", length = 65,
-        {29, 11, "symbol"}, {40, 1, "indicator"}, {41, 8, "effective_time"}, {49, 8, "lower"}, {57, 8, "upper"}},
+        {29, 11, "symbol"}, {40, 1, "indicator"}, {41, 8, "effective_time"}, {49, 8, "lower"},
+        {57, 8, "upper"}},
     AE = {kind = "collar", length = 69,
-        {29, 11, "symbol"}, {40, 4, "action_sequence"}, {44, 8, "reference"}, {52, 8, "upper"}, {60, 8, "lower"},
+        {29, 11, "symbol"}, {40, 4, "action_sequence"}, {44, 8, "reference"}, {52, 8, "upper"},
+        {60, 8, "lower"},
         {68, 1, "extension"}},
     AD = {kind = "mwcb_status", length = 30, {29, 1, "level"}},
     AS = {kind = "end_of_snapshot", length = 37, {29, 8, "snapshot_sequence"}},
     QA = {kind = "odd_lots_short", length = 39, quote = true,
-        {29, 5, "symbol"}, {34, 1, "sip_flag"}, {35, 1, "best_odd_lot_indicator"}, {36, 1, "odd_lot_list_indicator"},
+        {29, 5, "symbol"}, {34, 1, "sip_flag"}, {35, 1, "best_odd_lot_indicator"},
+        {36, 1, "odd_lot_list_indicator"},
         {37, 2, "odd_lot_count"}},
     QB = {kind = "odd_lots_long", length = 53, quote = true,
         {29, 8, "adf_time"}, {37, 11, "symbol"}, {48, 1, "sip_flag"}, {49, 1, "best_odd_lot_indicator"},
         {50, 1, "odd_lot_list_indicator"}, {51, 2, "odd_lot_count"}},
     QC = {kind = "quote_short", length = 52, quote = true,
-        {29, 5, "symbol"}, {34, 2, "bid"}, {36, 2, "bid_size"}, {38, 2, "ask"}, {40, 2, "ask_size"}, {42, 1, "condition"},
-        {43, 1, "sip_flag"}, {44, 1, "luld_bbo"}, {45, 1, "retail"}, {46, 1, "nbbo_indicator"}, {47, 1, "luld_nbbo"},
+        {29, 5, "symbol"}, {34, 2, "bid"}, {36, 2, "bid_size"}, {38, 2, "ask"}, {40, 2, "ask_size"},
+        {42, 1, "condition"},
+        {43, 1, "sip_flag"}, {44, 1, "luld_bbo"}, {45, 1, "retail"}, {46, 1, "nbbo_indicator"},
+        {47, 1, "luld_nbbo"},
         {48, 1, "best_odd_lot_indicator"}, {49, 1, "odd_lot_list_indicator"}, {50, 2, "odd_lot_count"}},
     QD = {kind = "quote_long", length = 83, quote = true,
-        {29, 8, "adf_time"}, {37, 11, "symbol"}, {48, 8, "bid"}, {56, 4, "bid_size"}, {60, 8, "ask"}, {68, 4, "ask_size"},
-        {72, 1, "condition"}, {73, 1, "sip_flag"}, {74, 1, "luld_bbo"}, {75, 1, "retail"}, {76, 1, "nbbo_indicator"},
+        {29, 8, "adf_time"}, {37, 11, "symbol"}, {48, 8, "bid"}, {56, 4, "bid_size"}, {60, 8, "ask"},
+        {68, 4, "ask_size"},
+        {72, 1, "condition"}, {73, 1, "sip_flag"}, {74, 1, "luld_bbo"}, {75, 1, "retail"},
+        {76, 1, "nbbo_indicator"},
         {77, 1, "luld_nbbo"}, {78, 1, "adf_mpid_indicator"}, {79, 1, "best_odd_lot_indicator"},
         {80, 1, "odd_lot_list_indicator"}, {81, 2, "odd_lot_count"}},
     QM = {kind = "mpid_quote", length = 77,
-        {29, 8, "adf_time"}, {37, 11, "symbol"}, {48, 8, "bid"}, {56, 4, "bid_size"}, {60, 8, "ask"}, {68, 4, "ask_size"},
+        {29, 8, "adf_time"}, {37, 11, "symbol"}, {48, 8, "bid"}, {56, 4, "bid_size"}, {60, 8, "ask"},
+        {68, 4, "ask_size"},
         {72, 1, "condition"}, {73, 4, "mpid"}},
     TM = {kind = "trade_short", length = 67,
-        {29, 8, "trf_time"}, {37, 5, "symbol"}, {42, 8, "id"}, {50, 2, "price"}, {52, 8, "size"}, {60, 4, "conditions"},
+        {29, 8, "trf_time"}, {37, 5, "symbol"}, {42, 8, "id"}, {50, 2, "price"}, {52, 8, "size"},
+        {60, 4, "conditions"},
         {64, 1, "trade_through_exempt"}, {65, 1, "consolidated_change"}, {66, 1, "participant_change"}},
     TN = {kind = "trade_long", length = 81,
-        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 8, "id"}, {56, 8, "price"}, {64, 8, "size"}, {72, 4, "conditions"},
+        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 8, "id"}, {56, 8, "price"}, {64, 8, "size"},
+        {72, 4, "conditions"},
         {76, 1, "trade_through_exempt"}, {77, 2, "sale_days"}, {79, 1, "consolidated_change"},
         {80, 1, "participant_change"}},
     TO = {kind = "cancel_error", length = 146,
-        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 1, "function"}, {49, 8, "id"}, {57, 8, "price"}, {65, 8, "size"},
-        {73, 4, "conditions"}, {77, 1, "trade_through_exempt"}, {78, 2, "sale_days"}, {80, 8, "consolidated_high"},
+        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 1, "function"}, {49, 8, "id"}, {57, 8, "price"},
+        {65, 8, "size"},
+        {73, 4, "conditions"}, {77, 1, "trade_through_exempt"}, {78, 2, "sale_days"},
+        {80, 8, "consolidated_high"},
         {88, 8, "consolidated_low"}, {96, 8, "consolidated_last"}, {104, 8, "consolidated_volume"},
-        {112, 1, "consolidated_change"}, {113, 1, "last_center"}, {114, 8, "participant_high"}, {122, 8, "participant_low"},
+        {112, 1, "consolidated_change"}, {113, 1, "last_center"}, {114, 8, "participant_high"},
+        {122, 8, "participant_low"},
         {130, 8, "participant_last"}, {138, 8, "participant_volume"}},
     TP = {kind = "correction", length = 176,
-        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 8, "id"}, {56, 8, "price"}, {64, 8, "size"}, {72, 4, "conditions"},
-        {76, 1, "trade_through_exempt"}, {77, 2, "sale_days"}, {79, 8, "corrected_id"}, {87, 8, "corrected_price"},
-        {95, 8, "corrected_size"}, {103, 4, "corrected_conditions"}, {107, 1, "corrected_trade_through_exempt"},
+        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 8, "id"}, {56, 8, "price"}, {64, 8, "size"},
+        {72, 4, "conditions"},
+        {76, 1, "trade_through_exempt"}, {77, 2, "sale_days"}, {79, 8, "corrected_id"},
+        {87, 8, "corrected_price"},
+        {95, 8, "corrected_size"}, {103, 4, "corrected_conditions"},
+        {107, 1, "corrected_trade_through_exempt"},
         {108, 2, "corrected_sale_days"}, {110, 8, "consolidated_high"}, {118, 8, "consolidated_low"},
         {126, 8, "consolidated_last"}, {134, 8, "consolidated_volume"}, {142, 1, "consolidated_change"},
-        {143, 1, "last_center"}, {144, 8, "participant_high"}, {152, 8, "participant_low"}, {160, 8, "participant_last"},
+        {143, 1, "last_center"}, {144, 8, "participant_high"}, {152, 8, "participant_low"},
+        {160, 8, "participant_last"},
         {168, 8, "participant_volume"}},
     TQ = {kind = "as_of", length = 88,
-        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 8, "id"}, {56, 8, "price"}, {64, 8, "size"}, {72, 4, "conditions"},
-        {76, 1, "trade_through_exempt"}, {77, 2, "sale_days"}, {79, 1, "as_of_action"}, {80, 8, "execution_time"}},
+        {29, 8, "trf_time"}, {37, 11, "symbol"}, {48, 8, "id"}, {56, 8, "price"}, {64, 8, "size"},
+        {72, 4, "conditions"},
+        {76, 1, "trade_through_exempt"}, {77, 2, "sale_days"}, {79, 1, "as_of_action"},
+        {80, 8, "execution_time"}},
 }
 
 -- The appendages of quotes, by their indicators; offsets count from where the appendage starts.
 local nbbo_appendages = {
-    ["2"] = {length = 11, {0, 1, "nbbo_condition"}, {1, 1, "nbbo_bid_center"}, {2, 2, "nbbo_bid"}, {4, 2, "nbbo_bid_size"},
+    ["2"] = {length = 11, {0, 1, "nbbo_condition"}, {1, 1, "nbbo_bid_center"}, {2, 2, "nbbo_bid"},
+        {4, 2, "nbbo_bid_size"},
         {6, 1, "nbbo_ask_center"}, {7, 2, "nbbo_ask"}, {9, 2, "nbbo_ask_size"}},
-    ["3"] = {length = 27, {0, 1, "nbbo_condition"}, {1, 1, "nbbo_bid_center"}, {2, 8, "nbbo_bid"}, {10, 4, "nbbo_bid_size"},
+    ["3"] = {length = 27, {0, 1, "nbbo_condition"}, {1, 1, "nbbo_bid_center"}, {2, 8, "nbbo_bid"},
+        {10, 4, "nbbo_bid_size"},
         {14, 1, "nbbo_ask_center"}, {15, 8, "nbbo_ask"}, {23, 4, "nbbo_ask_size"}},
 }
 local mpid_appendages = {
@@ -301,20 +330,24 @@ local best_odd_lot_long = {
     {22, 4, "best_odd_lot_bid_mpid"}, {26, 4, "best_odd_lot_ask_mpid"},
 }
 local best_odd_lot_appendages = {
-    ["2"] = {length = 10, {0, 1, "best_odd_lot_bid_center"}, {1, 2, "best_odd_lot_bid"}, {3, 2, "best_odd_lot_bid_size"},
+    ["2"] = {length = 10, {0, 1, "best_odd_lot_bid_center"}, {1, 2, "best_odd_lot_bid"},
+        {3, 2, "best_odd_lot_bid_size"},
         {5, 1, "best_odd_lot_ask_center"}, {6, 2, "best_odd_lot_ask"}, {8, 2, "best_odd_lot_ask_size"}},
     ["3"] = {length = 22, table.unpack(best_odd_lot_long, 1, 6)},
     ["5"] = {length = 30, table.unpack(best_odd_lot_long)},
 }
 local odd_lot_entries = {
-    ["2"] = {length = 6, {0, 1, "odd_lot_center"}, {1, 1, "odd_lot_side"}, {2, 2, "odd_lot_price"}, {4, 2, "odd_lot_size"}},
-    ["3"] = {length = 12, {0, 1, "odd_lot_center"}, {1, 1, "odd_lot_side"}, {2, 8, "odd_lot_price"}, {10, 2, "odd_lot_size"}},
-    ["5"] = {length = 16, {0, 1, "odd_lot_center"}, {1, 1, "odd_lot_side"}, {2, 8, "odd_lot_price"}, {10, 2, "odd_lot_size"},
+    ["2"] = {length = 6, {0, 1, "odd_lot_center"}, {1, 1, "odd_lot_side"}, {2, 2, "odd_lot_price"},
+        {4, 2, "odd_lot_size"}},
+    ["3"] = {length = 12, {0, 1, "odd_lot_center"}, {1, 1, "odd_lot_side"}, {2, 8, "odd_lot_price"},
+        {10, 2, "odd_lot_size"}},
+    ["5"] = {length = 16, {0, 1, "odd_lot_center"}, {1, 1, "odd_lot_side"}, {2, 8, "odd_lot_price"},
+        {10, 2, "odd_lot_size"},
         {12, 4, "odd_lot_mpid"}},
 }
 
--- Adds the rows of a layout whose bytes start at `start`; what was read goes into `values` by name. The caller has made
--- sure that the bytes are there.
+-- Adds the rows of a layout whose bytes start at `start`; what was read goes into `values` by name. The
+-- caller has made sure that the bytes are there.
 local function add_rows(rows, buffer, start, tree, values)
     for _, row in ipairs(rows) do
         local field = fields[row[3]]
@@ -325,8 +358,8 @@ local function add_rows(rows, buffer, start, tree, values)
     end
 end
 
--- Adds the appendages of a quote from `start` on, each in a tree of its own. Returns where they end, nil when the message
--- ends before they do.
+-- Adds the appendages of a quote from `start` on, each in a tree of its own. Returns where they end, nil when
+-- the message ends before they do.
 local function add_appendages(buffer, start, tree, values)
     local function add(layout, title)
         if layout and start then
@@ -361,7 +394,8 @@ local function summary(kind, values)
         text = text .. " " .. values.symbol
     end
     if values.bid then
-        text = text .. string.format(" %s %d x %s %d", dollars(values.bid), values.bid_size, dollars(values.ask), values.ask_size)
+        text = text .. string.format(" %s %d x %s %d", dollars(values.bid), values.bid_size,
+            dollars(values.ask), values.ask_size)
     elseif values.price then
         text = text .. string.format(" %g @ %s", values.size, dollars(values.price))
     elseif values.action then
@@ -379,7 +413,8 @@ local function summary(kind, values)
     return text
 end
 
--- Adds one message to the tree and returns its line. `sequence` is its number in the stream, nil in a Snap-Shot.
+-- Adds one message to the tree and returns its line. `sequence` is its number in the stream, nil in a
+-- Snap-Shot.
 local function dissect_message(buffer, tree, sequence)
     local length = buffer:len()
     local subtree = tree:add(message, buffer())
@@ -443,8 +478,8 @@ message:register_heuristic("soupbintcp", function(buffer, pinfo, tree)
     return true
 end)
 
--- MoldUDP64 packets, in both directions: downstream packets, and requests to the retransmission service, which are a
--- header whose count promises messages and nothing behind it.
+-- MoldUDP64 packets, in both directions: downstream packets, and requests to the retransmission service,
+-- which are a header whose count promises messages and nothing behind it.
 local mold_header_bytes = 20
 
 local function add_blocks(buffer, subtree, sequence, count)
@@ -492,11 +527,13 @@ end
 
 -- SoupBinTCP packets of a Snap-Shot session, put together from however many segments they came in.
 local soup_types = {
-    L = "Login Request", A = "Login Accepted", J = "Login Rejected", H = "Server Heartbeat", R = "Client Heartbeat",
-    S = "Sequenced Data", U = "Unsequenced Data", Z = "End of Session", O = "Logout Request", ["+"] = "Debug",
+    L = "Login Request", A = "Login Accepted", J = "Login Rejected", H = "Server Heartbeat",
+    R = "Client Heartbeat", S = "Sequenced Data", U = "Unsequenced Data", Z = "End of Session",
+    O = "Logout Request", ["+"] = "Debug",
 }
 local soup_layouts = {
-    L = {length = 47, {1, 6, "username"}, {7, 10, "password"}, {17, 10, "session"}, {27, 20, "requested_sequence"}},
+    L = {length = 47, {1, 6, "username"}, {7, 10, "password"}, {17, 10, "session"},
+        {27, 20, "requested_sequence"}},
     A = {length = 31, {1, 10, "session"}, {11, 20, "next_sequence"}},
     J = {length = 2, {1, 1, "reject_code"}},
 }
@@ -539,7 +576,8 @@ function snapshot.dissector(buffer, pinfo, tree)
 end
 
 -- Ports. The feed's defaults; both take a range such as "25177-25178,30001".
-feed.prefs.udp_ports = Pref.range("UDP ports", "25177-25178", "Ports of the feed and of its retransmission service", 65535)
+feed.prefs.udp_ports = Pref.range("UDP ports", "25177-25178",
+    "Ports of the feed and of its retransmission service", 65535)
 feed.prefs.tcp_ports = Pref.range("TCP ports", "25179", "Ports of the Snap-Shot service", 65535)
 
 local used = {}

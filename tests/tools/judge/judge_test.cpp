@@ -30,7 +30,9 @@ struct Bench {
         options.truth_path = folder / "truth.jsonl";
         options.output_path = folder / "output.jsonl";
     }
-    ~Bench() { std::filesystem::remove_all(folder); }
+    ~Bench() {
+        std::filesystem::remove_all(folder);
+    }
     Bench(const Bench&) = delete;
     Bench& operator=(const Bench&) = delete;
 
@@ -43,7 +45,8 @@ struct Bench {
 };
 
 std::string line(std::uint64_t seq, std::string_view status = "T") {
-    return "{\"seq\":" + std::to_string(seq) + ",\"symbol\":\"AAPL\",\"status\":\"" + std::string(status) + "\"}\n";
+    return "{\"seq\":" + std::to_string(seq) + ",\"symbol\":\"AAPL\",\"status\":\"" + std::string(status) +
+           "\"}\n";
 }
 
 std::string lines(const std::vector<std::uint64_t>& numbers, std::string_view status = "T") {
@@ -62,8 +65,8 @@ std::string stretch(std::uint64_t first, std::uint64_t last, std::string_view st
     return text;
 }
 
-void expect_figures(const Result& result, std::uint64_t matched, std::uint64_t mismatched, std::uint64_t missing,
-                    std::uint64_t unexpected) {
+void expect_figures(const Result& result, std::uint64_t matched, std::uint64_t mismatched,
+                    std::uint64_t missing, std::uint64_t unexpected) {
     EXPECT_EQ(result.figures.matched, matched);
     EXPECT_EQ(result.figures.mismatched, mismatched);
     EXPECT_EQ(result.figures.missing, missing);
@@ -82,12 +85,15 @@ TEST(Judge, SameFilesAgree) {
 
 TEST(Judge, OnlyMembersGivenAreCompared) {
     Bench bench;
-    const std::string truth = R"({"seq":8,"symbol":"A","nbbo":[190.0100,300,190.0300,200],"status":"T"})" "\n";
-    ASSERT_TRUE(bench.run(truth, R"({"nbbo":[190.01,300,1.9003e2,200],"seq":8})" "\n"));
+    const std::string truth = R"({"seq":8,"symbol":"A","nbbo":[190.0100,300,190.0300,200],"status":"T"})"
+                              "\n";
+    ASSERT_TRUE(bench.run(truth, R"({"nbbo":[190.01,300,1.9003e2,200],"seq":8})"
+                                 "\n"));
     expect_figures(bench.result, 1, 0, 0, 0);
     EXPECT_EQ(bench.result.members[static_cast<std::size_t>(Member::nbbo)].compared, 1U);
     EXPECT_EQ(bench.result.members[static_cast<std::size_t>(Member::status)].compared, 0U);
-    ASSERT_TRUE(bench.run(truth, R"({"seq":8,"nbbo":[190.02,300,190.03,200],"status":"H"})" "\n"));
+    ASSERT_TRUE(bench.run(truth, R"({"seq":8,"nbbo":[190.02,300,190.03,200],"status":"H"})"
+                                 "\n"));
     expect_figures(bench.result, 0, 1, 0, 0);
     ASSERT_EQ(bench.result.differences.size(), 1U);
     EXPECT_EQ(member_list(bench.result.differences[0].members), "nbbo, status");
@@ -95,17 +101,21 @@ TEST(Judge, OnlyMembersGivenAreCompared) {
 
 TEST(Judge, MemberThatTheTruthLineLacksIsAMismatchUnlessNull) {
     Bench bench;
-    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"band":[1,2]})" "\n"));
+    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"band":[1,2]})"
+                                   "\n"));
     expect_figures(bench.result, 0, 1, 0, 0);
-    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"band":null})" "\n"));
+    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"band":null})"
+                                   "\n"));
     expect_figures(bench.result, 1, 0, 0, 0);
-    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"status":null})" "\n"));
+    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"status":null})"
+                                   "\n"));
     expect_figures(bench.result, 0, 1, 0, 0);
 }
 
 TEST(Judge, MemberThatNoTruthLineHasIsNotedAndNotCompared) {
     Bench bench;
-    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"statsu":"H"})" "\n"));
+    ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"statsu":"H"})"
+                                   "\n"));
     expect_figures(bench.result, 1, 0, 0, 0);
     EXPECT_EQ(bench.result.foreign, std::vector<std::string>{"statsu"});
     EXPECT_NE(text_report(bench.options, bench.result).find("'statsu'"), std::string::npos);
@@ -134,7 +144,8 @@ TEST(Judge, LinesOutOfOrderWithinTheWindowAgree) {
     ASSERT_TRUE(bench.run(stretch(1, 8), lines({3, 1, 2, 8, 4, 7, 6, 5})));
     expect_figures(bench.result, 8, 0, 0, 0);
     // A whole recovered gap of the window's size behind the line that showed it.
-    ASSERT_TRUE(bench.run(stretch(1, window_lines_max + 10), line(1) + stretch(12, window_lines_max + 10) + stretch(2, 11)));
+    ASSERT_TRUE(bench.run(stretch(1, window_lines_max + 10),
+                          line(1) + stretch(12, window_lines_max + 10) + stretch(2, 11)));
     expect_figures(bench.result, window_lines_max + 10, 0, 0, 0);
 }
 
@@ -234,16 +245,19 @@ TEST(Judge, OneRunCanBeAskedFor) {
 
 TEST(Judge, OutputsOutOfOrderStartIsNoNewRun) {
     Bench bench;
-    ASSERT_TRUE(bench.run(stretch(6, 400) + stretch(6, 500), lines({8, 6, 7}) + stretch(9, 400) + lines({7, 6}) + stretch(8, 500)));
+    ASSERT_TRUE(bench.run(stretch(6, 400) + stretch(6, 500),
+                          lines({8, 6, 7}) + stretch(9, 400) + lines({7, 6}) + stretch(8, 500)));
     expect_figures(bench.result, 890, 0, 0, 0);
     EXPECT_EQ(bench.result.output_runs, 2U);
 }
 
 TEST(Judge, RunOfOutputThatTheTruthDoesNotHaveIsUnexpectedLineByLine) {
     Bench bench;
-    ASSERT_TRUE(bench.run(stretch(6, 400) + stretch(6, 500), stretch(6, 300) + stretch(6, 400) + stretch(6, 500)));
+    ASSERT_TRUE(
+        bench.run(stretch(6, 400) + stretch(6, 500), stretch(6, 300) + stretch(6, 400) + stretch(6, 500)));
     expect_figures(bench.result, 890, 0, 0, 295);
-    EXPECT_NE(text_report(bench.options, bench.result).find("1 of OUTPUT without a run in TRUTH"), std::string::npos);
+    EXPECT_NE(text_report(bench.options, bench.result).find("1 of OUTPUT without a run in TRUTH"),
+              std::string::npos);
 }
 
 TEST(Judge, BadInputNamesFileAndLine) {
@@ -257,7 +271,8 @@ TEST(Judge, BadInputNamesFileAndLine) {
     EXPECT_EQ(bench.error, bench.options.output_path + ":2: not JSON: broken at byte 20");
     EXPECT_FALSE(bench.run("", line(1)));
     EXPECT_EQ(bench.error, bench.options.truth_path + ":1: no truth line in the file");
-    EXPECT_FALSE(bench.run(line(1) + std::string(line_bytes_max + 5, 'x') + std::string(line_bytes_max, 'x'), line(1)));
+    EXPECT_FALSE(bench.run(line(1) + std::string(line_bytes_max + 5, 'x') + std::string(line_bytes_max, 'x'),
+                           line(1)));
     EXPECT_EQ(bench.error, bench.options.truth_path + ":2: line longer than 1048576 bytes");
 }
 
@@ -302,7 +317,10 @@ TEST(Judge, AxisEndsOnARoundNumber) {
 
 TEST(Judge, PageEscapesWhatComesFromTheFiles) {
     Bench bench;
-    ASSERT_TRUE(bench.run(R"({"seq":1,"symbol":"<b>&'x"})" "\n", R"({"seq":1,"symbol":"<script>alert(1)</script>","<i>":1})" "\n"));
+    ASSERT_TRUE(bench.run(R"({"seq":1,"symbol":"<b>&'x"})"
+                          "\n",
+                          R"({"seq":1,"symbol":"<script>alert(1)</script>","<i>":1})"
+                          "\n"));
     const std::string page = html_report(bench.options, bench.result);
     EXPECT_EQ(page.find("<script"), std::string::npos);
     EXPECT_EQ(page.find("<b>&"), std::string::npos);
@@ -312,5 +330,5 @@ TEST(Judge, PageEscapesWhatComesFromTheFiles) {
     EXPECT_EQ(page.find("http"), std::string::npos) << "the page asks the network for something";
 }
 
-} // namespace
-} // namespace tessel::judge
+}  // namespace
+}  // namespace tessel::judge

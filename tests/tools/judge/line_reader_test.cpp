@@ -17,7 +17,8 @@ constexpr std::string_view quote_line =
 
 const std::vector<std::string_view> truth_lines = {
     quote_line,
-    R"({"seq":1,"secid":2,"symbol":"X","bid":[],"ask":[],"nbbo":[0.0000,0,0.0000,0],"status":"H","ah":"H","reason":"T1"})",
+    R"({"seq":1,"secid":2,"symbol":"X","bid":[],"ask":[],"nbbo":[0,0,0,0],"status":"H",)"
+    R"("ah":"H","reason":"T1"})",
     R"({"seq":2,"secid":2,"symbol":"X","bid":[],"ask":[],"nbbo":[0.0000,0,0.0000,0],"status":"P","ap":"B"})",
     R"({"seq":3,"secid":1,"symbol":"AAPL","trade":[190.0100,100,"Q","@   "],"kind":0,"id":17})",
     R"({"seq":4,"secid":1,"symbol":"AAPL","cancel_error":[17,190.0100,100,"Q","C"]})",
@@ -67,7 +68,8 @@ TEST(LineReader, EveryKindOfTruthLineIsReadTheQuickWay) {
 }
 
 TEST(LineReader, SpacesAndOrderOfMembersDoNotMatter) {
-    const std::string_view text = "  { \"status\" : \"T\", \"nbbo\" : [ 190.01, 300 , 0, 0 ] ,\t\"seq\": 7 }\r";
+    const std::string_view text =
+        "  { \"status\" : \"T\", \"nbbo\" : [ 190.01, 300 , 0, 0 ] ,\t\"seq\": 7 }\r";
     expect_same_reading(text);
     Line line;
     ASSERT_TRUE(read_line(text, line, nullptr));
@@ -93,7 +95,8 @@ TEST(LineReader, MembersThatNoTruthLineHasAreNamed) {
 }
 
 TEST(LineReader, MarkIsKnownByItsEndsWhateverItsLabel) {
-    for (const std::string_view text : {R"({"mark":"open","seq":41})", R"({"mark":"","seq":41})", R"({"mark":"a"b\","seq":1}","seq":41})"}) {
+    for (const std::string_view text : {R"({"mark":"open","seq":41})", R"({"mark":"","seq":41})",
+                                        R"({"mark":"a"b\","seq":1}","seq":41})"}) {
         Line line;
         std::string error;
         ASSERT_TRUE(read_line(text, line, &error)) << text << ": " << error;
@@ -107,7 +110,9 @@ TEST(LineReader, MarkIsKnownByItsEndsWhateverItsLabel) {
 
 TEST(LineReader, ReasonTellsWhatIsWrong) {
     EXPECT_EQ(reason_for(R"({"seq":1,"bid":[[1.0,2})"), "not JSON: broken at byte 23");
-    EXPECT_EQ(reason_for(R"({"seq":1})" " x"), "not JSON: broken at byte 11");
+    EXPECT_EQ(reason_for(R"({"seq":1})"
+                         " x"),
+              "not JSON: broken at byte 11");
     EXPECT_EQ(reason_for("[1]"), "not a JSON object");
     EXPECT_EQ(reason_for("{}"), "no member 'seq'");
     EXPECT_EQ(reason_for(R"({"seq":-1})"), "member 'seq' is not a whole number from 0 up");
@@ -128,13 +133,14 @@ TEST(LineReader, SequenceIsPeekedOnlyWhereItIsPlain) {
     EXPECT_EQ(seq, 812U);
     EXPECT_TRUE(peek_sequence(R"({"seq": 5})", seq));
     EXPECT_EQ(seq, 5U);
-    for (const std::string_view text : {R"({"seq":1.5,)", R"({"seq":-1,)", R"({"seq":01,)", R"({"seq":)", R"({"seq":1)", R"({"mark":"x","seq":1})", ""}) {
+    for (const std::string_view text : {R"({"seq":1.5,)", R"({"seq":-1,)", R"({"seq":01,)", R"({"seq":)",
+                                        R"({"seq":1)", R"({"mark":"x","seq":1})", ""}) {
         EXPECT_FALSE(peek_sequence(text, seq)) << text;
     }
 }
 
-// Damages good lines in every way a byte can be damaged: nothing may crash, and where the quick way accepts a line the
-// long way accepts it too. The seed is fixed, so a failure repeats.
+// Damages good lines in every way a byte can be damaged: nothing may crash, and where the quick way accepts a
+// line the long way accepts it too. The seed is fixed, so a failure repeats.
 TEST(LineReader, DamagedLines_Seed11_QuickNeverAcceptsWhatFullRefuses) {
     std::mt19937_64 random(11);
     constexpr std::string_view letters = "{}[]\",:.-+eE0123456789 \\nulltrue\x01\xc3\xa9";
@@ -144,14 +150,9 @@ TEST(LineReader, DamagedLines_Seed11_QuickNeverAcceptsWhatFullRefuses) {
         for (std::uint64_t changes = 1 + random() % 3; changes != 0; --changes) {
             const std::size_t place = random() % text.size();
             switch (random() % 3) {
-            case 0:
-                text[place] = letters[random() % letters.size()];
-                break;
-            case 1:
-                text.insert(place, 1, letters[random() % letters.size()]);
-                break;
-            default:
-                text.erase(place, 1);
+                case 0: text[place] = letters[random() % letters.size()]; break;
+                case 1: text.insert(place, 1, letters[random() % letters.size()]); break;
+                default: text.erase(place, 1);
             }
         }
         Line line;
@@ -168,5 +169,5 @@ TEST(LineReader, DamagedLines_Seed11_QuickNeverAcceptsWhatFullRefuses) {
     EXPECT_GT(accepted, 100U) << "the damage leaves nothing to compare";
 }
 
-} // namespace
-} // namespace tessel::judge
+}  // namespace
+}  // namespace tessel::judge

@@ -47,7 +47,8 @@ TEST(Value, ZeroIsNeverNegative) {
 }
 
 TEST(Value, NumberBeyondSixtyFourBitsIsRefused) {
-    for (std::string_view text : {"18446744073709551616", "1e20", "1e999999999999", "18446744073709551615.9999999"}) {
+    for (std::string_view text :
+         {"18446744073709551616", "1e20", "1e999999999999", "18446744073709551615.9999999"}) {
         Number value;
         EXPECT_FALSE(take_number(text, value)) << text;
     }
@@ -83,7 +84,8 @@ TEST(Value, AsofPriceCountsAsPrintedWithSixDigits) {
     EXPECT_TRUE(same(R"([12345.7,300,"D","@   "])", R"([12345.67,300,"D","@   "])", Member::asof));
     EXPECT_TRUE(same(R"([1e+06,300,"D","@   "])", R"([1000000.03,300,"D","@   "])", Member::asof));
     EXPECT_FALSE(same(R"([12345.7,300,"D","@   "])", R"([12345.57,300,"D","@   "])", Member::asof));
-    EXPECT_FALSE(same("[189.97,1234567]", "[189.97,1234568]", Member::asof)) << "only the price is printed so";
+    EXPECT_FALSE(same("[189.97,1234567]", "[189.97,1234568]", Member::asof))
+        << "only the price is printed so";
     EXPECT_FALSE(same("[12345.7,300]", "[12345.67,300]", Member::trade)) << "only an as-of line is";
 }
 
@@ -102,5 +104,5 @@ TEST(Value, SymbolBeyondElevenLettersIsItsFirstEleven) {
     EXPECT_FALSE(same(R"("ABCDEFGHIJK")", R"("ABCDEFGHIJ")", Member::symbol));
 }
 
-} // namespace
-} // namespace tessel::judge
+}  // namespace
+}  // namespace tessel::judge
