@@ -4,10 +4,13 @@
 #include "support/test_market.h"
 
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <array>
 #include <cstdio>
+#include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -49,9 +52,10 @@ struct Log {
     }
     // What was written since the last call.
     std::string take() {
-        const std::string all = read_file(path);
-        const std::string fresh = all.substr(taken);
-        taken = all.size();
+        std::ifstream file(path, std::ios::binary);
+        file.seekg(static_cast<std::streamoff>(taken));
+        const std::string fresh{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        taken += fresh.size();
         return fresh;
     }
     std::string quote_line(std::uint64_t sequence, std::string_view extra = {}) {
@@ -122,6 +126,56 @@ TEST(QuoteLine, TwelveBidPrices_TheBestTenAppear) {
         expected += cut_format<40>("%s[%.4f,%lld]", cents == 12 ? "" : ",", cents / 100.0, 100LL);
     }
     EXPECT_NE(log.quote_line(1).find("\"bid\":[" + expected + "],\"ask\":[]"), std::string::npos);
+}
+
+// One side's list from the quotes: added up by price, best first, ten at most.
+std::string formatted_levels(const std::vector<ParticipantQuote>& quotes, bool bids) {
+    std::map<std::int64_t, long long> sizes;
+    for (const ParticipantQuote& quote : quotes) {
+        const std::int64_t price = bids ? quote.bid : quote.ask;
+        const std::uint32_t size = bids ? quote.bid_size : quote.ask_size;
+        if (quote.present && price > 0 && size > 0) {
+            sizes[bids ? -price : price] += size;
+        }
+    }
+    std::string text;
+    int count = 0;
+    for (const auto& [key, size] : sizes) {
+        if (++count > 10) {
+            break;
+        }
+        text += cut_format<80>("%s[%.4f,%lld]", count == 1 ? "" : ",", dollars(bids ? -key : key), size);
+    }
+    return text;
+}
+
+TEST(QuoteLine, Seed8_RandomBooksAroundWholeDollars_EqualTheFormattedPieces) {
+    std::mt19937_64 raw(8);
+    Log log("A", 14);
+    Instrument& instrument = log.instrument();
+    constexpr std::int64_t bases[] = {0, 97, 998, 9'997, 99'999, 1'000'003, 999'999'999'990};
+    for (int round = 0; round < 1'500; ++round) {
+        const std::int64_t base = bases[raw() % 7];
+        const auto price = [&] { return (base + static_cast<std::int64_t>(raw() % 9)) * 10'000; };
+        for (ParticipantQuote& quote : log.quotes) {
+            quote.present = raw() % 6 != 0;
+            quote.bid = raw() % 5 == 0 ? 0 : price();
+            quote.ask = raw() % 5 == 0 ? -price() : price();
+            quote.bid_size = static_cast<std::uint32_t>(raw() % 4 * 1'234);
+            quote.ask_size = static_cast<std::uint32_t>(raw() % 4 * 99);
+        }
+        instrument.nbbo_bid = price();
+        instrument.nbbo_ask = raw() % 4 == 0 ? 0 : price();
+        instrument.nbbo_bid_size = static_cast<std::uint32_t>(raw());
+        instrument.nbbo_ask_size = static_cast<std::uint32_t>(raw() % 2'000);
+        const auto expected =
+            cut_format<200>("],\"nbbo\":[%.4f,%u,%.4f,%u],\"status\":\"T\"}\n", dollars(instrument.nbbo_bid),
+                            instrument.nbbo_bid_size, dollars(instrument.nbbo_ask), instrument.nbbo_ask_size);
+        ASSERT_EQ(log.quote_line(5), "{\"seq\":5,\"secid\":1,\"symbol\":\"A\",\"bid\":[" +
+                                         formatted_levels(log.quotes, true) + "],\"ask\":[" +
+                                         formatted_levels(log.quotes, false) + expected)
+            << "round " << round;
+    }
 }
 
 TEST(QuoteLine, Band_IsLeftOutWhenAPriceIsNotAboveZeroOrTheLetterIsNotChecked) {
