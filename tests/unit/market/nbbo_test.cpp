@@ -260,12 +260,12 @@ TEST(BuildLevels, EveryCondition_PresentWithPriceAndSizeCounts_OddLotsDoNot) {
     EXPECT_EQ(levels_of(book.instrument, 'A', 10), "");
 }
 
-TEST(BuildLevels, SizesBeyond32Bits_AddUp) {
+TEST(BuildLevels, LargeSizes_AddUp) {
     Book book(3);
     for (std::size_t at = 0; at < 3; ++at) {
-        book.set_ask(at, 10, 4'000'000'000u);
+        book.set_ask(at, 10, 1'400'000'000u);
     }
-    EXPECT_EQ(levels_of(book.instrument, 'A', 5), "100000x12000000000 ");
+    EXPECT_EQ(levels_of(book.instrument, 'A', 5), "100000x4200000000 ");
 }
 
 TEST(BuildLevels, Seed4_RandomBooksOfUpTo60Centres_EqualAMapOfSizes) {
@@ -273,8 +273,12 @@ TEST(BuildLevels, Seed4_RandomBooksOfUpTo60Centres_EqualAMapOfSizes) {
     for (int round = 0; round < 4'000; ++round) {
         Book book(round % 4 == 0 ? 60 : 1 + raw() % 12);
         scramble(book, raw);
+        // More prices than levels; now and then some lie dollars away, on either side of the best.
+        const std::int64_t away = round % 3 == 0 ? 90 : 0;
         for (ParticipantQuote& quote : book.quotes) {
-            quote.bid += static_cast<std::int64_t>(raw() % 20) * cent;  // more prices than levels
+            quote.bid += static_cast<std::int64_t>(raw() % 20) * cent +
+                         static_cast<std::int64_t>(raw() % 2) * away * cent;
+            quote.ask += static_cast<std::int64_t>(raw() % 2) * away * cent;
         }
         for (const char side : {'B', 'A'}) {
             for (const std::size_t most : {std::size_t{1}, book_levels_max, truth_levels_max}) {
