@@ -11,6 +11,7 @@ namespace tessel {
 namespace {
 
 constexpr std::size_t message_bytes_max = 65535;
+constexpr std::size_t fetched_ahead_bytes = 512;  // some seven messages
 static_assert(block_prefix_bytes + message_bytes_max <= retrans_chunk_bytes);
 
 [[gnu::noinline]] void add_chunk(RetransStore& store) {
@@ -45,6 +46,10 @@ void store_message(RetransStore& store, const unsigned char* message, std::size_
         add_chunk(store);
     }
     RetransChunk& chunk = store.chunks.back();
+    // The history is larger than the caches: the lines of the messages to come are fetched while these are
+    // written.
+    __builtin_prefetch(
+        chunk.bytes.get() + std::min(chunk.used + fetched_ahead_bytes, retrans_chunk_bytes - 1), 1);
     write_block(chunk.bytes.get() + chunk.used, message, length);
     chunk.used += block_prefix_bytes + length;
     ++chunk.blocks;

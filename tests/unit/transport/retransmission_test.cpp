@@ -281,6 +281,17 @@ TEST(RetransmissionService, SeveralRequests_AllAnsweredInOneCall) {
     EXPECT_EQ(service.test.publisher.retrans_rejected, 1u);
 }
 
+TEST(RetransmissionService, MessagesOfTheOpenPacket_AnsweredBeforeTheyAreMulticast) {
+    Service service;
+    service.test.add_many(5);
+    ASSERT_TRUE(service.test.packets.empty());
+    service.send(request_for("UTPBENCH01", 4, 100));
+    serve_retransmissions(service.test.publisher);
+    EXPECT_EQ(service.received(), "4+2");
+    EXPECT_TRUE(service.test.packets.empty());
+    EXPECT_EQ(service.test.publisher.packet_count, 5u);
+}
+
 TEST(RetransmissionService, ShortDatagram_EndsTheCallAndTheRestWaits) {
     Service service;
     service.test.add_many(100);
