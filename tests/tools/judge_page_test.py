@@ -15,7 +15,7 @@ LIGHT = {"agrees": "#17703f", "differs": "#b3261e", "missing": "#d9480f", "misma
 DARK = {"agrees": "#1f7a48", "differs": "#b73a32", "missing": "#ff8c42", "mismatched": "#9f85ff",
         "unexpected": "#5aa9f0", "card": "#1b2229"}
 
-WIDTH, HEIGHT = 1100, 1000
+WIDTH, HEIGHT = 1000, 640
 
 
 def line(seq, status="T"):
@@ -43,12 +43,12 @@ def browse(tmp_path, page, *args):
     return done.stdout
 
 
-def take_picture(tmp_path, page, scheme):
-    """A picture of the page in the light or the dark scheme."""
+def look(tmp_path, page, scheme="light"):
+    """A picture of the page in the light or the dark scheme, and its elements as text."""
     path = tmp_path / f"{scheme}.png"
-    browse(tmp_path, page, f"--screenshot={path}",
-           f"--blink-settings=preferredColorScheme={0 if scheme == 'dark' else 1}")
-    return read_png(path)
+    dom = browse(tmp_path, page, f"--screenshot={path}", "--dump-dom",
+                 f"--blink-settings=preferredColorScheme={0 if scheme == 'dark' else 1}")
+    return read_png(path), dom
 
 
 def make_page(tmp_path, output, truth=None):
@@ -72,11 +72,27 @@ def colours_seen(picture, scheme):
     return {name for name, colour in scheme.items() if count_colour(picture, colour) > 20}
 
 
-@pytest.mark.parametrize("scheme, colours", [("light", LIGHT), ("dark", DARK)])
-def test_page_of_an_agreement_is_green_without_bars(tmp_path, scheme, colours):
-    status, page = make_page(tmp_path, "".join(line(seq) for seq in range(1, 601)))
+@pytest.fixture(scope="module")
+def agreement(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("agreement")
+    status, page = make_page(folder, "".join(line(seq) for seq in range(1, 601)))
     assert status == 0
-    picture = take_picture(tmp_path, page, scheme)
+    return {scheme: look(folder, page, scheme) for scheme in ("light", "dark")}
+
+
+@pytest.fixture(scope="module")
+def difference(tmp_path_factory):
+    """Sixty lines missing in a row, thirty mismatched, one twenty times too often."""
+    folder = tmp_path_factory.mktemp("difference")
+    output = [line(seq, "H" if 301 <= seq <= 330 else "T") for seq in range(1, 601) if not 101 <= seq <= 160]
+    status, page = make_page(folder, "".join(output) + line(500) * 20)
+    assert status == 1
+    return {scheme: look(folder, page, scheme) for scheme in ("light", "dark")}
+
+
+@pytest.mark.parametrize("scheme, colours", [("light", LIGHT), ("dark", DARK)])
+def test_page_of_an_agreement_is_green_without_bars(agreement, scheme, colours):
+    picture, _ = agreement[scheme]
     assert picture[:2] == (WIDTH, HEIGHT)
     assert colours_seen(picture, colours) == {"agrees", "card"}
     # The verdict is a banner, not a letter: it covers a good part of the page's top.
@@ -84,14 +100,11 @@ def test_page_of_an_agreement_is_green_without_bars(tmp_path, scheme, colours):
 
 
 @pytest.mark.parametrize("scheme, colours", [("light", LIGHT), ("dark", DARK)])
-def test_page_of_differences_is_red_with_bars_of_each_kind(tmp_path, scheme, colours):
-    output = [line(seq, "H" if 300 <= seq < 330 else "T") for seq in range(1, 601) if not 100 <= seq < 160]
-    status, page = make_page(tmp_path, "".join(output) + line(500) * 20)
-    assert status == 1
-    picture = take_picture(tmp_path, page, scheme)
+def test_page_of_differences_is_red_with_bars_of_each_kind(difference, scheme, colours):
+    picture, _ = difference[scheme]
     assert colours_seen(picture, colours) == {"differs", "missing", "mismatched", "unexpected", "card"}
     assert count_colour(picture, colours["differs"]) > WIDTH * 60
-    # Sixty missing lines make higher bars than thirty mismatched ones, and those than twenty unexpected ones.
+    # Sixty missing lines make more of a bar than thirty mismatched ones, those more than twenty unexpected.
     areas = [count_colour(picture, colours[name]) for name in ("missing", "mismatched", "unexpected")]
     assert areas[0] > areas[1] > areas[2] > 500, areas
 
@@ -99,30 +112,27 @@ def test_page_of_differences_is_red_with_bars_of_each_kind(tmp_path, scheme, col
 def test_only_what_is_missing_has_bars_when_nothing_else_differs(tmp_path):
     status, page = make_page(tmp_path, "".join(line(seq) for seq in range(1, 601) if seq != 77))
     assert status == 1
-    assert colours_seen(take_picture(tmp_path, page, "light"), LIGHT) == {"differs", "missing", "card"}
+    picture, _ = look(tmp_path, page)
+    assert colours_seen(picture, LIGHT) == {"differs", "missing", "card"}
 
 
-def test_page_tells_verdict_figures_axis_and_differences(tmp_path):
-    output = [line(seq, "H" if seq == 300 else "T") for seq in range(1, 601) if not 101 <= seq <= 160]
-    _, page = make_page(tmp_path, "".join(output) + line(600))
-    dom = browse(tmp_path, page, "--dump-dom")
+def test_page_tells_verdict_figures_axis_and_differences(difference):
+    dom = difference["light"][1]
     text = shown_text(dom)
-    assert ("Differs Of 600 truth lines 539 are matched, 1 mismatched and 60 missing; unexpected lines in "
-            "OUTPUT: 1.") in text
-    for words in ("truth lines 600", "output lines 541", "matched 539", "mismatched 1", "missing 60",
-                  "unexpected 1",
-                  "longest gap 60 101 to 160", "sequence number",
-                  "missing (60) mismatched (1) unexpected (1)",
-                  "missing, 60 lines", "mismatched in status", 'truth "T"', 'output "H"', "nbbo 540 0",
-                  "status 540 1"):
+    assert ("Differs Of 600 truth lines 510 are matched, 30 mismatched and 60 missing; unexpected lines in "
+            "OUTPUT: 20.") in text
+    for words in ("truth lines 600", "output lines 560", "matched 510", "mismatched 30", "missing 60",
+                  "unexpected 20 20 repeated", "longest gap 60 101 to 160", "sequence number",
+                  "missing (60) mismatched (30) unexpected (20)", "missing, 60 lines", "mismatched in status",
+                  'truth "T"', 'output "H"', "nbbo 540 0", "status 540 30"):
         assert words in text, f"{words!r} is not in: {text}"
-    assert dom.count('<rect class="missing"') == 6  # ten numbers a bar
-    assert dom.count('<rect class="mismatched"') == 1
+    # Ten numbers a bar.
+    bars = [dom.count(f'<rect class="{name}"') for name in ("missing", "mismatched", "unexpected")]
+    assert bars == [6, 3, 1]
 
 
-def test_page_of_an_agreement_says_so(tmp_path):
-    _, page = make_page(tmp_path, "".join(line(seq) for seq in range(1, 601)))
-    dom = browse(tmp_path, page, "--dump-dom")
+def test_page_of_an_agreement_says_so(agreement):
+    dom = agreement["light"][1]
     text = shown_text(dom)
     assert "Agrees All 600 truth lines have their line in OUTPUT, and every member given agrees." in text
     assert "nothing missing, mismatched or unexpected" in text
