@@ -92,7 +92,8 @@ class PortLease:
 
 
 def free_port():
-    """A port that is free now, for a test that needs just a number. It stays reserved until the process ends."""
+    """A port that is free now, for a test that needs just a number. It stays reserved until the process
+    ends."""
     lease = PortLease()
     _kept_leases.append(lease)
     return lease.number
@@ -285,7 +286,7 @@ class Feed:
         return self.exit_code
 
     def wait(self, seconds=STOP_SECONDS):
-        """Waits until the program ends by itself (after the command "stop", say) and returns its exit status."""
+        """Waits until the program ends by itself (after "stop", say) and returns its exit status."""
         self.exit_code = self._child.wait(seconds)
         return self.exit_code
 
@@ -330,8 +331,8 @@ class Feed:
         return tap
 
     def fall_silent(self, seconds=START_SECONDS):
-        """Stops the ticks and waits for the heartbeat that tells every receiver the last number. Returns the next
-        number to be given. Control commands still make messages afterwards; ticks come back with "rate"."""
+        """Stops the ticks and waits for the heartbeat that tells every receiver the last number. Returns the
+        next number to be given. Control commands still make messages afterwards; "rate" brings the ticks back."""
         with self.tap() as tap:
             self.control("rate 1000000")
             end = time.monotonic() + seconds

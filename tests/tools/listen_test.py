@@ -44,10 +44,12 @@ def stop_all(feed, *receivers):
 
 
 def test_from_the_start_with_faults_and_a_scenario_the_lines_are_the_truth_log(tmp_path):
-    feed = Feed(tmp_path, *FAULTS, scenario=BUSY, interval_ms=2, symbols="AAPL:190.00,BRK:700.00,CHEAP:0.02,LONGNAMES:5")
+    feed = Feed(tmp_path, *FAULTS, scenario=BUSY, interval_ms=2,
+                symbols="AAPL:190.00,BRK:700.00,CHEAP:0.02,LONGNAMES:5")
     out = tmp_path / "out.jsonl"
     with listen(feed, *feed.retrans_args(), "--out", out) as receiver, feed:
-        for command in ("mark one", "mwcb 2", "wipeout N", "close AAPL", "asof BRK", "band CHEAP", "luld_pause BRK"):
+        for command in ("mark one", "mwcb 2", "wipeout N", "close AAPL", "asof BRK", "band CHEAP",
+                        "luld_pause BRK"):
             assert feed.control(command) == f"ok {command}"
             time.sleep(0.1)
         wait_until(lambda: feed.stats()["cancels"] > 20, what="cancels")
@@ -90,7 +92,8 @@ def test_loss_without_a_service_is_named_and_ends_with_1(tmp_path):
         assert stop_all(feed, receiver) == [1]
         truth = lines_of_messages(feed)
     first = int(re.search(r"seq (\d+)", dropped).group(1))
-    assert any(re.search(rf"lost \d+ messages? from {first} on", line) for line in receiver.stderr), receiver.stderr
+    named = re.compile(rf"lost \d+ messages? from {first} on")
+    assert any(named.search(line) for line in receiver.stderr), receiver.stderr
     assert any("something is missing" in line for line in receiver.stderr)
     written = out.read_text().splitlines()
     assert 0 < len(written) < len(truth)
@@ -140,13 +143,14 @@ def test_decode_writes_every_message_with_its_fields(tmp_path):
     assert [message["kind"] for message in decoded[:5]] == [
         "start_of_day", "decline_levels", "directory_short", "directory_long", "indicator"]
     kinds = {message["kind"] for message in decoded}
-    assert kinds >= {"session_open", "wipe_out", "trading_action", "price_band", "collar", "mwcb_status", "quote_short",
-                     "quote_long", "mpid_quote", "trade_short", "cancel_error", "correction", "as_of"}
+    assert kinds >= {"session_open", "wipe_out", "trading_action", "price_band", "collar", "mwcb_status",
+                     "quote_short", "quote_long", "mpid_quote", "trade_short", "cancel_error", "correction",
+                     "as_of"}
     for message in decoded:
         line = truth.get(message["seq"])
         if message["kind"] in ("trade_short", "trade_long"):
-            assert line["trade"] == [message["price"] / 1e6, message["size"] // 1_000_000, message["market_center"],
-                                     message["conditions"]]
+            assert line["trade"] == [message["price"] / 1e6, message["size"] // 1_000_000,
+                                     message["market_center"], message["conditions"]]
         elif message["kind"] == "cancel_error":
             assert line["cancel_error"][0] == message["id"] and line["cancel_error"][4] == message["function"]
         elif message["kind"] in ("session_open", "directory_short", "mpid_quote", "collar", "wipe_out"):
@@ -171,19 +175,20 @@ def test_decode_shows_the_spin_before_the_stream(tmp_path):
 
 def test_rejected_login_and_missing_service_end_with_1(tmp_path):
     with Feed(tmp_path, interval_ms=50) as feed:
-        wrong = Process([program("tessel-listen"), *feed.receiver_args(), "--session", "YESTERDAY", *feed.snapshot_args()])
+        command = [program("tessel-listen"), *feed.receiver_args()]
+        wrong = Process([*command, "--session", "YESTERDAY", *feed.snapshot_args()])
         assert wrong.wait() == 1
         assert any("login rejected (S" in line for line in wrong.stderr), wrong.stderr
         closed = feed.control_port   # nobody listens there for TCP
-        nobody = Process([program("tessel-listen"), *feed.receiver_args(), "--snapshot", f"127.0.0.1:{closed}", "--user",
-                          "X", "--retries", "1"])
+        nobody = Process([*command, "--snapshot", f"127.0.0.1:{closed}", "--user", "X", "--retries", "1"])
         assert nobody.wait() == 1
         assert any("Snap-Shot: connect" in line for line in nobody.stderr), nobody.stderr
 
 
 def test_two_late_joiners_take_turns_at_the_snapshot_service(tmp_path):
     with Feed(tmp_path, interval_ms=5) as feed:
-        joiners = [listen(feed, *feed.retrans_args(), *feed.snapshot_args(f"U{i}"), "--count", "200") for i in range(3)]
+        joiners = [listen(feed, *feed.retrans_args(), *feed.snapshot_args(f"U{i}"), "--count", "200")
+                   for i in range(3)]
         assert [joiner.wait() for joiner in joiners] == [0, 0, 0], [joiner.stderr for joiner in joiners]
 
 
@@ -269,13 +274,14 @@ def test_capture_file_gives_the_same_lines_as_the_network(tmp_path):
                     frame = udp_frame(feed.group, 9, feed.port, tap.recv(2048))
                 except BlockingIOError:
                     break
-                capture.write(struct.pack("<IIII", number // 1000, number % 1000, len(frame), len(frame)) + frame)
+                times = (number // 1000, number % 1000)
+                capture.write(struct.pack("<IIII", *times, len(frame), len(frame)) + frame)
     args = [*feed.receiver_args(), "--from-pcap", tmp_path / "feed.pcap"]
-    result = subprocess.run([program("tessel-listen"), *args, "--out", tmp_path / "replay.jsonl"], capture_output=True,
-                            text=True, timeout=60)
+    result = subprocess.run([program("tessel-listen"), *args, "--out", tmp_path / "replay.jsonl"],
+                            capture_output=True, text=True, timeout=60)
     assert result.returncode == 0, result.stderr
     assert (tmp_path / "replay.jsonl").read_text() == (tmp_path / "live.jsonl").read_text()
-    result = subprocess.run([program("tessel-listen"), *map(str, args), "--decode"], capture_output=True, text=True,
+    result = subprocess.run([program("tessel-listen"), *args, "--decode"], capture_output=True, text=True,
                             timeout=60)
     assert result.returncode == 0
     sequences = [json.loads(line)["seq"] for line in result.stdout.splitlines()]

@@ -132,6 +132,40 @@ void find_gap(Sequencer& s, std::uint64_t first, std::uint64_t end, std::int64_t
     s.counters.missed += end - first;
 }
 
+// Whether the packet is one of ours and whole; counts it.
+bool accept_packet(Sequencer& s, PacketRange& range, const unsigned char* bytes, std::size_t length) {
+    if (length >= mold_header_bytes &&
+        std::memcmp(bytes, s.settings.session.data(), mold_session_bytes) != 0) {
+        ++s.counters.other_session;
+        return false;
+    }
+    if (length < mold_header_bytes || !read_packet(range, bytes, length)) {
+        ++s.counters.malformed;
+        return false;
+    }
+    ++s.counters.packets;
+    return true;
+}
+
+// Every number below `end` is known to exist now; those that were not known yet are missing.
+void learn_of(Sequencer& s, std::uint64_t end, std::int64_t now_ms) {
+    if (end > s.highest) {
+        find_gap(s, s.highest, end, now_ms);
+        s.highest = end;
+    }
+}
+
+// Keeps a packet that is behind a hole.
+void keep_waiting(Sequencer& s, const PacketRange& range, const unsigned char* bytes, std::size_t length) {
+    // Of two packets with one first number the one with more messages holds the other's too.
+    std::vector<unsigned char>& kept = s.waiting[range.first];
+    if (kept.empty() || big_endian(kept.data() + 18, 2) < range.end - range.first) {
+        s.waiting_bytes -= kept.size();
+        s.waiting_bytes += length;
+        kept.assign(bytes, bytes + length);
+    }
+}
+
 void send_request(Sequencer& s, Hole& hole, std::int64_t now_ms) {
     unsigned char request[mold_header_bytes];
     std::memcpy(request, s.settings.session.data(), mold_session_bytes);
@@ -214,54 +248,35 @@ void start_at(Sequencer& s, std::uint64_t sequence) {
 
 void take_packet(Sequencer& s, const unsigned char* bytes, std::size_t length, std::int64_t now_ms,
                  PacketSource source) {
-    if (length < mold_header_bytes) {
-        ++s.counters.malformed;
-        return;
-    }
-    if (std::memcmp(bytes, s.settings.session.data(), mold_session_bytes) != 0) {
-        ++s.counters.other_session;
-        return;
-    }
     PacketRange range;
-    if (!read_packet(range, bytes, length)) {
-        ++s.counters.malformed;
+    if (!accept_packet(s, range, bytes, length)) {
         return;
     }
-    ++s.counters.packets;
     if (!s.started) {
         start_at(s, range.first);
     }
-    const bool heartbeat = range.first == range.end;
-    if (heartbeat) {
+    if (range.first == range.end) {
         ++s.counters.heartbeats;
         s.counters.fallen_back += range.first < s.highest && source == PacketSource::multicast ? 1 : 0;
     }
-    if (range.first > s.highest) {
-        find_gap(s, s.highest, range.first, now_ms);
-        s.highest = range.first;
-    }
-    if (heartbeat || range.end <= s.next) {
-        s.counters.duplicate_packets += heartbeat ? 0 : 1;
+    learn_of(s, range.first, now_ms);
+    if (range.first == range.end || range.end <= s.next) {
+        s.counters.duplicate_packets += range.first == range.end ? 0 : 1;
         return;
     }
     const bool in_order = range.first <= s.next;
     if (!in_order && s.waiting_bytes + length > s.settings.buffer_bytes_max) {
-        // Not kept, so it is missing like a packet that never came, and is asked for once there is room
-        // again.
+        // Not kept, so it is missing like a packet that never came, and is asked for when there is room.
         ++s.counters.buffer_full;
-        if (range.end > s.highest) {
-            find_gap(s, s.highest, range.end, now_ms);
-            s.highest = range.end;
-        }
+        learn_of(s, range.end, now_ms);
         return;
     }
     const std::uint64_t filled = close_holes(s, range.first, range.end, now_ms);
-    const std::uint64_t beyond = range.end > s.highest ? range.end - s.highest : 0;
-    s.highest = std::max(s.highest, range.end);
-    if (filled + beyond == 0) {
+    if (filled == 0 && range.end <= s.highest) {
         ++s.counters.duplicate_packets;
         return;
     }
+    s.highest = std::max(s.highest, range.end);
     if (source == PacketSource::retransmission) {
         s.counters.recovered += filled;
     } else if (filled != 0) {
@@ -270,13 +285,7 @@ void take_packet(Sequencer& s, const unsigned char* bytes, std::size_t length, s
     if (in_order) {
         deliver(s, bytes);
     } else {
-        // Of two packets with one first number the one with more messages holds the other's too.
-        std::vector<unsigned char>& kept = s.waiting[range.first];
-        if (kept.empty() || big_endian(kept.data() + 18, 2) < range.end - range.first) {
-            s.waiting_bytes -= kept.size();
-            s.waiting_bytes += length;
-            kept.assign(bytes, bytes + length);
-        }
+        keep_waiting(s, range, bytes, length);
     }
     drain(s);
 }

@@ -11,7 +11,8 @@
 // One line for each quote, trading action, price band, trade, cancel/error, correction, as-of trade and
 // breaker status, for example:
 //
-//   {"seq":812,"secid":1,"symbol":"AAPL","bid":[[190.0100,300]],"ask":[],"nbbo":[0.0000,0,0.0000,0],"status":"T"}
+//   {"seq":812,"secid":1,"symbol":"AAPL","bid":[[190.0100,300]],"ask":[],
+//   "nbbo":[0.0000,0,0.0000,0],"status":"T"}   (one line)
 //   {"seq":813,"secid":1,"symbol":"AAPL","trade":[190.0100,200,"Q","@   "],"kind":0,"id":7}
 //
 // What cannot be rebuilt, because it is not on the wire: letters of a symbol past the eleventh, which of two
