@@ -12,7 +12,7 @@ std::uint64_t read_ns(clockid_t which) {
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-} // namespace
+}  // namespace
 
 std::uint64_t wall_ns(Clock& clock) {
     if (clock.simulated) [[unlikely]] {
@@ -30,4 +30,4 @@ std::uint64_t steady_ms(const Clock& clock) {
     return read_ns(CLOCK_MONOTONIC) / 1'000'000u;
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -8,7 +8,7 @@
 
 namespace tessel {
 
-constexpr std::size_t control_bytes = 29; // start of day, session open, wipe-out: the header alone
+constexpr std::size_t control_bytes = 29;  // start of day, session open, wipe-out: the header alone
 constexpr std::size_t decline_levels_bytes = 53;
 constexpr std::size_t short_directory_bytes = 90;
 constexpr std::size_t long_directory_bytes = 117;
@@ -51,8 +51,8 @@ void build_trading_action(MessageWriter& writer, AdminTimes times, std::string_v
 void build_price_band(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator,
                       std::uint64_t effective_time_ns, std::int64_t lower, std::int64_t upper);
 void build_collar(MessageWriter& writer, AdminTimes times, std::string_view symbol, std::uint32_t action_seq,
-                  std::int64_t reference, std::int64_t upper, std::int64_t lower); // extension byte 0
-void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t level); // above 3: '3'
+                  std::int64_t reference, std::int64_t upper, std::int64_t lower);     // extension byte 0
+void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t level);  // above 3: '3'
 void build_end_of_snapshot(MessageWriter& writer, std::uint64_t time_ns, std::uint64_t last_sequence);
 
-} // namespace tessel
+}  // namespace tessel

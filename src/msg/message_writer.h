@@ -39,9 +39,10 @@ void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::si
 // exceeded.
 std::size_t grow(MessageWriter& writer, std::size_t count);
 
-// The puts write at an offset from the start of the message, which begin and grow have made room for; integers are
-// big-endian. They take the message's first byte, which a builder reads from its writer once: bytes can be anything's, so
-// behind each put through the writer the compiler would have to read it again. Inline, because a quote makes some twenty.
+// The puts write at an offset from the start of the message, which begin and grow have made room for;
+// integers are big-endian. They take the message's first byte, which a builder reads from its writer once:
+// bytes can be anything's, so behind each put through the writer the compiler would have to read it again.
+// Inline, because a quote makes some twenty.
 inline void put_u8(unsigned char* message, std::size_t offset, char value) {
     message[offset] = static_cast<unsigned char>(value);
 }
@@ -79,8 +80,9 @@ inline void put_size_long(unsigned char* message, std::size_t offset, std::uint3
     put_u32(message, offset, size);
 }
 
-// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms and 11 in
-// long ones, MPIDs 4. A text that fills its field, as the market's padded symbols do, is one copy of a constant width.
+// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms
+// and 11 in long ones, MPIDs 4. A text that fills its field, as the market's padded symbols do, is one copy
+// of a constant width.
 inline void put_alpha(unsigned char* message, std::size_t offset, std::string_view text, std::size_t width) {
     unsigned char* const out = message + offset;
     if (text.size() >= width) {

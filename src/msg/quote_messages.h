@@ -12,8 +12,8 @@ namespace tessel {
 constexpr std::size_t short_quote_bytes = 52;
 constexpr std::size_t long_quote_bytes = 83;
 constexpr std::size_t mpid_quote_bytes = 77;
-constexpr std::size_t short_odd_lot_update_bytes = 39; // type A
-constexpr std::size_t long_odd_lot_update_bytes = 53;  // type B
+constexpr std::size_t short_odd_lot_update_bytes = 39;  // type A
+constexpr std::size_t long_odd_lot_update_bytes = 53;   // type B
 constexpr std::size_t short_nbbo_bytes = 11;
 constexpr std::size_t long_nbbo_bytes = 27;
 constexpr std::size_t adf_mpid_bytes = 8;
@@ -36,7 +36,7 @@ struct OddLotQuote {
 // Everything a quote message can say. Prices are millionths of a dollar, sizes shares.
 struct QuoteRecord {
     MessageHeader header;
-    std::uint64_t adf_time = 0; // participant time for originator 'D', else 0
+    std::uint64_t adf_time = 0;  // participant time for originator 'D', else 0
     std::string_view symbol;
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -76,8 +76,9 @@ struct QuoteRecord {
     std::size_t odd_lot_count = 0;
 };
 
-// Builds the message of type 'A', 'B', 'C', 'D' or 'M' in writer; any other letter leaves it empty. The header's category
+// Builds the message of type 'A', 'B', 'C', 'D' or 'M' in writer; any other letter leaves it empty. The
+// header's category
 // ("Q") and type are set here. Nothing is checked: what does not fit a short field is cut to its width.
 void build_quote(MessageWriter& writer, const QuoteRecord& record, char type);
 
-} // namespace tessel
+}  // namespace tessel

@@ -14,7 +14,8 @@ constexpr std::size_t cancel_error_bytes = 146;
 constexpr std::size_t correction_bytes = 176;
 constexpr std::size_t as_of_bytes = 88;
 
-// High, low, last (millionths of a dollar, 0: none yet) and volume (millionths of a share) as the messages carry them.
+// High, low, last (millionths of a dollar, 0: none yet) and volume (millionths of a share) as the messages
+// carry them.
 struct StatisticsRecord {
     std::int64_t high = 0;
     std::int64_t low = 0;
@@ -25,14 +26,14 @@ struct StatisticsRecord {
 // A trade as the messages tell it: price in millionths of a dollar, size in millionths of a share.
 struct TradeReport {
     MessageHeader header;
-    std::uint64_t trf_time = 0; // participant time for market centre 'D', else 0
+    std::uint64_t trf_time = 0;  // participant time for market centre 'D', else 0
     std::string_view symbol;
     std::uint64_t trade_id = 0;
     std::int64_t price = 0;
     std::uint64_t size = 0;
-    const char* conditions = "    "; // 4 characters
+    const char* conditions = "    ";  // 4 characters
     char trade_through_exempt = ' ';
-    char consolidated_change = '0'; // price change indicators, '0' to '7'
+    char consolidated_change = '0';  // price change indicators, '0' to '7'
     char participant_change = '0';
 };
 
@@ -40,7 +41,7 @@ struct CancelRecord {
     MessageHeader header;
     std::uint64_t trf_time = 0;
     std::string_view symbol;
-    char function = 'C'; // 'C' cancel or 'E' error
+    char function = 'C';  // 'C' cancel or 'E' error
     std::uint64_t trade_id = 0;
     std::int64_t price = 0;
     std::uint64_t size = 0;
@@ -61,8 +62,8 @@ struct CorrectionRecord {
     std::uint64_t new_trade_id = 0;
     std::int64_t new_price = 0;
     std::uint64_t new_size = 0;
-    const char* conditions = "    "; // the same for both
-    char trade_through_exempt = ' '; // the same for both
+    const char* conditions = "    ";  // the same for both
+    char trade_through_exempt = ' ';  // the same for both
     StatisticsRecord consolidated;
     char last_market_center = ' ';
     StatisticsRecord participant;
@@ -78,9 +79,10 @@ struct AsOfRecord {
 };
 
 // Each sets the header's category ("T") and type and leaves the whole message in writer.
-void build_trade(MessageWriter& writer, const TradeReport& report, bool short_form); // 'M' short, 'N' long
-void build_cancel(MessageWriter& writer, const CancelRecord& record);               // 'O'
-void build_correction(MessageWriter& writer, const CorrectionRecord& record);       // 'P'
-void build_as_of(MessageWriter& writer, const AsOfRecord& record); // 'Q': id 0, conditions "@   ", action 'A'
+void build_trade(MessageWriter& writer, const TradeReport& report, bool short_form);  // 'M' short, 'N' long
+void build_cancel(MessageWriter& writer, const CancelRecord& record);                 // 'O'
+void build_correction(MessageWriter& writer, const CorrectionRecord& record);         // 'P'
+void build_as_of(MessageWriter& writer,
+                 const AsOfRecord& record);  // 'Q': id 0, conditions "@   ", action 'A'
 
-} // namespace tessel
+}  // namespace tessel

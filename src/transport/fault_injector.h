@@ -4,8 +4,8 @@
 
 namespace tessel {
 
-// The damage that a test bench asked for. The *_every settings and the burst name packets by number (the first non-empty
-// packet of the run is 1); the pending counts run down to 0 and stay there.
+// The damage that a test bench asked for. The *_every settings and the burst name packets by number (the
+// first non-empty packet of the run is 1); the pending counts run down to 0 and stay there.
 struct FaultInjector {
     std::uint32_t drop_every = 0;
     std::uint32_t drop_burst_length = 0;
@@ -19,7 +19,8 @@ struct FaultInjector {
 
 enum class FaultDecision { send, send_twice, drop, hold };
 
-// What becomes of one packet; uses up the pending counts that take part. Knows no socket: the publisher acts on it.
+// What becomes of one packet; uses up the pending counts that take part. Knows no socket: the publisher acts
+// on it.
 FaultDecision decide(FaultInjector& faults, std::uint64_t packet_number);
 
-} // namespace tessel
+}  // namespace tessel
