@@ -121,8 +121,8 @@ def test_page_tells_verdict_figures_axis_and_differences(difference):
     text = shown_text(dom)
     assert ("Differs Of 600 truth lines 510 are matched, 30 mismatched and 60 missing; unexpected lines in "
             "OUTPUT: 20.") in text
-    for words in ("truth lines 600", "output lines 560", "matched 510", "mismatched 30", "missing 60",
-                  "unexpected 20 20 repeated", "longest gap 60 101 to 160", "sequence number",
+    for words in ("truth lines 600", "output lines 560", "matched 510", "mismatched 30",
+                  "missing 60 longest gap 60: 101 to 160", "unexpected 20 20 repeated", "sequence number",
                   "missing (60) mismatched (30) unexpected (20)", "missing, 60 lines", "mismatched in status",
                   'truth "T"', 'output "H"', "nbbo 540 0", "status 540 30"):
         assert words in text, f"{words!r} is not in: {text}"

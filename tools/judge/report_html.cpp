@@ -31,7 +31,7 @@ p { margin: 6px 0 0; }
 .verdict { border-radius: 12px; padding: 22px 26px; color: #ffffff; }
 .verdict.agrees { background: var(--agrees); } .verdict.differs { background: var(--differs); }
 .verdict p { font-size: 16px; }
-.tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(138px, 1fr)); gap: 12px;
+.tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(148px, 1fr)); gap: 12px;
   margin: 16px 0; }
 .tile, section { background: var(--card); border: 1px solid var(--line); border-radius: 12px; }
 .tile { padding: 12px 16px; } .tile b { display: block; font-size: 20px; font-variant-numeric: tabular-nums; }
@@ -91,13 +91,13 @@ void add_tiles(std::string& page, const Options& options, const Result& result) 
     add_tile(page, "output lines", figures.output_lines, "");
     add_tile(page, "matched", figures.matched, "");
     add_tile(page, "mismatched", figures.mismatched, "mismatched");
-    add_tile(page, "missing", figures.missing, "missing");
-    add_tile(page, "unexpected", figures.unexpected, "unexpected",
-             figures.repeated == 0 ? "" : grouped(figures.repeated) + " repeated");
-    add_tile(page, "longest gap", figures.longest_missing, "missing",
+    add_tile(page, "missing", figures.missing, "missing",
              figures.longest_missing == 0
                  ? ""
-                 : fmt::format("{} to {}", figures.longest_missing_first, figures.longest_missing_last));
+                 : fmt::format("longest gap {}: {} to {}", grouped(figures.longest_missing),
+                               figures.longest_missing_first, figures.longest_missing_last));
+    add_tile(page, "unexpected", figures.unexpected, "unexpected",
+             figures.repeated == 0 ? "" : grouped(figures.repeated) + " repeated");
     page += "</div>\n";
 }
 
