@@ -24,7 +24,7 @@ def tick_times(listener):
     return [time_ns * 1e-9 for time_ns in sorted(times)]
 
 
-# ------------------------------------------------------------------------------------------- ticks, heartbeats
+# ------------------------------------------------------------------------------------------ ticks, heartbeats
 
 
 def test_interval_minus_one_no_ticks_but_heartbeats_files_snap_shot_and_control_work(tmp_path):
@@ -40,10 +40,10 @@ def test_interval_minus_one_no_ticks_but_heartbeats_files_snap_shot_and_control_
         assert all(later - earlier > 0.95 for earlier, later in zip(times, times[1:]))
         assert feed.control("asof AAPL") == "ok asof AAPL"
         assert feed.next_seq() == opening + 1
-        wait_until(lambda: listener.heartbeats()[-1][1] == opening + 1, what="a heartbeat that tells the new number")
+        wait_until(lambda: listener.heartbeats()[-1][1] == opening + 1, what="a heartbeat with the new count")
         for path in (feed.book_path, feed.bbo_path):
             written = path.stat().st_mtime_ns
-            wait_until(lambda: path.exists() and path.stat().st_mtime_ns > written, what=f"{path.name} written again")
+            wait_until(lambda: path.stat().st_mtime_ns > written, what=f"{path.name} written again")
         with socket.create_connection(("127.0.0.1", feed.snapshot_port), timeout=30) as client:
             client.sendall(struct.pack(">Hc", 47, b"L") + b"LATE  " + b" " * 10 + b" " * 10 + b" " * 20)
             assert client.recv(3)[2:3] == b"A"
@@ -95,7 +95,7 @@ def test_interval_zero_ticks_in_every_pass(tmp_path):
         wait_until(lambda: len(tick_times(listener)) >= ticks + 190, what="a tick a command")
 
 
-# -------------------------------------------------------------------------------------------------- reports
+# ---------------------------------------------------------------------------------------------------- reports
 
 
 def test_defaults_stats_line_every_two_seconds_and_summary_every_ten(tmp_path):
@@ -119,8 +119,8 @@ def test_defaults_stats_line_every_two_seconds_and_summary_every_ten(tmp_path):
         assert not any(line.startswith("bench: stats") for line in silent.stderr)
         lines = plain.stderr
         at = next(number for number, line in enumerate(lines) if line.startswith("[tessel] msgs"))
-        assert re.fullmatch(r"\[tessel\] msgs \d+ packets \d+ dropped 0 retrans 0 quotes \d+ trades \d+ snapshots 0",
-                            lines[at])
+        assert re.fullmatch(r"\[tessel\] msgs \d+ packets \d+ dropped 0 retrans 0 quotes \d+ trades \d+ "
+                            r"snapshots 0", lines[at])
         wait_until(lambda: len(plain.stderr) > at + 1, what="the summary's second line")
         assert re.fullmatch(FAULTS, plain.stderr[at + 1])
         assert sum(line.startswith("[tessel] msgs") for line in lines) <= elapsed / 10
@@ -139,7 +139,7 @@ def test_bbo_file_is_never_seen_half_written(tmp_path):
         wait_until(lambda: feed.bbo_path.read_text() not in contents, what="a further BBO file")
 
 
-# -------------------------------------------------------------------------------------------------- stopping
+# --------------------------------------------------------------------------------------------------- stopping
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
@@ -171,7 +171,7 @@ def test_stop_command_replies_prints_the_faults_summary_alone_and_ends_with_0(tm
         assert not any("stopped" in line or "mark behind" in line for line in feed.stderr)
 
 
-# -------------------------------------------------------------------------------------------- start-up failures
+# ------------------------------------------------------------------------------------------ start-up failures
 
 
 def run(*arguments):
@@ -224,7 +224,8 @@ def test_occupied_snap_shot_port_line_and_status_1_after_the_opening_messages(tm
         taken.listen()
         status, lines = run(*feed.command()[1:])
         assert status == 1
-        assert lines[-1] == f"tessel: cannot listen on Snap-Shot port {feed.snapshot_port}: Address already in use"
+        assert lines[-1] == (f"tessel: cannot listen on Snap-Shot port {feed.snapshot_port}: "
+                             "Address already in use")
         assert not any(line.startswith("[tessel] UQDF") for line in lines)
         wait_until(lambda: 1 in listener.messages(), what="the first message")
         assert listener.messages()[1][:5] == b"1CIE "

@@ -1,4 +1,4 @@
-"""Hears a feed's multicast packets and asks its retransmission service, in plain Python: shares nothing with the program.
+"""Hears a feed's multicast packets and asks its retransmission service, in plain Python.
 
     with Listener(feed) as listener:        # before feed.start(), to hear the first packet
         with feed:
@@ -31,7 +31,7 @@ def enlarge_receive_buffer(sock, size=RECEIVE_BUFFER_BYTES):
 
 
 def split_packet(packet):
-    """(session, sequence number, list of messages) of a downstream packet; every byte must belong to a block."""
+    """(session, sequence number, list of messages) of a downstream packet, every byte of it in a block."""
     assert 20 <= len(packet) <= 1500, f"a packet of {len(packet)} bytes"
     session, sequence, count = HEADER.unpack_from(packet)
     messages = []
@@ -44,6 +44,10 @@ def split_packet(packet):
         at += length
     assert at == len(packet), "bytes behind the last block"
     return session, sequence, messages
+
+
+def is_heartbeat(packet):
+    return packet[18:20] == b"\0\0"
 
 
 def add_packet(messages, packet):
@@ -89,11 +93,12 @@ class Listener:
 
     def data(self):
         """The packets that carry messages: (time, first sequence number, messages)."""
-        return [(when, *split_packet(packet)[1:]) for when, packet in self.packets() if packet[18:20] != b"\0\0"]
+        return [(when, *split_packet(packet)[1:])
+                for when, packet in self.packets() if not is_heartbeat(packet)]
 
     def heartbeats(self):
         """(time, next sequence number) of each heartbeat."""
-        return [(when, split_packet(packet)[1]) for when, packet in self.packets() if packet[18:20] == b"\0\0"]
+        return [(when, split_packet(packet)[1]) for when, packet in self.packets() if is_heartbeat(packet)]
 
     def messages(self):
         """{sequence number: bytes} of everything heard."""
@@ -141,8 +146,8 @@ class Requester:
         return packet
 
     def ask(self, sequence, count, expected_last, quiet_seconds=3.0):
-        """Sends one request and collects replies until the one with message `expected_last` has come or nothing
-        comes for quiet_seconds. Returns the packets."""
+        """Sends one request and collects replies until the one with message `expected_last` has come or
+        nothing comes for quiet_seconds. Returns the packets."""
         self.send(sequence, count)
         packets = []
         while True:
@@ -155,7 +160,7 @@ class Requester:
                 return packets
 
     def fetch(self, first, last, messages=None, seconds=60):
-        """Every message from first to last that `messages` does not hold yet, asked for until all are there."""
+        """Adds to `messages` what it does not hold yet from first to last; asks until all is there."""
         messages = {} if messages is None else messages
         end = time.monotonic() + seconds
         while True:
