@@ -332,7 +332,7 @@ class Feed:
 
     def fall_silent(self, seconds=START_SECONDS):
         """Stops the ticks and waits for the heartbeat that tells every receiver the last number. Returns the
-        next number to be given. Control commands still make messages afterwards; "rate" brings the ticks back."""
+        next number to be given. Commands still make messages afterwards; "rate" brings the ticks back."""
         with self.tap() as tap:
             self.control("rate 1000000")
             end = time.monotonic() + seconds
