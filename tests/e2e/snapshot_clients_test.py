@@ -1,5 +1,6 @@
 """Hostile and unlucky clients of the Snap-Shot service: the feed lives, ticks, and keeps its memory."""
 
+import os
 import random
 import resource
 import socket
@@ -11,8 +12,8 @@ import pytest
 from feed import Feed, wait_until
 from soup import SoupClient, end_of_snapshot, letters, login_request, packet
 
-# What one hostile client may add to the resident memory. A connection keeps at most 256 KiB of input; the rest is the
-# history of what the feed published meanwhile and the allocator's slack.
+# What one hostile client may add to the resident memory. A connection keeps at most 256 KiB of input; the
+# rest is the history of what the feed published meanwhile and the allocator's slack.
 MEMORY_GROWTH_MAX = 16 * 1024 * 1024
 
 
@@ -31,8 +32,7 @@ def cpu_seconds(feed):
 
 
 def descriptors(feed):
-    from os import listdir
-    return len(listdir(f"/proc/{feed.pid}/fd"))
+    return len(os.listdir(f"/proc/{feed.pid}/fd"))
 
 
 def assert_goes_on(feed):
@@ -49,9 +49,10 @@ def assert_goes_on(feed):
 
 
 def let_it_accept(feed):
-    """Waits until every connection made so far is accepted. The listener's queue is short, and a connection that does not
-    fit tries again only a second later: who makes many gives the feed time after every few."""
-    for _ in range(2):  # a pass answers commands before it accepts: the second answer comes from behind an accept
+    """Waits until every connection made so far is accepted. The listener's queue is short, and a connection
+    that does not fit tries again only a second later: who makes many gives the feed time after every few."""
+    # A pass answers commands before it accepts: the second answer comes from behind an accept.
+    for _ in range(2):
         feed.control("stats")
 
 
@@ -183,7 +184,8 @@ MANY_SYMBOLS = ",".join(f"S{number:04d}:100" for number in range(8000))
 
 @pytest.fixture(name="large_feed", scope="module")
 def _large_feed(tmp_path_factory):
-    with Feed(tmp_path_factory.mktemp("large"), "--quiet", symbols=MANY_SYMBOLS, interval_ms=1000, truth=False) as feed:
+    with Feed(tmp_path_factory.mktemp("large"), "--quiet", symbols=MANY_SYMBOLS, interval_ms=1000,
+              truth=False) as feed:
         yield feed
         assert feed.stop() == 0
 
@@ -247,8 +249,8 @@ def test_connection_number_1000_and_later_are_accepted_and_their_logins_rejected
             client.send(login_request("LATE"))
             assert client.read_packet() == ("J", b"A")
             assert client.read_packet() is None
-    feed.wait_for_line("bench: Snap-Shot login 'LATE' session '' seq 0 rejected (A: not authorized / another connection "
-                       "open / attempts exhausted)")
+    feed.wait_for_line("bench: Snap-Shot login 'LATE' session '' seq 0 rejected (A: not authorized / another "
+                       "connection open / attempts exhausted)")
     numbers = feed.stats()
     assert numbers["snapshot_rejects"] == 2
     number = feed.next_seq()

@@ -1,12 +1,13 @@
 'use strict';
 
-// Logs in to the Snap-Shot service with a client library that knows nothing of it, stays for some server heartbeats and
-// logs out:
+// Logs in to the Snap-Shot service with a client library that knows nothing of it, stays for some server
+// heartbeats and logs out:
 //
 //     node client.js PORT USER SESSION SEQUENCE HEARTBEATS
 //
 // What happened is printed as one JSON object:
-//     {"accepted": {...} or null, "rejected": "A", "S" or null, "messages": [hex, ...], "heartbeats": 3, "ended": true}
+//     {"accepted": {...} or null, "rejected": "A", "S" or null, "messages": [hex, ...], "heartbeats": 3,
+//      "ended": true}
 
 const soupbintcp = require('soupbintcp');
 

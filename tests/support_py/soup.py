@@ -36,7 +36,8 @@ def end_of_snapshot(message):
 
 
 class SoupClient:
-    """One connection. receive_buffer: a size for SO_RCVBUF, set before connecting so that it bounds the window."""
+    """One connection. receive_buffer: a size for SO_RCVBUF, set before connecting so that it bounds the
+    window."""
 
     def __init__(self, port, receive_buffer=None):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
@@ -73,7 +74,8 @@ class SoupClient:
             self._buffer += data
 
     def read_spin(self):
-        """(payload of Login Accepted, list of messages), heartbeats left out; the last message ends the snapshot."""
+        """(payload of Login Accepted, list of messages), heartbeats left out; the last message ends the
+        snapshot."""
         accepted = None
         messages = []
         while True:
@@ -92,7 +94,7 @@ class SoupClient:
         return self.read_spin()
 
     def wait_for_end(self, seconds=READ_SECONDS):
-        """Reads and forgets until the server closes the connection; the number of packets that came before."""
+        """Reads and forgets until the server closes the connection; the number of packets before that."""
         end = time.monotonic() + seconds
         count = 0
         while self.read_packet() is not None:
