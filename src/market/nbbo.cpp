@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 
 namespace tessel {
 
@@ -90,18 +91,37 @@ Nbbo stored_nbbo(const Instrument& instrument) {
             instrument.nbbo_ask_size, instrument.nbbo_bid_mc, instrument.nbbo_ask_mc};
 }
 
-void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels) {
-    const bool bids = side == 'B';
-    levels.count = 0;
+namespace {
+
+// A quote's price and size on one side, 0 when it makes no level.
+struct SideQuote {
+    std::int64_t price;
+    std::uint32_t size;
+};
+
+template <char side>
+SideQuote side_of(const ParticipantQuote& quote) {
+    const std::int64_t price = side == 'B' ? quote.bid : quote.ask;
+    const std::uint32_t size = side == 'B' ? quote.bid_size : quote.ask_size;
+    return {quote.present && size != 0 && price > 0 ? price : 0, size};
+}
+
+template <char side>
+bool is_better(std::int64_t left, std::int64_t right) {
+    return side == 'B' ? left > right : left < right;
+}
+
+// Any prices, by insertion.
+template <char side>
+void insert_levels(const Instrument& instrument, std::size_t most, PriceLevels& levels) {
     const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
     for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
-        const std::int64_t price = bids ? quote->bid : quote->ask;
-        const std::uint32_t size = bids ? quote->bid_size : quote->ask_size;
-        if (!quote->present || price <= 0 || size == 0) {
+        const auto [price, size] = side_of<side>(*quote);
+        if (price == 0) {
             continue;
         }
         std::size_t at = 0;
-        while (at < levels.count && (bids ? levels.level[at].price > price : levels.level[at].price < price)) {
+        while (at < levels.count && is_better<side>(levels.level[at].price, price)) {
             ++at;
         }
         if (at < levels.count && levels.level[at].price == price) {
@@ -117,6 +137,55 @@ void build_levels(const Instrument& instrument, char side, std::size_t most, Pri
             levels.level[behind] = levels.level[behind - 1];
         }
         levels.level[at] = {price, size};
+    }
+}
+
+constexpr std::uint64_t bucket_count = 64; // a bit each
+
+// Quotes lie within cents of one another: each adds its size to the bucket of its distance from the best price, and the
+// buckets in use, a bit each, are the levels in order. Where a quote lies further off the levels are made by insertion.
+template <char side>
+void bucket_levels(const Instrument& instrument, std::size_t most, PriceLevels& levels) {
+    const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
+    std::int64_t best = 0;
+    for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
+        const std::int64_t price = side_of<side>(*quote).price;
+        const bool better = price != 0 && (best == 0 || is_better<side>(price, best));
+        best = better ? price : best;
+    }
+    levels.count = 0;
+    std::array<std::uint32_t, bucket_count> sizes;
+    std::uint64_t used = 0;
+    for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
+        const auto [price, size] = side_of<side>(*quote);
+        const std::int64_t distance = side == 'B' ? best - price : price - best;
+        const std::uint64_t bucket = static_cast<std::uint64_t>(distance) / static_cast<std::uint64_t>(cent);
+        if (price == 0) {
+            continue;
+        }
+        if (bucket >= bucket_count) {
+            insert_levels<side>(instrument, most, levels);
+            return;
+        }
+        const std::uint64_t bit = std::uint64_t{1} << bucket;
+        sizes[bucket] = ((used & bit) != 0 ? sizes[bucket] : 0) + size;
+        used |= bit;
+    }
+    for (; used != 0 && levels.count < most; used &= used - 1) {
+        const auto bucket = static_cast<std::int64_t>(std::countr_zero(used));
+        levels.level[levels.count] = {side == 'B' ? best - bucket * cent : best + bucket * cent,
+                                      sizes[static_cast<std::size_t>(bucket)]};
+        ++levels.count;
+    }
+}
+
+} // namespace
+
+void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels) {
+    if (side == 'B') {
+        bucket_levels<'B'>(instrument, most, levels);
+    } else {
+        bucket_levels<'A'>(instrument, most, levels);
     }
 }
 

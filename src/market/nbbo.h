@@ -28,15 +28,15 @@ Nbbo compute_nbbo(const Instrument& instrument);
 Nbbo stored_nbbo(const Instrument& instrument);
 
 struct PriceLevel {
-    std::int64_t price = 0;
-    std::uint64_t size = 0; // shares, all centres
+    std::int64_t price;
+    std::uint64_t size; // shares, all centres
 };
 
 constexpr std::size_t truth_levels_max = 10;
 constexpr std::size_t book_levels_max = 5;
 
 struct PriceLevels {
-    std::array<PriceLevel, truth_levels_max> level{};
+    std::array<PriceLevel, truth_levels_max> level; // the first count are set
     std::size_t count = 0;
 };
 

@@ -87,6 +87,26 @@ char* put_price4(char* out, std::int64_t price) {
     return out + 5;
 }
 
+char* put_price4(char* out, std::int64_t price, DollarText& kept) {
+    constexpr std::int64_t millionths_per_dollar = 1'000'000;
+    if (price < 0) [[unlikely]] {
+        return put_price4(out, price);
+    }
+    const std::int64_t dollars = price / millionths_per_dollar;
+    const std::int64_t rest = price - dollars * millionths_per_dollar;
+    if (dollars != kept.dollars) [[unlikely]] {
+        char* const end = put_unsigned(kept.text.data(), static_cast<std::uint64_t>(dollars));
+        *end = '.';
+        kept.length = static_cast<std::size_t>(end + 1 - kept.text.data());
+        kept.dollars = dollars;
+    }
+    // All of it, always: a copy of a constant size is two instructions.
+    std::memcpy(out, kept.text.data(), kept.text.size());
+    out = put_pair(out + kept.length, static_cast<std::uint64_t>(rest / millionths_per_cent));
+    std::memcpy(out, "00", 2);
+    return out + 2;
+}
+
 char* put_price_general(char* out, std::int64_t price) {
     // Up to $9,999.99 the six digits hold every cent: the number is written from its integers.
     constexpr std::int64_t exact_below = 10'000'000'000;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace tessel {
@@ -13,6 +15,15 @@ char* put_signed(char* out, std::int64_t value);
 
 // A price in millionths, whole cents, as dollars with four decimals: 190010000 is "190.0100".
 char* put_price4(char* out, std::int64_t price);
+
+// The same for many prices in a row, which mostly have their dollars in common: their text is kept from price to price.
+struct DollarText {
+    std::int64_t dollars = -1; // whose text this is; -1: none yet
+    std::size_t length = 0;
+    std::array<char, 16> text; // dollars and point
+};
+
+char* put_price4(char* out, std::int64_t price, DollarText& kept);
 
 // A price in millionths as dollars with up to six significant digits, no trailing zeros: "190.01", "1234.57", "0". What
 // an output stream prints by default.

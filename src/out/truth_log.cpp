@@ -60,7 +60,7 @@ char* put_head(char* out, const Instrument& instrument, std::uint64_t sequence) 
     return put_text(out, instrument.truth_head);
 }
 
-char* put_levels(char* out, const Instrument& instrument, char side) {
+char* put_levels(char* out, const Instrument& instrument, char side, DollarText& dollars) {
     PriceLevels levels;
     build_levels(instrument, side, truth_levels_max, levels);
     for (std::size_t at = 0; at < levels.count; ++at) {
@@ -68,7 +68,7 @@ char* put_levels(char* out, const Instrument& instrument, char side) {
             *out++ = ',';
         }
         *out++ = '[';
-        out = put_price4(out, levels.level[at].price);
+        out = put_price4(out, levels.level[at].price, dollars);
         *out++ = ',';
         out = put_unsigned(out, levels.level[at].size);
         *out++ = ']';
@@ -97,16 +97,19 @@ void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64
     }
     char* out = begin_line(truth, instrument.truth_head.size() + extra.size());
     out = put_head(out, instrument, sequence);
+    // Each side has its own: bids and asks often lie on the two sides of a dollar.
+    DollarText bid_dollars;
+    DollarText ask_dollars;
     out = put_text(out, ",\"bid\":[");
-    out = put_levels(out, instrument, 'B');
+    out = put_levels(out, instrument, 'B', bid_dollars);
     out = put_text(out, "],\"ask\":[");
-    out = put_levels(out, instrument, 'A');
+    out = put_levels(out, instrument, 'A', ask_dollars);
     out = put_text(out, "],\"nbbo\":[");
-    out = put_price4(out, instrument.nbbo_bid);
+    out = put_price4(out, instrument.nbbo_bid, bid_dollars);
     out = put_char(out, ',');
     out = put_unsigned(out, instrument.nbbo_bid_size);
     out = put_char(out, ',');
-    out = put_price4(out, instrument.nbbo_ask);
+    out = put_price4(out, instrument.nbbo_ask, ask_dollars);
     out = put_char(out, ',');
     out = put_unsigned(out, instrument.nbbo_ask_size);
     if (has_active_band(instrument)) {

@@ -87,7 +87,7 @@ inline MessageWriter used_writer() {
     MessageWriter writer;
     const std::size_t start = grow(writer, 4096);
     for (std::size_t at = start; at < writer.size; ++at) {
-        put_u8(writer, at, '\xee');
+        put_u8(writer.bytes.get(), at, '\xee');
     }
     return writer;
 }
