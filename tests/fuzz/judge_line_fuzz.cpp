@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     }
     Line quick;
     Line full;
-    // What only one of the two takes is no contradiction: the quick way leaves odd lines to the other one, which
-    // refuses numbers beyond a double.
+    // What only one of the two takes is no contradiction: the quick way leaves odd lines to the other one,
+    // which refuses numbers beyond a double.
     if (read_line_quickly(text, quick) && read_line_fully(text, full, nullptr)) {
         for (std::size_t member = 0; member != member_count; ++member) {
             const std::string_view one = member_text(quick, text, member);
