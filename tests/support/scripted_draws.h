@@ -8,9 +8,9 @@
 
 namespace tessel::testing {
 
-// The raw draw whose uniform_real is u (0 <= u < 1).
+// The smallest raw draw whose uniform_real is not below u (0 <= u < 1): the first that a limit of u keeps out.
 inline std::uint64_t real_draw(double u) {
-    return static_cast<std::uint64_t>(u * 0x1p64);
+    return u > 0 ? chance_threshold(u) : 0;
 }
 
 // A raw draw from which uniform_int(lo, hi) makes value: the middle of its share of the 64 bits.
