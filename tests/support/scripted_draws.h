@@ -8,7 +8,8 @@
 
 namespace tessel::testing {
 
-// The smallest raw draw whose uniform_real is not below u (0 <= u < 1): the first that a limit of u keeps out.
+// The smallest raw draw whose uniform_real is not below u (0 <= u < 1): the first that a limit of u keeps
+// out.
 inline std::uint64_t real_draw(double u) {
     return u > 0 ? chance_threshold(u) : 0;
 }

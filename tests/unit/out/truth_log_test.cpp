@@ -4,11 +4,11 @@
 #include "support/test_market.h"
 
 #include <fcntl.h>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
