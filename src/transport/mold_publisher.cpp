@@ -67,8 +67,8 @@ void drop_open_packet(MoldPublisher& publisher, std::uint64_t first) {
 
 // A packet held earlier and not yet released is lost: the assignment replaces it.
 void hold_open_packet(MoldPublisher& publisher, std::uint64_t first) {
-    const auto begin = publisher.packet.begin();
-    publisher.held_packet.assign(begin, begin + static_cast<std::ptrdiff_t>(publisher.packet_length));
+    const unsigned char* const packet = publisher.packet.data();
+    publisher.held_packet.assign(packet, packet + publisher.packet_length);
     ++publisher.faults_reordered;
     std::fprintf(stderr, "tessel fault: reordered seq %" PRIu64 " (held behind the next packet)\n", first);
 }
