@@ -27,24 +27,32 @@ char* put_pair(char* out, std::uint64_t value) {
 
 constexpr std::int64_t millionths_per_cent = 10'000;
 
+// "0000", "0100" to "9900": the four decimals of each number of cents.
+constexpr std::array<char, 400> make_cents_texts() {
+    std::array<char, 400> texts{};
+    for (unsigned at = 0; at < 100; ++at) {
+        texts[4 * at] = pairs[2 * at];
+        texts[4 * at + 1] = pairs[2 * at + 1];
+        texts[4 * at + 2] = '0';
+        texts[4 * at + 3] = '0';
+    }
+    return texts;
+}
+
+constexpr std::array<char, 400> cents_texts = make_cents_texts();
+
 } // namespace
 
 char* put_unsigned(char* out, std::uint64_t value) {
-    // Sizes, dollars and ids are mostly short: these cases need no loop.
-    if (value < 10) {
-        *out = static_cast<char>('0' + value);
-        return out + 1;
-    }
-    if (value < 100) {
-        return put_pair(out, value);
-    }
-    if (value < 1000) {
-        *out = static_cast<char>('0' + value / 100);
-        return put_pair(out + 1, value % 100);
-    }
-    if (value < 10'000) {
-        out = put_pair(out, value / 100);
-        return put_pair(out, value % 100);
+    if (value < 10'000) [[likely]] {
+        // Four digits in a register, the leading zeros shifted out: sizes have three digits or four by chance, and a branch
+        // would be wrong half the time. Four bytes are always written.
+        std::uint32_t digits;
+        put_pair(put_pair(reinterpret_cast<char*>(&digits), value / 100), value % 100);
+        const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
+        digits >>= 8 * zeros;
+        std::memcpy(out, &digits, sizeof digits);
+        return out + (4 - zeros);
     }
     std::array<char, 20> digits;
     char* end = digits.data() + digits.size();
@@ -102,9 +110,9 @@ char* put_price4(char* out, std::int64_t price, DollarText& kept) {
     }
     // All of it, always: a copy of a constant size is two instructions.
     std::memcpy(out, kept.text.data(), kept.text.size());
-    out = put_pair(out + kept.length, static_cast<std::uint64_t>(rest / millionths_per_cent));
-    std::memcpy(out, "00", 2);
-    return out + 2;
+    out += kept.length;
+    std::memcpy(out, cents_texts.data() + 4 * (rest / millionths_per_cent), 4);
+    return out + 4;
 }
 
 char* put_price_general(char* out, std::int64_t price) {
