@@ -26,31 +26,13 @@ constexpr std::size_t first_capacity = 512;
 
 }  // namespace
 
-// Common header, 29 bytes:
-//    0  1  version
-//    1  1  message category
-//    2  1  message type
-//    3  1  market centre originator
-//    4  1  sub-market centre
-//    5  8  SIP timestamp, ns
-//   13  8  participant timestamp, ns
-//   21  8  participant token
 void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::size_t body_size) {
-    static_assert(21 + 8 == common_header_bytes);
     const std::size_t needed = common_header_bytes + body_size;
     if (needed > writer.capacity) [[unlikely]] {
         enlarge(writer, 0, needed);
     }
     writer.size = needed;
-    unsigned char* const out = writer.bytes.get();
-    put_u8(out, 0, header.version);
-    put_u8(out, 1, header.category);
-    put_u8(out, 2, header.type);
-    put_u8(out, 3, header.mc);
-    put_u8(out, 4, header.sub_mc);
-    put_u64(out, 5, header.sip_time);
-    put_u64(out, 13, header.participant_time);
-    put_u64(out, 21, header.participant_token);
+    put_header(writer.bytes.get(), header);
 }
 
 void begin(MessageWriter& writer, const MessageHeader& header, std::size_t body_size) {

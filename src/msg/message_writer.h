@@ -95,4 +95,25 @@ inline void put_alpha(unsigned char* message, std::size_t offset, std::string_vi
     }
 }
 
+// The common header at the start of a message, 29 bytes:
+//    0  1  version
+//    1  1  message category
+//    2  1  message type
+//    3  1  market centre originator
+//    4  1  sub-market centre
+//    5  8  SIP timestamp, ns
+//   13  8  participant timestamp, ns
+//   21  8  participant token
+inline void put_header(unsigned char* message, const MessageHeader& header) {
+    static_assert(21 + 8 == common_header_bytes);
+    put_u8(message, 0, header.version);
+    put_u8(message, 1, header.category);
+    put_u8(message, 2, header.type);
+    put_u8(message, 3, header.mc);
+    put_u8(message, 4, header.sub_mc);
+    put_u64(message, 5, header.sip_time);
+    put_u64(message, 13, header.participant_time);
+    put_u64(message, 21, header.participant_token);
+}
+
 }  // namespace tessel

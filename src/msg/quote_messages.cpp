@@ -37,15 +37,6 @@ std::uint16_t odd_lot_count(const QuoteRecord& record) {
     return static_cast<std::uint16_t>(record.odd_lot_count);
 }
 
-// Starts the message with room for everything that will follow the fixed body: one size, one look at the
-// capacity.
-void begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, std::size_t bytes) {
-    begin_uncleared(writer, record.header, bytes - common_header_bytes);
-    unsigned char* const out = writer.bytes.get();
-    put_u8(out, 1, 'Q');
-    put_u8(out, 2, type);
-}
-
 // Short quote, type C, 52 bytes:
 //   29  5  symbol
 //   34  2  bid price, cents
@@ -61,9 +52,8 @@ void begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, st
 //   48  1  best odd-lot appendage indicator
 //   49  1  odd-lot list indicator
 //   50  2  number of odd-lot list entries
-void put_short_quote(MessageWriter& writer, const QuoteRecord& record) {
+void put_short_quote(unsigned char* out, const QuoteRecord& record) {
     static_assert(50 + 2 == short_quote_bytes);
-    unsigned char* const out = writer.bytes.get();
     put_alpha(out, 29, record.symbol, 5);
     put_price_short(out, 34, record.bid);
     put_size_short(out, 36, record.bid_size);
@@ -97,9 +87,8 @@ void put_short_quote(MessageWriter& writer, const QuoteRecord& record) {
 //   79  1  best odd-lot appendage indicator
 //   80  1  odd-lot list indicator
 //   81  2  number of odd-lot list entries
-void put_long_quote(MessageWriter& writer, const QuoteRecord& record) {
+void put_long_quote(unsigned char* out, const QuoteRecord& record) {
     static_assert(81 + 2 == long_quote_bytes);
-    unsigned char* const out = writer.bytes.get();
     put_u64(out, 29, record.adf_time);
     put_alpha(out, 37, record.symbol, 11);
     put_price_long(out, 48, record.bid);
@@ -127,9 +116,8 @@ void put_long_quote(MessageWriter& writer, const QuoteRecord& record) {
 //   68  4  ask size
 //   72  1  quote condition
 //   73  4  MPID
-void put_mpid_quote(MessageWriter& writer, const QuoteRecord& record) {
+void put_mpid_quote(unsigned char* out, const QuoteRecord& record) {
     static_assert(73 + 4 == mpid_quote_bytes);
-    unsigned char* const out = writer.bytes.get();
     put_u64(out, 29, record.adf_time);
     put_alpha(out, 37, record.symbol, 11);
     put_price_long(out, 48, record.bid);
@@ -146,9 +134,8 @@ void put_mpid_quote(MessageWriter& writer, const QuoteRecord& record) {
 //   35  1  best odd-lot appendage indicator
 //   36  1  odd-lot list indicator
 //   37  2  number of odd-lot list entries
-void put_short_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
+void put_short_odd_lot_update(unsigned char* out, const QuoteRecord& record) {
     static_assert(37 + 2 == short_odd_lot_update_bytes);
-    unsigned char* const out = writer.bytes.get();
     put_alpha(out, 29, record.symbol, 5);
     put_u8(out, 34, record.sip_flag);
     put_u8(out, 35, record.odd_best_ind);
@@ -163,9 +150,8 @@ void put_short_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) 
 //   49  1  best odd-lot appendage indicator
 //   50  1  odd-lot list indicator
 //   51  2  number of odd-lot list entries
-void put_long_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
+void put_long_odd_lot_update(unsigned char* out, const QuoteRecord& record) {
     static_assert(51 + 2 == long_odd_lot_update_bytes);
-    unsigned char* const out = writer.bytes.get();
     put_u64(out, 29, record.adf_time);
     put_alpha(out, 37, record.symbol, 11);
     put_u8(out, 48, record.sip_flag);
@@ -182,10 +168,9 @@ void put_long_odd_lot_update(MessageWriter& writer, const QuoteRecord& record) {
 //               +6  1  best offer market centre            +14  1  best offer market centre
 //               +7  2  best offer price, cents             +15  8  best offer price, millionths
 //               +9  2  best offer size                     +23  4  best offer size
-std::size_t put_nbbo(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+std::size_t put_nbbo(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(9 + 2 == short_nbbo_bytes);
     static_assert(23 + 4 == long_nbbo_bytes);
-    unsigned char* const out = writer.bytes.get();
     if (record.nbbo_ind == '2') {
         put_u8(out, at + 0, record.nbbo_condition);
         put_u8(out, at + 1, record.nbbo_bid_mc);
@@ -210,12 +195,11 @@ std::size_t put_nbbo(MessageWriter& writer, std::size_t at, const QuoteRecord& r
 }
 
 // ADF MPID appendage, 8 bytes: bid MPID 4, ask MPID 4.
-std::size_t put_adf_mpids(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+std::size_t put_adf_mpids(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(4 + 4 == adf_mpid_bytes);
     if (record.adf_mpid_ind != '2') {
         return at;
     }
-    unsigned char* const out = writer.bytes.get();
     put_alpha(out, at + 0, record.bid_mpid, 4);
     put_alpha(out, at + 4, record.ask_mpid, 4);
     return at + adf_mpid_bytes;
@@ -228,12 +212,11 @@ std::size_t put_adf_mpids(MessageWriter& writer, std::size_t at, const QuoteReco
 //             +5  1  ask market centre              +11  1  ask market centre
 //             +6  2  ask price, cents               +12  8  ask price, millionths
 //             +8  2  ask size                       +20  2  ask size
-std::size_t put_best_odd_lot(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+std::size_t put_best_odd_lot(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(8 + 2 == short_best_odd_lot_bytes);
     static_assert(20 + 2 == long_best_odd_lot_bytes);
     static_assert(26 + 4 == mpid_best_odd_lot_bytes);
     const char indicator = record.odd_best_ind;
-    unsigned char* const out = writer.bytes.get();
     if (indicator == '2') {
         put_u8(out, at + 0, record.odd_bid_mc);
         put_price_short(out, at + 1, record.odd_bid);
@@ -265,7 +248,7 @@ std::size_t put_best_odd_lot(MessageWriter& writer, std::size_t at, const QuoteR
 //            +1  1  side                           +1  1  side                            +12  4  MPID
 //            +2  2  price, cents                   +2  8  price, millionths
 //            +4  2  size                          +10  2  size
-std::size_t put_odd_lots(MessageWriter& writer, std::size_t at, const QuoteRecord& record) {
+std::size_t put_odd_lots(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(4 + 2 == short_odd_lot_bytes);
     static_assert(10 + 2 == long_odd_lot_bytes);
     static_assert(12 + 4 == mpid_odd_lot_bytes);
@@ -273,7 +256,6 @@ std::size_t put_odd_lots(MessageWriter& writer, std::size_t at, const QuoteRecor
     if (entry_bytes == 0) {
         return at;
     }
-    unsigned char* const out = writer.bytes.get();
     for (std::size_t index = 0; index < record.odd_lot_count; ++index, at += entry_bytes) {
         const OddLotQuote& order = record.odd_lots[index];
         put_u8(out, at + 0, order.mc);
@@ -292,44 +274,70 @@ std::size_t put_odd_lots(MessageWriter& writer, std::size_t at, const QuoteRecor
     return at;
 }
 
+// Starts the message with room for everything that will follow the fixed body: one size, one look at the
+// capacity. Returns the message's first byte.
+unsigned char* begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, std::size_t bytes) {
+    begin_uncleared(writer, record.header, bytes - common_header_bytes);
+    unsigned char* const out = writer.bytes.get();
+    put_u8(out, 1, 'Q');
+    put_u8(out, 2, type);
+    return out;
+}
+
+// Everything of a long quote behind the header but the odd lots; returns the offset behind it.
+std::size_t put_long_body(unsigned char* out, const QuoteRecord& record) {
+    put_long_quote(out, record);
+    const std::size_t at = put_nbbo(out, long_quote_bytes, record);
+    return put_adf_mpids(out, at, record);
+}
+
 }  // namespace
+
+std::size_t put_long_quote_message(unsigned char* out, const QuoteRecord& record) {
+    put_header(out, record.header);
+    put_u8(out, 1, 'Q');
+    put_u8(out, 2, 'D');
+    std::size_t at = put_long_body(out, record);
+    at = put_best_odd_lot(out, at, record);
+    return put_odd_lots(out, at, record);
+}
 
 void build_quote(MessageWriter& writer, const QuoteRecord& record, char type) {
     const std::size_t odd_lots =
         best_odd_lot_bytes(record.odd_best_ind) + odd_lot_bytes(record.odd_list_ind) * record.odd_lot_count;
+    unsigned char* out = nullptr;
     std::size_t at = 0;
     switch (type) {
         case 'C':
-            begin_quote(writer, record, type, short_quote_bytes + nbbo_bytes(record.nbbo_ind) + odd_lots);
-            put_short_quote(writer, record);
-            at = put_nbbo(writer, short_quote_bytes, record);
+            out =
+                begin_quote(writer, record, type, short_quote_bytes + nbbo_bytes(record.nbbo_ind) + odd_lots);
+            put_short_quote(out, record);
+            at = put_nbbo(out, short_quote_bytes, record);
             break;
         case 'D':
-            begin_quote(writer, record, type,
-                        long_quote_bytes + nbbo_bytes(record.nbbo_ind) +
-                            (record.adf_mpid_ind == '2' ? adf_mpid_bytes : 0) + odd_lots);
-            put_long_quote(writer, record);
-            at = put_nbbo(writer, long_quote_bytes, record);
-            at = put_adf_mpids(writer, at, record);
+            out = begin_quote(writer, record, type,
+                              long_quote_bytes + nbbo_bytes(record.nbbo_ind) +
+                                  (record.adf_mpid_ind == '2' ? adf_mpid_bytes : 0) + odd_lots);
+            at = put_long_body(out, record);
             break;
         case 'M':
-            begin_quote(writer, record, type, mpid_quote_bytes);
-            put_mpid_quote(writer, record);
+            out = begin_quote(writer, record, type, mpid_quote_bytes);
+            put_mpid_quote(out, record);
             return;
         case 'A':
-            begin_quote(writer, record, type, short_odd_lot_update_bytes + odd_lots);
-            put_short_odd_lot_update(writer, record);
+            out = begin_quote(writer, record, type, short_odd_lot_update_bytes + odd_lots);
+            put_short_odd_lot_update(out, record);
             at = short_odd_lot_update_bytes;
             break;
         case 'B':
-            begin_quote(writer, record, type, long_odd_lot_update_bytes + odd_lots);
-            put_long_odd_lot_update(writer, record);
+            out = begin_quote(writer, record, type, long_odd_lot_update_bytes + odd_lots);
+            put_long_odd_lot_update(out, record);
             at = long_odd_lot_update_bytes;
             break;
         default: writer.size = 0; return;
     }
-    at = put_best_odd_lot(writer, at, record);
-    at = put_odd_lots(writer, at, record);
+    at = put_best_odd_lot(out, at, record);
+    at = put_odd_lots(out, at, record);
     assert(at == writer.size);  // the body was not zeroed: every byte must have been written
 }
 

@@ -14,10 +14,6 @@ namespace tessel {
 
 namespace {
 
-// The longest rebuilt quote: the ADF's, with every appendage and both its odd-lot orders.
-constexpr std::size_t quote_bytes_max =
-    long_quote_bytes + long_nbbo_bytes + adf_mpid_bytes + mpid_best_odd_lot_bytes + 2 * mpid_odd_lot_bytes;
-
 // What one instrument adds at most, its quotes aside.
 constexpr std::size_t instrument_bytes_max = short_directory_bytes + long_directory_bytes + indicator_bytes +
                                              trading_action_bytes + price_band_bytes + collar_bytes +
@@ -28,20 +24,27 @@ std::size_t spin_bytes_max(const SipEngine& engine) {
     for (const std::vector<unsigned char>& message : engine.retained_messages) {
         bytes += message.size() + sequenced_header_bytes;
     }
-    for (const Instrument& instrument : engine.instruments) {
-        bytes += instrument_bytes_max + instrument.quote_slots * (quote_bytes_max + sequenced_header_bytes);
-    }
-    return bytes;
+    return bytes + engine.instruments.size() * instrument_bytes_max +
+           engine.quotes.size() * (long_quote_bytes_max + sequenced_header_bytes);
+}
+
+// Where the next message goes, its packet's header before it.
+unsigned char* next_message(SpinBuffer& spin) {
+    return spin.bytes.get() + spin.size + sequenced_header_bytes;
+}
+
+// Frames a message of that length which stands at next_message.
+void frame_message(SpinBuffer& spin, std::size_t length) {
+    assert(spin.size + sequenced_header_bytes + length <= spin.capacity);
+    unsigned char* const out = spin.bytes.get() + spin.size;
+    put_u16(out, 0, static_cast<std::uint16_t>(length + 1));
+    put_u8(out, 2, sequenced_data_type);
+    spin.size += sequenced_header_bytes + length;
 }
 
 void append_message(SpinBuffer& spin, const unsigned char* message, std::size_t length) {
-    assert(spin.size + sequenced_header_bytes + length <= spin.capacity);
-    unsigned char* out = spin.bytes.get() + spin.size;
-    const std::uint16_t packet_length = __builtin_bswap16(static_cast<std::uint16_t>(length + 1));
-    std::memcpy(out, &packet_length, sizeof packet_length);
-    out[2] = static_cast<unsigned char>(sequenced_data_type);
-    std::memcpy(out + sequenced_header_bytes, message, length);
-    spin.size += sequenced_header_bytes + length;
+    std::memcpy(next_message(spin), message, length);
+    frame_message(spin, length);
 }
 
 void append_built(SpinBuffer& spin) {
@@ -122,8 +125,9 @@ void append_quote(SpinBuffer& spin, QuoteRecord& record, const Instrument& instr
     record.odd_lot_count = quote.has_odd_lots ? list_odd_lots(quote, odd_lots) : 0;
     record.odd_lots = odd_lots;
     record.odd_list_ind = record.odd_lot_count == 0 ? '0' : (is_adf ? '5' : '3');
-    build_quote(spin.writer, record, 'D');
-    append_built(spin);
+    assert(spin.size + sequenced_header_bytes + long_quote_bytes_max <= spin.capacity);
+    // Put in place: these are nine tenths of a spin.
+    frame_message(spin, put_long_quote_message(next_message(spin), record));
 }
 
 void append_statuses(SpinBuffer& spin, const SipEngine& engine, AdminTimes times) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <algorithm>
 
 namespace tessel {
 namespace {
@@ -332,6 +333,49 @@ TEST(Quote, FreshRecord_StartsWithBlankIndicatorsAndNoAppendages) {
     build_quote(writer, QuoteRecord{}, 'D');
     EXPECT_EQ(content(writer).substr(72, 9), "    0  00");
     EXPECT_EQ(content(writer).substr(0, 5), "1QD  ");
+}
+
+TEST(LongQuotePutInPlace, IsTheBuiltMessageAndTouchesNothingBehindIt) {
+    const OddLotQuote orders[] = {{'D', 'B', 10'010'000, 17, "NITE"}, {'D', 'A', 10'020'000, 99, "GSCO"}};
+    std::size_t longest = 0;
+    for (const char nbbo : {'0', '1', '3', '4'}) {
+        for (const char mpid : {' ', '2'}) {
+            for (const char best : {'0', '3', '5'}) {
+                for (const char list : {'0', '3', '5'}) {
+                    QuoteRecord record;
+                    record.header = {'1', ' ', ' ', 'D', ' ', 11, 12, 13};
+                    record.adf_time = 14;
+                    record.symbol = "AAPL       ";
+                    record.bid = 10'000'000;
+                    record.ask = 10'030'000;
+                    record.bid_size = 70'000;
+                    record.ask_size = 300;
+                    record.nbbo_ind = nbbo;
+                    record.nbbo_bid = 10'000'000;
+                    record.nbbo_ask_size = 5;
+                    record.adf_mpid_ind = mpid;
+                    record.bid_mpid = "NITE";
+                    record.ask_mpid = "GSCO";
+                    record.odd_best_ind = best;
+                    record.odd_bid = 10'010'000;
+                    record.odd_list_ind = list;
+                    record.odd_lots = orders;
+                    record.odd_lot_count = list == '0' ? 0 : 2;
+                    MessageWriter writer;
+                    build_quote(writer, record, 'D');
+                    std::vector<unsigned char> place(long_quote_bytes_max + 8, 0xEE);
+                    const std::size_t length = put_long_quote_message(place.data(), record);
+                    ASSERT_EQ(length, writer.size);
+                    EXPECT_TRUE(std::equal(writer.bytes.get(), writer.bytes.get() + length, place.begin()));
+                    EXPECT_EQ(
+                        std::count(place.begin() + static_cast<std::ptrdiff_t>(length), place.end(), 0xEE),
+                        static_cast<std::ptrdiff_t>(place.size() - length));
+                    longest = std::max(longest, length);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(longest, long_quote_bytes_max);
 }
 
 }  // namespace
