@@ -51,6 +51,7 @@ private:
     std::int32_t interval_ms_ = 100;
     std::string last_step_;
     std::string found_;
+    std::size_t comparisons_ = 0;
     std::size_t compared_messages_ = 0;
     std::size_t compared_packets_ = 0;
     std::size_t compared_truth_ = 0;
