@@ -2,11 +2,11 @@
 
 #include "unit/msg/layout_check.h"
 
+#include <algorithm>
 #include <array>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <algorithm>
 
 namespace tessel {
 namespace {
