@@ -78,7 +78,8 @@ def test_scenario_examples_do_what_they_say(tmp_path, group):
                 # The circuit breaker's default is ten seconds; everything else comes sooner.
                 # Three bands are those of the start of day; the other counters start at 0.
                 floor = min(before[counter], 3)
-                wait_until(lambda f=feed, c=counter, least=floor: f.stats()[c] > least, what=f"{key}: {counter}")
+                wait_until(lambda f=feed, c=counter, least=floor: f.stats()[c] > least,
+                           what=f"{key}: {counter}")
     finally:
         for _, feed in feeds:
             feed.__exit__()
