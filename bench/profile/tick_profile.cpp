@@ -1,5 +1,5 @@
-// Runs the market in memory, without a socket, for profilers: whole ticks of many instruments, each packet thrown away
-// where it would be sent. Prints the messages made and the CPU time of one.
+// Runs the market in memory, without a socket, for profilers: whole ticks of many instruments, each packet
+// thrown away where it would be sent. Prints the messages made and the CPU time of one.
 //
 //     tick_profile INSTRUMENTS TICKS [TRUTH-FILE]
 
@@ -41,7 +41,7 @@ double cpu_ns() {
 
 void discard(void* /*context*/, const unsigned char* /*packet*/, std::size_t /*length*/) {}
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 3) {

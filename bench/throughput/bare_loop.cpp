@@ -1,19 +1,20 @@
-// The floor under the feed: what sending alone costs. Sends ready packets of the feed's shape to a multicast group from one
-// loop that does nothing else, and with a path also writes one ready line a message. Prints messages and CPU ns of one.
+// The floor under the feed: what sending alone costs. Sends ready packets of the feed's shape to a multicast
+// group from one loop that does nothing else, and with a path also writes one ready line a message. Prints
+// messages and CPU ns of one.
 //
 //     bare_loop GROUP PORT INTERFACE SECONDS [LINE-FILE]
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -39,7 +40,7 @@ int open_socket(const char* interface) {
     return fd;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 5) {
@@ -71,7 +72,8 @@ int main(int argc, char** argv) {
                     }
                 }
             }
-            if (sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0) {
+            if (sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+                       sizeof to) < 0) {
                 return 1;
             }
             messages += messages_per_packet;

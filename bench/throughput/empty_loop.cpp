@@ -1,16 +1,16 @@
-// The floor under an idle feed: a loop that waits 5 ms in poll(), accepts nobody and receives nothing on two sockets.
-// Prints its CPU share.
+// The floor under an idle feed: a loop that waits 5 ms in poll(), accepts nobody and receives nothing on two
+// sockets. Prints its CPU share.
 //
 //     empty_loop SECONDS
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
 
 namespace {
 
@@ -32,7 +32,7 @@ int open_bound(int type) {
     return fd;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 5;

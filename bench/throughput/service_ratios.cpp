@@ -1,4 +1,5 @@
-// The services beside the feed against the least that they could do, in one process and in alternating rounds:
+// The services beside the feed against the least that they could do, in one process and in alternating
+// rounds:
 //   retransmission: a full-size reply (65,535 messages) over sending the same packets ready made;
 //   spin: building and sending the snapshot of 8,000 instruments over sending a ready buffer of its size;
 //   history: resident growth of a full history over the bytes of its messages.
@@ -14,6 +15,10 @@
 #include "transport/retransmission.h"
 #include "transport/snapshot_spin.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -22,12 +27,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -89,8 +90,8 @@ std::unique_ptr<Market> make_market(int instruments) {
     tessel::seed_random(market->rng, 7);
     market->publisher.sink.send = [](void*, const unsigned char*, std::size_t) {};
     tessel::reset_publisher(market->publisher, market->clock, "UTPBENCH01");
-    tessel::init_engine(market->engine, market->publisher, market->rng, market->scenario, market->clock, "QNPZKVD",
-                        0.8, true);
+    tessel::init_engine(market->engine, market->publisher, market->rng, market->scenario, market->clock,
+                        "QNPZKVD", 0.8, true);
     std::string error;
     if (!tessel::add_instruments(market->engine, symbols_text(instruments), error)) {
         std::abort();
@@ -99,7 +100,8 @@ std::unique_ptr<Market> make_market(int instruments) {
     return market;
 }
 
-// --- history --------------------------------------------------------------------------------------------------------
+// --- history
+// --------------------------------------------------------------------------------------------------------
 
 double history_ratio() {
     // Real messages, from a market that has done growing: only the history grows while it is measured.
@@ -128,7 +130,8 @@ double history_ratio() {
     return static_cast<double>(resident_kib() - before) * 1024 / payload;
 }
 
-// --- retransmission -------------------------------------------------------------------------------------------------
+// --- retransmission
+// -------------------------------------------------------------------------------------------------
 
 struct Sender {
     int fd = -1;
@@ -185,7 +188,8 @@ std::vector<double> retransmission_ratios(int rounds) {
     return ratios;
 }
 
-// --- spin -----------------------------------------------------------------------------------------------------------
+// --- spin
+// -----------------------------------------------------------------------------------------------------------
 
 // A TCP connection on loopback whose far end a thread reads and throws away.
 struct Drain {
@@ -200,7 +204,8 @@ void open_drain(Drain& drain) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(listener, 1) != 0 ||
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener, 1) != 0 ||
         getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         std::abort();
     }
@@ -214,8 +219,7 @@ void open_drain(Drain& drain) {
     setsockopt(drain.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     drain.reader = std::thread([far = drain.far] {
         std::vector<char> buffer(1 << 20);
-        while (recv(far, buffer.data(), buffer.size(), 0) > 0) {
-        }
+        while (recv(far, buffer.data(), buffer.size(), 0) > 0) {}
     });
 }
 
@@ -264,7 +268,7 @@ SpinFigures spin_ratios(int rounds) {
     return figures;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 15;
@@ -273,10 +277,11 @@ int main(int argc, char** argv) {
     const SpinFigures spin = spin_ratios(rounds);
     const auto [slowest, fastest] = std::minmax_element(retransmission.begin(), retransmission.end());
     const auto [spin_slowest, spin_fastest] = std::minmax_element(spin.ratios.begin(), spin.ratios.end());
-    std::printf("{\"history\": %.4f, \"retransmission\": %.4f, \"retransmission_min\": %.4f, "
-                "\"retransmission_max\": %.4f, \"spin\": %.4f, \"spin_min\": %.4f, \"spin_max\": %.4f, "
-                "\"spin_bytes\": %zu, \"spin_build_ms\": %.3f}\n",
-                history, median(retransmission), *slowest, *fastest, median(spin.ratios), *spin_slowest,
-                *spin_fastest, spin.bytes, median(spin.build_ms));
+    std::printf(
+        "{\"history\": %.4f, \"retransmission\": %.4f, \"retransmission_min\": %.4f, "
+        "\"retransmission_max\": %.4f, \"spin\": %.4f, \"spin_min\": %.4f, \"spin_max\": %.4f, "
+        "\"spin_bytes\": %zu, \"spin_build_ms\": %.3f}\n",
+        history, median(retransmission), *slowest, *fastest, median(spin.ratios), *spin_slowest,
+        *spin_fastest, spin.bytes, median(spin.build_ms));
     return 0;
 }

@@ -10,14 +10,14 @@ namespace tessel {
 
 namespace {
 
-constexpr std::uint32_t breaker_halt_seconds = 5; // of levels 1 and 2
+constexpr std::uint32_t breaker_halt_seconds = 5;  // of levels 1 and 2
 constexpr std::uint32_t level_without_end = 3;
 
 std::string_view breaker_reason(std::uint32_t level) {
     return level == 1 ? "MWC1" : level == 2 ? "MWC2" : "MWC3";
 }
 
-} // namespace
+}  // namespace
 
 void breach_mwcb(SipEngine& engine, std::uint32_t level) {
     const std::uint64_t participant_time = wall_ns(*engine.clock);
@@ -37,4 +37,4 @@ void breach_mwcb(SipEngine& engine, std::uint32_t level) {
     flush(*engine.publisher);
 }
 
-} // namespace tessel
+}  // namespace tessel

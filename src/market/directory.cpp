@@ -17,4 +17,4 @@ DirectoryRecord fill_directory(const Instrument& instrument, AdminTimes times, s
     return record;
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -21,7 +21,7 @@ std::string_view resumption_reason(const Instrument& instrument) {
     return instrument.halt_reason.starts_with("MWC") ? "MWCQ" : "T3";
 }
 
-} // namespace
+}  // namespace
 
 void halt(SipEngine& engine, Instrument& instrument, std::string_view reason, std::uint32_t seconds) {
     const std::uint64_t now_ns = wall_ns(*engine.clock);
@@ -33,7 +33,8 @@ void halt(SipEngine& engine, Instrument& instrument, std::string_view reason, st
     if (instrument.luld_lower != 0) {
         send_band(engine, instrument, 'D', now_ns);
     }
-    const std::string suffix = seconds == 0 ? std::string() : ", resuming in " + std::to_string(seconds) + " s";
+    const std::string suffix =
+        seconds == 0 ? std::string() : ", resuming in " + std::to_string(seconds) + " s";
     std::fprintf(stderr, "bench: %s halted (%.*s) at seq %llu%s\n", instrument.symbol.c_str(),
                  static_cast<int>(reason.size()), reason.data(),
                  static_cast<unsigned long long>(last_sequence(*engine.publisher)), suffix.c_str());
@@ -64,4 +65,4 @@ void resume_trading(SipEngine& engine, Instrument& instrument, std::uint64_t tim
                  static_cast<unsigned long long>(last_sequence(*engine.publisher)));
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -7,7 +7,7 @@
 
 namespace tessel {
 
-constexpr std::uint64_t trade_resume_after_ms = 2000; // trading follows quotation by this
+constexpr std::uint64_t trade_resume_after_ms = 2000;  // trading follows quotation by this
 
 // Halts the instrument; quotation resumes by itself after `seconds`, never when that is 0.
 void halt(SipEngine& engine, Instrument& instrument, std::string_view reason, std::uint32_t seconds);
@@ -18,4 +18,4 @@ void resume_quotation(SipEngine& engine, Instrument& instrument, std::uint64_t t
 // Second stage: trading again, with a reopening cross.
 void resume_trading(SipEngine& engine, Instrument& instrument, std::uint64_t time_ns);
 
-} // namespace tessel
+}  // namespace tessel

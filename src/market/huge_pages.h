@@ -1,15 +1,15 @@
 #pragma once
 
+#include <sys/mman.h>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
-#include <sys/mman.h>
 
 namespace tessel {
 
-// An allocator for the arrays that every tick walks from end to end. With thousands of instruments a page of 4 KiB holds
-// few of them, and the address translation of the next one would be missing at each step: large arrays therefore ask the
-// kernel for pages of 2 MiB, and get ordinary ones where it has none.
+// An allocator for the arrays that every tick walks from end to end. With thousands of instruments a page of
+// 4 KiB holds few of them, and the address translation of the next one would be missing at each step: large
+// arrays therefore ask the kernel for pages of 2 MiB, and get ordinary ones where it has none.
 template <typename T>
 struct HugePageAllocator {
     using value_type = T;
@@ -45,4 +45,4 @@ struct HugePageAllocator {
     }
 };
 
-} // namespace tessel
+}  // namespace tessel

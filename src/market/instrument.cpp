@@ -12,11 +12,13 @@ constexpr double price_when_none = 100.0;
 constexpr std::size_t short_symbol_max = 5;
 constexpr std::size_t wire_symbol_bytes = 11;
 
-bool make_instrument(std::string_view entry, std::size_t position, Instrument& instrument, std::string& error) {
+bool make_instrument(std::string_view entry, std::size_t position, Instrument& instrument,
+                     std::string& error) {
     const std::size_t colon = entry.find(':');
     instrument.symbol = entry.substr(0, colon);
     instrument.price = price_when_none;
-    if (colon != std::string_view::npos && !to_stod(std::string(entry.substr(colon + 1)), instrument.price, error)) {
+    if (colon != std::string_view::npos &&
+        !to_stod(std::string(entry.substr(colon + 1)), instrument.price, error)) {
         return false;
     }
     instrument.secid = static_cast<std::uint16_t>(position + 1);
@@ -28,7 +30,7 @@ bool make_instrument(std::string_view entry, std::size_t position, Instrument& i
     return true;
 }
 
-} // namespace
+}  // namespace
 
 std::int64_t price_to_cents(double price) {
     const double cents = price * 100.0;
@@ -53,7 +55,8 @@ bool build_instruments(std::string_view symbols_text, InstrumentList& instrument
             comma = symbols_text.size();
         }
         Instrument instrument;
-        if (!make_instrument(symbols_text.substr(start, comma - start), instruments.size(), instrument, error)) {
+        if (!make_instrument(symbols_text.substr(start, comma - start), instruments.size(), instrument,
+                             error)) {
             return false;
         }
         instruments.push_back(std::move(instrument));
@@ -86,4 +89,4 @@ std::int64_t cross_price(const Instrument& instrument) {
     return reference_price(instrument);
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -14,8 +14,8 @@ namespace tessel {
 namespace {
 
 constexpr std::uint64_t ms_per_second = 1000;
-constexpr std::int64_t band_divisor = 20;   // 5 %
-constexpr std::int64_t stale_divisor = 100; // 1 %
+constexpr std::int64_t band_divisor = 20;    // 5 %
+constexpr std::int64_t stale_divisor = 100;  // 1 %
 
 std::int64_t cut_to_cents(std::int64_t price) {
     return price / cent * cent;
@@ -27,13 +27,13 @@ double to_dollars(std::int64_t price) {
 
 void send_collar(SipEngine& engine, Instrument& instrument, const Band& collar, std::uint64_t time_ns) {
     const AdminTimes times{wall_ns(*engine.clock), time_ns};
-    build_collar(engine.writer, times, wire_symbol(instrument), instrument.action_seq, collar.reference, collar.upper,
-                 collar.lower);
+    build_collar(engine.writer, times, wire_symbol(instrument), instrument.action_seq, collar.reference,
+                 collar.upper, collar.lower);
     publish_message(engine);
     ++engine.scenario->stats.collars;
 }
 
-} // namespace
+}  // namespace
 
 Band band_around(std::int64_t reference) {
     const std::int64_t width = reference / band_divisor;
@@ -81,4 +81,4 @@ void luld_pause(SipEngine& engine, Instrument& instrument, std::uint32_t seconds
     flush(*engine.publisher);
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -15,8 +15,8 @@ struct Band {
 
 Band band_around(std::int64_t reference);
 
-// Publishes the instrument's band under an indicator letter: recomputed from the reference price, but with 'D'
-// (deactivated) as it stands.
+// Publishes the instrument's band under an indicator letter: recomputed from the reference price, but with
+// 'D' (deactivated) as it stands.
 void send_band(SipEngine& engine, Instrument& instrument, char indicator, std::uint64_t time_ns);
 
 // Whether the price has moved 1 % or more from the band's reference.
@@ -25,4 +25,4 @@ bool band_is_stale(const Instrument& instrument);
 // LULD trading pause with a collar; quotation resumes by itself after `seconds`, never when that is 0.
 void luld_pause(SipEngine& engine, Instrument& instrument, std::uint32_t seconds);
 
-} // namespace tessel
+}  // namespace tessel

@@ -29,7 +29,8 @@ struct BestSide {
     char mc = ' ';
 };
 
-// Takes a centre that quotes at the best price into the side. Centres come in letter order: on a full tie the first stays.
+// Takes a centre that quotes at the best price into the side. Centres come in letter order: on a full tie the
+// first stays.
 void join_side(BestSide& side, std::uint32_t size, std::uint64_t time, char mc) {
     side.total += size;
     if (size > side.largest || (size == side.largest && time < side.earliest)) {
@@ -39,7 +40,7 @@ void join_side(BestSide& side, std::uint32_t size, std::uint64_t time, char mc) 
     }
 }
 
-} // namespace
+}  // namespace
 
 bool is_eligible_condition(char condition) {
     return eligible_conditions[static_cast<unsigned char>(condition)] != 0;
@@ -51,12 +52,12 @@ Nbbo compute_nbbo(const Instrument& instrument) {
     const std::int64_t highest_bid = banded ? instrument.luld_upper : INT64_MAX;
     const std::int64_t lowest_ask = banded ? instrument.luld_lower : 1;
     const auto bid_counts = [highest_bid](const ParticipantQuote& quote) {
-        return quote.present && is_eligible_condition(quote.condition) && quote.bid >= 1 && quote.bid_size >= round_lot &&
-               quote.bid <= highest_bid;
+        return quote.present && is_eligible_condition(quote.condition) && quote.bid >= 1 &&
+               quote.bid_size >= round_lot && quote.bid <= highest_bid;
     };
     const auto ask_counts = [lowest_ask](const ParticipantQuote& quote) {
-        return quote.present && is_eligible_condition(quote.condition) && quote.ask >= 1 && quote.ask_size >= round_lot &&
-               quote.ask >= lowest_ask;
+        return quote.present && is_eligible_condition(quote.condition) && quote.ask >= 1 &&
+               quote.ask_size >= round_lot && quote.ask >= lowest_ask;
     };
 
     Nbbo nbbo;
@@ -140,10 +141,11 @@ void insert_levels(const Instrument& instrument, std::size_t most, PriceLevels& 
     }
 }
 
-constexpr std::uint64_t bucket_count = 64; // a bit each
+constexpr std::uint64_t bucket_count = 64;  // a bit each
 
-// Quotes lie within cents of one another: each adds its size to the bucket of its distance from the best price, and the
-// buckets in use, a bit each, are the levels in order. Where a quote lies further off the levels are made by insertion.
+// Quotes lie within cents of one another: each adds its size to the bucket of its distance from the best
+// price, and the buckets in use, a bit each, are the levels in order. Where a quote lies further off the
+// levels are made by insertion.
 template <char side>
 void bucket_levels(const Instrument& instrument, std::size_t most, PriceLevels& levels) {
     const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
@@ -179,7 +181,7 @@ void bucket_levels(const Instrument& instrument, std::size_t most, PriceLevels& 
     }
 }
 
-} // namespace
+}  // namespace
 
 void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels) {
     if (side == 'B') {
@@ -223,4 +225,4 @@ char luld_nbbo_indicator(const Instrument& instrument, const Nbbo& nbbo) {
     return bid_below_lower ? 'B' : 'A';
 }
 
-} // namespace tessel
+}  // namespace tessel

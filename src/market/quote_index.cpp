@@ -1,7 +1,7 @@
 #include "market/quote_index.h"
 
-#include <bit>
 #include <emmintrin.h>
+#include <bit>
 #include <limits>
 
 namespace tessel {
@@ -9,7 +9,7 @@ namespace tessel {
 namespace {
 
 constexpr std::uint32_t round_lot = 100;
-constexpr std::size_t indexed_slots_max = 64; // a bit each
+constexpr std::size_t indexed_slots_max = 64;  // a bit each
 constexpr double never_bid = -std::numeric_limits<double>::infinity();
 constexpr double never_ask = std::numeric_limits<double>::infinity();
 
@@ -88,7 +88,7 @@ struct BestSide {
     return side;
 }
 
-} // namespace
+}  // namespace
 
 QuoteBlock empty_quote_block() {
     QuoteBlock block;
@@ -154,7 +154,7 @@ namespace {
     return nbbo;
 }
 
-} // namespace
+}  // namespace
 
 Nbbo indexed_nbbo(const Instrument& instrument, const QuoteBlock* blocks) {
     if (instrument.quote_slots <= QuoteBlock::centres && instrument.quote_slots != 0) [[likely]] {
@@ -183,7 +183,7 @@ std::size_t first_slot(const QuoteBlock* blocks, const Values QuoteBlock::*value
     }
 }
 
-} // namespace
+}  // namespace
 
 BestOddLot indexed_best_odd_lot(const Instrument& instrument, const QuoteBlock* blocks, const Nbbo& nbbo) {
     const std::size_t count = quote_blocks(instrument.quote_slots);
@@ -217,4 +217,4 @@ BestOddLot indexed_best_odd_lot(const Instrument& instrument, const QuoteBlock* 
     return best;
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -7,8 +7,8 @@ namespace tessel {
 
 namespace {
 
-constexpr std::int64_t spread_cents_max = 3;   // a side lies 1 to 3 cents from the reference price
-constexpr std::int64_t quote_lots_max = 8;     // of 100 shares
+constexpr std::int64_t spread_cents_max = 3;  // a side lies 1 to 3 cents from the reference price
+constexpr std::int64_t quote_lots_max = 8;    // of 100 shares
 constexpr std::uint32_t lot_shares = 100;
 constexpr std::int64_t odd_lot_shares_max = 99;
 constexpr std::uint64_t one_sided_threshold = chance_threshold(0.04);
@@ -57,7 +57,8 @@ bool same_nbbo(const Instrument& instrument, const Nbbo& nbbo) {
            instrument.nbbo_bid_mc == nbbo.bid_mc && instrument.nbbo_ask_mc == nbbo.ask_mc;
 }
 
-// How the message tells the NBBO: "0" unchanged, "1" none, "4" this quote is the whole of it, "2"/"3" by appendage.
+// How the message tells the NBBO: "0" unchanged, "1" none, "4" this quote is the whole of it, "2"/"3" by
+// appendage.
 char choose_nbbo_indicator(const ParticipantQuote& quote, const Nbbo& nbbo) {
     if (nbbo.bid == 0 && nbbo.ask == 0) {
         return '1';
@@ -72,7 +73,8 @@ char choose_nbbo_indicator(const ParticipantQuote& quote, const Nbbo& nbbo) {
 }
 
 // Recomputes the NBBO, counts and stores a change, and returns how to tell it.
-char refresh_nbbo(SipEngine& engine, Instrument& instrument, const ParticipantQuote& quote, const Nbbo& nbbo) {
+char refresh_nbbo(SipEngine& engine, Instrument& instrument, const ParticipantQuote& quote,
+                  const Nbbo& nbbo) {
     const bool same = same_nbbo(instrument, nbbo);
     if (same && instrument.nbbo_valid) {
         return '0';
@@ -90,16 +92,17 @@ char refresh_nbbo(SipEngine& engine, Instrument& instrument, const ParticipantQu
     return choose_nbbo_indicator(quote, nbbo);
 }
 
-// Stores the best odd-lot quote when it has changed, and returns how to tell it: "0" unchanged or none, "1" gone,
-// "5" with MPIDs, "2"/"3" without.
+// Stores the best odd-lot quote when it has changed, and returns how to tell it: "0" unchanged or none, "1"
+// gone, "5" with MPIDs, "2"/"3" without.
 char refresh_best_odd_lot(Instrument& instrument, const BestOddLot& best) {
     if (best.sizes == 0) {
         const bool had = instrument.adf_present != 0;
         instrument.adf_present = 0;
         return had ? '1' : '0';
     }
-    if (instrument.adf_present != 0 && instrument.adf_bid_mc == best.bid_mc && instrument.adf_ask_mc == best.ask_mc &&
-        instrument.adf_bid == best.bid && instrument.adf_ask == best.ask && instrument.adf_sizes == best.sizes) {
+    if (instrument.adf_present != 0 && instrument.adf_bid_mc == best.bid_mc &&
+        instrument.adf_ask_mc == best.ask_mc && instrument.adf_bid == best.bid &&
+        instrument.adf_ask == best.ask && instrument.adf_sizes == best.sizes) {
         return '0';
     }
     instrument.adf_bid_mc = best.bid_mc;
@@ -180,7 +183,7 @@ void publish_mpid_quote(SipEngine& engine, const Instrument& instrument, const P
     publish_message(engine);
 }
 
-} // namespace
+}  // namespace
 
 std::size_t list_odd_lots(const ParticipantQuote& quote, OddLotQuote (&list)[2]) {
     if (!quote.has_odd_lots) {
@@ -192,8 +195,8 @@ std::size_t list_odd_lots(const ParticipantQuote& quote, OddLotQuote (&list)[2])
     return 2;
 }
 
-void update_participant_quote(SipEngine& engine, Instrument& instrument, std::uint16_t slot, std::uint64_t now_ns,
-                              char condition_override) {
+void update_participant_quote(SipEngine& engine, Instrument& instrument, std::uint16_t slot,
+                              std::uint64_t now_ns, char condition_override) {
     Random& rng = *engine.rng;
     ParticipantQuote& quote = instrument.quotes[slot];
     const std::int64_t cents = price_to_cents(instrument.price);
@@ -225,8 +228,8 @@ void update_participant_quote(SipEngine& engine, Instrument& instrument, std::ui
 void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& quote, char sip_flag,
                    std::uint64_t now_ns) {
     FeedStats& stats = engine.scenario->stats;
-    // The engine's record is used again and again: what is not set here keeps its first value, or is read only when an
-    // indicator asks for it.
+    // The engine's record is used again and again: what is not set here keeps its first value, or is read
+    // only when an indicator asks for it.
     QuoteRecord& record = engine.quote_record;
     record.header.mc = quote.mc;
     record.header.sip_time = wall_ns(*engine.clock);
@@ -290,4 +293,4 @@ void empty_all_quotes(SipEngine& engine, Instrument& instrument, std::uint64_t n
     }
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -1,7 +1,7 @@
 #include "market/random.h"
 
-#include <cmath>
 #include <emmintrin.h>
+#include <cmath>
 
 namespace tessel {
 
@@ -26,15 +26,18 @@ __m128i both(std::uint64_t word) {
     return _mm_set1_epi64x(static_cast<long long>(word));
 }
 
-// The next count words of the state (an even number), each from itself, the next and the one `other` has for it.
+// The next count words of the state (an even number), each from itself, the next and the one `other` has for
+// it.
 void twist_words(std::uint64_t* state, const std::uint64_t* other, unsigned count) {
     const __m128i one = both(1);
     for (unsigned at = 0; at < count; at += 2) {
         const __m128i joined = _mm_or_si128(_mm_and_si128(load_words(state + at), both(upper_bits)),
                                             _mm_and_si128(load_words(state + at + 1), both(lower_bits)));
         const __m128i odd = _mm_sub_epi64(_mm_setzero_si128(), _mm_and_si128(joined, one));
-        const __m128i twisted = _mm_xor_si128(_mm_srli_epi64(joined, 1), _mm_and_si128(odd, both(twist_matrix)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(state + at), _mm_xor_si128(load_words(other + at), twisted));
+        const __m128i twisted =
+            _mm_xor_si128(_mm_srli_epi64(joined, 1), _mm_and_si128(odd, both(twist_matrix)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(state + at),
+                         _mm_xor_si128(load_words(other + at), twisted));
     }
 }
 
@@ -49,7 +52,7 @@ void temper_words(std::uint64_t* out, const std::uint64_t* state, unsigned count
     }
 }
 
-} // namespace
+}  // namespace
 
 void seed_random(Random& random, std::uint64_t seed) {
     random.state[0] = seed;
@@ -93,4 +96,4 @@ double normal_deviate(NormalDeviates& deviates, Random& random) {
     }
 }
 
-} // namespace tessel
+}  // namespace tessel

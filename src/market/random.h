@@ -5,14 +5,14 @@
 
 namespace tessel {
 
-// MT19937-64 with its standard seeding; the outputs are the standard library's, made a block of 312 at a time. The draws
-// on top of it are our own, because the library's differ between compilers. Each draw is to be a statement of its own:
-// two in one expression would be taken in an order that the compiler chooses.
+// MT19937-64 with its standard seeding; the outputs are the standard library's, made a block of 312 at a
+// time. The draws on top of it are our own, because the library's differ between compilers. Each draw is to
+// be a statement of its own: two in one expression would be taken in an order that the compiler chooses.
 struct Random {
     static constexpr unsigned state_words = 312;
     std::array<std::uint64_t, state_words> state{};
-    std::array<std::uint64_t, state_words> block{}; // tempered outputs
-    unsigned used = state_words;                    // of the block
+    std::array<std::uint64_t, state_words> block{};  // tempered outputs
+    unsigned used = state_words;                     // of the block
 };
 
 void seed_random(Random& random, std::uint64_t seed);
@@ -27,8 +27,8 @@ inline std::uint64_t next_u64(Random& random) {
     return random.block[random.used++];
 }
 
-// Uniform in [lo, hi], both included, by widening multiply with rejection. A range of one value still takes a draw; the
-// full 64-bit range is one raw draw.
+// Uniform in [lo, hi], both included, by widening multiply with rejection. A range of one value still takes a
+// draw; the full 64-bit range is one raw draw.
 inline std::int64_t uniform_int(Random& random, std::int64_t lo, std::int64_t hi) {
     const std::uint64_t range = static_cast<std::uint64_t>(hi) - static_cast<std::uint64_t>(lo) + 1;
     if (range == 0) [[unlikely]] {
@@ -44,24 +44,26 @@ inline std::int64_t uniform_int(Random& random, std::int64_t lo, std::int64_t hi
             low = static_cast<std::uint64_t>(product);
         }
     }
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(lo) + static_cast<std::uint64_t>(product >> 64));
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(lo) +
+                                     static_cast<std::uint64_t>(product >> 64));
 }
 
 // Uniform in [0, 1): a 64-bit draw times 2^-64, one that rounds to 1 replaced by the largest double below 1.
 inline double uniform_real(Random& random) {
     const std::uint64_t raw = next_u64(random);
-    // The halves convert exactly; their sum rounds once, as the conversion of the whole would, but without a branch.
+    // The halves convert exactly; their sum rounds once, as the conversion of the whole would, but without a
+    // branch.
     const double high = static_cast<double>(static_cast<std::int64_t>(raw >> 32)) * 4294967296.0;
     const double low = static_cast<double>(static_cast<std::int64_t>(raw & 0xFFFFFFFFu));
     const double value = (high + low) * 0x1p-64;
     return value < 1.0 ? value : 0x1.fffffffffffffp-1;
 }
 
-// The largest raw draw whose uniform_real is below limit, plus one: uniform_real(random) < limit exactly when the raw draw
-// is below it. limit in (0, 1). Rounding to 53 bits is what makes it differ from limit * 2^64.
+// The largest raw draw whose uniform_real is below limit, plus one: uniform_real(random) < limit exactly when
+// the raw draw is below it. limit in (0, 1). Rounding to 53 bits is what makes it differ from limit * 2^64.
 constexpr std::uint64_t chance_threshold(double limit) {
-    std::uint64_t below = 0;               // a draw whose value is below limit
-    std::uint64_t above = ~std::uint64_t{0}; // one whose value is not
+    std::uint64_t below = 0;                  // a draw whose value is below limit
+    std::uint64_t above = ~std::uint64_t{0};  // one whose value is not
     while (above - below > 1) {
         const std::uint64_t middle = below + (above - below) / 2;
         const double value = static_cast<double>(middle) * 0x1p-64;
@@ -74,7 +76,8 @@ constexpr std::uint64_t chance_threshold(double limit) {
     return above;
 }
 
-// Standard normal deviates by the polar method, two at a time; the second waits here. One of these lives for a tick.
+// Standard normal deviates by the polar method, two at a time; the second waits here. One of these lives for
+// a tick.
 struct NormalDeviates {
     double saved = 0;
     bool has_saved = false;
@@ -82,4 +85,4 @@ struct NormalDeviates {
 
 double normal_deviate(NormalDeviates& deviates, Random& random);
 
-} // namespace tessel
+}  // namespace tessel

@@ -51,7 +51,7 @@ void assign_slots(SipEngine& engine) {
     }
 }
 
-} // namespace
+}  // namespace
 
 void init_engine(SipEngine& engine, MoldPublisher& publisher, Random& rng, Scenario& scenario, Clock& clock,
                  const std::string& participants, double step_bps, bool quiet) {
@@ -66,7 +66,8 @@ void init_engine(SipEngine& engine, MoldPublisher& publisher, Random& rng, Scena
 
 bool add_instruments(SipEngine& engine, const std::string& symbols_text, std::string& error) {
     // Space for all at once: the array would otherwise be moved, and the kernel's large pages with it.
-    engine.instruments.reserve(static_cast<std::size_t>(std::count(symbols_text.begin(), symbols_text.end(), ',')) + 1);
+    engine.instruments.reserve(
+        static_cast<std::size_t>(std::count(symbols_text.begin(), symbols_text.end(), ',')) + 1);
     if (!build_instruments(symbols_text, engine.instruments, error)) {
         return false;
     }
@@ -94,4 +95,4 @@ std::uint64_t publish_message(SipEngine& engine) {
     return append(*engine.publisher, engine.writer.bytes.get(), engine.writer.size);
 }
 
-} // namespace tessel
+}  // namespace tessel

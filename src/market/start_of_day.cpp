@@ -32,7 +32,7 @@ void publish_directory(SipEngine& engine, Instrument& instrument, std::uint64_t 
     publish_message(engine);
 }
 
-} // namespace
+}  // namespace
 
 void start_of_day(SipEngine& engine) {
     const std::uint64_t opening_time = wall_ns(*engine.clock);
@@ -61,4 +61,4 @@ void start_of_day(SipEngine& engine) {
     flush(*engine.publisher);
 }
 
-} // namespace tessel
+}  // namespace tessel

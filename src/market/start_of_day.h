@@ -4,7 +4,8 @@
 
 namespace tessel {
 
-// The messages that open the feed: control and directory messages, first bands, opening quotes and trades; then a flush.
+// The messages that open the feed: control and directory messages, first bands, opening quotes and trades;
+// then a flush.
 void start_of_day(SipEngine& engine);
 
-} // namespace tessel
+}  // namespace tessel

@@ -84,7 +84,8 @@ void prefetch_instrument(const Instrument& instrument) {
 void prefetch_quotes(const Instrument& instrument) {
     constexpr std::size_t line = 64;
     const auto* const block = reinterpret_cast<const char*>(instrument.blocks);
-    for (std::size_t at = 0; at < sizeof(QuoteBlock) / line; ++at) {
+    // Without participants there is no block.
+    for (std::size_t at = 0; block != nullptr && at < sizeof(QuoteBlock) / line; ++at) {
         __builtin_prefetch(block + at * line, 1);
     }
     for (std::size_t slot = 0; slot < instrument.quote_slots && slot < QuoteBlock::centres; ++slot) {

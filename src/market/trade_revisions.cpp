@@ -9,11 +9,11 @@ namespace {
 
 constexpr char adf = 'D';
 constexpr std::uint64_t half_threshold = chance_threshold(0.5);
-constexpr std::uint64_t correction_size_step = 100 * size_unit;   // 100 shares more
+constexpr std::uint64_t correction_size_step = 100 * size_unit;  // 100 shares more
 constexpr std::uint64_t as_of_shares = 300;
 constexpr std::int64_t as_of_below_reference = 3 * cent;
 constexpr std::uint64_t day_ns = 86'400'000'000'000;
-constexpr std::uint64_t error_every = 4; // every fourth cancel is told as an error
+constexpr std::uint64_t error_every = 4;  // every fourth cancel is told as an error
 
 // Crosses, sweeps and the official close are never cancelled; odd lots can be.
 bool can_cancel(const TradeRecord& trade) {
@@ -44,7 +44,7 @@ MessageHeader revision_header(SipEngine& engine, const TradeRecord& trade, std::
     return header;
 }
 
-} // namespace
+}  // namespace
 
 void cancel_trade(SipEngine& engine, Instrument& instrument, std::uint64_t participant_time) {
     TradeRecord* const trade = newest_trade(instrument, can_cancel);
@@ -72,8 +72,8 @@ void cancel_trade(SipEngine& engine, Instrument& instrument, std::uint64_t parti
     build_cancel(engine.writer, record);
     const std::uint64_t sequence = publish_message(engine);
     ++(is_error ? counters.errors : counters.cancels);
-    write_cancel_line(engine.truth, instrument, sequence, trade->trade_id, trade->price, trade->size / size_unit,
-                      trade->market_center, record.function);
+    write_cancel_line(engine.truth, instrument, sequence, trade->trade_id, trade->price,
+                      trade->size / size_unit, trade->market_center, record.function);
 }
 
 void correct_trade(SipEngine& engine, Instrument& instrument, std::uint64_t participant_time) {
@@ -114,8 +114,8 @@ void correct_trade(SipEngine& engine, Instrument& instrument, std::uint64_t part
     record.participant = participant_statistics(instrument, old_trade.market_center);
     build_correction(engine.writer, record);
     const std::uint64_t sequence = publish_message(engine);
-    write_correction_line(engine.truth, instrument, sequence, old_trade.trade_id, new_trade.trade_id, new_trade.price,
-                          new_trade.size / size_unit, old_trade.market_center);
+    write_correction_line(engine.truth, instrument, sequence, old_trade.trade_id, new_trade.trade_id,
+                          new_trade.price, new_trade.size / size_unit, old_trade.market_center);
     ++engine.scenario->stats.corrections;
 }
 
@@ -138,4 +138,4 @@ void emit_asof(SipEngine& engine, Instrument& instrument) {
     flush(*engine.publisher);
 }
 
-} // namespace tessel
+}  // namespace tessel

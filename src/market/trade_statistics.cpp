@@ -33,7 +33,7 @@ constexpr std::array<unsigned char, 256> make_membership() {
 
 constexpr std::array<unsigned char, 256> membership = make_membership();
 
-} // namespace
+}  // namespace
 
 Eligibility eligibility(const char* conditions) {
     unsigned sets = high_low_bit | last_bit | volume_bit;
@@ -52,8 +52,8 @@ ParticipantTradeStats* find_trade_stats(Instrument& instrument, char market_cent
     return nullptr;
 }
 
-void apply_trade(Instrument& instrument, ParticipantTradeStats* stats, const Eligibility& eligible, char market_center,
-                 std::int64_t price, std::uint64_t size) {
+void apply_trade(Instrument& instrument, ParticipantTradeStats* stats, const Eligibility& eligible,
+                 char market_center, std::int64_t price, std::uint64_t size) {
     if (stats != nullptr) {
         stats->traded = true;
     }
@@ -136,4 +136,4 @@ StatisticsRecord participant_statistics(const Instrument& instrument, char marke
     return {};
 }
 
-} // namespace tessel
+}  // namespace tessel

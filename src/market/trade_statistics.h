@@ -20,8 +20,8 @@ Eligibility eligibility(const char* conditions);
 ParticipantTradeStats* find_trade_stats(Instrument& instrument, char market_center);
 
 // The consolidated and market-centre updates of one trade; size in millionths of a share. stats may be null.
-void apply_trade(Instrument& instrument, ParticipantTradeStats* stats, const Eligibility& eligible, char market_center,
-                 std::int64_t price, std::uint64_t size);
+void apply_trade(Instrument& instrument, ParticipantTradeStats* stats, const Eligibility& eligible,
+                 char market_center, std::int64_t price, std::uint64_t size);
 
 // Sets the statistics back and replays every live trade, oldest first. O(trades), at most 100,000.
 void recompute_statistics(Instrument& instrument);
@@ -31,6 +31,7 @@ std::uint64_t next_trade_id(Instrument& instrument, ParticipantTradeStats* stats
                             char sub_market_center);
 
 StatisticsRecord consolidated_statistics(const Instrument& instrument);
-StatisticsRecord participant_statistics(const Instrument& instrument, char market_center); // zeros when there are none
+StatisticsRecord participant_statistics(const Instrument& instrument,
+                                        char market_center);  // zeros when there are none
 
-} // namespace tessel
+}  // namespace tessel

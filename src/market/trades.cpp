@@ -12,7 +12,7 @@ namespace tessel {
 
 namespace {
 
-constexpr std::string_view trf_letters = " NQB"; // the TRFs take turns
+constexpr std::string_view trf_letters = " NQB";  // the TRFs take turns
 constexpr char adf = 'D';
 constexpr char cross_market_center = 'Q';
 constexpr std::int64_t lot_shares = 100;
@@ -42,7 +42,8 @@ StatisticsRecord statistics_of(const ParticipantTradeStats* stats) {
 void keep_trade(Instrument& instrument, const TradeRecord& trade) {
     instrument.trades.push_back(trade);
     if (instrument.trades.size() * trade_history_record_bytes > trade_history_bytes_max) [[unlikely]] {
-        constexpr auto erased = static_cast<std::ptrdiff_t>(trade_history_bytes_erased / trade_history_record_bytes);
+        constexpr auto erased =
+            static_cast<std::ptrdiff_t>(trade_history_bytes_erased / trade_history_record_bytes);
         instrument.trades.erase(instrument.trades.begin(), instrument.trades.begin() + erased);
     }
 }
@@ -74,7 +75,7 @@ void revise_after_trade(SipEngine& engine, Instrument& instrument, std::uint64_t
     }
 }
 
-} // namespace
+}  // namespace
 
 void record_trade(SipEngine& engine, Instrument& instrument, char market_center, char sub_market_center,
                   std::int64_t price, std::uint64_t shares, const char* conditions, char trade_through_exempt,
@@ -107,7 +108,8 @@ void record_trade(SipEngine& engine, Instrument& instrument, char market_center,
     report.trade_through_exempt = trade_through_exempt;
     report.consolidated_change = change_indicator(before, consolidated_statistics(instrument));
     report.participant_change = change_indicator(participant_before, statistics_of(stats));
-    const bool short_form = instrument.short_symbol && price >= 0 && price <= short_price_max && conditions[0] != 'R';
+    const bool short_form =
+        instrument.short_symbol && price >= 0 && price <= short_price_max && conditions[0] != 'R';
     build_trade(engine.writer, report, short_form);
     const std::uint64_t sequence = publish_message(engine);
     ++counters.trades;
@@ -146,14 +148,15 @@ void maybe_exchange_print(SipEngine& engine, Instrument& instrument, std::uint64
     const std::uint64_t kind = next_u64(rng);
     if (kind < odd_lot_threshold) {
         const std::int64_t shares = uniform_int(rng, 1, odd_lot_shares_max);
-        record_trade(engine, instrument, market_center, ' ', price, static_cast<std::uint64_t>(shares), "@  I", ' ',
-                     now_ns, TradeKind::exchange);
+        record_trade(engine, instrument, market_center, ' ', price, static_cast<std::uint64_t>(shares),
+                     "@  I", ' ', now_ns, TradeKind::exchange);
         ++counters.odd_lot_prints;
     } else {
         const bool sweep = kind < sweep_threshold;
         const std::int64_t lots = uniform_int(rng, 1, exchange_lots_max);
-        record_trade(engine, instrument, market_center, ' ', price, static_cast<std::uint64_t>(lots * lot_shares),
-                     sweep ? "@F  " : "@   ", sweep ? 'X' : ' ', now_ns, TradeKind::exchange);
+        record_trade(engine, instrument, market_center, ' ', price,
+                     static_cast<std::uint64_t>(lots * lot_shares), sweep ? "@F  " : "@   ",
+                     sweep ? 'X' : ' ', now_ns, TradeKind::exchange);
         if (sweep) {
             ++counters.sweeps;
         }
@@ -173,21 +176,22 @@ void trf_print(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) 
     }
     const std::int64_t lots = uniform_int(rng, 1, trf_lots_max);
     const char sub_market_center = trf_letters[counters.trf_prints % trf_letters.size()];
-    record_trade(engine, instrument, adf, sub_market_center, price, static_cast<std::uint64_t>(lots * lot_shares),
-                 "@   ", ' ', now_ns, TradeKind::trf);
+    record_trade(engine, instrument, adf, sub_market_center, price,
+                 static_cast<std::uint64_t>(lots * lot_shares), "@   ", ' ', now_ns, TradeKind::trf);
     ++counters.trf_prints;
 }
 
 void reopening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) {
-    record_trade(engine, instrument, cross_market_center, ' ', cross_price(instrument), reopening_shares, "@5  ", ' ',
-                 now_ns, TradeKind::cross);
+    record_trade(engine, instrument, cross_market_center, ' ', cross_price(instrument), reopening_shares,
+                 "@5  ", ' ', now_ns, TradeKind::cross);
 }
 
 void closing_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) {
     const std::int64_t price = cross_price(instrument);
     record_trade(engine, instrument, cross_market_center, ' ', price, closing_shares, "@6  ", ' ', now_ns,
                  TradeKind::cross);
-    record_trade(engine, instrument, cross_market_center, ' ', price, 0, "@  M", ' ', now_ns, TradeKind::cross);
+    record_trade(engine, instrument, cross_market_center, ' ', price, 0, "@  M", ' ', now_ns,
+                 TradeKind::cross);
 }
 
 void opening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) {
@@ -199,4 +203,4 @@ void opening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_
                  TradeKind::cross);
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -14,11 +14,11 @@ void send_trading_action(SipEngine& engine, Instrument& instrument, char action,
     const std::string kept_reason(reason);
     instrument.halt_reason = kept_reason;
     const AdminTimes times{wall_ns(*engine.clock), time_ns};
-    build_trading_action(engine.writer, times, wire_symbol(instrument), action, instrument.action_seq, time_ns,
-                         instrument.halt_reason);
+    build_trading_action(engine.writer, times, wire_symbol(instrument), action, instrument.action_seq,
+                         time_ns, instrument.halt_reason);
     const std::uint64_t sequence = publish_message(engine);
     const std::string extra = std::string(",\"ah\":\"") + action + "\",\"reason\":\"" + kept_reason + "\"";
     write_quote_line(engine.truth, instrument, sequence, extra);
 }
 
-} // namespace tessel
+}  // namespace tessel

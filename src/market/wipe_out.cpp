@@ -30,4 +30,4 @@ void wipe_out(SipEngine& engine, char participant) {
     flush(*engine.publisher);
 }
 
-} // namespace tessel
+}  // namespace tessel

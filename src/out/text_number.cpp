@@ -41,12 +41,12 @@ constexpr std::array<char, 400> make_cents_texts() {
 
 constexpr std::array<char, 400> cents_texts = make_cents_texts();
 
-} // namespace
+}  // namespace
 
 char* put_unsigned(char* out, std::uint64_t value) {
     if (value < 10'000) [[likely]] {
-        // Four digits in a register, the leading zeros shifted out: sizes have three digits or four by chance, and a branch
-        // would be wrong half the time. Four bytes are always written.
+        // Four digits in a register, the leading zeros shifted out: sizes have three digits or four by
+        // chance, and a branch would be wrong half the time. Four bytes are always written.
         std::uint32_t digits;
         put_pair(put_pair(reinterpret_cast<char*>(&digits), value / 100), value % 100);
         const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
@@ -133,4 +133,4 @@ char* put_price_general(char* out, std::int64_t price) {
     return std::to_chars(out, out + text_number_bytes_max, dollars, std::chars_format::general, 6).ptr;
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -4,15 +4,16 @@
 #include "market/nbbo.h"
 #include "out/text_number.h"
 
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <cstring>
 
 namespace tessel {
 
 namespace {
 
-// What one line needs beside texts of unknown length: twenty levels of at most 50 characters and the fixed members.
+// What one line needs beside texts of unknown length: twenty levels of at most 50 characters and the fixed
+// members.
 constexpr std::size_t line_bytes = 2048;
 
 // The trade, cancel and correction lines are cut as a formatting call into a buffer of these sizes cuts them.
@@ -40,7 +41,8 @@ char* begin_line(TruthLog& truth, std::size_t text_length) {
     return truth.line.data();
 }
 
-// One write a line: a line is in the file before the next message is made. A short write is a failure like any other.
+// One write a line: a line is in the file before the next message is made. A short write is a failure like
+// any other.
 void end_line(TruthLog& truth, const char* end) {
     const auto length = static_cast<std::size_t>(end - truth.line.data());
     if (write(truth.fd, truth.line.data(), length) != static_cast<ssize_t>(length)) {
@@ -76,7 +78,7 @@ char* put_levels(char* out, const Instrument& instrument, char side, DollarText&
     return out;
 }
 
-} // namespace
+}  // namespace
 
 void open_truth_log(TruthLog& truth, const std::string& path) {
     truth.fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
@@ -91,7 +93,8 @@ void close_truth_log(TruthLog& truth) {
     truth.good = false;
 }
 
-void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::string_view extra) {
+void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                      std::string_view extra) {
     if (!truth.good) {
         return;
     }
@@ -126,9 +129,9 @@ void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64
     end_line(truth, out);
 }
 
-void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::int64_t price,
-                      std::uint64_t shares, char market_center, const char* conditions, int kind,
-                      std::uint64_t trade_id) {
+void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                      std::int64_t price, std::uint64_t shares, char market_center, const char* conditions,
+                      int kind, std::uint64_t trade_id) {
     if (!truth.good) {
         return;
     }
@@ -150,8 +153,9 @@ void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64
     end_cut_line(truth, out, trade_line_bytes);
 }
 
-void write_cancel_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::uint64_t trade_id,
-                       std::int64_t price, std::uint64_t shares, char market_center, char function) {
+void write_cancel_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                       std::uint64_t trade_id, std::int64_t price, std::uint64_t shares, char market_center,
+                       char function) {
     if (!truth.good) {
         return;
     }
@@ -172,8 +176,8 @@ void write_cancel_line(TruthLog& truth, const Instrument& instrument, std::uint6
 }
 
 void write_correction_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
-                           std::uint64_t old_id, std::uint64_t new_id, std::int64_t price, std::uint64_t shares,
-                           char market_center) {
+                           std::uint64_t old_id, std::uint64_t new_id, std::int64_t price,
+                           std::uint64_t shares, char market_center) {
     if (!truth.good) {
         return;
     }
@@ -193,7 +197,8 @@ void write_correction_line(TruthLog& truth, const Instrument& instrument, std::u
     end_cut_line(truth, out, correction_line_bytes);
 }
 
-void write_as_of_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::int64_t price) {
+void write_as_of_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                      std::int64_t price) {
     if (!truth.good) {
         return;
     }
@@ -231,4 +236,4 @@ void write_mark_line(TruthLog& truth, std::string_view label, std::uint64_t last
     end_line(truth, out);
 }
 
-} // namespace tessel
+}  // namespace tessel

@@ -10,8 +10,8 @@ namespace tessel {
 
 struct Instrument;
 
-// The ground truth of what was published: one JSON object a line, each tied to a message's sequence number, each written
-// at once with one write. After the first failure no further line is ever written.
+// The ground truth of what was published: one JSON object a line, each tied to a message's sequence number,
+// each written at once with one write. After the first failure no further line is ever written.
 //
 // {"seq":812,"secid":1,"symbol":"AAPL","bid":[[190.0100,300],[190.0000,500]],"ask":[[190.0300,200]],
 //  "nbbo":[190.0100,300,190.0300,200],"band":[180.5000,199.5000],"status":"T"}       (one line)
@@ -24,7 +24,7 @@ struct Instrument;
 struct TruthLog {
     int fd = -1;
     bool good = false;
-    std::vector<char> line; // reused for every line
+    std::vector<char> line;  // reused for every line
 };
 
 // Opens path for appending; on failure the log stays silent, and nothing is reported.
@@ -33,21 +33,25 @@ void open_truth_log(TruthLog& truth, const std::string& path);
 // Closes the file, if one is open.
 void close_truth_log(TruthLog& truth);
 
-// The quote line: after every quote, trading action (extra ,"ah":"H","reason":"T1") and price band (extra ,"ap":"B").
-void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::string_view extra);
+// The quote line: after every quote, trading action (extra ,"ah":"H","reason":"T1") and price band (extra
+// ,"ap":"B").
+void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                      std::string_view extra);
 
-// Prices in millionths of a dollar, shares whole. The texts are cut at 160, 200 and 220 bytes (line feed and end
-// included), which only a symbol of a hundred letters reaches.
-void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::int64_t price,
-                      std::uint64_t shares, char market_center, const char* conditions, int kind,
-                      std::uint64_t trade_id);
-void write_cancel_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::uint64_t trade_id,
-                       std::int64_t price, std::uint64_t shares, char market_center, char function);
+// Prices in millionths of a dollar, shares whole. The texts are cut at 160, 200 and 220 bytes (line feed and
+// end included), which only a symbol of a hundred letters reaches.
+void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                      std::int64_t price, std::uint64_t shares, char market_center, const char* conditions,
+                      int kind, std::uint64_t trade_id);
+void write_cancel_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                       std::uint64_t trade_id, std::int64_t price, std::uint64_t shares, char market_center,
+                       char function);
 void write_correction_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
-                           std::uint64_t old_id, std::uint64_t new_id, std::int64_t price, std::uint64_t shares,
-                           char market_center);
-void write_as_of_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence, std::int64_t price);
+                           std::uint64_t old_id, std::uint64_t new_id, std::int64_t price,
+                           std::uint64_t shares, char market_center);
+void write_as_of_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                      std::int64_t price);
 void write_mwcb_line(TruthLog& truth, std::uint64_t sequence, std::uint32_t level);
 void write_mark_line(TruthLog& truth, std::string_view label, std::uint64_t last_sequence);
 
-} // namespace tessel
+}  // namespace tessel
