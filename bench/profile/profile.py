@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Tells where the instructions of a tick go, by function, with and without truth, and writes the table to a page.
+"""Tells where a tick's instructions go, by function, with and without truth, and writes the table to a page.
 
     bench/profile/profile.py [--build build/release] [--write docs/performance.md]
 
-Counted by callgrind over the program that the release build makes; the difference of a long and a short run, so that
+Counted by callgrind over the program that the release build makes; the difference of a long and a short run,
+so that
 start-up is not in it.
 """
 
@@ -22,9 +23,11 @@ def counted(program, ticks, truth):
     """Instructions by function, and messages."""
     with tempfile.TemporaryDirectory() as folder:
         out = os.path.join(folder, "profile")
-        command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, str(program), str(INSTRUMENTS), str(ticks)]
-        done = subprocess.run(command + ([truth] if truth else []), capture_output=True, text=True, check=True)
-        listing = subprocess.run(["callgrind_annotate", "--threshold=100", out], capture_output=True, text=True, check=True)
+        command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out]
+        command += [str(program), str(INSTRUMENTS), str(ticks)] + ([truth] if truth else [])
+        done = subprocess.run(command, capture_output=True, text=True, check=True)
+        annotate = ["callgrind_annotate", "--threshold=100", out]
+        listing = subprocess.run(annotate, capture_output=True, text=True, check=True)
     functions = {}
     for line in listing.stdout.splitlines():
         found = re.match(r"\s*([\d,]+) \(\s*[\d.]+%\)\s+[^:]+:(.+)", line)
@@ -47,7 +50,8 @@ def table(program):
     for title, truth in (("without a truth log", None), ("with a truth log (to /dev/null)", "/dev/null")):
         functions = instructions_per_message(program, truth)
         total = sum(functions.values())
-        lines += ["", "A tick %s: %.0f instructions a message." % (title, total), "", "| function | instructions | share |",
+        lines += ["", "A tick %s: %.0f instructions a message." % (title, total), "",
+                  "| function | instructions | share |",
                   "|---|---|---|"]
         ranked = sorted(functions.items(), key=lambda entry: -entry[1])[:SHOWN]
         lines += ["| `%s` | %.0f | %.1f %% |" % (name, count, 100 * count / total) for name, count in ranked]
@@ -55,7 +59,8 @@ def table(program):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", default="build/release", type=pathlib.Path)
     parser.add_argument("--write", help="put the table between the markers of this Markdown page")
     options = parser.parse_args()

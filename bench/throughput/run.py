@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Measures the feed against the least that its work could cost, side by side, in alternating rounds.
 
-Prints one table; --json FILE writes every round; --write FILE puts the table between the markers of a Markdown page.
+Prints one table; --json FILE writes every round; --write FILE puts the table between the markers of a
+Markdown page.
 """
 
 import argparse
@@ -83,7 +84,8 @@ while True:
 """
 
     def __init__(self, port):
-        self.process = subprocess.Popen([sys.executable, "-c", self.CODE, GROUP, str(port)], stdout=subprocess.PIPE)
+        command = [sys.executable, "-c", self.CODE, GROUP, str(port)]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE)
         self.process.stdout.readline()
 
     def __enter__(self):
@@ -109,11 +111,13 @@ class Feed:
 
     def __init__(self, build, port, extra=(), core=None, environment=None, count=INSTRUMENTS):
         self.control_port = free_port(socket.SOCK_DGRAM)
-        command = [str(build / "tessel"), "--mcast", GROUP, "--port", str(port), "--interval-ms", "0", "--symbols",
-                   symbols(count), "--retrans-port", "0", "--snapshot-port", str(free_port(socket.SOCK_STREAM)),
+        command = [str(build / "tessel"), "--mcast", GROUP, "--port", str(port), "--interval-ms", "0",
+                   "--symbols", symbols(count), "--retrans-port", "0",
+                   "--snapshot-port", str(free_port(socket.SOCK_STREAM)),
                    "--control-port", str(self.control_port), "--quiet", *extra]
-        self.process = subprocess.Popen(command, stderr=subprocess.DEVNULL, env={**os.environ, **(environment or {})},
-                                        preexec_fn=None if core is None else lambda: os.sched_setaffinity(0, {core}))
+        pin = None if core is None else lambda: os.sched_setaffinity(0, {core})
+        self.process = subprocess.Popen(command, stderr=subprocess.DEVNULL, preexec_fn=pin,
+                                        env={**os.environ, **(environment or {})})
         for _ in range(600):
             try:
                 self.sequence()
@@ -193,14 +197,15 @@ def rate_rounds(build, rounds, seconds, truth, joined):
 
 
 def counted_allocations(build, truth):
-    """Allocations a message in the steady state: counted over some seconds, from outside, by a preloaded counter."""
+    """Allocations a message in the steady state: counted over some seconds by a preloaded counter."""
     with tempfile.TemporaryDirectory() as folder:
         library, told = os.path.join(folder, "counter.so"), os.path.join(folder, "count")
         source = pathlib.Path(__file__).with_name("allocation_counter.c")
         subprocess.run(["gcc", "-O2", "-shared", "-fPIC", "-o", library, str(source)], check=True)
         path = os.path.join(TMPFS, "tessel-bench-%d" % os.getpid())
         environment = {"LD_PRELOAD": library, "ALLOCATION_COUNT_FILE": told}
-        with Feed(build, free_port(socket.SOCK_DGRAM), ["--truth-out", path] if truth else [], None, environment) as feed:
+        options = ["--truth-out", path] if truth else []
+        with Feed(build, free_port(socket.SOCK_DGRAM), options, None, environment) as feed:
 
             def count():
                 if os.path.exists(told):
@@ -267,7 +272,8 @@ def idle_share(build, rounds, seconds):
 
 def tick_costs(build, rounds):
     def cost(count, ticks):
-        told = subprocess.run([str(build / "tick_profile"), str(count), str(ticks)], stdout=subprocess.PIPE, check=True)
+        command = [str(build / "tick_profile"), str(count), str(ticks)]
+        told = subprocess.run(command, stdout=subprocess.PIPE, check=True)
         return float(told.stdout.split()[3])
 
     return [{"many_ns": cost(INSTRUMENTS, 60), "few_ns": cost(3, 150000)} for _ in range(rounds)]
@@ -294,7 +300,8 @@ def measure(build, only, quick):
         result["idle"] = idle_share(build, 3 if quick else 5, 4.0 if quick else 8.0)
         result["tick"] = tick_costs(build, 3 if quick else 7)
     if only in (None, "memory"):
-        result["allocations"] = {"no truth": counted_allocations(build, False), "truth": counted_allocations(build, True)}
+        result["allocations"] = {"no truth": counted_allocations(build, False),
+                                 "truth": counted_allocations(build, True)}
         result["packet_bytes"], result["packet_fill"] = packet_fill(build)
     return result
 
@@ -316,14 +323,19 @@ def table(result):
                      "mean packet %.0f bytes" % result["packet_bytes"]))
     if "services" in result:
         told = result["services"]
-        rows.append(("resident growth of the full history over its payload", "%.3f" % told["history"], "1.45", "1.2", "", ""))
-        rows.append(("retransmission reply over the bare server", "%.3f" % told["retransmission"], "0.80", "0.95",
-                     "%.3f to %.3f" % (told["retransmission_min"], told["retransmission_max"]), "65,535 messages"))
-        rows.append(("spin of 8,000 instruments over sending a ready buffer", "%.3f" % told["spin"], "0.55", "0.70",
+        rows.append(("resident growth of the full history over its payload",
+                     "%.3f" % told["history"], "1.45", "1.2", "", ""))
+        rows.append(("retransmission reply over the bare server",
+                     "%.3f" % told["retransmission"], "0.80", "0.95",
+                     "%.3f to %.3f" % (told["retransmission_min"], told["retransmission_max"]),
+                     "65,535 messages"))
+        rows.append(("spin of 8,000 instruments over sending a ready buffer",
+                     "%.3f" % told["spin"], "0.55", "0.70",
                      "%.3f to %.3f" % (told["spin_min"], told["spin_max"]),
                      "%.1f MB, built in %.1f ms" % (told["spin_bytes"] / 1e6, told["spin_build_ms"])))
         rows.append(("idle CPU over the empty loop", "%.3f" % median(result["idle"], "ratio"), "1.25", "1.1",
-                     spread(result["idle"], "ratio"), "%.2f %% of a core" % (100 * median(result["idle"], "feed"))))
+                     spread(result["idle"], "ratio"),
+                     "%.2f %% of a core" % (100 * median(result["idle"], "feed"))))
         many, few = median(result["tick"], "many_ns"), median(result["tick"], "few_ns")
         rows.append(("tick cost, 8,000 instruments over 3", "%.3f" % (many / few), "2.0", "1.3", "",
                      "%.0f and %.0f ns a message" % (many, few)))

@@ -1,7 +1,8 @@
 """The instructions of one message, counted by callgrind, stay within their budget.
 
-A count is the same on every run of the same program, whatever else the machine does, so that it can fail a build where a
-time could not. `TESSEL_UPDATE_BUDGET=1` writes today's counts as the budget: do so when a change is worth its cost.
+A count is the same on every run of the same program, whatever else the machine does, so that it can fail a
+build where a time could not. `TESSEL_UPDATE_BUDGET=1` writes today's counts as the budget: do so when a change is
+worth its cost.
 """
 
 import json
@@ -19,7 +20,8 @@ FEW_TICKS, MANY_TICKS = 20, 60
 
 def counted(program, ticks, truth):
     """Instructions and messages of a run of so many ticks."""
-    command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", str(program), str(INSTRUMENTS), str(ticks)]
+    command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", str(program),
+               str(INSTRUMENTS), str(ticks)]
     done = subprocess.run(command + ([truth] if truth else []), capture_output=True, text=True, check=True)
     instructions = int(re.search(r"Collected : (\d+)", done.stderr).group(1))
     return instructions, int(re.search(r"messages (\d+)", done.stdout).group(1))

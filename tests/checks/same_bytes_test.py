@@ -1,7 +1,8 @@
 """The same seed gives the same feed, whatever compiled it.
 
-A small program (digest/digest_main.cpp) runs the market in memory under a simulated clock and writes every packet and
-the truth log to files. It is built with g++ and clang++, each at -O0 and at -O2, and the files must be the same.
+A small program (digest/digest_main.cpp) runs the market in memory under a simulated clock and writes every
+packet and the truth log to files. It is built with g++ and clang++, each at -O0 and at -O2, and the files must be
+the same.
 """
 
 import concurrent.futures
@@ -20,8 +21,8 @@ TICKS = 10_000
 BUILDS = [("g++", "-O0"), ("g++", "-O2"), ("clang++", "-O0"), ("clang++", "-O2")]
 
 # What the market needs; the sockets' rooms stay out.
-PARTS = ["market/*.cpp", "msg/*.cpp", "out/truth_log.cpp", "out/text_number.cpp", "app/clock.cpp", "app/number.cpp",
-         "app/scenario.cpp", "transport/mold_publisher.cpp", "transport/fault_injector.cpp",
+PARTS = ["market/*.cpp", "msg/*.cpp", "out/truth_log.cpp", "out/text_number.cpp", "app/clock.cpp",
+         "app/number.cpp", "app/scenario.cpp", "transport/mold_publisher.cpp", "transport/fault_injector.cpp",
          "transport/retrans_store.cpp"]
 
 
@@ -30,13 +31,15 @@ FLAGS = ["-std=c++20", "-ffp-contract=off", f"-I{SOURCE / 'src'}"]
 
 def compile_it(compiler, arguments):
     """One call of a compiler; its complaint is the assertion's text."""
-    done = subprocess.run([compiler, *FLAGS, *map(str, arguments)], capture_output=True, text=True, check=False)
+    command = [compiler, *FLAGS, *map(str, arguments)]
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
     assert done.returncode == 0, f"{compiler} {arguments}\n{done.stderr}"
 
 
 def system_headers(files):
-    """The text of a header with every header of the system that the files include: precompiled, it halves the time."""
-    lines = {line for file in files for line in file.read_text().splitlines() if re.match(r"#include <", line)}
+    """A header with every header of the system that the files include: precompiled, it halves the time."""
+    lines = {line for file in files for line in file.read_text().splitlines()
+             if re.match(r"#include <", line)}
     return "\n".join(sorted(lines)) + "\n"
 
 
@@ -47,7 +50,8 @@ def build(compiler, level, sources, folder, pool):
     precompiled = folder / ("common.h.pch" if compiler == "clang++" else "common.h.gch")
     compile_it(compiler, [level, "-x", "c++-header", common, "-o", precompiled])
     include = ["-include-pch", precompiled] if compiler == "clang++" else ["-include", common]
-    return [pool.submit(compile_it, compiler, [level, *include, "-c", source, "-o", folder / f"{source.stem}.o"])
+    return [pool.submit(compile_it, compiler,
+                        [level, *include, "-c", source, "-o", folder / f"{source.stem}.o"])
             for source in sources]
 
 
@@ -78,9 +82,11 @@ def run(program, seed, ticks=TICKS):
     """Runs the program; returns the SHA-256 of its packets and of its truth log, and their sizes."""
     with tempfile.TemporaryDirectory(prefix="tessel-digest-") as folder:
         packets, truth = Path(folder) / "packets", Path(folder) / "truth"
-        subprocess.run([program, str(seed), str(ticks), packets, truth], check=True, stderr=subprocess.DEVNULL)
+        command = [program, str(seed), str(ticks), packets, truth]
+        subprocess.run(command, check=True, stderr=subprocess.DEVNULL)
         contents = packets.read_bytes(), truth.read_bytes()
-    return [hashlib.sha256(content).hexdigest() for content in contents] + [len(content) for content in contents]
+    digests = [hashlib.sha256(content).hexdigest() for content in contents]
+    return digests + [len(content) for content in contents]
 
 
 def test_both_compilers_at_both_levels_give_the_same_packets_and_truth(programs):
