@@ -27,7 +27,8 @@ void maybe_halt_quote(SipEngine& engine, Instrument& instrument, std::uint64_t n
 }
 
 // Runs a resumption that is due. False when the instrument stays stopped.
-bool run_due_resumptions(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns, std::uint64_t now_ms) {
+bool run_due_resumptions(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns,
+                         std::uint64_t now_ms) {
     if (is_stopped(instrument)) {
         if (instrument.quote_resume_ms == 0 || instrument.quote_resume_ms > now_ms) {
             return false;
@@ -64,15 +65,15 @@ void print_trf(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns, 
 }
 
 void renew_band(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns, std::uint64_t now_ms) {
-    const bool is_due = engine.scenario->band_every != 0 && instrument.band_due_ms != 0 &&
-                        instrument.band_due_ms <= now_ms;
+    const bool is_due =
+        engine.scenario->band_every != 0 && instrument.band_due_ms != 0 && instrument.band_due_ms <= now_ms;
     if (band_is_stale(instrument) || is_due) {
         send_band(engine, instrument, 'B', now_ns);
     }
 }
 
-// Asks for what the step of an instrument will touch, some way ahead of it: with thousands of instruments none of it is in
-// the cache any more, and the processor cannot guess the stride across three arrays.
+// Asks for what the step of an instrument will touch, some way ahead of it: with thousands of instruments
+// none of it is in the cache any more, and the processor cannot guess the stride across three arrays.
 void prefetch_instrument(const Instrument& instrument) {
     constexpr std::size_t line = 64;
     const auto* const record = reinterpret_cast<const char*>(&instrument);
@@ -96,8 +97,8 @@ void prefetch_quotes(const Instrument& instrument) {
     }
 }
 
-void step_instrument(SipEngine& engine, Instrument& instrument, NormalDeviates& deviates, std::uint64_t now_ns,
-                     std::uint64_t now_ms, bool is_first) {
+void step_instrument(SipEngine& engine, Instrument& instrument, NormalDeviates& deviates,
+                     std::uint64_t now_ns, std::uint64_t now_ms, bool is_first) {
     if (!run_due_resumptions(engine, instrument, now_ns, now_ms)) {
         // A forced TRF print asked of a stopped instrument is lost.
         if (is_first && engine.pending_trf != 0) {
@@ -117,7 +118,7 @@ void step_instrument(SipEngine& engine, Instrument& instrument, NormalDeviates& 
     renew_band(engine, instrument, now_ns, now_ms);
 }
 
-} // namespace
+}  // namespace
 
 void tick(SipEngine& engine, std::uint64_t now_ms) {
     ++engine.tick;
@@ -136,4 +137,4 @@ void tick(SipEngine& engine, std::uint64_t now_ms) {
     flush(*engine.publisher);
 }
 
-} // namespace tessel
+}  // namespace tessel

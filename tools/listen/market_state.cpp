@@ -23,7 +23,8 @@ bool all_in(std::string_view conditions, std::string_view set) {
 // Symbols are at most 11 letters on the wire, so two words hold one.
 std::size_t hash_symbol(std::string_view symbol) {
     unsigned char key[symbol_key_bytes] = {};
-    std::copy_n(symbol.data(), std::min(symbol.size(), symbol_key_bytes), key);  // data() may be null when empty
+    // data() may be null when the symbol is empty, which memcpy does not allow.
+    std::copy_n(symbol.data(), std::min(symbol.size(), symbol_key_bytes), key);
     std::uint64_t words[2];
     std::memcpy(words, key, sizeof words);
     std::uint64_t hash = (words[0] ^ (words[1] * 0x9e3779b97f4a7c15u)) * 0xbf58476d1ce4e5b9u;
