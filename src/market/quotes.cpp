@@ -63,8 +63,10 @@ char choose_nbbo_indicator(const ParticipantQuote& quote, const Nbbo& nbbo) {
     if (nbbo.bid == 0 && nbbo.ask == 0) {
         return '1';
     }
-    if (nbbo.bid != 0 && nbbo.bid_mc == quote.mc && nbbo.ask_mc == quote.mc && quote.bid == nbbo.bid &&
-        quote.ask == nbbo.ask && quote.bid_size == nbbo.bid_size && quote.ask_size == nbbo.ask_size) {
+    // Both sides are asked for: a centre that is called ' ' would else pass for the absent one's.
+    if (nbbo.bid != 0 && nbbo.ask != 0 && nbbo.bid_mc == quote.mc && nbbo.ask_mc == quote.mc &&
+        quote.bid == nbbo.bid && quote.ask == nbbo.ask && quote.bid_size == nbbo.bid_size &&
+        quote.ask_size == nbbo.ask_size) {
         return '4';
     }
     const bool is_short = fits_short(nbbo.bid) && fits_short(nbbo.ask) && nbbo.bid_size <= short_size_max &&

@@ -99,9 +99,10 @@ char nbbo_indicator(const Instrument& instrument, const ParticipantQuote& quote)
     if (instrument.nbbo_bid == 0 && instrument.nbbo_ask == 0) {
         return '1';
     }
-    const bool is_whole = instrument.nbbo_bid != 0 && instrument.nbbo_bid_mc == quote.mc &&
-                          instrument.nbbo_ask_mc == quote.mc && instrument.nbbo_bid == quote.bid &&
-                          instrument.nbbo_ask == quote.ask && instrument.nbbo_bid_size == quote.bid_size &&
+    const bool is_whole = instrument.nbbo_bid != 0 && instrument.nbbo_ask != 0 &&
+                          instrument.nbbo_bid_mc == quote.mc && instrument.nbbo_ask_mc == quote.mc &&
+                          instrument.nbbo_bid == quote.bid && instrument.nbbo_ask == quote.ask &&
+                          instrument.nbbo_bid_size == quote.bid_size &&
                           instrument.nbbo_ask_size == quote.ask_size;
     return is_whole ? '4' : '3';
 }

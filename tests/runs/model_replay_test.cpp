@@ -155,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(Replay, BusyRuns,
                                                 [](Options& o) {
                                                     o.seed = 8;
                                                     o.session = "SHORT";
-                                                    o.faults = {7, 3, 5, 4, 0, 0, 0, 20};
+                                                    o.faults = {7, 150, 5, 4, 0, 0, 0, 200};
                                                 }),
                                            with("CommandsSeed9_ScriptedBreakerLevel3", 1500, true,
                                                 [](Options& o) {
@@ -230,6 +230,13 @@ INSTANTIATE_TEST_SUITE_P(
                  o.participants = many_letters(60);
                  o.scenario.odd_lot_every = 3;
              }),
+        // A blank names a centre like any other, and bytes above 127 come after the letters.
+        with("ParticipantsOfOddBytes", 600, true,
+             [](Options& o) {
+                 o.participants = "q \xe9Q\x01";
+                 o.scenario.odd_lot_every = 3;
+             }),
+        with("BlankParticipantOnly", 400, true, [](Options& o) { o.participants = " "; }),
         with("SymbolOfTwoHundredLetters", 200, true,
              [](Options& o) {
                  o.symbols =
