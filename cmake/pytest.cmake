@@ -18,3 +18,13 @@ endfunction()
 tessel_pytest(e2e e2e)
 tessel_pytest(tools tools)
 tessel_pytest(checks checks)
+
+# Memcheck and the address sanitizer exclude each other.
+if(NOT TESSEL_SANITIZE AND tools_here AND TARGET unit_tests)
+  find_program(TESSEL_VALGRIND valgrind)
+  if(TESSEL_VALGRIND)
+    tessel_pytest(valgrind valgrind)
+  else()
+    tessel_missing("the tests under memcheck" "valgrind")
+  endif()
+endif()

@@ -1,5 +1,5 @@
-"""A feed that is stopped, interrupted and flooded: what comes late comes once, nothing is lost, and the loop's
-pauses and memory stay within bounds."""
+"""A feed that is stopped, interrupted and flooded: what comes late comes once, nothing is lost, and the
+loop's pauses and memory stay within bounds."""
 
 import random
 import select

@@ -82,7 +82,8 @@ def test_step_that_throws_prices_about(tmp_path, step):
 
 def test_60_participants(tmp_path):
     letters_used = [chr(code) for code in range(ord("!"), ord("!") + 62) if chr(code) not in '"\\'][:60]
-    truth = hear_all(tmp_path, 4000, participants="".join(letters_used), symbols="AAPL:190,IBM:90,MSFT:410,BRK:700",
+    truth = hear_all(tmp_path, 4000, participants="".join(letters_used),
+                     symbols="AAPL:190,IBM:90,MSFT:410,BRK:700",
                      scenario="halt_after=1,halt_secs=1,band_every=1,cancel_every=3")
     sizes = [line for line in truth if "nbbo" in line and line["bid"]]
     assert len(sizes) > 1000
