@@ -19,7 +19,7 @@ COMMANDS = 10_000
 UNANSWERED_MAX = 100  # so that no datagram is lost to a full socket buffer
 # Of a tick every 10 ms while the commands come in. Measured: 0.02 s and 1 MB.
 FLOOD_PAUSE_MAX_S = 2.0
-FLOOD_GROWTH_MAX = 32 * 1024 * 1024
+FLOOD_GROWTH_MAX = 16 * 1024 * 1024
 
 # A spin of so many symbols is more than the sockets' buffers hold.
 MANY_SYMBOLS = ",".join(f"S{number:04d}:100" for number in range(8000))

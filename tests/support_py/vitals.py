@@ -26,9 +26,3 @@ def descriptors(pid):
 def longest_pause(times):
     """The longest stretch between two neighbours of a row of times, in seconds."""
     return max(later - earlier for earlier, later in zip(times, times[1:]))
-
-
-def is_sanitized(program):
-    """Whether a program is built with the address sanitizer, which multiplies its memory and time."""
-    with open(program, "rb") as file:
-        return b"__asan_init" in file.read()
