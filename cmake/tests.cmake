@@ -1,9 +1,9 @@
 # The GoogleTest programs. Each is one ctest entry a shard, so that ctest -j runs them side by side without
 # starting a process for every case.
 
-# One precompiled header serves all test programs. Tests are compiled at -O1: they are many and each runs
-# briefly.
-set(test_options -O1)
+# Tests are many and each runs briefly, so they are compiled without optimisation; what computes (the model, the
+# simulator) at -O1. One precompiled header serves each of the two kinds.
+set(test_options "")
 set(test_definitions "TESSEL_SOURCE_DIR=\"${PROJECT_SOURCE_DIR}\"")
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 warns of bounds and overlaps inside std::string's operator+ that are not there.
@@ -14,21 +14,24 @@ else()
 endif()
 
 file(WRITE ${CMAKE_BINARY_DIR}/test_pch.cpp "// Carries the precompiled header of the test programs.\n")
-add_library(tessel_test_pch OBJECT ${CMAKE_BINARY_DIR}/test_pch.cpp)
-target_compile_options(tessel_test_pch PRIVATE ${test_options})
-target_compile_definitions(tessel_test_pch PRIVATE ${test_definitions})
-target_link_libraries(tessel_test_pch PRIVATE GTest::gtest)
-target_precompile_headers(tessel_test_pch PRIVATE
-  <gtest/gtest.h> <algorithm> <array> <chrono> <cstdint> <cstdlib> <cstring> <deque> <filesystem> <fstream> <functional>
-  <map> <memory> <optional> <set> <span> <sstream> <string> <string_view> <unordered_map> <utility> <vector>)
+foreach(level O0 O1)
+  add_library(tessel_test_pch_${level} OBJECT ${CMAKE_BINARY_DIR}/test_pch.cpp)
+  target_compile_options(tessel_test_pch_${level} PRIVATE ${test_options} -${level})
+  target_compile_definitions(tessel_test_pch_${level} PRIVATE ${test_definitions})
+  target_link_libraries(tessel_test_pch_${level} PRIVATE GTest::gtest)
+  target_precompile_headers(tessel_test_pch_${level} PRIVATE
+    <gtest/gtest.h> <algorithm> <array> <chrono> <cstdint> <cstdlib> <cstring> <deque> <filesystem> <fstream>
+    <functional> <map> <memory> <optional> <set> <span> <sstream> <string> <string_view> <unordered_map>
+    <utility> <vector>)
+endforeach()
 
-# Gives a target of test code the common options and the precompiled header.
-function(tessel_test_options name)
-  target_compile_options(${name} PRIVATE ${test_options})
+# Gives a target of test code the common options and the precompiled header of a level, O0 or O1.
+function(tessel_test_options name level)
+  target_compile_options(${name} PRIVATE ${test_options} -${level})
   target_compile_definitions(${name} PRIVATE ${test_definitions})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE GTest::gtest)
-  target_precompile_headers(${name} REUSE_FROM tessel_test_pch)
+  target_precompile_headers(${name} REUSE_FROM tessel_test_pch_${level})
 endfunction()
 
 # tessel_gtest(name label shards GLOBS ... LIBS ...): a test program from the globs, when they find something.
@@ -39,7 +42,7 @@ function(tessel_gtest name label shards)
     return()
   endif()
   add_executable(${name} ${files})
-  tessel_test_options(${name})
+  tessel_test_options(${name} O0)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main)
   math(EXPR last "${shards} - 1")
   foreach(shard RANGE ${last})
@@ -58,7 +61,7 @@ file(GLOB support_files CONFIGURE_DEPENDS
 tessel_library(tessel_test_support ${support_files})
 tessel_requires(tessel_test_support ${PROJECT_SOURCE_DIR}/tests tessel_lib)
 if(support_files)
-  tessel_test_options(tessel_test_support)
+  tessel_test_options(tessel_test_support O1)
   if(tools_here)
     target_link_libraries(tessel_test_support PUBLIC tessel_listen_lib)
   endif()
@@ -80,7 +83,7 @@ if(tools_here)
   file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
   if(simulator_files)
     add_executable(tessel_simulator ${simulator_files})
-    tessel_test_options(tessel_simulator)
+    tessel_test_options(tessel_simulator O1)
     target_link_libraries(tessel_simulator PRIVATE tessel_test_support tessel_lib tessel_listen_lib)
     # Sanitized runs take ten times as long.
     set(simulator_runs 2000)
