@@ -1,8 +1,8 @@
 """The instructions of one message, counted by callgrind, stay within their budget.
 
 A count is the same on every run of the same program, whatever else the machine does, so that it can fail a
-build where a time could not. `TESSEL_UPDATE_BUDGET=1` writes today's counts as the budget: do so when a change
-is worth its cost.
+build where a time could not. `TESSEL_UPDATE_BUDGET=1` writes today's counts as the budget: do so when a
+change is worth its cost.
 """
 
 import json
