@@ -12,6 +12,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
 else()
   list(APPEND test_options "SHELL:-Xclang -fno-pch-timestamp" -Wno-gnu-zero-variadic-macro-arguments)
 endif()
+if(TESSEL_SANITIZE)
+  # The fuzzer steers by what it reaches in the programs, not in the tests.
+  list(APPEND test_options -fno-sanitize=fuzzer-no-link)
+endif()
 
 file(WRITE ${CMAKE_BINARY_DIR}/test_pch.cpp "// Carries the precompiled header of the test programs.\n")
 foreach(level O0 O1)

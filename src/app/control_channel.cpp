@@ -215,7 +215,7 @@ std::string take_word(std::string_view& text) {
         return {};
     }
     text.remove_prefix(start);
-    const std::string word(text.substr(0, text.find_first_of(white_space)));
+    std::string word(text.substr(0, text.find_first_of(white_space)));
     text.remove_prefix(word.size());
     return word;
 }

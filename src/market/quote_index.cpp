@@ -2,6 +2,7 @@
 
 #include <emmintrin.h>
 #include <bit>
+#include <cassert>
 #include <limits>
 
 namespace tessel {
@@ -42,10 +43,11 @@ struct BestSide {
 
 // Of several centres (a bit for each slot) the one with the earliest quote, and of those the first.
 [[gnu::noinline]] char earliest_centre(const Instrument& instrument, std::uint64_t slots) {
-    const ParticipantQuote* earliest = nullptr;
-    for (; slots != 0; slots &= slots - 1) {
+    assert(slots != 0);
+    const ParticipantQuote* earliest = &instrument.quotes[std::countr_zero(slots)];
+    for (slots &= slots - 1; slots != 0; slots &= slots - 1) {
         const ParticipantQuote& quote = instrument.quotes[std::countr_zero(slots)];
-        if (earliest == nullptr || quote.time < earliest->time) {
+        if (quote.time < earliest->time) {
             earliest = &quote;
         }
     }

@@ -91,7 +91,8 @@ char* put_price4(char* out, std::int64_t price) {
     out = put_unsigned(out, cents / 100);
     *out = '.';
     put_pair(out + 1, cents % 100);
-    std::memcpy(out + 3, "00", 2);
+    out[3] = '0';
+    out[4] = '0';
     return out + 5;
 }
 

@@ -46,7 +46,8 @@ void send_login_rejected(int fd, char code) {
 
 void send_login_accepted(int fd, const std::array<char, mold_session_bytes>& session) {
     static_assert(mold_session_bytes == session_bytes);
-    std::array<char, 3 + session_bytes + sequence_bytes> packet;
+    constexpr std::size_t packet_bytes = 3 + session_bytes + sequence_bytes;
+    std::array<char, packet_bytes> packet;
     packet.fill(' ');
     packet[0] = 0;
     packet[1] = static_cast<char>(packet.size() - 2);

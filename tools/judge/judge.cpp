@@ -276,7 +276,7 @@ bool drop_held_below(JudgeState& state, std::uint64_t seq) {
 // at a bad line.
 bool put_aside(JudgeState& state, std::uint64_t due, std::uint64_t seq, std::string_view text) {
     const std::uint64_t line_number = state.output.line_number;
-    if (seq >= due && seq <= state.run->truth.highest && state.held.count(seq) == 0) {
+    if (seq >= due && seq <= state.run->truth.highest && !state.held.contains(seq)) {
         state.held.emplace(seq, HeldLine{std::string(text), line_number});
         state.held_bytes += text.size();
         return true;
