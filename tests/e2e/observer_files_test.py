@@ -12,7 +12,7 @@ import time
 from feed import Feed, wait_until
 
 # As fast as it can, for so long. The files are replaced four times a second.
-READER_SECONDS = 5
+READER_SECONDS = 10
 
 BOOK_MEMBERS = ["bid", "ask", "last", "volume", "status"]
 BBO_LINE = re.compile(r"[A-Z]+ [0-9.e+]+ [0-9.e+]+")
