@@ -107,6 +107,13 @@ enum class Received { nothing, bytes, end };
 Received receive_input(SnapshotConnection& connection, std::vector<unsigned char>& gathered,
                        std::int64_t now_ms) {
     gathered.clear();
+    if (connection.deferred) {
+        // These came before whatever waits in the socket, the end of the stream among it. A sign of life may
+        // wait there, too: silence counts from here.
+        connection.last_receive_ms = now_ms;
+        gathered.assign(connection.input.begin(), connection.input.end());
+        return Received::bytes;
+    }
     std::size_t room = soup_input_bytes_max - connection.input.size();
     bool any = false;
     while (room > 0) {
@@ -127,9 +134,6 @@ Received receive_input(SnapshotConnection& connection, std::vector<unsigned char
         if (!connection.blocked) {
             gathered.insert(gathered.end(), chunk.data(), chunk.data() + count);
         }
-    }
-    if (!any && connection.deferred) {
-        gathered.assign(connection.input.begin(), connection.input.end());
     }
     return gathered.empty() ? Received::nothing : Received::bytes;
 }
@@ -205,6 +209,7 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
         // Every other type, client heartbeats among them, says no more than that the client lives.
     }
     const std::span<const unsigned char> rest = input.subspan(at);
+    connection.deferred = had_login && next_soup_packet(rest, packet, consumed);
     if (is_blocked(rest)) {
         connection.blocked = true;
         connection.input = {};
@@ -212,7 +217,6 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
     }
     // As many bytes as there are and no more: a thousand connections keep no buffers that they do not need.
     connection.input = std::vector<unsigned char>(rest.begin(), rest.end());
-    connection.deferred = had_login;
     assert(connection.input.size() <= soup_input_bytes_max);
 }
 

@@ -424,6 +424,21 @@ TEST(SnapshotServer, LoginsInOneBurstAreServedOneAPass) {
     EXPECT_TRUE(service.server.connections.empty()) << "the logout behind them";
 }
 
+TEST(SnapshotServer, LogoutSentWithTheLoginIsHeardThoughTheClientIsGoneByThen) {
+    Service service;
+    Client client(service.port);
+    client.say(login("LATE") + packet('O'));
+    ASSERT_TRUE(service.pass_until([&] { return service.stats().snapshots == 1; }));
+    // The descriptor of the server's side tells when the end of the stream is there.
+    client.end();
+    pollfd peer{service.server.connections.at(0).fd, POLLRDHUP, 0};
+    ASSERT_EQ(poll(&peer, 1, 60'000), 1);
+    service.log.take();
+    service.pass();
+    EXPECT_EQ(service.log.take(), "[tessel] Snap-Shot client logged out\n");
+    EXPECT_TRUE(service.server.connections.empty());
+}
+
 TEST(SnapshotServer, LoginSplitAtEveryByteIsServedOnceComplete) {
     const std::string request = login("LATE", "UTPBENCH01", "1");
     for (std::size_t cut = 1; cut < request.size(); ++cut) {
