@@ -37,6 +37,7 @@ void ignore_signal(int signal_number) {
 void catch_stop_signals() {
     struct sigaction action {};
     action.sa_handler = request_stop;
+    action.sa_flags = SA_RESTART;  // a line that waits for its reader is not lost; poll() ends early anyway
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
