@@ -141,53 +141,52 @@ void insert_levels(const Instrument& instrument, std::size_t most, PriceLevels& 
     }
 }
 
-constexpr std::uint64_t bucket_count = 64;  // a bit each
+// Some quotes, of conditions that cannot set the NBBO, are better than it.
+constexpr std::int64_t better_buckets = 16;
 
-// Quotes lie within cents of one another: each adds its size to the bucket of its distance from the best
-// price, and the buckets in use, a bit each, are the levels in order. Where a quote lies further off the
-// levels are made by insertion.
 template <char side>
-void bucket_levels(const Instrument& instrument, std::size_t most, PriceLevels& levels) {
-    const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
-    std::int64_t best = 0;
-    for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
-        const std::int64_t price = side_of<side>(*quote).price;
-        const bool better = price != 0 && (best == 0 || is_better<side>(price, best));
-        best = better ? price : best;
-    }
-    levels.count = 0;
-    std::array<std::uint32_t, bucket_count> sizes;
+bool fill_side(const Instrument& instrument, LevelBuckets& buckets) {
+    const std::int64_t nbbo = side == 'B' ? instrument.nbbo_bid : instrument.nbbo_ask;
+    const std::int64_t first = side == 'B' ? nbbo + better_buckets * cent : nbbo - better_buckets * cent;
+    buckets.first = first;
+    buckets.step = side == 'B' ? -cent : cent;
+    buckets.sizes.fill(0);
     std::uint64_t used = 0;
+    const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
     for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
         const auto [price, size] = side_of<side>(*quote);
-        const std::int64_t distance = side == 'B' ? best - price : price - best;
-        const std::uint64_t bucket = static_cast<std::uint64_t>(distance) / static_cast<std::uint64_t>(cent);
         if (price == 0) {
             continue;
         }
-        if (bucket >= bucket_count) {
-            insert_levels<side>(instrument, most, levels);
-            return;
+        const auto distance = static_cast<std::uint64_t>(side == 'B' ? first - price : price - first);
+        if (distance >= buckets.sizes.size() * static_cast<std::uint64_t>(cent)) {
+            return false;
         }
-        const std::uint64_t bit = std::uint64_t{1} << bucket;
-        sizes[bucket] = ((used & bit) != 0 ? sizes[bucket] : 0) + size;
-        used |= bit;
+        const std::uint64_t bucket = distance / static_cast<std::uint64_t>(cent);
+        buckets.sizes[bucket] += size;
+        used |= std::uint64_t{1} << bucket;
     }
-    for (; used != 0 && levels.count < most; used &= used - 1) {
-        const auto bucket = static_cast<std::int64_t>(std::countr_zero(used));
-        levels.level[levels.count] = {side == 'B' ? best - bucket * cent : best + bucket * cent,
-                                      sizes[static_cast<std::size_t>(bucket)]};
-        ++levels.count;
-    }
+    buckets.used = used;
+    return true;
 }
 
 }  // namespace
 
+bool fill_buckets(const Instrument& instrument, char side, LevelBuckets& buckets) {
+    return side == 'B' ? fill_side<'B'>(instrument, buckets) : fill_side<'A'>(instrument, buckets);
+}
+
 void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels) {
-    if (side == 'B') {
-        bucket_levels<'B'>(instrument, most, levels);
+    levels.count = 0;
+    LevelBuckets buckets;
+    if (fill_buckets(instrument, side, buckets)) {
+        while (buckets.used != 0 && levels.count < most) {
+            levels.level[levels.count++] = take_level(buckets);
+        }
+    } else if (side == 'B') {
+        insert_levels<'B'>(instrument, most, levels);
     } else {
-        bucket_levels<'A'>(instrument, most, levels);
+        insert_levels<'A'>(instrument, most, levels);
     }
 }
 

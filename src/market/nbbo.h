@@ -3,6 +3,7 @@
 #include "market/instrument.h"
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -44,6 +45,25 @@ struct PriceLevels {
 // The aggregated levels of one side ('B' or 'A'), best first, at most `most` (at most truth_levels_max):
 // every present quote of any condition with a price and a size above 0. Odd-lot orders are not in it.
 void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels);
+
+// The same levels of one side before they are listed. Quotes lie within cents of the NBBO: each has added its
+// size to the bucket of its distance from there, and the buckets in use, a bit each, are the levels in order.
+struct LevelBuckets {
+    std::int64_t first;  // the price of bucket 0
+    std::int64_t step;   // from bucket to bucket: a cent down for bids, up for asks
+    std::uint64_t used;
+    std::array<std::uint32_t, 64> sizes;  // shares
+};
+
+// False when a quote lies too far off for a bucket.
+bool fill_buckets(const Instrument& instrument, char side, LevelBuckets& buckets);
+
+// Takes out the best level left; there is one.
+inline PriceLevel take_level(LevelBuckets& buckets) {
+    const int bucket = std::countr_zero(buckets.used);
+    buckets.used &= buckets.used - 1;
+    return {buckets.first + bucket * buckets.step, buckets.sizes[static_cast<std::size_t>(bucket)]};
+}
 
 // The quote's LULD BBO indicator: 'A' bid above the band, 'B' ask below it, 'C' both, else (or without a
 // band) a blank.

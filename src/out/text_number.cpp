@@ -25,34 +25,30 @@ char* put_pair(char* out, std::uint64_t value) {
     return out + 2;
 }
 
-constexpr std::int64_t millionths_per_cent = 10'000;
-
-// "0000", "0100" to "9900": the four decimals of each number of cents.
-constexpr std::array<char, 400> make_cents_texts() {
-    std::array<char, 400> texts{};
-    for (unsigned at = 0; at < 100; ++at) {
-        texts[4 * at] = pairs[2 * at];
-        texts[4 * at + 1] = pairs[2 * at + 1];
-        texts[4 * at + 2] = '0';
-        texts[4 * at + 3] = '0';
-    }
-    return texts;
+// Four digits in a register, the leading zeros shifted out: sizes have three digits or four by chance, and a
+// branch would be wrong half the time. Four bytes are always written.
+char* put_up_to_four(char* out, std::uint64_t value) {
+    std::uint32_t digits;
+    put_pair(put_pair(reinterpret_cast<char*>(&digits), value / 100), value % 100);
+    const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
+    digits >>= 8 * zeros;
+    std::memcpy(out, &digits, sizeof digits);
+    return out + (4 - zeros);
 }
 
-constexpr std::array<char, 400> cents_texts = make_cents_texts();
+constexpr std::uint64_t millionths_per_cent = 10'000;
+constexpr std::uint64_t millionths_per_dollar = 1'000'000;
 
 }  // namespace
 
 char* put_unsigned(char* out, std::uint64_t value) {
     if (value < 10'000) [[likely]] {
-        // Four digits in a register, the leading zeros shifted out: sizes have three digits or four by
-        // chance, and a branch would be wrong half the time. Four bytes are always written.
-        std::uint32_t digits;
-        put_pair(put_pair(reinterpret_cast<char*>(&digits), value / 100), value % 100);
-        const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
-        digits >>= 8 * zeros;
-        std::memcpy(out, &digits, sizeof digits);
-        return out + (4 - zeros);
+        return put_up_to_four(out, value);
+    }
+    if (value < 100'000'000) [[likely]] {
+        out = put_up_to_four(out, value / 10'000);
+        value %= 10'000;
+        return put_pair(put_pair(out, value / 100), value % 100);
     }
     std::array<char, 20> digits;
     char* end = digits.data() + digits.size();
@@ -96,31 +92,19 @@ char* put_price4(char* out, std::int64_t price) {
     return out + 5;
 }
 
-char* put_price4(char* out, std::int64_t price, DollarText& kept) {
-    constexpr std::int64_t millionths_per_dollar = 1'000'000;
-    if (price < 0) [[unlikely]] {
-        return put_price4(out, price);
-    }
-    const std::int64_t dollars = price / millionths_per_dollar;
-    const std::int64_t rest = price - dollars * millionths_per_dollar;
-    if (dollars != kept.dollars) [[unlikely]] {
-        char* const end = put_unsigned(kept.text.data(), static_cast<std::uint64_t>(dollars));
-        *end = '.';
-        kept.length = static_cast<std::size_t>(end + 1 - kept.text.data());
-        kept.dollars = dollars;
-    }
-    // All of it, always: a copy of a constant size is two instructions.
-    std::memcpy(out, kept.text.data(), kept.text.size());
-    out += kept.length;
-    std::memcpy(out, cents_texts.data() + 4 * (rest / millionths_per_cent), 4);
-    return out + 4;
+void keep_dollars(DollarText& kept, std::int64_t price) {
+    const std::uint64_t dollars = static_cast<std::uint64_t>(price) / millionths_per_dollar;
+    char* const end = put_unsigned(kept.text.data(), dollars);
+    *end = '.';
+    kept.length = static_cast<std::size_t>(end + 1 - kept.text.data());
+    kept.first = dollars * millionths_per_dollar;
 }
 
 char* put_price_general(char* out, std::int64_t price) {
     // Up to $9,999.99 the six digits hold every cent: the number is written from its integers.
     constexpr std::int64_t exact_below = 10'000'000'000;
     if (price >= 0 && price < exact_below) {
-        const auto cents = static_cast<std::uint64_t>(price / millionths_per_cent);
+        const auto cents = static_cast<std::uint64_t>(price) / millionths_per_cent;
         out = put_unsigned(out, cents / 100);
         const std::uint64_t rest = cents % 100;
         if (rest != 0) {

@@ -62,20 +62,46 @@ char* put_head(char* out, const Instrument& instrument, std::uint64_t sequence) 
     return put_text(out, instrument.truth_head);
 }
 
+// "[190.0100,300],", its comma to be taken back behind the last level.
+char* put_level(char* out, const PriceLevel& level, DollarText& dollars) {
+    *out = '[';
+    out = put_price4(out + 1, level.price, dollars);
+    *out = ',';
+    out = put_shares(out + 1, level.size);
+    return put_text(out, "],");
+}
+
 char* put_levels(char* out, const Instrument& instrument, char side, DollarText& dollars) {
-    PriceLevels levels;
-    build_levels(instrument, side, truth_levels_max, levels);
-    for (std::size_t at = 0; at < levels.count; ++at) {
-        if (at != 0) {
-            *out++ = ',';
+    char* const start = out;
+    LevelBuckets buckets;
+    if (fill_buckets(instrument, side, buckets)) {
+        for (std::size_t left = truth_levels_max; left != 0 && buckets.used != 0; --left) {
+            out = put_level(out, take_level(buckets), dollars);
         }
-        *out++ = '[';
-        out = put_price4(out, levels.level[at].price, dollars);
-        *out++ = ',';
-        out = put_unsigned(out, levels.level[at].size);
-        *out++ = ']';
+    } else {
+        PriceLevels levels;
+        build_levels(instrument, side, truth_levels_max, levels);
+        for (std::size_t at = 0; at < levels.count; ++at) {
+            out = put_level(out, levels.level[at], dollars);
+        }
     }
-    return out;
+    return out == start ? out : out - 1;
+}
+
+// The band's member with what leads to the next: made anew when its prices are not the line's before.
+char* put_band(char* out, TruthLog& truth, const Instrument& instrument) {
+    BandText& band = truth.band;
+    if (band.lower != instrument.luld_lower || band.upper != instrument.luld_upper) {
+        band.lower = instrument.luld_lower;
+        band.upper = instrument.luld_upper;
+        char* end = put_text(band.text.data(), "],\"band\":[");
+        end = put_price4(end, band.lower);
+        end = put_char(end, ',');
+        end = put_price4(end, band.upper);
+        band.length = static_cast<std::size_t>(end - band.text.data());
+    }
+    std::memcpy(out, band.text.data(), band.text.size());
+    return out + band.length;
 }
 
 }  // namespace
@@ -100,26 +126,20 @@ void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64
     }
     char* out = begin_line(truth, instrument.truth_head.size() + extra.size());
     out = put_head(out, instrument, sequence);
-    // Each side has its own: bids and asks often lie on the two sides of a dollar.
-    DollarText bid_dollars;
-    DollarText ask_dollars;
     out = put_text(out, ",\"bid\":[");
-    out = put_levels(out, instrument, 'B', bid_dollars);
+    out = put_levels(out, instrument, 'B', truth.bid_dollars);
     out = put_text(out, "],\"ask\":[");
-    out = put_levels(out, instrument, 'A', ask_dollars);
+    out = put_levels(out, instrument, 'A', truth.ask_dollars);
     out = put_text(out, "],\"nbbo\":[");
-    out = put_price4(out, instrument.nbbo_bid, bid_dollars);
+    out = put_price4(out, instrument.nbbo_bid, truth.bid_dollars);
     out = put_char(out, ',');
-    out = put_unsigned(out, instrument.nbbo_bid_size);
+    out = put_shares(out, instrument.nbbo_bid_size);
     out = put_char(out, ',');
-    out = put_price4(out, instrument.nbbo_ask, ask_dollars);
+    out = put_price4(out, instrument.nbbo_ask, truth.ask_dollars);
     out = put_char(out, ',');
-    out = put_unsigned(out, instrument.nbbo_ask_size);
+    out = put_shares(out, instrument.nbbo_ask_size);
     if (has_active_band(instrument)) {
-        out = put_text(out, "],\"band\":[");
-        out = put_price4(out, instrument.luld_lower);
-        out = put_char(out, ',');
-        out = put_price4(out, instrument.luld_upper);
+        out = put_band(out, truth, instrument);
     }
     out = put_text(out, "],\"status\":\"");
     out = put_char(out, instrument.status);

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "out/text_number.h"
+
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -9,6 +12,14 @@
 namespace tessel {
 
 struct Instrument;
+
+// The text of a quote line's band: ],"band":[180.5000,199.5000
+struct BandText {
+    std::int64_t lower = 0;  // whose text this is; an active band has no price of 0
+    std::int64_t upper = 0;
+    std::size_t length = 0;
+    std::array<char, 64> text{};
+};
 
 // The ground truth of what was published: one JSON object a line, each tied to a message's sequence number,
 // each written at once with one write. After the first failure no further line is ever written.
@@ -25,6 +36,11 @@ struct TruthLog {
     int fd = -1;
     bool good = false;
     std::vector<char> line;  // reused for every line
+    // Texts kept from line to line, since an instrument's quotes mostly come in twos and threes. The sides
+    // have one each: bids and asks often lie on the two sides of a dollar.
+    DollarText bid_dollars;
+    DollarText ask_dollars;
+    BandText band;
 };
 
 // Opens path for appending; on failure the log stays silent, and nothing is reported.

@@ -53,6 +53,16 @@ TEST(PutUnsigned, EveryDigitCountAndItsNeighbours_AreDecimal) {
     EXPECT_EQ(written(put_unsigned, std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
 }
 
+TEST(PutShares, RoundLotsAndOthers_AreTheSameText) {
+    for (std::uint64_t shares = 0; shares < 20'000; ++shares) {
+        ASSERT_EQ(written(put_shares, shares), std::to_string(shares));
+    }
+    for (const std::uint64_t shares : {std::uint64_t{1'000'000}, std::uint64_t{4'294'967'200},
+                                       std::numeric_limits<std::uint64_t>::max()}) {
+        EXPECT_EQ(written(put_shares, shares), std::to_string(shares));
+    }
+}
+
 TEST(PutSigned, NegativeZeroAndLimits) {
     for (const std::int64_t value :
          {std::int64_t{0}, std::int64_t{-1}, std::int64_t{1}, std::int64_t{-10'000},
@@ -94,6 +104,15 @@ TEST(PutPrice4, WholeCentsOfEveryScale_EqualTheFormattedDollars) {
     EXPECT_EQ(written(put_alone, 190'010'000), "190.0100");
     EXPECT_EQ(written(put_alone, -10'000), "-0.0100");
     EXPECT_EQ(written(put_alone, 10'000'000'000'000'000), "10000000000.0000");
+}
+
+TEST(PutPrice4, ManyInARowWithTheDollarsKept_EqualEachAlone) {
+    DollarText kept;
+    for_many_prices([&kept](std::int64_t price) {
+        std::array<char, 64> text{};
+        const char* const end = put_price4(text.data(), price, kept);
+        ASSERT_EQ(std::string(text.data(), static_cast<std::size_t>(end - text.data())), formatted4(price));
+    });
 }
 
 TEST(PutPriceGeneral, WholeCentsOfEveryScale_EqualAnOutputStream) {
