@@ -5,15 +5,19 @@ namespace tessel {
 namespace {
 
 // The header letters are category, type and originator; the sub-market centre is a blank and the token 0.
-void begin_admin(MessageWriter& writer, AdminTimes times, char category, char type, char mc,
-                 std::size_t bytes) {
+MessageHeader admin_header(AdminTimes times, char category, char type, char mc) {
     MessageHeader header;
     header.category = category;
     header.type = type;
     header.mc = mc;
     header.sip_time = times.sip_time;
     header.participant_time = times.participant_time;
-    begin_uncleared(writer, header, bytes - common_header_bytes);
+    return header;
+}
+
+void begin_admin(MessageWriter& writer, AdminTimes times, char category, char type, char mc,
+                 std::size_t bytes) {
+    begin_uncleared(writer, admin_header(times, category, type, mc), bytes - common_header_bytes);
 }
 
 }  // namespace
@@ -63,13 +67,11 @@ void build_decline_levels(MessageWriter& writer, AdminTimes times) {
 //  100  1  indicator
 //  101  8  reserved
 //  109  8  reserved
-void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool long_form) {
+std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, bool long_form) {
     static_assert(89 + 1 == short_directory_bytes);
     static_assert(109 + 8 == long_directory_bytes);
     constexpr std::uint16_t round_lot = 100;  // shares
-    begin_admin(writer, record.times, 'A', long_form ? 'F' : 'B', 'Q',
-                long_form ? long_directory_bytes : short_directory_bytes);
-    unsigned char* const out = writer.bytes.get();
+    put_header(out, admin_header(record.times, 'A', long_form ? 'F' : 'B', 'Q'));
     put_alpha(out, 29, record.symbol, 11);
     put_alpha(out, 40, {}, 11);
     put_alpha(out, 51, record.issue_name, 30);
@@ -81,7 +83,7 @@ void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool
     put_u16(out, 87, round_lot);
     put_u8(out, 89, 'N');
     if (!long_form) {
-        return;
+        return short_directory_bytes;
     }
     put_u8(out, 90, 'N');
     put_u8(out, 91, '0');
@@ -91,17 +93,29 @@ void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool
     put_u8(out, 100, record.indicator);
     put_u64(out, 101, 0);
     put_u64(out, 109, 0);
+    return long_directory_bytes;
+}
+
+void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool long_form) {
+    begin_admin(writer, record.times, 'A', long_form ? 'F' : 'B', 'Q',
+                long_form ? long_directory_bytes : short_directory_bytes);
+    put_directory(writer.bytes.get(), record, long_form);
 }
 
 // Instrument indicator, 41 bytes:
 //   29 11  symbol
 //   40  1  indicator
-void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator) {
+std::size_t put_indicator(unsigned char* out, AdminTimes times, std::string_view symbol, char indicator) {
     static_assert(40 + 1 == indicator_bytes);
-    begin_admin(writer, times, 'A', 'V', 'Q', indicator_bytes);
-    unsigned char* const out = writer.bytes.get();
+    put_header(out, admin_header(times, 'A', 'V', 'Q'));
     put_alpha(out, 29, symbol, 11);
     put_u8(out, 40, indicator);
+    return indicator_bytes;
+}
+
+void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator) {
+    begin_admin(writer, times, 'A', 'V', 'Q', indicator_bytes);
+    put_indicator(writer.bytes.get(), times, symbol, indicator);
 }
 
 // Trading action, 59 bytes:

@@ -57,21 +57,30 @@ void send_login_accepted(int fd, const std::array<char, mold_session_bytes>& ses
     send_packet(fd, packet);
 }
 
-// Hands all of it to the socket, waiting for a slow reader within the limits; what then is left stays unsent.
-void send_patiently(int fd, const unsigned char* bytes, std::size_t size) {
-    std::size_t sent = 0;
+// The spin on its way to one client. The limit on waits is the whole spin's.
+struct SpinSender {
+    int fd = -1;
     int waits = 0;
-    while (sent < size) {
-        const ssize_t count = send(fd, bytes + sent, size - sent, MSG_NOSIGNAL);
+    bool given_up = false;
+};
+
+// Hands all of a piece to the socket, waiting for a slow reader within the limits; what then is left, and
+// every later piece, stays unsent.
+void send_patiently(void* context, const unsigned char* bytes, std::size_t size) {
+    auto& sender = *static_cast<SpinSender*>(context);
+    std::size_t sent = 0;
+    while (sent < size && !sender.given_up) {
+        const ssize_t count = send(sender.fd, bytes + sent, size - sent, MSG_NOSIGNAL);
         if (count > 0) {
             sent += static_cast<std::size_t>(count);
             continue;
         }
-        if (count == 0 || errno != EAGAIN || waits == spin_waits_max) {
+        if (count == 0 || errno != EAGAIN || sender.waits == spin_waits_max) {
+            sender.given_up = true;
             return;
         }
-        ++waits;
-        pollfd writable{fd, POLLOUT, 0};
+        ++sender.waits;
+        pollfd writable{sender.fd, POLLOUT, 0};
         poll(&writable, 1, spin_wait_ms);
     }
 }
@@ -151,12 +160,15 @@ void serve_spin(SnapshotServer& server, SipEngine& engine, SnapshotConnection& c
     send_login_accepted(connection.fd, publisher.session);
     flush(publisher);  // the spin tells the state after messages that everyone can have by now
     const std::uint64_t spin_time_ns = wall_ns(*engine.clock);
+    SpinSender sender;
+    sender.fd = connection.fd;
+    server.spin.sink = {send_patiently, &sender};
     build_spin(server.spin, engine, spin_time_ns);
     append_end_of_snapshot(server.spin, spin_time_ns, last_sequence(publisher));
-    send_patiently(connection.fd, server.spin.bytes.get(), server.spin.size);
+    server.spin.sink = {};
     connection.last_send_ms = now_ms;
     std::fprintf(stderr, "bench: Snap-Shot spin to '%s': %zu bytes, snapshot sequence %llu\n",
-                 login.username.c_str(), server.spin.size,
+                 login.username.c_str(), server.spin.handed_over,
                  static_cast<unsigned long long>(last_sequence(publisher)));
 }
 
@@ -186,8 +198,8 @@ void handle_login(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
     close_connection(connection);
 }
 
-// Handles every complete packet; keeps the rest for later. A login ends the connection's turn, so that a
-// client which sends many of them does not hold the loop: what stands behind it waits for the next pass.
+// Handles every complete packet; keeps the rest for later. A second login ends the connection's turn, so that
+// a client which sends many of them does not hold the loop: it waits for the next pass, with all behind it.
 void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection& connection,
                   std::int64_t now_ms) {
     const std::span<const unsigned char> input(server.gathered);
@@ -195,9 +207,11 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
     bool had_login = false;
     SoupPacket packet;
     std::size_t consumed = 0;
-    while (!had_login && connection.fd >= 0 && next_soup_packet(input.subspan(at), packet, consumed)) {
-        at += consumed;
+    while (connection.fd >= 0 && next_soup_packet(input.subspan(at), packet, consumed)) {
         if (packet.type == login_request_type) {
+            if (had_login) {
+                break;
+            }
             had_login = true;
             handle_login(server, engine, connection, packet.payload, now_ms);
         } else if (packet.type == logout_request_type) {
@@ -207,9 +221,10 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
             close_connection(connection);
         }
         // Every other type, client heartbeats among them, says no more than that the client lives.
+        at += consumed;
     }
     const std::span<const unsigned char> rest = input.subspan(at);
-    connection.deferred = had_login && next_soup_packet(rest, packet, consumed);
+    connection.deferred = next_soup_packet(rest, packet, consumed);
     if (is_blocked(rest)) {
         connection.blocked = true;
         connection.input = {};

@@ -59,7 +59,7 @@ struct SnapshotConnection {
     int fd = -1;  // -1 once closed
     bool logged_in = false;
     bool blocked = false;   // a Packet Length of 0 was seen: bytes are received and dropped
-    bool deferred = false;  // input begins with a whole packet, which waits behind a login for the next pass
+    bool deferred = false;  // input begins with a second login, which waits for the next pass
     std::int64_t connected_ms = 0;
     std::int64_t last_receive_ms = 0;
     std::int64_t last_send_ms = 0;     // of the last heartbeat or spin

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <vector>
 
@@ -16,14 +15,24 @@ namespace tessel {
 constexpr std::size_t sequenced_header_bytes = 3;
 constexpr char sequenced_data_type = 'S';
 
-// A spin as it goes over the wire: one flat run of Sequenced Data packets. It is kept from spin to spin and
-// takes its memory anew only when a spin may need more than any before: its size follows from the market, not
-// from the number of logins.
+// What takes a spin piece by piece while it is built.
+struct SpinSink {
+    void (*take)(void* context, const unsigned char* bytes, std::size_t size) = nullptr;
+    void* context = nullptr;
+};
+
+// A spin as it goes over the wire: one flat run of Sequenced Data packets. With a sink the run goes through a
+// buffer of this size, which is handed over each time it is full: it stays in the processor's cache between
+// building and sending, and takes no more memory for more instruments or more logins. Without a sink the
+// whole spin is kept, for who wants to look at it.
+constexpr std::size_t spin_buffer_bytes = std::size_t{128} << 10;
+
 struct SpinBuffer {
-    std::unique_ptr<unsigned char[]> bytes;
-    std::size_t size = 0;
-    std::size_t capacity = 0;
-    MessageWriter writer;  // each message is built here
+    std::vector<unsigned char> bytes;
+    std::size_t size = 0;         // what stands in bytes
+    std::size_t handed_over = 0;  // and what stood there before
+    SpinSink sink;
+    MessageWriter writer;  // the rarer messages are built here
 };
 
 // Builds the messages that put a receiver, who applies them in order, where one stands who saw everything:
@@ -33,7 +42,8 @@ struct SpinBuffer {
 // is not in it yet.
 void build_spin(SpinBuffer& spin, SipEngine& engine, std::uint64_t spin_time_ns);
 
-// Closes the spin by the message that tells the number of the last message published before it.
+// Closes the spin by the message that tells the number of the last message published before it, and hands the
+// rest over to the sink, if there is one.
 void append_end_of_snapshot(SpinBuffer& spin, std::uint64_t spin_time_ns, std::uint64_t last_sequence);
 
 // The messages without their framing, in order, as views into the buffer: how a test reads a spin.

@@ -186,7 +186,7 @@ void Replay::compare_spin() {
     std::string framed;
     for (const std::string& message : expected)
         framed += Bytes().num(message.size() + 1, 2).ch('S').bytes + message;
-    const std::string sent(reinterpret_cast<const char*>(spin_.bytes.get()), spin_.size);
+    const std::string sent(reinterpret_cast<const char*>(spin_.bytes.data()), spin_.size);
     if (framed != sent)
         note("spin of " + std::to_string(framed.size()) + " bytes is framed otherwise");
 }

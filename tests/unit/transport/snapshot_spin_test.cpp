@@ -390,7 +390,7 @@ TEST(Spin, TwoInARowDifferOnlyInTheRebuiltTimeStampsWhenNothingHappened) {
     build_spin(first, market.engine, spin_time);
     build_spin(second, market.engine, spin_time);
     ASSERT_EQ(first.size, second.size);
-    EXPECT_TRUE(std::equal(first.bytes.get(), first.bytes.get() + first.size, second.bytes.get()));
+    EXPECT_TRUE(std::equal(first.bytes.data(), first.bytes.data() + first.size, second.bytes.data()));
     EXPECT_EQ(market.scenario.stats.snapshots, 2u);
     build_spin(second, market.engine, spin_time + 1);
     const auto before = spin_messages(first);
@@ -427,20 +427,62 @@ TEST(Spin, UsesNoSequenceNumberAndNoDraw) {
     EXPECT_EQ(market.messages(1, market.last()), twin.messages(1, twin.last()));
 }
 
-TEST(Spin, MemoryIsTakenOnceHoweverManyLogins) {
-    TestMarket market;
+// A market whose spin is larger than the buffer that it goes through.
+MarketOptions many_symbols() {
+    std::string symbols = "S0";
+    for (int at = 1; at < 300; ++at) {
+        symbols += ",S" + std::to_string(at);
+    }
+    MarketOptions options;
+    options.symbols = symbols;
+    return options;
+}
+
+void take_piece(void* context, const unsigned char* bytes, std::size_t size) {
+    static_cast<std::vector<Bytes>*>(context)->emplace_back(bytes, bytes + size);
+}
+
+TEST(Spin, HandedOverInPieces_IsTheSpinAsAWhole) {
+    TestMarket market(many_symbols());
     market.start_of_day();
+    market.run_ticks(20);
+    SpinBuffer whole;
+    build_spin(whole, market.engine, spin_time);
+    append_end_of_snapshot(whole, spin_time, market.last());
+    std::vector<Bytes> pieces;
+    SpinBuffer piecewise;
+    piecewise.sink = {take_piece, &pieces};
+    build_spin(piecewise, market.engine, spin_time);
+    append_end_of_snapshot(piecewise, spin_time, market.last());
+    EXPECT_EQ(piecewise.handed_over, whole.size);
+    EXPECT_EQ(piecewise.size, 0u);
+    EXPECT_GE(pieces.size(), 3u);
+    Bytes joined;
+    for (const Bytes& piece : pieces) {
+        EXPECT_LE(piece.size(), spin_buffer_bytes);
+        joined.insert(joined.end(), piece.begin(), piece.end());
+    }
+    EXPECT_EQ(joined,
+              Bytes(whole.bytes.begin(), whole.bytes.begin() + static_cast<std::ptrdiff_t>(whole.size)));
+}
+
+TEST(Spin, MemoryIsTakenOnceHoweverManyLogins) {
+    TestMarket market(many_symbols());
+    market.start_of_day();
+    std::vector<Bytes> pieces;
     SpinBuffer spin;
+    spin.sink = {take_piece, &pieces};
     build_spin(spin, market.engine, spin_time);
-    const unsigned char* const bytes = spin.bytes.get();
-    const std::size_t capacity = spin.capacity;
+    const unsigned char* const bytes = spin.bytes.data();
+    EXPECT_EQ(spin.bytes.size(), spin_buffer_bytes);
     for (int login = 0; login < 100; ++login) {
         market.run_ticks(1);
+        pieces.clear();
         build_spin(spin, market.engine, spin_time);
         append_end_of_snapshot(spin, spin_time, market.last());
     }
-    EXPECT_EQ(spin.bytes.get(), bytes);
-    EXPECT_EQ(spin.capacity, capacity);
+    EXPECT_EQ(spin.bytes.data(), bytes);
+    EXPECT_EQ(spin.bytes.size(), spin_buffer_bytes);
 }
 
 TEST(Spin, EndOfSnapshotIs37BytesWithTheLastSequenceNumber) {
@@ -457,7 +499,7 @@ TEST(Spin, EndOfSnapshotIs37BytesWithTheLastSequenceNumber) {
     EXPECT_EQ(get_u64(message, 13), spin_time);
     EXPECT_EQ(get_u64(message, 21), 0u);
     EXPECT_EQ(get_u64(message, 29), 0x0102030405060708u);
-    const unsigned char* const packet = spin.bytes.get() + spin.size - 40;
+    const unsigned char* const packet = spin.bytes.data() + spin.size - 40;
     EXPECT_EQ(packet[0], 0);
     EXPECT_EQ(packet[1], 38) << "type and message";
     EXPECT_EQ(packet[2], 'S');
