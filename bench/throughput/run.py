@@ -102,7 +102,10 @@ while True:
 def control(port, line):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
         asker.settimeout(30)
-        asker.sendto(line.encode(), ("127.0.0.1", port))
+        # Connected, a port that nobody has opened yet refuses at once and is not waited for: the feed would
+        # run on meanwhile, and its histories and its truth grow.
+        asker.connect(("127.0.0.1", port))
+        asker.send(line.encode())
         return asker.recv(4096).decode()
 
 
