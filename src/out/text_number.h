@@ -9,8 +9,8 @@ namespace tessel {
 // Room that any of these needs at most.
 constexpr int text_number_bytes_max = 32;
 
-// Each writes at out and returns the end; nothing is terminated. Up to three bytes behind the end may be
-// overwritten, so there must always be room for text_number_bytes_max.
+// Each writes at out and returns the end; nothing is terminated. Bytes behind the end may be overwritten, so
+// there must always be room for text_number_bytes_max.
 char* put_unsigned(char* out, std::uint64_t value);
 char* put_signed(char* out, std::int64_t value);
 
