@@ -46,7 +46,10 @@ void check_json_line(const std::string& line) {
 void check_instrument(const Instrument& instrument) {
     check(instrument.trades.size() <= trades_kept_max, "too many trades are kept");
     check(std::is_sorted(instrument.quotes.begin(), instrument.quotes.end(),
-                         [](const CentreQuote& a, const CentreQuote& b) { return a.center < b.center; }),
+                         [](const CentreQuote& a, const CentreQuote& b) {
+                             return static_cast<unsigned char>(a.center) <
+                                    static_cast<unsigned char>(b.center);
+                         }),
           "quotes stand in letter order");
     for (const char side : {'B', 'A'}) {
         Level levels[levels_max];

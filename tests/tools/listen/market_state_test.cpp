@@ -253,6 +253,19 @@ TEST(ListenMarket, KeptTrades_AreBounded) {
     EXPECT_EQ(heard.market.instruments[0].trades.back().id, 3 * trades_kept_max);
 }
 
+TEST(ListenMarket, CentresOfAnyByte_StandInTheOrderOfTheirValues) {
+    Heard heard;
+    heard.take(directory_short("AAPL"));
+    std::string centers;
+    for (const char center : {'\xe9', 'Q', '\x80', 'A', '\xff', 'z'}) {
+        heard.take(quote_short(quote_of(center, 1000, 100, 1002, 100)));
+    }
+    for (const CentreQuote& quote : heard.market.instruments[0].quotes) {
+        centers += quote.center;
+    }
+    EXPECT_EQ(centers, "AQz\x80\xe9\xff");
+}
+
 TEST(ListenMarket, LongSymbol_IsElevenLetters) {
     Heard heard;
     heard.take(directory_short("ABCDEFGHIJKLMN"));
