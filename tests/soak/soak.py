@@ -120,8 +120,11 @@ class Joiner:
             return f"status {status}, {len(lines)} lines: {text}", 0
         covered, last = int(found.group(1)), sequence_of(lines[-1])
         with open(self._truth_path, encoding="utf-8") as truth:
-            truth.seek(self._truth_at)
-            truth.readline()  # a part of a line, perhaps
+            # From the end of the line that stood there. While the feed is paused the next one may be the
+            # first that the joiner hears: none may be skipped.
+            if self._truth_at > 0:
+                truth.seek(self._truth_at - 1)
+                truth.readline()
             expected = []
             for line in truth:
                 if not line.startswith('{"mark"') and sequence_of(line) > last:
