@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "judge/tally.h"
 #include "judge/value.h"
 
 namespace tessel::judge {
@@ -36,13 +37,11 @@ struct TruthLine {
 struct JudgeState {
     LineSource truth;
     LineSource output;
-    Result* result = nullptr;
-    RunResult* run = nullptr;
+    Tally tally;
     std::map<std::uint64_t, HeldLine> held;  // by sequence number, each behind the truth line that is due
     std::size_t held_bytes = 0;
     bool output_ended = false;
     std::deque<PastLine> past;  // rising
-    Difference gap;             // the stretch of missing lines that is growing; lines = 0 when there is none
     Line output_line;           // scratch, kept for its memory
     std::string* error = nullptr;
 };
@@ -51,90 +50,6 @@ bool bad_line(JudgeState& state, const LineSource& source, std::uint64_t line_nu
               const std::string& reason) {
     *state.error = fmt::format("{}:{}: {}", source.path, line_number, reason);
     return false;
-}
-
-std::string shown(std::string_view text) {
-    if (text.size() <= shown_bytes_max) {
-        return std::string(text);
-    }
-    return fmt::format("{} ... ({} bytes)", text.substr(0, shown_bytes_max), text.size());
-}
-
-void keep_difference(JudgeState& state, Difference difference) {
-    ++state.result->differences_found;
-    if (state.result->differences.size() < differences_kept_max) {
-        state.result->differences.push_back(std::move(difference));
-    }
-}
-
-// Whether the next difference will be kept, so that its texts are worth copying.
-bool keeps_more(const JudgeState& state) {
-    return state.result->differences.size() < differences_kept_max;
-}
-
-void end_gap(JudgeState& state) {
-    if (state.gap.lines == 0) {
-        return;
-    }
-    Figures& figures = state.run->figures;
-    if (state.gap.lines > figures.longest_missing) {
-        figures.longest_missing = state.gap.lines;
-        figures.longest_missing_first = state.gap.seq;
-        figures.longest_missing_last = state.gap.seq_last;
-    }
-    keep_difference(state, std::move(state.gap));
-    state.gap = Difference{};
-    state.gap.lines = 0;
-}
-
-// The chart's part that a sequence number falls into; nullptr when the run has no chart.
-Bucket* bucket_of(RunResult& run, std::uint64_t seq) {
-    if (run.buckets.empty()) {
-        return nullptr;
-    }
-    const std::uint64_t inside = std::clamp(seq, run.truth.lowest, run.truth.highest) - run.truth.lowest;
-    const double share =
-        static_cast<double>(inside) / (static_cast<double>(run.truth.highest - run.truth.lowest) + 1);
-    const auto index = static_cast<std::size_t>(share * static_cast<double>(run.buckets.size()));
-    return &run.buckets[std::min(index, run.buckets.size() - 1)];
-}
-
-void count_missing(JudgeState& state, const TruthLine& truth) {
-    ++state.run->figures.missing;
-    if (Bucket* bucket = bucket_of(*state.run, truth.line.seq)) {
-        ++bucket->missing;
-    }
-    if (state.gap.lines == 0) {
-        state.gap.kind = DifferenceKind::missing;
-        state.gap.run = state.run->truth_run;
-        state.gap.seq = truth.line.seq;
-        state.gap.truth_line = truth.line_number;
-        state.gap.truth_text = keeps_more(state) ? shown(truth.text) : std::string();
-    }
-    ++state.gap.lines;
-    state.gap.seq_last = truth.line.seq;
-}
-
-void count_unexpected(JudgeState& state, std::uint64_t seq, std::string_view text, std::uint64_t line_number,
-                      std::uint64_t Figures::*cause, std::string_view reason) {
-    ++state.run->figures.unexpected;
-    ++(state.run->figures.*cause);
-    if (Bucket* bucket = bucket_of(*state.run, seq)) {
-        ++bucket->unexpected;
-    }
-    if (!keeps_more(state)) {
-        ++state.result->differences_found;
-        return;
-    }
-    Difference difference;
-    difference.kind = DifferenceKind::unexpected;
-    difference.run = state.run->truth_run;
-    difference.seq = seq;
-    difference.seq_last = seq;
-    difference.reason = reason;
-    difference.output_line = line_number;
-    difference.output_text = shown(text);
-    keep_difference(state, std::move(difference));
 }
 
 constexpr std::string_view unknown_reason = "no truth line has this sequence number";
@@ -148,14 +63,14 @@ void count_past(JudgeState& state, std::uint64_t seq, std::string_view text, std
     const auto place = std::lower_bound(state.past.begin(), state.past.end(), seq, before);
     if (place != state.past.end() && place->seq == seq) {
         if (place->found) {
-            count_unexpected(state, seq, text, line_number, &Figures::repeated, repeated_reason);
+            count_unexpected(state.tally, seq, {text, line_number}, &Figures::repeated, repeated_reason);
         } else {
-            count_unexpected(state, seq, text, line_number, &Figures::too_late, too_late_reason);
+            count_unexpected(state.tally, seq, {text, line_number}, &Figures::too_late, too_late_reason);
         }
-    } else if (!state.past.empty() && seq < state.past.front().seq && seq >= state.run->truth.lowest) {
-        count_unexpected(state, seq, text, line_number, &Figures::too_late, far_back_reason);
+    } else if (!state.past.empty() && seq < state.past.front().seq && seq >= state.tally.run->truth.lowest) {
+        count_unexpected(state.tally, seq, {text, line_number}, &Figures::too_late, far_back_reason);
     } else {
-        count_unexpected(state, seq, text, line_number, &Figures::unknown, unknown_reason);
+        count_unexpected(state.tally, seq, {text, line_number}, &Figures::unknown, unknown_reason);
     }
 }
 
@@ -176,10 +91,10 @@ std::uint32_t compare_members(JudgeState& state, const TruthLine& truth, std::st
             continue;
         }
         const std::string_view expected = member_text(truth.line, truth.text, member);
-        ++state.result->members[member].compared;
+        ++state.tally.result->members[member].compared;
         const bool same = expected.empty() ? got == "null" : same_value(member, expected, got);
         if (!same) {
-            ++state.result->members[member].mismatched;
+            ++state.tally.result->members[member].mismatched;
             mismatched |= 1U << member;
         }
     }
@@ -189,11 +104,11 @@ std::uint32_t compare_members(JudgeState& state, const TruthLine& truth, std::st
 // Judges one truth line with the OUTPUT line of the same number. False when that line cannot be read.
 bool compare_lines(JudgeState& state, const TruthLine& truth, std::string_view text,
                    std::uint64_t line_number) {
-    end_gap(state);
-    Figures& figures = state.run->figures;
+    end_gap(state.tally);
+    Figures& figures = state.tally.run->figures;
     if (text == truth.text) {  // the truth line has been read, so this one needs no reading
         for (std::size_t member = 0; member != member_count; ++member) {
-            state.result->members[member].compared += truth.line.members[member].length != 0 ? 1 : 0;
+            state.tally.result->members[member].compared += truth.line.members[member].length != 0 ? 1 : 0;
         }
         ++figures.matched;
         return true;
@@ -202,28 +117,14 @@ bool compare_lines(JudgeState& state, const TruthLine& truth, std::string_view t
     if (!read_line(text, state.output_line, &reason)) {
         return bad_line(state, state.output, line_number, reason);
     }
-    note_foreign(*state.result, state.output_line.foreign);
+    note_foreign(*state.tally.result, state.output_line.foreign);
     const std::uint32_t members = compare_members(state, truth, text);
     if (members == 0) {
         ++figures.matched;
         return true;
     }
-    ++figures.mismatched;
-    if (Bucket* bucket = bucket_of(*state.run, truth.line.seq)) {
-        ++bucket->mismatched;
-    }
-    Difference difference;
-    difference.run = state.run->truth_run;
-    difference.seq = truth.line.seq;
-    difference.seq_last = truth.line.seq;
-    difference.members = members;
-    difference.truth_line = truth.line_number;
-    difference.output_line = line_number;
-    if (keeps_more(state)) {
-        difference.truth_text = shown(truth.text);
-        difference.output_text = shown(text);
-    }
-    keep_difference(state, std::move(difference));
+    count_mismatched(state.tally, truth.line.seq, members, {truth.text, truth.line_number},
+                     {text, line_number});
     return true;
 }
 
@@ -248,7 +149,7 @@ ReadResult next_output(JudgeState& state, std::string_view& text, std::uint64_t&
             break;
         }
     }
-    ++state.run->figures.output_lines;
+    ++state.tally.run->figures.output_lines;
     return ReadResult::line;
 }
 
@@ -276,7 +177,7 @@ bool drop_held_below(JudgeState& state, std::uint64_t seq) {
 // at a bad line.
 bool put_aside(JudgeState& state, std::uint64_t due, std::uint64_t seq, std::string_view text) {
     const std::uint64_t line_number = state.output.line_number;
-    if (seq >= due && seq <= state.run->truth.highest && !state.held.contains(seq)) {
+    if (seq >= due && seq <= state.tally.run->truth.highest && !state.held.contains(seq)) {
         state.held.emplace(seq, HeldLine{std::string(text), line_number});
         state.held_bytes += text.size();
         return true;
@@ -286,10 +187,10 @@ bool put_aside(JudgeState& state, std::uint64_t due, std::uint64_t seq, std::str
     }
     if (seq < due) {
         count_past(state, seq, text, line_number);
-    } else if (seq > state.run->truth.highest) {
-        count_unexpected(state, seq, text, line_number, &Figures::unknown, unknown_reason);
+    } else if (seq > state.tally.run->truth.highest) {
+        count_unexpected(state.tally, seq, {text, line_number}, &Figures::unknown, unknown_reason);
     } else {
-        count_unexpected(state, seq, text, line_number, &Figures::repeated, repeated_reason);
+        count_unexpected(state.tally, seq, {text, line_number}, &Figures::repeated, repeated_reason);
     }
     return true;
 }
@@ -331,7 +232,7 @@ bool judge_line(JudgeState& state, const TruthLine& truth) {
         }
     }
     if (!found) {
-        count_missing(state, truth);
+        count_missing(state.tally, due, {truth.text, truth.line_number});
     }
     state.past.push_back({due, found});
     if (state.past.size() > window_lines_max) {
@@ -364,7 +265,7 @@ bool drain_output(JudgeState& state) {
 }
 
 bool judge_truth_lines(JudgeState& state, const Options& options) {
-    const RunResult& run = *state.run;
+    const RunResult& run = *state.tally.run;
     TruthLine truth;
     ReadResult read = ReadResult::line;
     while ((read = next_line(state.truth, truth.text, state.error)) == ReadResult::line) {
@@ -374,16 +275,16 @@ bool judge_truth_lines(JudgeState& state, const Options& options) {
             return bad_line(state, state.truth, truth.line_number, reason);
         }
         if (truth.line.mark) {
-            ++state.result->truth_marks;
+            ++state.tally.result->truth_marks;
             continue;
         }
         const bool before = options.from_first && run.output.lines != 0 && truth.line.seq < run.output.lowest;
         const bool behind = options.to_last && run.output.lines != 0 && truth.line.seq > run.output.highest;
         if (before || behind) {
-            ++state.run->figures.left_out;
+            ++state.tally.run->figures.left_out;
             continue;
         }
-        ++state.run->figures.truth_lines;
+        ++state.tally.run->figures.truth_lines;
         if (!judge_line(state, truth)) {
             return false;
         }
@@ -393,33 +294,18 @@ bool judge_truth_lines(JudgeState& state, const Options& options) {
 
 // Judges one run of the truth with one of OUTPUT; either may be without lines.
 bool judge_run(JudgeState& state, const Options& options) {
-    RunResult& run = *state.run;
+    RunResult& run = *state.tally.run;
     state.held.clear();
     state.held_bytes = 0;
     state.past.clear();
-    state.gap = Difference{};
-    state.gap.lines = 0;
     state.output_ended = run.output.lines == 0;
     seek_source(state.truth, run.truth.offset, run.truth.end_offset, run.truth.line_number);
     seek_source(state.output, run.output.offset, run.output.end_offset, run.output.line_number);
     if (run.truth.lines != 0 && !judge_truth_lines(state, options)) {
         return false;
     }
-    end_gap(state);
+    end_gap(state.tally);
     return drain_output(state);
-}
-
-void add_figures(Figures& total, const Figures& part) {
-    for (const auto field : {&Figures::truth_lines, &Figures::output_lines, &Figures::matched,
-                             &Figures::mismatched, &Figures::missing, &Figures::unexpected,
-                             &Figures::repeated, &Figures::unknown, &Figures::too_late, &Figures::left_out}) {
-        total.*field += part.*field;
-    }
-    if (part.longest_missing > total.longest_missing) {
-        total.longest_missing = part.longest_missing;
-        total.longest_missing_first = part.longest_missing_first;
-        total.longest_missing_last = part.longest_missing_last;
-    }
 }
 
 // Which run of the truth is judged with which of OUTPUT, in OUTPUT's order.
@@ -450,7 +336,7 @@ std::vector<RunResult> pair_runs(const std::vector<Run>& truth, std::size_t firs
 
 bool judge(const Options& options, Result& result, std::string* error) {
     JudgeState state;
-    state.result = &result;
+    state.tally.result = &result;
     state.error = error;
     std::vector<Run> truth_runs;
     std::vector<Run> output_runs;
@@ -480,7 +366,7 @@ bool judge(const Options& options, Result& result, std::string* error) {
     result.output_runs = output_runs.size();
     result.runs = pair_runs(truth_runs, first_number, output_runs);
     for (RunResult& run : result.runs) {
-        state.run = &run;
+        begin_run(state.tally, run);
         if (!judge_run(state, options)) {
             return false;
         }
