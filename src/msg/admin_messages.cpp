@@ -48,6 +48,8 @@ void build_decline_levels(MessageWriter& writer, AdminTimes times) {
     put_price_long(out, 45, decline_level_3);
 }
 
+namespace {
+
 // Issue symbol directory, short form type B, 90 bytes; the long form, type F, 117 bytes, goes on behind it:
 //   29 11  symbol
 //   40 11  old symbol
@@ -67,11 +69,10 @@ void build_decline_levels(MessageWriter& writer, AdminTimes times) {
 //  100  1  indicator
 //  101  8  reserved
 //  109  8  reserved
-std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, bool long_form) {
+void put_directory_body(unsigned char* out, const DirectoryRecord& record, bool long_form) {
     static_assert(89 + 1 == short_directory_bytes);
     static_assert(109 + 8 == long_directory_bytes);
     constexpr std::uint16_t round_lot = 100;  // shares
-    put_header(out, admin_header(record.times, 'A', long_form ? 'F' : 'B', 'Q'));
     put_alpha(out, 29, record.symbol, 11);
     put_alpha(out, 40, {}, 11);
     put_alpha(out, 51, record.issue_name, 30);
@@ -83,7 +84,7 @@ std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, boo
     put_u16(out, 87, round_lot);
     put_u8(out, 89, 'N');
     if (!long_form) {
-        return short_directory_bytes;
+        return;
     }
     put_u8(out, 90, 'N');
     put_u8(out, 91, '0');
@@ -93,29 +94,43 @@ std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, boo
     put_u8(out, 100, record.indicator);
     put_u64(out, 101, 0);
     put_u64(out, 109, 0);
-    return long_directory_bytes;
 }
 
-void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool long_form) {
-    begin_admin(writer, record.times, 'A', long_form ? 'F' : 'B', 'Q',
-                long_form ? long_directory_bytes : short_directory_bytes);
-    put_directory(writer.bytes.get(), record, long_form);
+std::size_t directory_bytes(bool long_form) {
+    return long_form ? long_directory_bytes : short_directory_bytes;
 }
 
 // Instrument indicator, 41 bytes:
 //   29 11  symbol
 //   40  1  indicator
-std::size_t put_indicator(unsigned char* out, AdminTimes times, std::string_view symbol, char indicator) {
+void put_indicator_body(unsigned char* out, std::string_view symbol, char indicator) {
     static_assert(40 + 1 == indicator_bytes);
-    put_header(out, admin_header(times, 'A', 'V', 'Q'));
     put_alpha(out, 29, symbol, 11);
     put_u8(out, 40, indicator);
+}
+
+}  // namespace
+
+std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, bool long_form) {
+    put_header(out, admin_header(record.times, 'A', long_form ? 'F' : 'B', 'Q'));
+    put_directory_body(out, record, long_form);
+    return directory_bytes(long_form);
+}
+
+void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool long_form) {
+    begin_admin(writer, record.times, 'A', long_form ? 'F' : 'B', 'Q', directory_bytes(long_form));
+    put_directory_body(writer.bytes.get(), record, long_form);
+}
+
+std::size_t put_indicator(unsigned char* out, AdminTimes times, std::string_view symbol, char indicator) {
+    put_header(out, admin_header(times, 'A', 'V', 'Q'));
+    put_indicator_body(out, symbol, indicator);
     return indicator_bytes;
 }
 
 void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator) {
     begin_admin(writer, times, 'A', 'V', 'Q', indicator_bytes);
-    put_indicator(writer.bytes.get(), times, symbol, indicator);
+    put_indicator_body(writer.bytes.get(), symbol, indicator);
 }
 
 // Trading action, 59 bytes:
