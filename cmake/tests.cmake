@@ -10,7 +10,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND test_options -fpch-preprocess -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow
                            -Wno-stringop-overread)
 else()
-  list(APPEND test_options "SHELL:-Xclang -fno-pch-timestamp" -Wno-gnu-zero-variadic-macro-arguments)
+  list(APPEND test_options "SHELL:-Xclang -fno-pch-timestamp")
 endif()
 if(TESSEL_SANITIZE)
   # The fuzzer steers by what it reaches in the programs, not in the tests.

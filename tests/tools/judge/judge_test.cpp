@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,7 +27,10 @@ struct Bench {
 
     Bench() {
         std::string name = std::filesystem::temp_directory_path() / "judge_test.XXXXXX";
-        folder = ::mkdtemp(name.data());
+        if (::mkdtemp(name.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp failed");
+        }
+        folder = name;
         options.truth_path = folder / "truth.jsonl";
         options.output_path = folder / "output.jsonl";
     }
