@@ -229,9 +229,8 @@ constexpr std::size_t full_history = 100'000;
 std::unique_ptr<Market> market_with_history() {
     auto market = std::make_unique<Market>(1, false);
     constexpr std::string_view centres = "QNPZKVD";
-    std::vector<TradeRecord>& trades = market->engine.instruments[0].trades;
+    TradeHistory& trades = market->engine.instruments[0].trades;
     trades.clear();
-    trades.reserve(full_history + 1);
     for (std::size_t at = 0; at < full_history; ++at) {
         TradeRecord trade;
         trade.market_center = centres[at % centres.size()];

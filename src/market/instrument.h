@@ -1,10 +1,12 @@
 #pragma once
 
+#include "market/block_pool.h"
 #include "market/huge_pages.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +65,8 @@ struct TradeRecord {
     std::uint64_t size = 0;  // millionths of a share
 };
 static_assert(sizeof(TradeRecord) == 32);
+
+using TradeHistory = std::deque<TradeRecord, BlockAllocator<TradeRecord>>;
 
 // High, low, last and volume of one market centre in one instrument, and the last trade id that it issued
 // with a blank sub-market centre (which no recomputation touches).
@@ -125,7 +129,7 @@ struct alignas(64) Instrument {
     std::uint64_t trade_resume_ms = 0;
     std::uint64_t band_due_ms = 0;
     std::size_t trade_slots = 0;
-    std::vector<TradeRecord> trades;  // oldest first
+    TradeHistory trades;  // oldest first
     std::string truth_head;  // ,"secid":1,"symbol":"AAPL" : what every truth line of the instrument has
     std::string symbol;
     std::string halt_reason;       // of the latest trading action

@@ -27,9 +27,9 @@ bool can_correct(const TradeRecord& trade) {
 
 // Newest trade of the history that passes; null when none does. O(trades) at worst, at most 100,000.
 TradeRecord* newest_trade(Instrument& instrument, bool (*passes)(const TradeRecord&)) {
-    for (std::size_t at = instrument.trades.size(); at > 0; --at) {
-        if (passes(instrument.trades[at - 1])) {
-            return &instrument.trades[at - 1];
+    for (auto trade = instrument.trades.rbegin(); trade != instrument.trades.rend(); ++trade) {
+        if (passes(*trade)) {
+            return &*trade;
         }
     }
     return nullptr;

@@ -41,7 +41,8 @@ StatisticsRecord statistics_of(const ParticipantTradeStats* stats) {
 // Keeps the trade, and gives up the oldest half of a history that has grown too long.
 void keep_trade(Instrument& instrument, const TradeRecord& trade) {
     instrument.trades.push_back(trade);
-    if (instrument.trades.size() * trade_history_record_bytes > trade_history_bytes_max) [[unlikely]] {
+    constexpr std::size_t trades_max = trade_history_bytes_max / trade_history_record_bytes;
+    if (instrument.trades.size() > trades_max) [[unlikely]] {
         constexpr auto erased =
             static_cast<std::ptrdiff_t>(trade_history_bytes_erased / trade_history_record_bytes);
         instrument.trades.erase(instrument.trades.begin(), instrument.trades.begin() + erased);

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <new>
+
+namespace tessel {
+
+// Small blocks of one size, for what grows a little at a time in thousands of places at once: the trade
+// histories. They are cut from large pages one behind the other, given back ones first, so that growing costs
+// neither an allocation nor a copy of what is there, and rarely a new page. Their memory stays with the
+// process.
+constexpr std::size_t pooled_block_bytes = 512;  // a node of a deque
+
+void* take_block();
+void give_back_block(void* block);
+
+// Lets a deque have its nodes from the pool.
+template <typename T>
+struct BlockAllocator {
+    using value_type = T;
+
+    BlockAllocator() = default;
+    template <typename U>
+    explicit BlockAllocator(const BlockAllocator<U>& /*other*/) {}
+
+    T* allocate(std::size_t count) {
+        const std::size_t bytes = count * sizeof(T);
+        return static_cast<T*>(bytes == pooled_block_bytes ? take_block() : ::operator new(bytes));
+    }
+
+    void deallocate(T* memory, std::size_t count) {
+        if (count * sizeof(T) == pooled_block_bytes) {
+            give_back_block(memory);
+        } else {
+            ::operator delete(memory);
+        }
+    }
+
+    template <typename U>
+    bool operator==(const BlockAllocator<U>& /*other*/) const {
+        return true;
+    }
+};
+
+}  // namespace tessel
