@@ -132,7 +132,7 @@ void Nbbo_SevenCentres_FromTheIndex(benchmark::State& state) {
     for (auto iteration : state) {
         static_cast<void>(iteration);
         const Instrument& instrument = market->engine.instruments[at++ % 256];
-        benchmark::DoNotOptimize(indexed_nbbo(instrument, instrument.blocks));
+        benchmark::DoNotOptimize(find_best_quotes(instrument));
     }
 }
 BENCHMARK(Nbbo_SevenCentres_FromTheIndex);

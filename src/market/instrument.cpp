@@ -2,6 +2,7 @@
 
 #include "app/number.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace tessel {
@@ -25,8 +26,7 @@ bool make_instrument(std::string_view entry, std::size_t position, Instrument& i
     instrument.short_symbol = instrument.symbol.size() <= short_symbol_max;
     instrument.padded_symbol.fill(' ');
     instrument.symbol.copy(instrument.padded_symbol.data(), wire_symbol_bytes);
-    instrument.truth_head =
-        ",\"secid\":" + std::to_string(instrument.secid) + ",\"symbol\":\"" + instrument.symbol + "\"";
+    make_truth_head(instrument);
     return true;
 }
 
@@ -45,6 +45,13 @@ std::int64_t price_to_cents(double price) {
     const auto whole = static_cast<std::int64_t>(cents);
     const double rest = cents - static_cast<double>(whole);
     return whole + (rest >= 0.5 ? 1 : 0) - (rest <= -0.5 ? 1 : 0);
+}
+
+void make_truth_head(Instrument& instrument) {
+    std::string& head = instrument.truth_head;
+    head = ",\"secid\":" + std::to_string(instrument.secid) + ",\"symbol\":\"" + instrument.symbol + "\"";
+    instrument.truth_head_length = head.size();
+    head.resize(std::max(truth_head_bytes, head.size()));
 }
 
 bool build_instruments(std::string_view symbols_text, InstrumentList& instruments, std::string& error) {

@@ -27,13 +27,15 @@ constexpr std::size_t trade_history_record_bytes = 40;
 // llround(100 * price), a NaN taken as 0, held to +-price_cents_max so that no later arithmetic can overflow.
 std::int64_t price_to_cents(double price);
 
+constexpr std::size_t truth_head_bytes = 48;
+
 // The MPIDs that every ADF quote and odd-lot order carries.
 constexpr std::string_view adf_bid_mpid = "NITE";
 constexpr std::string_view adf_ask_mpid = "GSCO";
 
-// One market centre's quote of one instrument: one cache line, since the NBBO looks at all of an
-// instrument's. A centre shows either no odd-lot orders or two, a bid and an ask, which stand here too. MPIDs
-// are the ADF's two or empty.
+// One market centre's quote of one instrument: one cache line, which its update writes as a whole. A centre
+// shows either no odd-lot orders or two, a bid and an ask, which stand here too. MPIDs are the ADF's two or
+// empty.
 struct alignas(64) ParticipantQuote {
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -85,7 +87,7 @@ static_assert(sizeof(ParticipantTradeStats) == 64);
 struct QuoteBlock;  // market/quote_index
 
 // One symbol. The order of the fields is the order of their use: a quote touches the first two cache lines, a
-// trade the third, and the rest is for events.
+// trade the next three, and the rest is for events.
 struct alignas(64) Instrument {
     double price = 100.0;  // reference price in dollars, moved by the random walk
     std::int64_t nbbo_bid = 0;
@@ -128,9 +130,12 @@ struct alignas(64) Instrument {
 
     std::uint64_t trade_resume_ms = 0;
     std::uint64_t band_due_ms = 0;
-    std::size_t trade_slots = 0;
+    // ,"secid":1,"symbol":"AAPL" : what every truth line of the instrument has, and zero bytes up to
+    // truth_head_bytes, so that nearly all are copied at one width.
+    std::string truth_head;
+    std::size_t truth_head_length = 0;
     TradeHistory trades;  // oldest first
-    std::string truth_head;  // ,"secid":1,"symbol":"AAPL" : what every truth line of the instrument has
+    std::size_t trade_slots = 0;
     std::string symbol;
     std::string halt_reason;       // of the latest trading action
     std::uint32_t action_seq = 0;  // trading actions sent
@@ -172,6 +177,9 @@ inline bool is_stopped(const Instrument& instrument) {
 inline std::string_view wire_symbol(const Instrument& instrument) {
     return {instrument.padded_symbol.data(), 11};
 }
+
+// Makes truth_head from the instrument's secid and symbol.
+void make_truth_head(Instrument& instrument);
 
 // Centre's quote or null when the letter has no slot; a slot whose quoted is false has never quoted.
 ParticipantQuote* find_quote(Instrument& instrument, char mc);

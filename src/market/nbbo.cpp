@@ -1,5 +1,6 @@
 #include "market/nbbo.h"
 
+#include <emmintrin.h>
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -112,7 +113,6 @@ bool is_better(std::int64_t left, std::int64_t right) {
     return side == 'B' ? left > right : left < right;
 }
 
-// Any prices, by insertion.
 template <char side>
 void insert_levels(const Instrument& instrument, std::size_t most, PriceLevels& levels) {
     const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
@@ -141,52 +141,109 @@ void insert_levels(const Instrument& instrument, std::size_t most, PriceLevels& 
     }
 }
 
-// Some quotes, of conditions that cannot set the NBBO, are better than it.
-constexpr std::int64_t better_buckets = 16;
+}  // namespace
 
-template <char side>
-bool fill_side(const Instrument& instrument, LevelBuckets& buckets) {
-    const std::int64_t nbbo = side == 'B' ? instrument.nbbo_bid : instrument.nbbo_ask;
-    const std::int64_t first = side == 'B' ? nbbo + better_buckets * cent : nbbo - better_buckets * cent;
-    buckets.first = first;
-    buckets.step = side == 'B' ? -cent : cent;
-    buckets.sizes.fill(0);
-    std::uint64_t used = 0;
-    const ParticipantQuote* const end = instrument.quotes + instrument.quote_slots;
-    for (const ParticipantQuote* quote = instrument.quotes; quote != end; ++quote) {
-        const auto [price, size] = side_of<side>(*quote);
-        if (price == 0) {
-            continue;
-        }
-        const auto distance = static_cast<std::uint64_t>(side == 'B' ? first - price : price - first);
-        if (distance >= buckets.sizes.size() * static_cast<std::uint64_t>(cent)) {
-            return false;
-        }
-        const std::uint64_t bucket = distance / static_cast<std::uint64_t>(cent);
-        buckets.sizes[bucket] += size;
-        used |= std::uint64_t{1} << bucket;
+void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels) {
+    levels.count = 0;
+    if (side == 'B') {
+        insert_levels<'B'>(instrument, most, levels);
+    } else {
+        insert_levels<'A'>(instrument, most, levels);
     }
-    buckets.used = used;
-    return true;
+}
+
+namespace {
+
+// Distances of eight prices from the best one, in 16 bits each; those that never win are far below 0.
+[[gnu::always_inline]] inline __m128i distances(const EightPrices& prices, __m128 best) {
+    return _mm_packs_epi32(_mm_cvttps_epi32(_mm_sub_ps(best, prices.low)),
+                           _mm_cvttps_epi32(_mm_sub_ps(best, prices.high)));
+}
+
+[[gnu::always_inline]] inline void clear_lots(LevelBuckets& side) {
+#pragma GCC unroll 4
+    for (std::size_t at = 0; at < side.lots.size(); at += 16) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(side.lots.data() + at), _mm_setzero_si128());
+    }
+}
+
+// One centre's lots into the bucket of its distance. A centre without a quote adds none to the first.
+template <int centre>
+[[gnu::always_inline]] inline void add_lots(LevelBuckets& side, __m128i distance, const std::uint8_t* lots) {
+    const auto bucket = static_cast<std::size_t>(_mm_extract_epi16(distance, centre));
+    side.lots[bucket] = static_cast<std::uint8_t>(side.lots[bucket] + lots[centre]);
+    side.used |= std::uint64_t{1} << bucket;
+}
+
+[[gnu::always_inline]] inline void add_eight(LevelBuckets& side, __m128i distance, const std::uint8_t* lots) {
+    distance = _mm_max_epi16(distance, _mm_setzero_si128());
+    add_lots<0>(side, distance, lots);
+    add_lots<1>(side, distance, lots);
+    add_lots<2>(side, distance, lots);
+    add_lots<3>(side, distance, lots);
+    add_lots<4>(side, distance, lots);
+    add_lots<5>(side, distance, lots);
+    add_lots<6>(side, distance, lots);
+    add_lots<7>(side, distance, lots);
 }
 
 }  // namespace
 
-bool fill_buckets(const Instrument& instrument, char side, LevelBuckets& buckets) {
-    return side == 'B' ? fill_side<'B'>(instrument, buckets) : fill_side<'A'>(instrument, buckets);
+bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelBuckets& asks) {
+    if (instrument.blocks == nullptr || instrument.quote_slots > QuoteBlock::centres) [[unlikely]] {
+        return false;
+    }
+    const QuoteBlock& block = *instrument.blocks;
+    const EightPrices bid = load_prices(block.bid);
+    const EightPrices ask = load_prices(block.ask);
+    const __m128 halves = pair_up(higher_of_pairs(bid), higher_of_pairs(ask));
+    const __m128 best = _mm_max_ps(halves, _mm_movehl_ps(halves, halves));
+    const __m128i bid_distances = distances(bid, splat<0>(best));
+    const __m128i ask_distances = distances(ask, splat<1>(best));
+    const __m128i last_bucket = _mm_set1_epi16(static_cast<short>(bids.lots.size() - 1));
+    const __m128i too_far = _mm_or_si128(_mm_cmpgt_epi16(bid_distances, last_bucket),
+                                         _mm_cmpgt_epi16(ask_distances, last_bucket));
+    if ((block.inexact | block.unlisted) != 0 || _mm_movemask_epi8(too_far) != 0) [[unlikely]] {
+        return false;
+    }
+    const __m128i cents = _mm_cvttps_epi32(best);
+    const std::int32_t best_bid = _mm_cvtsi128_si32(cents);
+    const std::int32_t best_ask = _mm_cvtsi128_si32(_mm_shuffle_epi32(cents, 1));
+    bids.best = best_bid;
+    asks.best = -static_cast<std::int64_t>(best_ask);
+    bids.used = 0;
+    asks.used = 0;
+    clear_lots(bids);
+    clear_lots(asks);
+    add_eight(bids, bid_distances, block.lots.data());
+    add_eight(asks, ask_distances, block.lots.data() + QuoteBlock::centres);
+    bids.used = best_bid == no_cents ? 0 : bids.used;
+    asks.used = best_ask == no_cents ? 0 : asks.used;
+    return true;
 }
 
-void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels) {
+namespace {
+
+void list_side(const LevelBuckets& side, std::int64_t step, std::size_t most, PriceLevels& levels) {
     levels.count = 0;
-    LevelBuckets buckets;
-    if (fill_buckets(instrument, side, buckets)) {
-        while (buckets.used != 0 && levels.count < most) {
-            levels.level[levels.count++] = take_level(buckets);
-        }
-    } else if (side == 'B') {
-        insert_levels<'B'>(instrument, most, levels);
+    for (std::uint64_t used = side.used; used != 0 && levels.count < most; used &= used - 1) {
+        const int bucket = std::countr_zero(used);
+        const std::uint32_t lots = side.lots[static_cast<std::size_t>(bucket)];
+        levels.level[levels.count++] = {(side.best + step * bucket) * cent, lots * round_lot};
+    }
+}
+
+}  // namespace
+
+void list_levels(const Instrument& instrument, std::size_t most, PriceLevels& bids, PriceLevels& asks) {
+    LevelBuckets bid_buckets;
+    LevelBuckets ask_buckets;
+    if (fill_level_buckets(instrument, bid_buckets, ask_buckets)) {
+        list_side(bid_buckets, -1, most, bids);
+        list_side(ask_buckets, 1, most, asks);
     } else {
-        insert_levels<'A'>(instrument, most, levels);
+        build_levels(instrument, 'B', most, bids);
+        build_levels(instrument, 'A', most, asks);
     }
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "market/instrument.h"
+#include "market/quote_block.h"
 
 #include <array>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -46,24 +46,22 @@ struct PriceLevels {
 // every present quote of any condition with a price and a size above 0. Odd-lot orders are not in it.
 void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels);
 
-// The same levels of one side before they are listed. Quotes lie within cents of the NBBO: each has added its
-// size to the bucket of its distance from there, and the buckets in use, a bit each, are the levels in order.
+// The levels of one side by their distance in cents from the best price; the buckets in use, a bit each, are
+// the levels in order, at most QuoteBlock::centres of them.
 struct LevelBuckets {
-    std::int64_t first;  // the price of bucket 0
-    std::int64_t step;   // from bucket to bucket: a cent down for bids, up for asks
+    std::int64_t best;  // cents: the price of bucket 0, when there is one
     std::uint64_t used;
-    std::array<std::uint32_t, 64> sizes;  // shares
+    std::array<std::uint8_t, 64> lots;  // of 100 shares, at most level_lots_max
 };
 
-// False when a quote lies too far off for a bucket.
-bool fill_buckets(const Instrument& instrument, char side, LevelBuckets& buckets);
+constexpr std::size_t level_lots_max = QuoteBlock::centres * quote_lots_indexed;
 
-// Takes out the best level left; there is one.
-inline PriceLevel take_level(LevelBuckets& buckets) {
-    const int bucket = std::countr_zero(buckets.used);
-    buckets.used &= buckets.used - 1;
-    return {buckets.first + bucket * buckets.step, buckets.sizes[static_cast<std::size_t>(bucket)]};
-}
+// The levels of both sides, as build_levels has them, from the index. False when they can't be told from it:
+// with more than eight centres, odd conditions or sizes, or a quote far from the best.
+bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelBuckets& asks);
+
+// What build_levels gives for both sides, from the index where it can tell.
+void list_levels(const Instrument& instrument, std::size_t most, PriceLevels& bids, PriceLevels& asks);
 
 // The quote's LULD BBO indicator: 'A' bid above the band, 'B' ask below it, 'C' both, else (or without a
 // band) a blank.

@@ -3,220 +3,280 @@
 #include <emmintrin.h>
 #include <bit>
 #include <cassert>
-#include <limits>
 
 namespace tessel {
 
 namespace {
 
-constexpr std::uint32_t round_lot = 100;
+constexpr std::uint32_t lot_shares = 100;      // a round lot
 constexpr std::size_t indexed_slots_max = 64;  // a bit each
-constexpr double never_bid = -std::numeric_limits<double>::infinity();
-constexpr double never_ask = std::numeric_limits<double>::infinity();
 
-constexpr std::size_t pairs_per_block = QuoteBlock::centres / 2;
-
-using Values = std::array<double, QuoteBlock::centres>;
-
-__m128d load(const Values& values, std::size_t pair) {
-    return _mm_load_pd(values.data() + 2 * pair);
+// A byte each of all ones where the prices are these: bids, then asks.
+[[gnu::always_inline]] inline __m128i match(const EightPrices& bids, __m128 bid, const EightPrices& asks,
+                                            __m128 ask) {
+    const __m128i bid_words = _mm_packs_epi32(_mm_castps_si128(_mm_cmpeq_ps(bids.low, bid)),
+                                              _mm_castps_si128(_mm_cmpeq_ps(bids.high, bid)));
+    const __m128i ask_words = _mm_packs_epi32(_mm_castps_si128(_mm_cmpeq_ps(asks.low, ask)),
+                                              _mm_castps_si128(_mm_cmpeq_ps(asks.high, ask)));
+    return _mm_packs_epi16(bid_words, ask_words);
 }
 
-double highest_of(__m128d pair) {
-    return _mm_cvtsd_f64(_mm_max_sd(pair, _mm_unpackhi_pd(pair, pair)));
+[[gnu::always_inline]] inline __m128i load_bytes(const std::array<std::uint8_t, 16>& bytes) {
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(bytes.data()));
 }
 
-double lowest_of(__m128d pair) {
-    return _mm_cvtsd_f64(_mm_min_sd(pair, _mm_unpackhi_pd(pair, pair)));
+// In every byte the highest of its half.
+[[gnu::always_inline]] inline __m128i highest_of_halves(__m128i bytes) {
+    bytes = _mm_max_epu8(bytes, _mm_shuffle_epi32(bytes, _MM_SHUFFLE(2, 3, 0, 1)));
+    bytes = _mm_max_epu8(bytes, _mm_or_si128(_mm_slli_epi32(bytes, 16), _mm_srli_epi32(bytes, 16)));
+    return _mm_max_epu8(bytes, _mm_or_si128(_mm_slli_epi16(bytes, 8), _mm_srli_epi16(bytes, 8)));
 }
-
-double sum_of(__m128d pair) {
-    return _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
-}
-
-// One side's best price with the total of the sizes there and the centre to name.
-struct BestSide {
-    std::int64_t price = 0;
-    std::uint32_t total = 0;
-    char mc = ' ';
-};
 
 // Of several centres (a bit for each slot) the one with the earliest quote, and of those the first.
-[[gnu::noinline]] char earliest_centre(const Instrument& instrument, std::uint64_t slots) {
+[[gnu::noinline]] std::size_t earliest_slot(const QuoteBlock* blocks, std::uint64_t slots) {
     assert(slots != 0);
-    const ParticipantQuote* earliest = &instrument.quotes[std::countr_zero(slots)];
+    const auto time_of = [blocks](std::size_t slot) {
+        return blocks[slot / QuoteBlock::centres].time[slot % QuoteBlock::centres];
+    };
+    auto earliest = static_cast<std::size_t>(std::countr_zero(slots));
     for (slots &= slots - 1; slots != 0; slots &= slots - 1) {
-        const ParticipantQuote& quote = instrument.quotes[std::countr_zero(slots)];
-        if (quote.time < earliest->time) {
-            earliest = &quote;
+        const auto slot = static_cast<std::size_t>(std::countr_zero(slots));
+        if (time_of(slot) < time_of(earliest)) {
+            earliest = slot;
         }
     }
-    return earliest->mc;
+    return earliest;
 }
 
-// Total and centre at the best price. A price that doesn't match leaves a size of 0.
-[[gnu::always_inline]] inline BestSide gather_side(const Instrument& instrument, const QuoteBlock* blocks,
-                                                   std::size_t count, const Values QuoteBlock::*prices,
-                                                   const Values QuoteBlock::*sizes, double best) {
-    const __m128d wanted = _mm_set1_pd(best);
-    __m128d totals = _mm_setzero_pd();
-    __m128d largests = _mm_setzero_pd();
-    for (std::size_t block = 0; block < count; ++block) {
-#pragma GCC unroll 4
-        for (std::size_t pair = 0; pair < pairs_per_block; ++pair) {
-            const __m128d at_best = _mm_cmpeq_pd(load(blocks[block].*prices, pair), wanted);
-            const __m128d size = _mm_and_pd(at_best, load(blocks[block].*sizes, pair));
-            totals = _mm_add_pd(totals, size);
-            largests = _mm_max_pd(largests, size);
+// The centre to name of those with the largest quote at the best price. Mostly there is one.
+[[gnu::always_inline]] inline char name_centre(const QuoteBlock* blocks, std::uint64_t slots) {
+    const std::size_t slot = (slots & (slots - 1)) == 0 ? static_cast<std::size_t>(std::countr_zero(slots))
+                                                        : earliest_slot(blocks, slots);
+    return blocks[slot / QuoteBlock::centres].mc[slot % QuoteBlock::centres];
+}
+
+// The same from the quotes themselves.
+[[gnu::noinline]] BestQuotes walk_quotes(const Instrument& instrument) {
+    BestQuotes best;
+    best.nbbo = compute_nbbo(instrument);
+    BestOddLot& odd = best.odd_lot;
+    for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
+        const ParticipantQuote& quote = instrument.quotes[slot];
+        if (!quote.has_odd_lots) {
+            continue;
+        }
+        const bool has_bid = (odd.sizes >> 16) != 0;
+        const bool has_ask = (odd.sizes & 0xFFFFu) != 0;
+        if ((best.nbbo.bid == 0 || quote.odd_bid > best.nbbo.bid) && (!has_bid || quote.odd_bid > odd.bid)) {
+            odd.bid = quote.odd_bid;
+            odd.bid_mc = quote.mc;
+            odd.sizes = (odd.sizes & 0xFFFFu) | static_cast<std::uint32_t>(quote.odd_bid_size) << 16;
+        }
+        if ((best.nbbo.ask == 0 || quote.odd_ask < best.nbbo.ask) && (!has_ask || quote.odd_ask < odd.ask)) {
+            odd.ask = quote.odd_ask;
+            odd.ask_mc = quote.mc;
+            odd.sizes = (odd.sizes & 0xFFFF0000u) | quote.odd_ask_size;
         }
     }
-    const __m128d largest = _mm_set1_pd(highest_of(largests));
-    std::uint64_t slots = 0;
-    for (std::size_t block = 0; block < count; ++block) {
-#pragma GCC unroll 4
-        for (std::size_t pair = 0; pair < pairs_per_block; ++pair) {
-            const __m128d chosen = _mm_and_pd(_mm_cmpeq_pd(load(blocks[block].*prices, pair), wanted),
-                                              _mm_cmpeq_pd(load(blocks[block].*sizes, pair), largest));
-            const auto bits = static_cast<std::uint64_t>(_mm_movemask_pd(chosen));
-            slots |= bits << (block * QuoteBlock::centres + 2 * pair);
-        }
-    }
-    BestSide side;
-    side.price = static_cast<std::int64_t>(best);
-    side.total = static_cast<std::uint32_t>(static_cast<std::int64_t>(sum_of(totals)));
-    // Mostly there is one.
-    side.mc = (slots & (slots - 1)) == 0 ? instrument.quotes[std::countr_zero(slots)].mc
-                                         : earliest_centre(instrument, slots);
-    return side;
+    return best;
 }
 
-}  // namespace
-
-QuoteBlock empty_quote_block() {
-    QuoteBlock block;
-    block.bid.fill(never_bid);
-    block.ask.fill(never_ask);
-    block.bid_size.fill(0);
-    block.ask_size.fill(0);
-    block.odd_bid.fill(never_bid);
-    block.odd_ask.fill(never_ask);
-    return block;
-}
-
-void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t slot) {
-    QuoteBlock& block = blocks[slot / QuoteBlock::centres];
-    const std::size_t at = slot % QuoteBlock::centres;
-    const bool eligible = quote.present && is_eligible_condition(quote.condition);
-    const bool bid_counts = eligible && quote.bid >= 1 && quote.bid_size >= round_lot;
-    const bool ask_counts = eligible && quote.ask >= 1 && quote.ask_size >= round_lot;
-    block.bid[at] = bid_counts ? static_cast<double>(quote.bid) : never_bid;
-    block.ask[at] = ask_counts ? static_cast<double>(quote.ask) : never_ask;
-    block.bid_size[at] = bid_counts ? static_cast<double>(quote.bid_size) : 0;
-    block.ask_size[at] = ask_counts ? static_cast<double>(quote.ask_size) : 0;
-    block.odd_bid[at] = quote.has_odd_lots ? static_cast<double>(quote.odd_bid) : never_bid;
-    block.odd_ask[at] = quote.has_odd_lots ? static_cast<double>(quote.odd_ask) : never_ask;
-}
-
-namespace {
-
-// The search over count blocks; always inline, so that a constant count leaves no loops.
-[[gnu::always_inline]] inline Nbbo search_blocks(const Instrument& instrument, const QuoteBlock* blocks,
-                                                 std::size_t count) {
-    __m128d bids = _mm_set1_pd(never_bid);
-    __m128d asks = _mm_set1_pd(never_ask);
-    for (std::size_t block = 0; block < count; ++block) {
-#pragma GCC unroll 4
-        for (std::size_t pair = 0; pair < pairs_per_block; ++pair) {
-            bids = _mm_max_pd(bids, load(blocks[block].bid, pair));
-            asks = _mm_min_pd(asks, load(blocks[block].ask, pair));
-        }
-    }
-    const double best_bid = highest_of(bids);
-    const double best_ask = lowest_of(asks);
-    if (has_active_band(instrument) && (best_bid > static_cast<double>(instrument.luld_upper) ||
-                                        best_ask < static_cast<double>(instrument.luld_lower))) [[unlikely]] {
-        // Quotes outside the band must be left out one by one.
-        return compute_nbbo(instrument);
-    }
-    Nbbo nbbo;
-    if (best_bid != never_bid) [[likely]] {
-        const BestSide side =
-            gather_side(instrument, blocks, count, &QuoteBlock::bid, &QuoteBlock::bid_size, best_bid);
-        nbbo.bid = side.price;
-        nbbo.bid_size = side.total;
-        nbbo.bid_mc = side.mc;
-    }
-    if (best_ask != never_ask) [[likely]] {
-        const BestSide side =
-            gather_side(instrument, blocks, count, &QuoteBlock::ask, &QuoteBlock::ask_size, best_ask);
-        nbbo.ask = side.price;
-        nbbo.ask_size = side.total;
-        nbbo.ask_mc = side.mc;
-    }
-    return nbbo;
-}
-
-}  // namespace
-
-Nbbo indexed_nbbo(const Instrument& instrument, const QuoteBlock* blocks) {
-    if (instrument.quote_slots <= QuoteBlock::centres && instrument.quote_slots != 0) [[likely]] {
-        return search_blocks(instrument, blocks, 1);
-    }
-    if (instrument.quote_slots > indexed_slots_max) {
-        return compute_nbbo(instrument);
-    }
-    return search_blocks(instrument, blocks, quote_blocks(instrument.quote_slots));
-}
-
-namespace {
-
-// First slot whose value is `wanted`; there is one.
-std::size_t first_slot(const QuoteBlock* blocks, const Values QuoteBlock::*values, double wanted) {
+// The first centre, in letter order, whose odd-lot order has this price.
+std::size_t first_slot(const QuoteBlock* blocks, BlockPrices QuoteBlock::*prices, std::int32_t cents) {
+    const __m128 wanted = _mm_set1_ps(static_cast<float>(cents));
     for (std::size_t block = 0;; ++block) {
-        unsigned slots = 0;
-#pragma GCC unroll 4
-        for (std::size_t pair = 0; pair < pairs_per_block; ++pair) {
-            const __m128d found = _mm_cmpeq_pd(load(blocks[block].*values, pair), _mm_set1_pd(wanted));
-            slots |= static_cast<unsigned>(_mm_movemask_pd(found)) << (2 * pair);
-        }
+        const EightPrices found = load_prices(blocks[block].*prices);
+        const int low = _mm_movemask_ps(_mm_cmpeq_ps(found.low, wanted));
+        const int high = _mm_movemask_ps(_mm_cmpeq_ps(found.high, wanted));
+        const auto slots = static_cast<unsigned>(low | high << 4);
         if (slots != 0) {
             return block * QuoteBlock::centres + static_cast<std::size_t>(std::countr_zero(slots));
         }
     }
 }
 
+void take_odd_bid(BestOddLot& odd, const QuoteBlock* blocks, std::int32_t cents) {
+    const std::size_t slot = first_slot(blocks, &QuoteBlock::odd_bid, cents);
+    const QuoteBlock& block = blocks[slot / QuoteBlock::centres];
+    const std::size_t at = slot % QuoteBlock::centres;
+    odd.bid = cents * cent;
+    odd.bid_mc = block.mc[at];
+    odd.sizes |= static_cast<std::uint32_t>(block.odd_sizes[at]) << 16;
+}
+
+void take_odd_ask(BestOddLot& odd, const QuoteBlock* blocks, std::int32_t negated_cents) {
+    const std::size_t slot = first_slot(blocks, &QuoteBlock::odd_ask, negated_cents);
+    const QuoteBlock& block = blocks[slot / QuoteBlock::centres];
+    const std::size_t at = slot % QuoteBlock::centres;
+    odd.ask = -negated_cents * cent;
+    odd.ask_mc = block.mc[at];
+    odd.sizes |= block.odd_sizes[QuoteBlock::centres + at];
+}
+
+bool is_outside_band(const Instrument& instrument, const Nbbo& nbbo) {
+    return nbbo.bid > instrument.luld_upper || (nbbo.ask != 0 && nbbo.ask < instrument.luld_lower);
+}
+
+// Total size and centre at the best prices of both sides, which the NBBO has already.
+[[gnu::always_inline]] inline void gather_sizes(Nbbo& nbbo, const QuoteBlock* blocks, std::size_t count,
+                                                __m128 bid, __m128 ask) {
+    __m128i totals = _mm_setzero_si128();
+    __m128i largest = _mm_setzero_si128();
+    for (std::size_t at = 0; at < count; ++at) {
+        const __m128i at_best =
+            _mm_and_si128(match(load_prices(blocks[at].bid), bid, load_prices(blocks[at].ask), ask),
+                          load_bytes(blocks[at].lots));
+        totals = _mm_add_epi64(totals, _mm_sad_epu8(at_best, _mm_setzero_si128()));
+        largest = _mm_max_epu8(largest, at_best);
+    }
+    largest = highest_of_halves(largest);
+    std::uint64_t bid_slots = 0;
+    std::uint64_t ask_slots = 0;
+    for (std::size_t at = 0; at < count; ++at) {
+        const __m128i at_best =
+            _mm_and_si128(match(load_prices(blocks[at].bid), bid, load_prices(blocks[at].ask), ask),
+                          load_bytes(blocks[at].lots));
+        const auto slots = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(at_best, largest)));
+        bid_slots |= static_cast<std::uint64_t>(slots & 0xFFu) << (at * QuoteBlock::centres);
+        ask_slots |= static_cast<std::uint64_t>(slots >> 8) << (at * QuoteBlock::centres);
+    }
+    if (nbbo.bid != 0) [[likely]] {
+        nbbo.bid_size = static_cast<std::uint32_t>(_mm_cvtsi128_si32(totals)) * lot_shares;
+        nbbo.bid_mc = name_centre(blocks, bid_slots);
+    }
+    if (nbbo.ask != 0) [[likely]] {
+        nbbo.ask_size = static_cast<std::uint32_t>(_mm_extract_epi16(totals, 4)) * lot_shares;
+        nbbo.ask_mc = name_centre(blocks, ask_slots);
+    }
+}
+
+// The search over count blocks; always inline, so that a constant count leaves no loops.
+[[gnu::always_inline]] inline BestQuotes search_blocks(const Instrument& instrument, const QuoteBlock* blocks,
+                                                       std::size_t count) {
+    __m128 bids = _mm_set1_ps(never_cents);
+    __m128 asks = bids;
+    __m128 odd_bids = bids;
+    __m128 odd_asks = bids;
+    unsigned inexact = 0;
+    for (std::size_t at = 0; at < count; ++at) {
+        bids = _mm_max_ps(bids, higher_of_pairs(load_prices(blocks[at].bid)));
+        asks = _mm_max_ps(asks, higher_of_pairs(load_prices(blocks[at].ask)));
+        odd_bids = _mm_max_ps(odd_bids, higher_of_pairs(load_prices(blocks[at].odd_bid)));
+        odd_asks = _mm_max_ps(odd_asks, higher_of_pairs(load_prices(blocks[at].odd_ask)));
+        inexact |= blocks[at].inexact;
+    }
+    // Four lanes: best bid and ask, best odd-lot bid and ask.
+    const __m128 full = pair_up(bids, asks);
+    const __m128 odd = pair_up(odd_bids, odd_asks);
+    const __m128 best = _mm_max_ps(_mm_movelh_ps(full, odd), _mm_movehl_ps(odd, full));
+    alignas(16) std::array<std::int32_t, 4> cents;
+    _mm_store_si128(reinterpret_cast<__m128i*>(cents.data()), _mm_cvttps_epi32(best));
+
+    BestQuotes found;
+    Nbbo& nbbo = found.nbbo;
+    nbbo.bid = cents[0] == no_cents ? 0 : cents[0] * cent;
+    nbbo.ask = cents[1] == no_cents ? 0 : -cents[1] * cent;
+    if (inexact != 0 || (has_active_band(instrument) && is_outside_band(instrument, nbbo))) [[unlikely]] {
+        // Quotes outside the band must be left out one by one.
+        return walk_quotes(instrument);
+    }
+    gather_sizes(nbbo, blocks, count, splat<0>(best), splat<1>(best));
+    // If any order is inside the NBBO, the best of all is; a side without an NBBO has every order inside.
+    const int inside = _mm_movemask_ps(_mm_cmpgt_ps(_mm_movehl_ps(best, best), best));
+    if ((inside & 1) != 0) {
+        take_odd_bid(found.odd_lot, blocks, cents[2]);
+    }
+    if ((inside & 2) != 0) {
+        take_odd_ask(found.odd_lot, blocks, cents[3]);
+    }
+    return found;
+}
+
+// What one side of a quote puts into the index.
+struct SideEntry {
+    float cents = never_cents;  // not negated
+    std::uint32_t lots = 0;
+    bool inexact = false;
+    bool unlisted = false;
+};
+
+[[gnu::always_inline]] inline SideEntry enter_side(bool present, bool eligible, std::int64_t price,
+                                                   std::uint32_t size) {
+    SideEntry entry;
+    if (!present || price < 1 || size == 0) {
+        return entry;
+    }
+    const std::int64_t cents = price / cent;
+    const std::uint32_t lots = size / lot_shares;
+    if (!eligible || lots == 0) {
+        entry.unlisted = true;
+    } else if (cents > quote_cents_indexed || lots > quote_lots_indexed || lots * lot_shares != size)
+        [[unlikely]] {
+        entry.inexact = true;
+    } else {
+        entry.cents = static_cast<float>(cents);
+        entry.lots = lots;
+    }
+    return entry;
+}
+
+bool is_exact(std::int64_t price) {
+    return price >= -quote_cents_indexed * cent && price <= quote_cents_indexed * cent;
+}
+
+void set_bit(std::uint8_t& bits, std::size_t at, bool value) {
+    bits = static_cast<std::uint8_t>((bits & ~(1u << at)) | (value ? 1u : 0u) << at);
+}
+
 }  // namespace
 
-BestOddLot indexed_best_odd_lot(const Instrument& instrument, const QuoteBlock* blocks, const Nbbo& nbbo) {
-    const std::size_t count = quote_blocks(instrument.quote_slots);
-    __m128d bids = _mm_set1_pd(never_bid);
-    __m128d asks = _mm_set1_pd(never_ask);
-    for (std::size_t block = 0; block < count; ++block) {
-#pragma GCC unroll 4
-        for (std::size_t pair = 0; pair < pairs_per_block; ++pair) {
-            bids = _mm_max_pd(bids, load(blocks[block].odd_bid, pair));
-            asks = _mm_min_pd(asks, load(blocks[block].odd_ask, pair));
-        }
+QuoteBlock empty_quote_block() {
+    QuoteBlock block{};
+    block.bid.fill(never_cents);
+    block.ask.fill(never_cents);
+    block.odd_bid.fill(never_cents);
+    block.odd_ask.fill(never_cents);
+    block.mc.fill(' ');
+    return block;
+}
+
+void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t slot) {
+    QuoteBlock& block = blocks[slot / QuoteBlock::centres];
+    const std::size_t at = slot % QuoteBlock::centres;
+    const bool eligible = is_eligible_condition(quote.condition);
+    const SideEntry bid = enter_side(quote.present, eligible, quote.bid, quote.bid_size);
+    const SideEntry ask = enter_side(quote.present, eligible, quote.ask, quote.ask_size);
+    block.bid[at] = bid.cents;
+    block.ask[at] = ask.lots != 0 ? -ask.cents : never_cents;
+    block.lots[at] = static_cast<std::uint8_t>(bid.lots);
+    block.lots[QuoteBlock::centres + at] = static_cast<std::uint8_t>(ask.lots);
+    block.mc[at] = quote.mc;
+    block.time[at] = quote.time;
+    block.odd_bid[at] = never_cents;
+    block.odd_ask[at] = never_cents;
+    bool inexact = bid.inexact || ask.inexact;
+    if (quote.has_odd_lots) {
+        inexact = inexact || !is_exact(quote.odd_bid) || !is_exact(quote.odd_ask);
+        block.odd_bid[at] = static_cast<float>(quote.odd_bid / cent);
+        block.odd_ask[at] = static_cast<float>(-(quote.odd_ask / cent));
+        block.odd_sizes[at] = quote.odd_bid_size;
+        block.odd_sizes[QuoteBlock::centres + at] = quote.odd_ask_size;
     }
-    // If any order is inside the NBBO, the best of all is; of equal ones the first letter's is taken.
-    const double best_bid = highest_of(bids);
-    const double best_ask = lowest_of(asks);
-    const bool has_bid = nbbo.bid != 0 ? best_bid > static_cast<double>(nbbo.bid) : best_bid != never_bid;
-    const bool has_ask = nbbo.ask != 0 ? best_ask < static_cast<double>(nbbo.ask) : best_ask != never_ask;
-    BestOddLot best;
-    if (has_bid) {
-        const ParticipantQuote& quote = instrument.quotes[first_slot(blocks, &QuoteBlock::odd_bid, best_bid)];
-        best.bid = quote.odd_bid;
-        best.sizes = static_cast<std::uint32_t>(quote.odd_bid_size) << 16;
-        best.bid_mc = quote.mc;
+    const bool unlisted = bid.unlisted || ask.unlisted;
+    if (inexact || unlisted || (block.inexact | block.unlisted) != 0) [[unlikely]] {
+        set_bit(block.inexact, at, inexact);
+        set_bit(block.unlisted, at, unlisted);
     }
-    if (has_ask) {
-        const ParticipantQuote& quote = instrument.quotes[first_slot(blocks, &QuoteBlock::odd_ask, best_ask)];
-        best.ask = quote.odd_ask;
-        best.sizes |= quote.odd_ask_size;
-        best.ask_mc = quote.mc;
+}
+
+BestQuotes find_best_quotes(const Instrument& instrument) {
+    if (instrument.quote_slots <= QuoteBlock::centres && instrument.quote_slots != 0) [[likely]] {
+        return search_blocks(instrument, instrument.blocks, 1);
     }
-    return best;
+    if (instrument.quote_slots > indexed_slots_max) {
+        return walk_quotes(instrument);
+    }
+    return search_blocks(instrument, instrument.blocks, quote_blocks(instrument.quote_slots));
 }
 
 }  // namespace tessel

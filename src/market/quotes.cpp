@@ -167,6 +167,14 @@ char choose_form(const Instrument& instrument, const ParticipantQuote& quote, Qu
     return 'D';
 }
 
+// A print may follow, at one of the NBBO's two centres: its statistics are asked for ahead.
+void prefetch_statistics(const SipEngine& engine, const Instrument& instrument, char mc) {
+    const std::int16_t slot = engine.trade_slot[static_cast<unsigned char>(mc)];
+    if (slot >= 0) [[likely]] {
+        __builtin_prefetch(instrument.trade_stats + slot, 1);
+    }
+}
+
 // The firm's own quote behind an ADF quote, a cent away on each side.
 void publish_mpid_quote(SipEngine& engine, const Instrument& instrument, const ParticipantQuote& quote) {
     QuoteRecord record;
@@ -206,6 +214,9 @@ void update_participant_quote(SipEngine& engine, Instrument& instrument, std::ui
     const std::int64_t above = uniform_int(rng, 1, spread_cents_max);
     const std::int64_t bid_lots = uniform_int(rng, 1, quote_lots_max);
     const std::int64_t ask_lots = uniform_int(rng, 1, quote_lots_max);
+    // Every field is written, the centre too, so that none has to be waited for: the line is in nobody's
+    // cache.
+    quote.mc = engine.slot_letters[slot];
     quote.quoted = true;
     quote.present = true;
     quote.time = now_ns;
@@ -227,8 +238,9 @@ void update_participant_quote(SipEngine& engine, Instrument& instrument, std::ui
     publish_quote(engine, instrument, quote, ' ', now_ns);
 }
 
-void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& quote, char sip_flag,
-                   std::uint64_t now_ns) {
+// Flattened, the truth line and the publisher included: the calls on the way of a quote would cost 4 % of it.
+[[gnu::flatten]] void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& quote,
+                                    char sip_flag, std::uint64_t now_ns) {
     FeedStats& stats = engine.scenario->stats;
     // The engine's record is used again and again: what is not set here keeps its first value, or is read
     // only when an indicator asks for it.
@@ -246,14 +258,16 @@ void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& 
     record.luld_bbo = luld_bbo_indicator(instrument, quote.bid, quote.ask);
 
     index_quote(quote, instrument.blocks, static_cast<std::size_t>(&quote - instrument.quotes));
-    const Nbbo nbbo = indexed_nbbo(instrument, instrument.blocks);
+    const BestQuotes best = find_best_quotes(instrument);
+    const Nbbo& nbbo = best.nbbo;
     record.nbbo_ind = refresh_nbbo(engine, instrument, quote, nbbo);
+    prefetch_statistics(engine, instrument, nbbo.bid_mc);
+    prefetch_statistics(engine, instrument, nbbo.ask_mc);
     fill_nbbo(record, nbbo);
     record.luld_nbbo = luld_nbbo_indicator(instrument, nbbo);
-    const BestOddLot best = indexed_best_odd_lot(instrument, instrument.blocks, nbbo);
-    record.odd_best_ind = refresh_best_odd_lot(instrument, best);
+    record.odd_best_ind = refresh_best_odd_lot(instrument, best.odd_lot);
     if (record.odd_best_ind > '1') {
-        fill_best_odd_lot(record, best);
+        fill_best_odd_lot(record, best.odd_lot);
     }
     OddLotQuote odd_lots[2];
     record.odd_lots = odd_lots;

@@ -41,6 +41,7 @@ void assign_slots(SipEngine& engine) {
             instrument.trade_stats[slot].market_center = trading[slot];
         }
     }
+    engine.slot_letters = quoting;
     engine.participant_slots.clear();
     for (const char letter : engine.participants) {
         engine.participant_slots.push_back(static_cast<std::uint16_t>(quoting.find(letter)));

@@ -40,6 +40,7 @@ struct SipEngine {
     QuoteRecord quote_record;  // every quote's, kept so that what never changes is set once
 
     std::vector<std::uint16_t> participant_slots;  // quote slot of each character of participants
+    std::string slot_letters;                      // the centre of each quote slot
     std::array<std::int16_t, 256> trade_slot{};    // trade statistics slot of a market centre, -1: none
     std::vector<ParticipantQuote, HugePageAllocator<ParticipantQuote>> quotes;
     std::vector<QuoteBlock, HugePageAllocator<QuoteBlock>> quote_blocks;  // the quotes' index

@@ -73,27 +73,22 @@ void renew_band(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns,
 }
 
 // Asks for what the step of an instrument will touch, some way ahead of it: with thousands of instruments
-// none of it is in the cache any more, and the processor cannot guess the stride across three arrays.
+// none of it is in the cache any more, and the processor cannot guess the stride across two arrays.
 void prefetch_instrument(const Instrument& instrument) {
     constexpr std::size_t line = 64;
+    constexpr std::size_t touched_lines = 5;  // of a record
     const auto* const record = reinterpret_cast<const char*>(&instrument);
-    for (std::size_t at = 0; at < 4; ++at) {
+    for (std::size_t at = 0; at < touched_lines; ++at) {
         __builtin_prefetch(record + at * line, 1);
     }
 }
 
-void prefetch_quotes(const Instrument& instrument) {
+void prefetch_index(const Instrument& instrument) {
     constexpr std::size_t line = 64;
     const auto* const block = reinterpret_cast<const char*>(instrument.blocks);
     // Without participants there is no block.
     for (std::size_t at = 0; block != nullptr && at < sizeof(QuoteBlock) / line; ++at) {
         __builtin_prefetch(block + at * line, 1);
-    }
-    for (std::size_t slot = 0; slot < instrument.quote_slots && slot < QuoteBlock::centres; ++slot) {
-        __builtin_prefetch(instrument.quotes + slot, 1);
-    }
-    if (!instrument.trades.empty()) {
-        __builtin_prefetch(&instrument.trades.back(), 1);
     }
 }
 
@@ -130,7 +125,10 @@ void tick(SipEngine& engine, std::uint64_t now_ms) {
             prefetch_instrument(engine.instruments[at + 2]);
         }
         if (at + 1 < count) {
-            prefetch_quotes(engine.instruments[at + 1]);
+            prefetch_index(engine.instruments[at + 1]);
+            if (engine.truth.good) {
+                __builtin_prefetch(engine.instruments[at + 1].truth_head.data());
+            }
         }
         step_instrument(engine, engine.instruments[at], deviates, now_ns, now_ms, at == 0);
     }

@@ -78,9 +78,11 @@ void revise_after_trade(SipEngine& engine, Instrument& instrument, std::uint64_t
 
 }  // namespace
 
-void record_trade(SipEngine& engine, Instrument& instrument, char market_center, char sub_market_center,
-                  std::int64_t price, std::uint64_t shares, const char* conditions, char trade_through_exempt,
-                  std::uint64_t participant_time, TradeKind kind) {
+// Flattened as publish_quote is.
+[[gnu::flatten]] void record_trade(SipEngine& engine, Instrument& instrument, char market_center,
+                                   char sub_market_center, std::int64_t price, std::uint64_t shares,
+                                   const char* conditions, char trade_through_exempt,
+                                   std::uint64_t participant_time, TradeKind kind) {
     FeedStats& counters = engine.scenario->stats;
     const std::int16_t slot = engine.trade_slot[static_cast<unsigned char>(market_center)];
     ParticipantTradeStats* const stats = slot < 0 ? nullptr : instrument.trade_stats + slot;

@@ -24,9 +24,7 @@ char* put_text(char* out, std::string_view text) {
     return out + text.size();
 }
 
-char* put_levels(char* out, const Instrument& instrument, char side) {
-    PriceLevels levels;
-    build_levels(instrument, side, book_levels_max, levels);
+char* put_levels(char* out, const PriceLevels& levels) {
     for (std::size_t at = 0; at < levels.count; ++at) {
         if (at != 0) {
             *out++ = ',';
@@ -72,11 +70,14 @@ void replace_file(const std::string& path, const std::string& text) {
 void append_book_member(std::string& text, const Instrument& instrument) {
     text += '"';
     text += instrument.symbol;
+    PriceLevels bids;
+    PriceLevels asks;
+    list_levels(instrument, book_levels_max, bids, asks);
     std::array<char, member_bytes_max> member;
     char* out = put_text(member.data(), "\":{\"bid\":[");
-    out = put_levels(out, instrument, 'B');
+    out = put_levels(out, bids);
     out = put_text(out, "],\"ask\":[");
-    out = put_levels(out, instrument, 'A');
+    out = put_levels(out, asks);
     out = put_text(out, "],\"last\":");
     out = put_price_general(out, instrument.last_trade_price);
     out = put_text(out, ",\"volume\":");

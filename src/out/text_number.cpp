@@ -20,6 +20,12 @@ constexpr std::array<char, 200> make_pairs() {
 
 constexpr std::array<char, 200> pairs = make_pairs();
 
+std::uint32_t pair_of(std::uint64_t value) {
+    std::uint16_t pair;
+    std::memcpy(&pair, pairs.data() + 2 * value, sizeof pair);
+    return pair;
+}
+
 char* put_pair(char* out, std::uint64_t value) {
     std::memcpy(out, pairs.data() + 2 * value, 2);
     return out + 2;
@@ -28,8 +34,7 @@ char* put_pair(char* out, std::uint64_t value) {
 // Four digits in a register, the leading zeros shifted out: sizes have three digits or four by chance, and a
 // branch would be wrong half the time. Four bytes are always written.
 char* put_up_to_four(char* out, std::uint64_t value) {
-    std::uint32_t digits;
-    put_pair(put_pair(reinterpret_cast<char*>(&digits), value / 100), value % 100);
+    std::uint32_t digits = pair_of(value / 100) | pair_of(value % 100) << 16;
     const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
     digits >>= 8 * zeros;
     std::memcpy(out, &digits, sizeof digits);
@@ -37,7 +42,6 @@ char* put_up_to_four(char* out, std::uint64_t value) {
 }
 
 constexpr std::uint64_t millionths_per_cent = 10'000;
-constexpr std::uint64_t millionths_per_dollar = 1'000'000;
 
 }  // namespace
 
@@ -77,27 +81,26 @@ char* put_signed(char* out, std::int64_t value) {
     return put_unsigned(out, static_cast<std::uint64_t>(value));
 }
 
+char* put_large_cents4(char* out, std::uint64_t cents) {
+    out = put_unsigned(out, cents / 100);
+    *out = '.';
+    std::memcpy(out + 1, &cents_texts[cents % 100], sizeof(ShortText));
+    return out + 1 + cents_text_bytes;
+}
+
 char* put_price4(char* out, std::int64_t price) {
     std::uint64_t magnitude = static_cast<std::uint64_t>(price);
     if (price < 0) {
         *out++ = '-';
         magnitude = 0 - magnitude;
     }
-    const std::uint64_t cents = magnitude / millionths_per_cent;
-    out = put_unsigned(out, cents / 100);
-    *out = '.';
-    put_pair(out + 1, cents % 100);
-    out[3] = '0';
-    out[4] = '0';
-    return out + 5;
+    return put_cents4(out, magnitude / millionths_per_cent) - 1;
 }
 
-void keep_dollars(DollarText& kept, std::int64_t price) {
-    const std::uint64_t dollars = static_cast<std::uint64_t>(price) / millionths_per_dollar;
-    char* const end = put_unsigned(kept.text.data(), dollars);
-    *end = '.';
-    kept.length = static_cast<std::size_t>(end + 1 - kept.text.data());
-    kept.first = dollars * millionths_per_dollar;
+void keep_tens(CountText& kept, std::uint64_t tens) {
+    char* const end = tens == 0 ? kept.text.data() : put_unsigned(kept.text.data(), tens);
+    kept.length = static_cast<std::size_t>(end - kept.text.data());
+    kept.tens = tens;
 }
 
 char* put_price_general(char* out, std::int64_t price) {

@@ -44,50 +44,90 @@ inline char* put_shares(char* out, std::uint64_t shares) {
     return out + lots_texts[lots].length;
 }
 
-// A price in millionths, whole cents, as dollars with four decimals: 190010000 is "190.0100".
-char* put_price4(char* out, std::int64_t price);
+// A text of at most seven bytes, first byte lowest, with its length in the highest one: a copy is one store
+// of eight bytes, of which the next text overwrites what is too much.
+using ShortText = std::uint64_t;
 
-// The same for many prices in a row, which mostly have their dollars in common: their text is kept from price
-// to price.
-struct DollarText {
-    std::uint64_t first = std::uint64_t{1} << 63;  // the lowest price with this text; out of reach: none yet
-    std::size_t length = 0;
-    std::array<char, 16> text{};  // dollars and point
-};
+constexpr ShortText append_letter(ShortText text, char letter) {
+    const std::uint64_t length = text >> 56;
+    return (text | static_cast<std::uint64_t>(static_cast<unsigned char>(letter)) << (8 * length)) +
+           (std::uint64_t{1} << 56);
+}
 
-// Keeps the text of a price of 0 or more.
-void keep_dollars(DollarText& kept, std::int64_t price);
+inline char* put_short_text(char* out, ShortText text) {
+    __builtin_memcpy(out, &text, sizeof text);
+    return out + (text >> 56);
+}
 
-// "0000", "0100" to "9900": the four decimals of each number of cents.
-using CentsText = std::array<char, 4>;
-
-constexpr std::array<CentsText, 100> make_cents_texts() {
-    std::array<CentsText, 100> texts{};
+// "0." to "999.": what most prices begin with.
+constexpr std::array<ShortText, 1000> make_dollars_texts() {
+    std::array<ShortText, 1000> texts{};
     for (std::size_t at = 0; at < texts.size(); ++at) {
-        texts[at] = {static_cast<char>('0' + at / 10), static_cast<char>('0' + at % 10), '0', '0'};
+        for (std::size_t scale = 100; scale != 0; scale /= 10) {
+            if (at >= scale || scale == 1) {
+                texts[at] = append_letter(texts[at], static_cast<char>('0' + at / scale % 10));
+            }
+        }
+        texts[at] = append_letter(texts[at], '.');
     }
     return texts;
 }
 
-inline constexpr std::array<CentsText, 100> cents_texts = make_cents_texts();
-
-inline char* put_price4(char* out, std::int64_t price, DollarText& kept) {
-    constexpr std::uint64_t millionths_per_cent = 10'000;
-    constexpr std::uint64_t millionths_per_dollar = 1'000'000;
-    // A price below the text's, a negative one too, turns into a very large rest.
-    std::uint64_t rest = static_cast<std::uint64_t>(price) - kept.first;
-    if (rest >= millionths_per_dollar) [[unlikely]] {
-        if (price < 0) {
-            return put_price4(out, price);
+// "0000," "0100," to "9900,": the four decimals of each number of cents, and a comma.
+constexpr std::array<ShortText, 100> make_cents_texts() {
+    std::array<ShortText, 100> texts{};
+    for (std::size_t at = 0; at < texts.size(); ++at) {
+        for (const char letter :
+             {static_cast<char>('0' + at / 10), static_cast<char>('0' + at % 10), '0', '0', ','}) {
+            texts[at] = append_letter(texts[at], letter);
         }
-        keep_dollars(kept, price);
-        rest = static_cast<std::uint64_t>(price) - kept.first;
     }
-    // All of it, always: a copy of a constant size is two instructions.
+    return texts;
+}
+
+inline constexpr std::array<ShortText, 1000> dollars_texts = make_dollars_texts();
+constexpr std::ptrdiff_t cents_text_bytes = 5;
+inline constexpr std::array<ShortText, 100> cents_texts = make_cents_texts();
+
+// As put_cents4, for prices of any size.
+char* put_large_cents4(char* out, std::uint64_t cents);
+
+// A price in cents as dollars with four decimals and a comma: 19001 is "190.0100,".
+inline char* put_cents4(char* out, std::uint64_t cents) {
+    if (cents >= 100 * dollars_texts.size()) [[unlikely]] {
+        return put_large_cents4(out, cents);
+    }
+    // In 32 bits a division by a constant is a multiplication and a shift.
+    const auto whole = static_cast<std::uint32_t>(cents);
+    const std::uint32_t dollars = whole / 100;
+    out = put_short_text(out, dollars_texts[dollars]);
+    __builtin_memcpy(out, &cents_texts[whole - dollars * 100], sizeof(ShortText));
+    return out + cents_text_bytes;
+}
+
+// A price in millionths, whole cents, as dollars with four decimals: 190010000 is "190.0100".
+char* put_price4(char* out, std::int64_t price);
+
+// The text of a number that mostly grows by one from use to use: what stands before its last digit.
+struct CountText {
+    std::uint64_t tens = 0;  // whose text this is; none for 0
+    std::size_t length = 0;
+    std::array<char, 24> text{};
+};
+
+// Makes the text that of this number.
+void keep_tens(CountText& kept, std::uint64_t tens);
+
+// As put_unsigned. The last digit is written behind the copy, not into the kept text: a copy of bytes of
+// which one has just been stored would have to wait for it.
+inline char* put_count(char* out, std::uint64_t value, CountText& kept) {
+    const std::uint64_t tens = value / 10;
+    if (tens != kept.tens) [[unlikely]] {
+        keep_tens(kept, tens);
+    }
     __builtin_memcpy(out, kept.text.data(), kept.text.size());
-    out += kept.length;
-    __builtin_memcpy(out, cents_texts[rest / millionths_per_cent].data(), sizeof(CentsText));
-    return out + sizeof(CentsText);
+    out[kept.length] = static_cast<char>('0' + (value - tens * 10));
+    return out + kept.length + 1;
 }
 
 // A price in millionths as dollars with up to six significant digits, no trailing zeros: "190.01", "1234.57",

@@ -6,6 +6,8 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <array>
+#include <bit>
 #include <cstring>
 
 namespace tessel {
@@ -56,36 +58,120 @@ void end_cut_line(TruthLog& truth, const char* end, std::size_t buffer_bytes) {
     end_line(truth, end < limit ? end : limit);
 }
 
-char* put_head(char* out, const Instrument& instrument, std::uint64_t sequence) {
+char* put_head(char* out, TruthLog& truth, const Instrument& instrument, std::uint64_t sequence) {
     out = put_text(out, "{\"seq\":");
-    out = put_unsigned(out, sequence);
-    return put_text(out, instrument.truth_head);
-}
-
-// "[190.0100,300],", its comma to be taken back behind the last level.
-char* put_level(char* out, const PriceLevel& level, DollarText& dollars) {
-    *out = '[';
-    out = put_price4(out + 1, level.price, dollars);
-    *out = ',';
-    out = put_shares(out + 1, level.size);
-    return put_text(out, "],");
-}
-
-char* put_levels(char* out, const Instrument& instrument, char side, DollarText& dollars) {
-    char* const start = out;
-    LevelBuckets buckets;
-    if (fill_buckets(instrument, side, buckets)) {
-        for (std::size_t left = truth_levels_max; left != 0 && buckets.used != 0; --left) {
-            out = put_level(out, take_level(buckets), dollars);
-        }
+    out = put_count(out, sequence, truth.sequence);
+    const std::string& head = instrument.truth_head;
+    if (instrument.truth_head_length <= truth_head_bytes) [[likely]] {
+        std::memcpy(out, head.data(), truth_head_bytes);
     } else {
-        PriceLevels levels;
-        build_levels(instrument, side, truth_levels_max, levels);
-        for (std::size_t at = 0; at < levels.count; ++at) {
-            out = put_level(out, levels.level[at], dollars);
+        std::memcpy(out, head.data(), instrument.truth_head_length);
+    }
+    return out + instrument.truth_head_length;
+}
+
+// "100],[" to "9600],[": a level's lots with what leads to the next level.
+constexpr std::array<ShortText, level_lots_max + 1> make_lots_endings() {
+    static_assert(level_lots_max < 100);
+    std::array<ShortText, level_lots_max + 1> endings{};
+    for (std::size_t lots = 0; lots < endings.size(); ++lots) {
+        if (lots >= 10) {
+            endings[lots] = append_letter(endings[lots], static_cast<char>('0' + lots / 10));
+        }
+        for (const char letter : {static_cast<char>('0' + lots % 10), '0', '0', ']', ',', '['}) {
+            endings[lots] = append_letter(endings[lots], letter);
         }
     }
-    return out == start ? out : out - 1;
+    return endings;
+}
+
+constexpr std::array<ShortText, level_lots_max + 1> lots_endings = make_lots_endings();
+
+// Levels end with what leads to the next one, "],[", of which this much is taken back behind the last.
+constexpr std::ptrdiff_t leading_bytes = 2;
+constexpr std::ptrdiff_t level_ending_bytes = 3;
+
+// Where one side's levels stand, each with what leads to the next behind it.
+struct LevelsText {
+    char* start;
+    char* first_end;  // of the first level; start when there is none
+    char* end;
+};
+
+char* put_level(char* out, std::int64_t cents, std::uint8_t lots) {
+    return put_short_text(put_cents4(out, static_cast<std::uint64_t>(cents)), lots_endings[lots]);
+}
+
+// "190.0100,300],[190.0000,500],[", best first; step is from bucket to bucket, in cents.
+LevelsText put_bucket_levels(char* out, const LevelBuckets& side, std::int64_t step) {
+    static_assert(QuoteBlock::centres <= truth_levels_max);
+    if (side.used == 0) {
+        return {out, out, out};
+    }
+    char* const first_end = put_level(out, side.best, side.lots[0]);
+    char* end = first_end;
+    for (std::uint64_t used = side.used & (side.used - 1); used != 0; used &= used - 1) {
+        const int bucket = std::countr_zero(used);
+        end = put_level(end, side.best + step * bucket, side.lots[static_cast<std::size_t>(bucket)]);
+    }
+    return {out, first_end, end};
+}
+
+// The same for any prices and sizes.
+LevelsText put_any_levels(char* out, const Instrument& instrument, char side) {
+    PriceLevels levels;
+    build_levels(instrument, side, truth_levels_max, levels);
+    LevelsText text{out, out, out};
+    for (std::size_t at = 0; at < levels.count; ++at) {
+        text.end = put_char(put_price4(text.end, levels.level[at].price), ',');
+        text.end = put_unsigned(text.end, levels.level[at].size);
+        text.end = put_text(text.end, "],[");
+        text.first_end = at == 0 ? text.end : text.first_end;
+    }
+    return text;
+}
+
+// Behind the last level, without what would lead to a next one.
+char* end_levels(const LevelsText& text) {
+    return text.end - (text.end == text.start ? 1 : leading_bytes);
+}
+
+// The national best of a side, "190.0100,300": mostly the first level.
+char* put_best(char* out, const LevelsText& levels, bool is_first_level, std::int64_t price,
+               std::uint32_t shares) {
+    constexpr std::ptrdiff_t copied = 32;
+    const std::ptrdiff_t length = levels.first_end - levels.start - level_ending_bytes;
+    if (is_first_level && length <= copied) [[likely]] {
+        std::memcpy(out, levels.start, copied);
+        return out + length;
+    }
+    out = put_char(put_price4(out, price), ',');
+    return put_shares(out, shares);
+}
+
+bool is_first_level(const LevelBuckets& side, std::int64_t price, std::uint32_t shares) {
+    return side.used != 0 && side.best * cent == price && side.lots[0] * 100u == shares;
+}
+
+// Both sides' levels and the NBBO: what changes with every quote.
+char* put_market(char* out, const Instrument& instrument) {
+    LevelBuckets bid_buckets;
+    LevelBuckets ask_buckets;
+    const bool bucketed = fill_level_buckets(instrument, bid_buckets, ask_buckets);
+    out = put_text(out, ",\"bid\":[[");
+    const LevelsText bids =
+        bucketed ? put_bucket_levels(out, bid_buckets, -1) : put_any_levels(out, instrument, 'B');
+    out = put_text(end_levels(bids), "],\"ask\":[[");
+    const LevelsText asks =
+        bucketed ? put_bucket_levels(out, ask_buckets, 1) : put_any_levels(out, instrument, 'A');
+    out = put_text(end_levels(asks), "],\"nbbo\":[");
+    const bool first_bid =
+        bucketed && is_first_level(bid_buckets, instrument.nbbo_bid, instrument.nbbo_bid_size);
+    out = put_best(out, bids, first_bid, instrument.nbbo_bid, instrument.nbbo_bid_size);
+    out = put_char(out, ',');
+    const bool first_ask =
+        bucketed && is_first_level(ask_buckets, instrument.nbbo_ask, instrument.nbbo_ask_size);
+    return put_best(out, asks, first_ask, instrument.nbbo_ask, instrument.nbbo_ask_size);
 }
 
 // The band's member with what leads to the next: made anew when its prices are not the line's before.
@@ -124,20 +210,9 @@ void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64
     if (!truth.good) {
         return;
     }
-    char* out = begin_line(truth, instrument.truth_head.size() + extra.size());
-    out = put_head(out, instrument, sequence);
-    out = put_text(out, ",\"bid\":[");
-    out = put_levels(out, instrument, 'B', truth.bid_dollars);
-    out = put_text(out, "],\"ask\":[");
-    out = put_levels(out, instrument, 'A', truth.ask_dollars);
-    out = put_text(out, "],\"nbbo\":[");
-    out = put_price4(out, instrument.nbbo_bid, truth.bid_dollars);
-    out = put_char(out, ',');
-    out = put_shares(out, instrument.nbbo_bid_size);
-    out = put_char(out, ',');
-    out = put_price4(out, instrument.nbbo_ask, truth.ask_dollars);
-    out = put_char(out, ',');
-    out = put_shares(out, instrument.nbbo_ask_size);
+    char* out = begin_line(truth, instrument.truth_head_length + extra.size());
+    out = put_head(out, truth, instrument, sequence);
+    out = put_market(out, instrument);
     if (has_active_band(instrument)) {
         out = put_band(out, truth, instrument);
     }
@@ -155,8 +230,8 @@ void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64
     if (!truth.good) {
         return;
     }
-    char* out = begin_line(truth, instrument.truth_head.size());
-    out = put_head(out, instrument, sequence);
+    char* out = begin_line(truth, instrument.truth_head_length);
+    out = put_head(out, truth, instrument, sequence);
     out = put_text(out, ",\"trade\":[");
     out = put_price4(out, price);
     out = put_char(out, ',');
@@ -179,8 +254,8 @@ void write_cancel_line(TruthLog& truth, const Instrument& instrument, std::uint6
     if (!truth.good) {
         return;
     }
-    char* out = begin_line(truth, instrument.truth_head.size());
-    out = put_head(out, instrument, sequence);
+    char* out = begin_line(truth, instrument.truth_head_length);
+    out = put_head(out, truth, instrument, sequence);
     out = put_text(out, ",\"cancel_error\":[");
     out = put_unsigned(out, trade_id);
     out = put_char(out, ',');
@@ -201,8 +276,8 @@ void write_correction_line(TruthLog& truth, const Instrument& instrument, std::u
     if (!truth.good) {
         return;
     }
-    char* out = begin_line(truth, instrument.truth_head.size());
-    out = put_head(out, instrument, sequence);
+    char* out = begin_line(truth, instrument.truth_head_length);
+    out = put_head(out, truth, instrument, sequence);
     out = put_text(out, ",\"correction\":[");
     out = put_unsigned(out, old_id);
     out = put_char(out, ',');
@@ -222,8 +297,8 @@ void write_as_of_line(TruthLog& truth, const Instrument& instrument, std::uint64
     if (!truth.good) {
         return;
     }
-    char* out = begin_line(truth, instrument.truth_head.size());
-    out = put_head(out, instrument, sequence);
+    char* out = begin_line(truth, instrument.truth_head_length);
+    out = put_head(out, truth, instrument, sequence);
     out = put_text(out, ",\"asof\":[");
     out = put_price_general(out, price);
     out = put_text(out, ",300,\"D\",\"@   \"]}\n");

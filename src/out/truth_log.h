@@ -36,10 +36,8 @@ struct TruthLog {
     int fd = -1;
     bool good = false;
     std::vector<char> line;  // reused for every line
-    // Texts kept from line to line, since an instrument's quotes mostly come in twos and threes. The sides
-    // have one each: bids and asks often lie on the two sides of a dollar.
-    DollarText bid_dollars;
-    DollarText ask_dollars;
+    // Texts kept from line to line, since an instrument's quotes mostly come in twos and threes.
+    CountText sequence;
     BandText band;
 };
 

@@ -270,7 +270,6 @@ TEST(BuildLevels, LargeSizes_AddUp) {
 
 TEST(BuildLevels, Seed4_RandomBooksOfUpTo60Centres_EqualAMapOfSizes) {
     std::mt19937_64 raw(4);
-    int bucketed = 0;
     for (int round = 0; round < 4'000; ++round) {
         Book book(round % 4 == 0 ? 60 : 1 + raw() % 12);
         scramble(book, raw);
@@ -281,45 +280,12 @@ TEST(BuildLevels, Seed4_RandomBooksOfUpTo60Centres_EqualAMapOfSizes) {
                          static_cast<std::int64_t>(raw() % 2) * away * cent;
             quote.ask += static_cast<std::int64_t>(raw() % 2) * away * cent;
         }
-        // Whatever NBBO stands there only decides how the levels are found.
-        const Nbbo nbbo = compute_nbbo(book.instrument);
-        const auto off = static_cast<std::int64_t>(raw() % 80) * (round % 2) * cent;
-        book.instrument.nbbo_bid = round % 5 == 0 ? 0 : nbbo.bid - off;
-        book.instrument.nbbo_ask = round % 5 == 0 ? 0 : nbbo.ask + off;
         for (const char side : {'B', 'A'}) {
-            LevelBuckets buckets;
-            bucketed += fill_buckets(book.instrument, side, buckets) ? 1 : 0;
             for (const std::size_t most : {std::size_t{1}, book_levels_max, truth_levels_max}) {
                 ASSERT_EQ(levels_of(book.instrument, side, most), naive_levels(book.instrument, side, most))
                     << "round " << round << " side " << side << " most " << most;
             }
         }
-    }
-    EXPECT_GT(bucketed, 2'000);
-    EXPECT_LT(bucketed, 7'000);
-}
-
-TEST(FillBuckets, QuotesBetterThanTheNbbo_StandBeforeIt) {
-    Book book(3);
-    book.set_bid(0, 1'000, 100);
-    book.set_bid(1, 1'016, 200);
-    book.set_bid(2, 953, 300);
-    book.instrument.nbbo_bid = 1'000 * cent;
-    LevelBuckets buckets;
-    ASSERT_TRUE(fill_buckets(book.instrument, 'B', buckets));
-    EXPECT_EQ(take_level(buckets).price, 1'016 * cent);
-    EXPECT_EQ(take_level(buckets).price, 1'000 * cent);
-    EXPECT_EQ(take_level(buckets).size, 300u);
-    EXPECT_EQ(buckets.used, 0u);
-}
-
-TEST(FillBuckets, QuoteTooFarFromTheNbbo_HasNoBucket) {
-    for (const std::int64_t cents : {std::int64_t{1'017}, std::int64_t{952}, price_cents_max}) {
-        Book book(1);
-        book.set_bid(0, cents, 100);
-        book.instrument.nbbo_bid = 1'000 * cent;
-        LevelBuckets buckets;
-        EXPECT_FALSE(fill_buckets(book.instrument, 'B', buckets)) << cents;
     }
 }
 

@@ -50,9 +50,44 @@ void draw_quote(Random& rng, ParticipantQuote& quote) {
     quote.time = static_cast<std::uint64_t>(uniform_int(rng, 0, 2));
     quote.has_odd_lots = uniform_int(rng, 0, 2) == 0;
     quote.odd_bid = uniform_int(rng, 0, 5) * cent;
-    quote.odd_ask = uniform_int(rng, 0, 5) * cent;
+    quote.odd_ask = uniform_int(rng, -1, 5) * cent;
+    // Now and then what the index has no place for.
+    const std::int64_t strange = uniform_int(rng, 0, 60);
+    if (strange == 0) {
+        quote.bid = ((1 << 24) + uniform_int(rng, 0, 1)) * cent;
+    } else if (strange == 1) {
+        quote.ask_size =
+            static_cast<std::uint32_t>(uniform_int(rng, 12, 13)) * 100 + 50 * (quote.present ? 1 : 0);
+    } else if (strange == 2) {
+        quote.odd_ask = price_cents_max * cent;
+    }
     quote.odd_bid_size = static_cast<std::uint8_t>(uniform_int(rng, 1, 99));
     quote.odd_ask_size = static_cast<std::uint8_t>(uniform_int(rng, 1, 99));
+}
+
+std::string show(const PriceLevels& levels) {
+    std::string text;
+    for (std::size_t at = 0; at < levels.count; ++at) {
+        text += std::to_string(levels.level[at].price) + "x" + std::to_string(levels.level[at].size) + " ";
+    }
+    return text;
+}
+
+// Both sides' levels as build_levels has them; counts how often they came from the index.
+void compare_levels(const Instrument& instrument, int& indexed) {
+    LevelBuckets unused_bids;
+    LevelBuckets unused_asks;
+    indexed += fill_level_buckets(instrument, unused_bids, unused_asks) ? 1 : 0;
+    for (const std::size_t most : {std::size_t{1}, book_levels_max, truth_levels_max}) {
+        PriceLevels bids;
+        PriceLevels asks;
+        list_levels(instrument, most, bids, asks);
+        PriceLevels expected;
+        build_levels(instrument, 'B', most, expected);
+        ASSERT_EQ(show(bids), show(expected));
+        build_levels(instrument, 'A', most, expected);
+        ASSERT_EQ(show(asks), show(expected));
+    }
 }
 
 // Quotes change one at a time, as they do in a market; after each the index must say what the quotes say.
@@ -72,12 +107,15 @@ void compare_many(const std::string& participants, bool banded, std::uint64_t se
         draw_quote(rng, instrument.quotes[slot]);
         index_quote(instrument.quotes[slot], instrument.blocks, slot);
         const Nbbo walked = compute_nbbo(instrument);
-        ASSERT_EQ(as_tuple(indexed_nbbo(instrument, instrument.blocks)), as_tuple(walked)) << "step " << step;
-        const BestOddLot indexed = indexed_best_odd_lot(instrument, instrument.blocks, walked);
+        const BestQuotes best = find_best_quotes(instrument);
+        ASSERT_EQ(as_tuple(best.nbbo), as_tuple(walked)) << "step " << step;
+        const BestOddLot& indexed = best.odd_lot;
         const BestOddLot expected = walk_odd_lots(instrument, walked);
         ASSERT_EQ(std::tuple(indexed.bid, indexed.ask, indexed.sizes, indexed.bid_mc, indexed.ask_mc),
                   std::tuple(expected.bid, expected.ask, expected.sizes, expected.bid_mc, expected.ask_mc))
             << "step " << step;
+        int indexed_levels = 0;
+        compare_levels(instrument, indexed_levels);
     }
 }
 
@@ -105,9 +143,9 @@ TEST(QuoteIndex, MoreCentresThanBitsInAWord_AgreesWithAWalkThroughTheQuotes) {
 
 TEST(QuoteIndex, NoCentres_HasNoNbbo) {
     TestMarket market({.symbols = "A:1", .participants = "", .truth = false});
-    const Nbbo nbbo = indexed_nbbo(market.at(0), market.at(0).blocks);
-    EXPECT_EQ(as_tuple(nbbo), as_tuple(Nbbo{}));
-    EXPECT_EQ(indexed_best_odd_lot(market.at(0), market.at(0).blocks, nbbo).sizes, 0u);
+    const BestQuotes best = find_best_quotes(market.at(0));
+    EXPECT_EQ(as_tuple(best.nbbo), as_tuple(Nbbo{}));
+    EXPECT_EQ(best.odd_lot.sizes, 0u);
 }
 
 TEST(QuoteIndex, LargestPossiblePrice_IsKeptToTheCent) {
@@ -121,9 +159,80 @@ TEST(QuoteIndex, LargestPossiblePrice_IsKeptToTheCent) {
     quote.bid_size = 100;
     quote.ask_size = 800;
     index_quote(quote, instrument.blocks, 0);
-    const Nbbo nbbo = indexed_nbbo(instrument, instrument.blocks);
+    const Nbbo nbbo = find_best_quotes(instrument).nbbo;
     EXPECT_EQ(nbbo.bid, quote.bid);
     EXPECT_EQ(nbbo.ask, quote.ask);
+}
+
+// One centre's regular quote of these cents and lots.
+void set_quote(Instrument& instrument, std::size_t slot, std::int64_t bid, std::int64_t ask,
+               std::uint32_t lots) {
+    ParticipantQuote& quote = instrument.quotes[slot];
+    quote.present = true;
+    quote.condition = 'R';
+    quote.bid = bid * cent;
+    quote.ask = ask * cent;
+    quote.bid_size = lots * 100;
+    quote.ask_size = lots * 100;
+    index_quote(quote, instrument.blocks, slot);
+}
+
+TEST(LevelBuckets, DistancesFromTheBest_UpToTheLastBucket) {
+    TestMarket market({.symbols = "A:1", .participants = "ABC", .truth = false});
+    Instrument& instrument = market.at(0);
+    LevelBuckets bids;
+    LevelBuckets asks;
+    ASSERT_TRUE(fill_level_buckets(instrument, bids, asks));
+    EXPECT_EQ(bids.used, 0u);
+    EXPECT_EQ(asks.used, 0u);
+    set_quote(instrument, 0, 1'000, 1'010, 2);
+    set_quote(instrument, 1, 1'000, 1'073, 12);
+    set_quote(instrument, 2, 937, 1'012, 3);
+    ASSERT_TRUE(fill_level_buckets(instrument, bids, asks));
+    EXPECT_EQ(bids.best, 1'000);
+    EXPECT_EQ(bids.used, std::uint64_t{1} | std::uint64_t{1} << 63);
+    EXPECT_EQ(bids.lots[0], 14);
+    EXPECT_EQ(bids.lots[63], 3);
+    EXPECT_EQ(asks.best, 1'010);
+    EXPECT_EQ(asks.used, std::uint64_t{0b101} | std::uint64_t{1} << 63);
+    EXPECT_EQ(asks.lots[2], 3);
+    set_quote(instrument, 2, 936, 1'012, 3);  // a cent too far
+    EXPECT_FALSE(fill_level_buckets(instrument, bids, asks));
+}
+
+TEST(LevelBuckets, MoreLotsThanAByteCouldSum_OrPartsOfALot_AreNotTold) {
+    TestMarket market({.symbols = "A:1", .participants = "ABCDEFGH", .truth = false});
+    Instrument& instrument = market.at(0);
+    LevelBuckets bids;
+    LevelBuckets asks;
+    for (std::size_t slot = 0; slot < 8; ++slot) {
+        set_quote(instrument, slot, 100, 101, quote_lots_indexed);
+    }
+    ASSERT_TRUE(fill_level_buckets(instrument, bids, asks));
+    EXPECT_EQ(bids.lots[0], level_lots_max);
+    set_quote(instrument, 3, 100, 101, quote_lots_indexed + 1);
+    EXPECT_FALSE(fill_level_buckets(instrument, bids, asks));
+    set_quote(instrument, 3, 100, 101, 1);
+    ASSERT_TRUE(fill_level_buckets(instrument, bids, asks));
+    instrument.quotes[3].bid_size = 150;
+    index_quote(instrument.quotes[3], instrument.blocks, 3);
+    EXPECT_FALSE(fill_level_buckets(instrument, bids, asks));
+}
+
+TEST(LevelBuckets, ConditionThatCannotSetTheNbbo_IsALevelThatTheIndexDoesNotTell) {
+    TestMarket market({.symbols = "A:1", .participants = "AB", .truth = false});
+    Instrument& instrument = market.at(0);
+    LevelBuckets bids;
+    LevelBuckets asks;
+    set_quote(instrument, 0, 100, 101, 1);
+    set_quote(instrument, 1, 100, 101, 1);
+    instrument.quotes[1].condition = 'N';
+    index_quote(instrument.quotes[1], instrument.blocks, 1);
+    EXPECT_FALSE(fill_level_buckets(instrument, bids, asks));
+    instrument.quotes[1].bid_size = 0;
+    instrument.quotes[1].ask = 0;
+    index_quote(instrument.quotes[1], instrument.blocks, 1);
+    EXPECT_TRUE(fill_level_buckets(instrument, bids, asks)) << "an empty quote makes no level";
 }
 
 }  // namespace

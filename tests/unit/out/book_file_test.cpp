@@ -1,6 +1,7 @@
 #include "out/book_file.h"
 
 #include "market/halts.h"
+#include "market/quote_index.h"
 #include "out/truth_log.h"
 #include "support/test_market.h"
 
@@ -40,6 +41,7 @@ void set_quote(Instrument& instrument, std::size_t slot, std::int64_t bid_cents,
     quote.bid_size = bid_size;
     quote.ask = ask_cents * cent;
     quote.ask_size = ask_size;
+    index_quote(quote, instrument.blocks, slot);
 }
 
 TEST(Book, InstrumentWithoutQuotesHasEmptySides) {

@@ -1,6 +1,8 @@
 #include "out/truth_log.h"
 
+#include "market/halts.h"
 #include "market/instrument.h"
+#include "market/quote_index.h"
 #include "support/test_market.h"
 
 #include <fcntl.h>
@@ -197,6 +199,44 @@ TEST(QuoteLine, Band_IsLeftOutWhenAPriceIsNotAboveZeroOrTheLetterIsNotChecked) {
     }
 }
 
+// The same line whether the levels come from the index or from the quotes themselves.
+TEST(QuoteLine, MarketInMotion_TheIndexAndTheQuotesGiveTheSameLine) {
+    testing::TestMarket market({.symbols = "A:0.05,B:19.99,C:999.97,D:1234.56,E:167772.00,F:3000000,G:-1",
+                                .participants = "ABCDEFGD",
+                                .scenario = "odd_lot_every=3",
+                                .step_bps = 2,
+                                .truth = false});
+    testing::StderrCapture messages;
+    Log log;
+    market.start_of_day();
+    int from_index = 0;
+    int lines = 0;
+    for (int round = 0; round < 400; ++round) {
+        market.run_ticks(1);
+        if (round % 50 == 20) {
+            halt(market.engine, market.at(1), "T1", 5);
+        }
+        if (round % 50 == 40) {
+            resume_quotation(market.engine, market.at(1), 1);
+        }
+        for (Instrument& instrument : market.engine.instruments) {
+            LevelBuckets bids;
+            LevelBuckets asks;
+            from_index += fill_level_buckets(instrument, bids, asks) ? 1 : 0;
+            ++lines;
+            write_quote_line(log.truth, instrument, 1, {});
+            const std::string indexed = log.take();
+            QuoteBlock* const blocks = instrument.blocks;
+            instrument.blocks = nullptr;
+            write_quote_line(log.truth, instrument, 1, {});
+            instrument.blocks = blocks;
+            ASSERT_EQ(log.take(), indexed) << instrument.symbol << " round " << round;
+        }
+    }
+    EXPECT_GT(from_index, lines / 2);
+    EXPECT_LT(from_index, lines);
+}
+
 TEST(QuoteLine, LargestPricesSizesAndALongSymbol_FitTheLine) {
     const std::string symbol(5'000, 'S');
     Log log(symbol, 20);
@@ -217,7 +257,8 @@ TEST(CutLines, SymbolsOfEveryLength_EqualTheFormattingCallsIntoTheirBuffers) {
         const std::string symbol(length, 'S');
         Log log("X");
         log.instrument().symbol = symbol;
-        log.instrument().truth_head = ",\"secid\":65535,\"symbol\":\"" + symbol + "\"";
+        log.instrument().secid = 65535;
+        make_truth_head(log.instrument());
         const unsigned long long sequence = 12'345'678'901;
         const std::int64_t price = 190'030'000;
         write_trade_line(log.truth, log.instrument(), sequence, price, 200, 'Q', "@F I", 2, 987'654'321);
