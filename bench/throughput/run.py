@@ -68,8 +68,8 @@ class OtherLoad:
 
 class Emptied:
     """Keeps a truth file small while it is written to. A file that grows by gigabytes takes memory that a
-    virtual machine must first get from its host, which costs several times what the line does and changes from
-    run to run; pages just given up are at hand."""
+    virtual machine must first get from its host, which costs several times what the line does and changes
+    from run to run; pages just given up are at hand."""
 
     PAUSE = 0.05
 

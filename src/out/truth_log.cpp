@@ -139,10 +139,12 @@ char* end_levels(const LevelsText& text) {
 // The national best of a side, "190.0100,300": mostly the first level.
 char* put_best(char* out, const LevelsText& levels, bool is_first_level, std::int64_t price,
                std::uint32_t shares) {
-    constexpr std::ptrdiff_t copied = 32;
+    // At one width, through registers: what is copied too much can reach into where it goes.
+    std::array<char, 32> copy;
     const std::ptrdiff_t length = levels.first_end - levels.start - level_ending_bytes;
-    if (is_first_level && length <= copied) [[likely]] {
-        std::memcpy(out, levels.start, copied);
+    if (is_first_level && length <= static_cast<std::ptrdiff_t>(copy.size())) [[likely]] {
+        std::memcpy(copy.data(), levels.start, copy.size());
+        std::memcpy(out, copy.data(), copy.size());
         return out + length;
     }
     out = put_char(put_price4(out, price), ',');

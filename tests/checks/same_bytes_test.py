@@ -1,8 +1,8 @@
 """The same seed gives the same feed, whatever compiled it.
 
 A small program (digest/digest_main.cpp) runs the market in memory under a simulated clock and writes every
-packet and the truth log to files. It is built with g++ and clang++, each at -O0 and at the level of its release builds, and the files
-must be the same.
+packet and the truth log to files. It is built with g++ and clang++, each at -O0 and at the level of its
+release builds, and the files must be the same.
 """
 
 import concurrent.futures
