@@ -13,9 +13,9 @@ namespace {
 constexpr std::size_t slab_bytes_min = std::size_t{64} << 10;
 constexpr std::size_t slab_bytes_max = std::size_t{2} << 20;
 
-struct Block {
-    Block* next;
-    unsigned char rest[pooled_block_bytes - sizeof(Block*)];
+union alignas(std::max_align_t) Block {
+    Block* next;  // of those given back
+    unsigned char bytes[pooled_block_bytes];
 };
 static_assert(sizeof(Block) == pooled_block_bytes);
 
@@ -54,7 +54,7 @@ void* take_block() {
 }
 
 void give_back_block(void* block) {
-    pool.given_back = ::new (block) Block{pool.given_back, {}};
+    pool.given_back = ::new (block) Block{pool.given_back};
 }
 
 }  // namespace tessel

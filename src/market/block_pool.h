@@ -18,18 +18,21 @@ void give_back_block(void* block);
 template <typename T>
 struct BlockAllocator {
     using value_type = T;
+    struct Held {
+        T one;
+    };
 
     BlockAllocator() = default;
     template <typename U>
     explicit BlockAllocator(const BlockAllocator<U>& /*other*/) {}
 
     T* allocate(std::size_t count) {
-        const std::size_t bytes = count * sizeof(T);
+        const std::size_t bytes = count * sizeof(Held);
         return static_cast<T*>(bytes == pooled_block_bytes ? take_block() : ::operator new(bytes));
     }
 
     void deallocate(T* memory, std::size_t count) {
-        if (count * sizeof(T) == pooled_block_bytes) {
+        if (count * sizeof(Held) == pooled_block_bytes) {
             give_back_block(memory);
         } else {
             ::operator delete(memory);

@@ -257,8 +257,10 @@ void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t 
     bool inexact = bid.inexact || ask.inexact;
     if (quote.has_odd_lots) {
         inexact = inexact || !is_exact(quote.odd_bid) || !is_exact(quote.odd_ask);
-        block.odd_bid[at] = static_cast<float>(quote.odd_bid / cent);
-        block.odd_ask[at] = static_cast<float>(-(quote.odd_ask / cent));
+        const std::int64_t odd_bid_cents = quote.odd_bid / cent;
+        const std::int64_t odd_ask_cents = quote.odd_ask / cent;
+        block.odd_bid[at] = static_cast<float>(odd_bid_cents);
+        block.odd_ask[at] = static_cast<float>(-odd_ask_cents);
         block.odd_sizes[at] = quote.odd_bid_size;
         block.odd_sizes[QuoteBlock::centres + at] = quote.odd_ask_size;
     }

@@ -121,14 +121,15 @@ LevelsText put_bucket_levels(char* out, const LevelBuckets& side, std::int64_t s
 LevelsText put_any_levels(char* out, const Instrument& instrument, char side) {
     PriceLevels levels;
     build_levels(instrument, side, truth_levels_max, levels);
-    LevelsText text{out, out, out};
+    char* first_end = out;
+    char* end = out;
     for (std::size_t at = 0; at < levels.count; ++at) {
-        text.end = put_char(put_price4(text.end, levels.level[at].price), ',');
-        text.end = put_unsigned(text.end, levels.level[at].size);
-        text.end = put_text(text.end, "],[");
-        text.first_end = at == 0 ? text.end : text.first_end;
+        end = put_char(put_price4(end, levels.level[at].price), ',');
+        end = put_unsigned(end, levels.level[at].size);
+        end = put_text(end, "],[");
+        first_end = at == 0 ? end : first_end;
     }
-    return text;
+    return {out, first_end, end};
 }
 
 // Behind the last level, without what would lead to a next one.
