@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Tells where a tick's instructions go, by function, with and without truth, and writes the table to a page.
+"""Tells where a tick's instructions go, by source file, with and without truth, and writes the table to a page.
 
-    bench/profile/profile.py [--build build/release] [--write docs/performance.md]
+    bench/profile/profile.py [--write docs/performance.md]
 
-Counted by callgrind over the program that the release build makes; the difference of a long and a short run,
-so that
-start-up is not in it.
+Counted by callgrind over the program that the release build makes, built once more with line numbers: most
+functions on the way of a quote are inlined into it, and only the lines tell them apart. The difference of a
+long and a short run is taken, so that start-up is not in it.
 """
 
 import argparse
@@ -15,27 +15,48 @@ import re
 import subprocess
 import tempfile
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = ROOT / "build" / "profile"
 INSTRUMENTS, FEW_TICKS, MANY_TICKS = 200, 10, 40
-SHOWN = 14  # functions of each list
+SHOWN = 18  # files of each list
+
+
+def build_program():
+    """The release build with line numbers, which leave its instructions as they are."""
+    configure = ["cmake", "--preset", "release", "-B", str(BUILD), "-DTESSEL_LINE_NUMBERS=ON"]
+    subprocess.run(configure, cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", str(BUILD), "--target", "tick_profile"], check=True,
+                   stdout=subprocess.DEVNULL)
+    return BUILD / "tick_profile"
+
+
+def place(file, function):
+    """What a line of the listing is counted under: our file, or the library function."""
+    ours = re.search(r"(?:^|/)src/(?:\./)?((?:app|market|msg|out|transport)/\w+)\.(?:cpp|h)$", file)
+    if ours:
+        return "`%s`" % ours.group(1)
+    if re.search(r"mmintrin\.h$|/c\+\+/", file):
+        return "intrinsics and library templates"
+    name = re.sub(r"\[[^\]]*\]|\(.*|'\d+|@.*", "", function).strip()
+    return "`%s`" % name
 
 
 def counted(program, ticks, truth):
-    """Instructions by function, and messages."""
+    """Instructions by place, and messages."""
     with tempfile.TemporaryDirectory() as folder:
         out = os.path.join(folder, "profile")
         command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out]
         command += [str(program), str(INSTRUMENTS), str(ticks)] + ([truth] if truth else [])
         done = subprocess.run(command, capture_output=True, text=True, check=True)
-        annotate = ["callgrind_annotate", "--threshold=100", out]
+        annotate = ["callgrind_annotate", "--auto=no", "--threshold=100", out]
         listing = subprocess.run(annotate, capture_output=True, text=True, check=True)
-    functions = {}
+    places = {}
     for line in listing.stdout.splitlines():
-        found = re.match(r"\s*([\d,]+) \(\s*[\d.]+%\)\s+[^:]+:(.+)", line)
+        found = re.match(r"\s*([\d,]+) \(\s*[\d.]+%\)\s+([^:]+):(.+)", line)
         if found:
-            name = re.sub(r"\[[^\]]*\]|\(.*|'\d+", "", found.group(2).replace("(anonymous namespace)::", ""))
-            name = name.replace("tessel::", "").strip()
-            functions[name] = functions.get(name, 0) + int(found.group(1).replace(",", ""))
-    return functions, int(re.search(r"messages (\d+)", done.stdout).group(1))
+            name = place(found.group(2), found.group(3))
+            places[name] = places.get(name, 0) + int(found.group(1).replace(",", ""))
+    return places, int(re.search(r"messages (\d+)", done.stdout).group(1))
 
 
 def instructions_per_message(program, truth):
@@ -48,23 +69,22 @@ def instructions_per_message(program, truth):
 def table(program):
     lines = []
     for title, truth in (("without a truth log", None), ("with a truth log (to /dev/null)", "/dev/null")):
-        functions = instructions_per_message(program, truth)
-        total = sum(functions.values())
+        places = instructions_per_message(program, truth)
+        total = sum(places.values())
         lines += ["", "A tick %s: %.0f instructions a message." % (title, total), "",
-                  "| function | instructions | share |",
+                  "| place | instructions | share |",
                   "|---|---|---|"]
-        ranked = sorted(functions.items(), key=lambda entry: -entry[1])[:SHOWN]
-        lines += ["| `%s` | %.0f | %.1f %% |" % (name, count, 100 * count / total) for name, count in ranked]
+        ranked = sorted(places.items(), key=lambda entry: -entry[1])[:SHOWN]
+        lines += ["| %s | %.0f | %.1f %% |" % (name, count, 100 * count / total) for name, count in ranked]
     return "\n".join(lines).strip()
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--build", default="build/release", type=pathlib.Path)
     parser.add_argument("--write", help="put the table between the markers of this Markdown page")
     options = parser.parse_args()
-    text = table(options.build / "tick_profile")
+    text = table(build_program())
     print(text)
     if options.write:
         page = pathlib.Path(options.write)

@@ -56,13 +56,14 @@ def busy_seconds():
 
 
 class OtherLoad:
-    """How much of a core others used during a round."""
+    """How much of a core others than the measured and this program used during a round."""
 
     def __init__(self):
-        self.busy, self.start = busy_seconds(), time.monotonic()
+        self.busy, self.start, self.ours = busy_seconds(), time.monotonic(), time.process_time()
 
     def share(self, own_seconds):
         spent = time.monotonic() - self.start
+        own_seconds += time.process_time() - self.ours
         return max(0.0, busy_seconds() - self.busy - own_seconds) / spent
 
 
