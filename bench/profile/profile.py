@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tells where a tick's instructions go, by source file, with and without truth, and writes the table to a page.
+"""Tells where a tick's instructions go, by source file, with and without truth; can write it to a page.
 
     bench/profile/profile.py [--write docs/performance.md]
 
