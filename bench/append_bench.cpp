@@ -1,8 +1,8 @@
 // The way of a message through the publisher, and a retransmission reply, each beside the bare system calls
 // it cannot do without.
 
-#include "transport/mold_publisher.h"
-#include "transport/retransmission.h"
+#include "mold/publisher.h"
+#include "mold/retransmission_server.h"
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>

@@ -1,7 +1,7 @@
 // Encoding of each quote form, with the appendages that the feed sends most, and of the trade reports.
 
-#include "msg/quote_messages.h"
-#include "msg/trade_messages.h"
+#include "wire/quote_messages.h"
+#include "wire/trade_messages.h"
 
 #include <benchmark/benchmark.h>
 #include <array>

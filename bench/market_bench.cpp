@@ -1,18 +1,18 @@
 // What the parts of a tick cost: draws, the NBBO, a truth line, whole ticks of few and of many instruments,
 // and the revisions of a full trade history. Packets are thrown away where they would be sent.
 
-#include "app/clock.h"
-#include "app/scenario.h"
+#include "base/clock.h"
+#include "base/random.h"
+#include "engine/scenario.h"
+#include "engine/sip_engine.h"
+#include "engine/start_of_day.h"
+#include "engine/tick.h"
+#include "engine/trade_revisions.h"
 #include "market/nbbo.h"
 #include "market/quote_index.h"
-#include "market/random.h"
-#include "market/sip_engine.h"
-#include "market/start_of_day.h"
-#include "market/tick.h"
-#include "market/trade_revisions.h"
-#include "out/book_file.h"
-#include "out/truth_log.h"
-#include "transport/mold_publisher.h"
+#include "mold/publisher.h"
+#include "output/book_file.h"
+#include "output/truth_log.h"
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
@@ -115,8 +115,8 @@ BENCHMARK(Draw_NormalDeviate);
 
 // ------------------------------------------------------------------ NBBO
 
-// Seven centres, each time of another instrument, as a tick meets them.
-void Nbbo_SevenCentres_FromTheQuotes(benchmark::State& state) {
+// Seven centers, each time of another instrument, as a tick meets them.
+void Nbbo_SevenCenters_FromTheQuotes(benchmark::State& state) {
     const auto market = std::make_unique<Market>(256, false);
     std::size_t at = 0;
     for (auto iteration : state) {
@@ -124,9 +124,9 @@ void Nbbo_SevenCentres_FromTheQuotes(benchmark::State& state) {
         benchmark::DoNotOptimize(compute_nbbo(market->engine.instruments[at++ % 256]));
     }
 }
-BENCHMARK(Nbbo_SevenCentres_FromTheQuotes);
+BENCHMARK(Nbbo_SevenCenters_FromTheQuotes);
 
-void Nbbo_SevenCentres_FromTheIndex(benchmark::State& state) {
+void Nbbo_SevenCenters_FromTheIndex(benchmark::State& state) {
     const auto market = std::make_unique<Market>(256, false);
     std::size_t at = 0;
     for (auto iteration : state) {
@@ -135,7 +135,7 @@ void Nbbo_SevenCentres_FromTheIndex(benchmark::State& state) {
         benchmark::DoNotOptimize(find_best_quotes(instrument));
     }
 }
-BENCHMARK(Nbbo_SevenCentres_FromTheIndex);
+BENCHMARK(Nbbo_SevenCenters_FromTheIndex);
 
 // ------------------------------------------------------------------ lines
 
@@ -225,15 +225,15 @@ BENCHMARK(Tick)
 
 constexpr std::size_t full_history = 100'000;
 
-// An instrument with a full history of regular trades on its centres.
+// An instrument with a full history of regular trades on its centers.
 std::unique_ptr<Market> market_with_history() {
     auto market = std::make_unique<Market>(1, false);
-    constexpr std::string_view centres = "QNPZKVD";
+    constexpr std::string_view centers = "QNPZKVD";
     TradeHistory& trades = market->engine.instruments[0].trades;
     trades.clear();
     for (std::size_t at = 0; at < full_history; ++at) {
         TradeRecord trade;
-        trade.market_center = centres[at % centres.size()];
+        trade.market_center = centers[at % centers.size()];
         trade.conditions = {'@', ' ', ' ', ' '};
         trade.trade_id = at + 1;
         trade.price = static_cast<std::int64_t>(2'000 + at % 37) * cent;

@@ -7,7 +7,7 @@
 file(GLOB fuzz_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/fuzz/*_fuzz.cpp)
 if(fuzz_files AND TARGET tessel_test_support AND tools_here)
   # The markets in memory and the receivers that follow them are the tests' own.
-  set(fuzz_libs tessel_test_support tessel_lib ${tool_libs})
+  set(fuzz_libs tessel_test_support ${tool_libs})
   set(fuzz_declarations "")
   set(fuzz_rows "")
   set(fuzz_wrappers "")

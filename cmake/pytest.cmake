@@ -2,6 +2,10 @@
 
 function(tessel_pytest folder label)
   file(GLOB files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/${folder}/*_test.py)
+  if(TESSEL_SANITIZE)
+    # Memcheck and the address sanitizer exclude each other.
+    list(FILTER files EXCLUDE REGEX "/memcheck_test\\.py$")
+  endif()
   foreach(file ${files})
     get_filename_component(stem ${file} NAME_WE)
     add_test(NAME ${label}.${stem}
@@ -16,15 +20,5 @@ function(tessel_pytest folder label)
 endfunction()
 
 tessel_pytest(e2e e2e)
-tessel_pytest(tools tools)
-tessel_pytest(checks checks)
-
-# Memcheck and the address sanitizer exclude each other.
-if(NOT TESSEL_SANITIZE AND tools_here AND TARGET unit_tests)
-  find_program(TESSEL_VALGRIND valgrind)
-  if(TESSEL_VALGRIND)
-    tessel_pytest(valgrind valgrind)
-  else()
-    tessel_missing("the tests under memcheck" "valgrind")
-  endif()
-endif()
+tessel_pytest(interop interop)
+tessel_pytest(build build)

@@ -1,7 +1,7 @@
 # The GoogleTest programs. Each is one ctest entry a shard, so that ctest -j runs them side by side without
 # starting a process for every case.
 
-# Tests are many and each runs briefly, so they are compiled without optimisation; what computes (the model, the
+# Tests are many and each runs briefly, so they are compiled without optimization; what computes (the model, the
 # simulator) at -O1. One precompiled header serves each of the two kinds.
 set(test_options "")
 set(test_definitions "TESSEL_SOURCE_DIR=\"${PROJECT_SOURCE_DIR}\"")
@@ -62,41 +62,39 @@ endfunction()
 # Code shared by the whole-run tests and the simulator: simulated clock, byte sinks, receivers.
 file(GLOB support_files CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/tests/support/*.cpp ${PROJECT_SOURCE_DIR}/tests/support/*/*.cpp)
-tessel_library(tessel_test_support ${support_files})
-tessel_requires(tessel_test_support ${PROJECT_SOURCE_DIR}/tests tessel_lib)
-if(support_files)
-  tessel_test_options(tessel_test_support O1)
-  if(tools_here)
-    target_link_libraries(tessel_test_support PUBLIC tessel_listen_lib)
-  endif()
-endif()
+add_library(tessel_test_support STATIC ${support_files})
+target_include_directories(tessel_test_support PUBLIC ${PROJECT_SOURCE_DIR}/tests)
+target_link_libraries(tessel_test_support PUBLIC tessel_app)
+tessel_test_options(tessel_test_support O1)
 
-tessel_gtest(unit_tests unit 4
-  GLOBS ${PROJECT_SOURCE_DIR}/tests/unit/*/*.cpp
-  LIBS tessel_test_support tessel_lib)
+set(unit_globs "")
+foreach(floor ${floors})
+  separate_arguments(folders UNIX_COMMAND ${floor})
+  list(TRANSFORM folders REPLACE "(.+)" "${PROJECT_SOURCE_DIR}/tests/unit/\\1/*.cpp")
+  list(APPEND unit_globs ${folders})
+endforeach()
+tessel_gtest(unit_tests unit 4 GLOBS ${unit_globs} LIBS tessel_test_support)
+tessel_gtest(integration_tests integration 4
+  GLOBS ${PROJECT_SOURCE_DIR}/tests/integration/*_test.cpp
+  LIBS tessel_test_support)
 
 if(tools_here)
-  tessel_gtest(runs_tests runs 4
-    GLOBS ${PROJECT_SOURCE_DIR}/tests/runs/*_test.cpp
-    LIBS tessel_test_support tessel_lib tessel_listen_lib)
   tessel_gtest(tools_tests tools 2
-    GLOBS ${PROJECT_SOURCE_DIR}/tests/tools/*/*_test.cpp
-    LIBS tessel_judge_lib tessel_listen_lib)
-
-  # The simulator is a program of its own: a seed and a length go in, the first broken rule comes out.
-  file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
-  if(simulator_files)
-    add_executable(tessel_simulator ${simulator_files})
-    tessel_test_options(tessel_simulator O1)
-    target_link_libraries(tessel_simulator PRIVATE tessel_test_support tessel_lib tessel_listen_lib)
-    # Sanitized runs take ten times as long.
-    set(simulator_runs 2000)
-    if(TESSEL_SANITIZE)
-      set(simulator_runs 500)
-    endif()
-    add_test(NAME simulator.runs COMMAND tessel_simulator --runs ${simulator_runs})
-    add_test(NAME simulator.canaries
-             COMMAND tessel_simulator --canaries --junit ${CMAKE_BINARY_DIR}/junit/simulator.canaries.xml)
-    set_tests_properties(simulator.runs simulator.canaries PROPERTIES LABELS simulator TIMEOUT 240)
-  endif()
+    GLOBS ${PROJECT_SOURCE_DIR}/tests/unit/listen/*_test.cpp ${PROJECT_SOURCE_DIR}/tests/unit/judge/*_test.cpp
+    LIBS tessel_test_support ${tool_libs})
 endif()
+
+# The simulator is a program of its own: a seed and a length go in, the first violated invariant comes out.
+file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
+add_executable(tessel_simulator ${simulator_files})
+tessel_test_options(tessel_simulator O1)
+target_link_libraries(tessel_simulator PRIVATE tessel_test_support)
+# Sanitized runs take ten times as long.
+set(simulator_runs 2000)
+if(TESSEL_SANITIZE)
+  set(simulator_runs 500)
+endif()
+add_test(NAME simulator.runs COMMAND tessel_simulator --runs ${simulator_runs})
+add_test(NAME simulator.canaries
+         COMMAND tessel_simulator --canaries --junit ${CMAKE_BINARY_DIR}/junit/simulator.canaries.xml)
+set_tests_properties(simulator.runs simulator.canaries PROPERTIES LABELS simulator TIMEOUT 240)

@@ -3,4 +3,4 @@
 import sys
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parent / "support_py"))
+sys.path.insert(0, str(Path(__file__).resolve().parent / "python_support"))

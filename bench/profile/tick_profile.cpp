@@ -3,14 +3,14 @@
 //
 //     tick_profile INSTRUMENTS TICKS [TRUTH-FILE]
 
-#include "app/clock.h"
-#include "app/scenario.h"
-#include "market/random.h"
-#include "market/sip_engine.h"
-#include "market/start_of_day.h"
-#include "market/tick.h"
-#include "out/truth_log.h"
-#include "transport/mold_publisher.h"
+#include "base/clock.h"
+#include "base/random.h"
+#include "engine/scenario.h"
+#include "engine/sip_engine.h"
+#include "engine/start_of_day.h"
+#include "engine/tick.h"
+#include "mold/publisher.h"
+#include "output/truth_log.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -7,13 +7,13 @@
 //
 //     service_ratios ROUNDS
 
-#include "app/clock.h"
-#include "market/sip_engine.h"
-#include "market/start_of_day.h"
-#include "market/tick.h"
-#include "transport/mold_publisher.h"
-#include "transport/retransmission.h"
-#include "transport/snapshot_spin.h"
+#include "base/clock.h"
+#include "engine/sip_engine.h"
+#include "engine/start_of_day.h"
+#include "engine/tick.h"
+#include "mold/publisher.h"
+#include "mold/retransmission_server.h"
+#include "snapshot/spin.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>

@@ -1,6 +1,6 @@
 #include "app/config.h"
 
-#include "app/number.h"
+#include "base/parse_number.h"
 
 #include <cstddef>
 

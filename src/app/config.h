@@ -14,7 +14,7 @@ struct FeedConfig {
     std::uint16_t snapshot_port = 25179;
     std::string session = "UTPBENCH01";  // at most 10 characters
     std::string symbols = "AAPL:190.00,MSFT:410.00,TSLA:250.00";
-    std::string participants = "QNPZKVD";  // one market-centre letter a character
+    std::string participants = "QNPZKVD";  // one market-center letter a character
     std::int32_t interval_ms = 100;        // negative: the model is frozen; 0: a tick in every pass
     double step_bps = 0.8;                 // price step of a tick, basis points
     std::uint64_t seed = 7;

@@ -1,13 +1,13 @@
 #include "app/control_channel.h"
 
-#include "app/number.h"
 #include "app/reports.h"
-#include "market/circuit_breaker.h"
-#include "market/halts.h"
-#include "market/luld.h"
-#include "market/trade_revisions.h"
-#include "market/trades.h"
-#include "market/wipe_out.h"
+#include "base/parse_number.h"
+#include "engine/circuit_breaker.h"
+#include "engine/halts.h"
+#include "engine/luld.h"
+#include "engine/trade_revisions.h"
+#include "engine/trades.h"
+#include "engine/wipe_out.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

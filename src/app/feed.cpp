@@ -1,10 +1,10 @@
 #include "app/feed.h"
 
 #include "app/reports.h"
-#include "market/start_of_day.h"
-#include "market/tick.h"
-#include "out/book_file.h"
-#include "transport/retransmission.h"
+#include "engine/start_of_day.h"
+#include "engine/tick.h"
+#include "mold/retransmission_server.h"
+#include "output/book_file.h"
 
 #include <atomic>
 #include <cassert>

@@ -1,14 +1,14 @@
 #pragma once
 
-#include "app/clock.h"
 #include "app/config.h"
 #include "app/control_channel.h"
-#include "app/scenario.h"
 #include "app/scenario_events.h"
-#include "market/random.h"
-#include "market/sip_engine.h"
-#include "transport/mold_publisher.h"
-#include "transport/snapshot_server.h"
+#include "base/clock.h"
+#include "base/random.h"
+#include "engine/scenario.h"
+#include "engine/sip_engine.h"
+#include "mold/publisher.h"
+#include "snapshot/server.h"
 
 #include <poll.h>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "app/scenario.h"
-#include "transport/mold_publisher.h"
+#include "engine/scenario.h"
+#include "mold/publisher.h"
 
 #include <string>
 

@@ -1,8 +1,8 @@
 #include "app/scenario_events.h"
 
-#include "market/circuit_breaker.h"
-#include "market/halts.h"
-#include "market/luld.h"
+#include "engine/circuit_breaker.h"
+#include "engine/halts.h"
+#include "engine/luld.h"
 
 namespace tessel {
 

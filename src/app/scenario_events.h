@@ -1,6 +1,6 @@
 #pragma once
 
-#include "market/sip_engine.h"
+#include "engine/sip_engine.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 #include "market/instrument.h"
 
-#include "app/number.h"
+#include "base/parse_number.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "market/block_pool.h"
-#include "market/huge_pages.h"
+#include "base/block_pool.h"
+#include "base/huge_pages.h"
 
 #include <array>
 #include <cstddef>
@@ -33,7 +33,7 @@ constexpr std::size_t truth_head_bytes = 48;
 constexpr std::string_view adf_bid_mpid = "NITE";
 constexpr std::string_view adf_ask_mpid = "GSCO";
 
-// One market centre's quote of one instrument: one cache line, which its update writes as a whole. A centre
+// One market center's quote of one instrument: one cache line, which its update writes as a whole. A center
 // shows either no odd-lot orders or two, a bid and an ask, which stand here too. MPIDs are the ADF's two or
 // empty.
 struct alignas(64) ParticipantQuote {
@@ -48,19 +48,19 @@ struct alignas(64) ParticipantQuote {
     std::uint8_t odd_ask_size = 0;
     char mc = ' ';
     char condition = ' ';
-    bool quoted = false;   // the centre has quoted the instrument before
+    bool quoted = false;   // the center has quoted the instrument before
     bool present = false;  // it has a live quote
     bool has_mpids = false;
     bool has_odd_lots = false;
 };
 static_assert(sizeof(ParticipantQuote) == 64);
 
-// One trade of an instrument's history, from which trades are cancelled and corrected.
+// One trade of an instrument's history, from which trades are canceled and corrected.
 struct TradeRecord {
     char market_center = ' ';
     char sub_market_center = ' ';
     char trade_through_exempt = ' ';
-    bool live = true;  // until cancelled or replaced
+    bool live = true;  // until canceled or replaced
     std::array<char, 4> conditions{' ', ' ', ' ', ' '};
     std::uint64_t trade_id = 0;
     std::int64_t price = 0;
@@ -70,8 +70,8 @@ static_assert(sizeof(TradeRecord) == 32);
 
 using TradeHistory = std::deque<TradeRecord, BlockAllocator<TradeRecord>>;
 
-// High, low, last and volume of one market centre in one instrument, and the last trade id that it issued
-// with a blank sub-market centre (which no recomputation touches).
+// High, low, last and volume of one market center in one instrument, and the last trade id that it issued
+// with a blank sub-market center (which no recomputation touches).
 struct alignas(64) ParticipantTradeStats {
     std::int64_t high = 0;
     std::int64_t low = 0;
@@ -80,7 +80,7 @@ struct alignas(64) ParticipantTradeStats {
     std::uint64_t last_trade_id = 0;
     char market_center = ' ';
     char last_market_center = ' ';
-    bool traded = false;  // the centre has statistics
+    bool traded = false;  // the center has statistics
 };
 static_assert(sizeof(ParticipantTradeStats) == 64);
 
@@ -103,7 +103,7 @@ struct alignas(64) Instrument {
     std::uint8_t adf_present = 0;  // 1 while a best odd-lot quote is published
     char status = 'T';             // T trading, H halted, P LULD paused, Q quotation only
     char band_indicator = ' ';     // quotes are checked against the band while it is one of ABCEG
-    char adf_bid_mc = ' ';         // the best odd-lot quote last published; its MPIDs follow from the centres
+    char adf_bid_mc = ' ';         // the best odd-lot quote last published; its MPIDs follow from the centers
     char adf_ask_mc = ' ';
 
     std::int64_t adf_bid = 0;
@@ -139,7 +139,7 @@ struct alignas(64) Instrument {
     std::string symbol;
     std::string halt_reason;       // of the latest trading action
     std::uint32_t action_seq = 0;  // trading actions sent
-    // Last ids issued for keys other than a listed centre with a blank sub-market centre (the TRFs), in order
+    // Last ids issued for keys other than a listed center with a blank sub-market center (the TRFs), in order
     // of use.
     struct TradeIdCounter {
         char market_center;
@@ -181,7 +181,7 @@ inline std::string_view wire_symbol(const Instrument& instrument) {
 // Makes truth_head from the instrument's secid and symbol.
 void make_truth_head(Instrument& instrument);
 
-// Centre's quote or null when the letter has no slot; a slot whose quoted is false has never quoted.
+// Center's quote or null when the letter has no slot; a slot whose quoted is false has never quoted.
 ParticipantQuote* find_quote(Instrument& instrument, char mc);
 const ParticipantQuote* find_quote(const Instrument& instrument, char mc);
 

@@ -22,7 +22,7 @@ constexpr std::array<unsigned char, 256> make_eligible() {
 
 constexpr std::array<unsigned char, 256> eligible_conditions = make_eligible();
 
-// The total size and the centre of one side's best price.
+// The total size and the center of one side's best price.
 struct BestSide {
     std::uint32_t total = 0;
     std::uint32_t largest = 0;
@@ -30,7 +30,7 @@ struct BestSide {
     char mc = ' ';
 };
 
-// Takes a centre that quotes at the best price into the side. Centres come in letter order: on a full tie the
+// Takes a center that quotes at the best price into the side. Centers come in letter order: on a full tie the
 // first stays.
 void join_side(BestSide& side, std::uint32_t size, std::uint64_t time, char mc) {
     side.total += size;
@@ -167,11 +167,11 @@ namespace {
     }
 }
 
-// One centre's lots into the bucket of its distance. A centre without a quote adds none to the first.
-template <int centre>
+// One center's lots into the bucket of its distance. A center without a quote adds none to the first.
+template <int center>
 [[gnu::always_inline]] inline void add_lots(LevelBuckets& side, __m128i distance, const std::uint8_t* lots) {
-    const auto bucket = static_cast<std::size_t>(_mm_extract_epi16(distance, centre));
-    side.lots[bucket] = static_cast<std::uint8_t>(side.lots[bucket] + lots[centre]);
+    const auto bucket = static_cast<std::size_t>(_mm_extract_epi16(distance, center));
+    side.lots[bucket] = static_cast<std::uint8_t>(side.lots[bucket] + lots[center]);
     side.used |= std::uint64_t{1} << bucket;
 }
 
@@ -190,7 +190,7 @@ template <int centre>
 }  // namespace
 
 bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelBuckets& asks) {
-    if (instrument.blocks == nullptr || instrument.quote_slots > QuoteBlock::centres) [[unlikely]] {
+    if (instrument.blocks == nullptr || instrument.quote_slots > QuoteBlock::centers) [[unlikely]] {
         return false;
     }
     const QuoteBlock& block = *instrument.blocks;
@@ -216,7 +216,7 @@ bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelB
     clear_lots(bids);
     clear_lots(asks);
     add_eight(bids, bid_distances, block.lots.data());
-    add_eight(asks, ask_distances, block.lots.data() + QuoteBlock::centres);
+    add_eight(asks, ask_distances, block.lots.data() + QuoteBlock::centers);
     bids.used = best_bid == no_cents ? 0 : bids.used;
     asks.used = best_ask == no_cents ? 0 : asks.used;
     return true;

@@ -12,7 +12,7 @@ namespace tessel {
 struct Nbbo {
     std::int64_t bid = 0;  // millionths of a dollar, 0: no side
     std::int64_t ask = 0;
-    std::uint32_t bid_size = 0;  // of all centres at the best price
+    std::uint32_t bid_size = 0;  // of all centers at the best price
     std::uint32_t ask_size = 0;
     char bid_mc = ' ';  // the largest at the best price, then the earliest, then the first letter
     char ask_mc = ' ';
@@ -31,7 +31,7 @@ Nbbo stored_nbbo(const Instrument& instrument);
 
 struct PriceLevel {
     std::int64_t price;
-    std::uint64_t size;  // shares, all centres
+    std::uint64_t size;  // shares, all centers
 };
 
 constexpr std::size_t truth_levels_max = 10;
@@ -47,17 +47,17 @@ struct PriceLevels {
 void build_levels(const Instrument& instrument, char side, std::size_t most, PriceLevels& levels);
 
 // The levels of one side by their distance in cents from the best price; the buckets in use, a bit each, are
-// the levels in order, at most QuoteBlock::centres of them.
+// the levels in order, at most QuoteBlock::centers of them.
 struct LevelBuckets {
     std::int64_t best;  // cents: the price of bucket 0, when there is one
     std::uint64_t used;
     std::array<std::uint8_t, 64> lots;  // of 100 shares, at most level_lots_max
 };
 
-constexpr std::size_t level_lots_max = QuoteBlock::centres * quote_lots_indexed;
+constexpr std::size_t level_lots_max = QuoteBlock::centers * quote_lots_indexed;
 
 // The levels of both sides, as build_levels has them, from the index. False when they can't be told from it:
-// with more than eight centres, odd conditions or sizes, or a quote far from the best.
+// with more than eight centers, odd conditions or sizes, or a quote far from the best.
 bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelBuckets& asks);
 
 // What build_levels gives for both sides, from the index where it can tell.

@@ -8,44 +8,44 @@
 
 namespace tessel {
 
-// What the NBBO, the best odd-lot orders and the price levels need of eight centres, side by side, so that
+// What the NBBO, the best odd-lot orders and the price levels need of eight centers, side by side, so that
 // four prices or sixteen sizes are compared in one step. A quote's line is then only written on the way of a
 // quote, never read.
 //
 // Prices are cents as floats, which every x86-64 compares in fours; they are exact up to 2^24 cents, and asks
-// and odd-lot asks stand negated, so that on both sides the highest is the best. A centre that doesn't count
+// and odd-lot asks stand negated, so that on both sides the highest is the best. A center that doesn't count
 // on a side (not present, an ineligible condition, less than a round lot) stands there with a price that
-// never wins and no lots; so do the places behind the last centre. Bands are not looked at here.
+// never wins and no lots; so do the places behind the last center. Bands are not looked at here.
 struct alignas(64) QuoteBlock {
-    static constexpr std::size_t centres = 8;
-    std::array<float, centres> bid;
-    std::array<float, centres> ask;
-    std::array<float, centres> odd_bid;
-    std::array<float, centres> odd_ask;
-    std::array<std::uint8_t, 2 * centres> lots;       // of 100 shares; bids, then asks
-    std::array<std::uint8_t, 2 * centres> odd_sizes;  // 1 to 99 shares; bids, then asks
-    std::array<char, centres> mc;
-    std::uint8_t inexact;   // a bit for each centre whose prices or sizes have no place here
+    static constexpr std::size_t centers = 8;
+    std::array<float, centers> bid;
+    std::array<float, centers> ask;
+    std::array<float, centers> odd_bid;
+    std::array<float, centers> odd_ask;
+    std::array<std::uint8_t, 2 * centers> lots;       // of 100 shares; bids, then asks
+    std::array<std::uint8_t, 2 * centers> odd_sizes;  // 1 to 99 shares; bids, then asks
+    std::array<char, centers> mc;
+    std::uint8_t inexact;   // a bit for each center whose prices or sizes have no place here
     std::uint8_t unlisted;  // a bit for each whose quote makes a price level without counting for the NBBO
-    std::array<std::uint64_t, centres> time;  // of the quote
+    std::array<std::uint64_t, centers> time;  // of the quote
 };
 static_assert(sizeof(QuoteBlock) == 256);
 
 // Blocks that so many quote slots take.
 constexpr std::size_t quote_blocks(std::size_t slots) {
-    return (slots + QuoteBlock::centres - 1) / QuoteBlock::centres;
+    return (slots + QuoteBlock::centers - 1) / QuoteBlock::centers;
 }
 
-constexpr std::uint32_t quote_lots_indexed = 12;       // a larger quote of one centre has no place in a block
+constexpr std::uint32_t quote_lots_indexed = 12;       // a larger quote of one center has no place in a block
 constexpr std::int64_t quote_cents_indexed = 1 << 24;  // floats hold every whole number up to here
 
 // The price that never wins, and what it converts to.
 constexpr float never_cents = -std::numeric_limits<float>::infinity();
 constexpr std::int32_t no_cents = std::numeric_limits<std::int32_t>::min();
 
-using BlockPrices = std::array<float, QuoteBlock::centres>;
+using BlockPrices = std::array<float, QuoteBlock::centers>;
 
-// The prices of eight centres, in two registers.
+// The prices of eight centers, in two registers.
 struct EightPrices {
     __m128 low;
     __m128 high;

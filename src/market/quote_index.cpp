@@ -32,11 +32,11 @@ constexpr std::size_t indexed_slots_max = 64;  // a bit each
     return _mm_max_epu8(bytes, _mm_or_si128(_mm_slli_epi16(bytes, 8), _mm_srli_epi16(bytes, 8)));
 }
 
-// Of several centres (a bit for each slot) the one with the earliest quote, and of those the first.
+// Of several centers (a bit for each slot) the one with the earliest quote, and of those the first.
 [[gnu::noinline]] std::size_t earliest_slot(const QuoteBlock* blocks, std::uint64_t slots) {
     assert(slots != 0);
     const auto time_of = [blocks](std::size_t slot) {
-        return blocks[slot / QuoteBlock::centres].time[slot % QuoteBlock::centres];
+        return blocks[slot / QuoteBlock::centers].time[slot % QuoteBlock::centers];
     };
     auto earliest = static_cast<std::size_t>(std::countr_zero(slots));
     for (slots &= slots - 1; slots != 0; slots &= slots - 1) {
@@ -48,11 +48,11 @@ constexpr std::size_t indexed_slots_max = 64;  // a bit each
     return earliest;
 }
 
-// The centre to name of those with the largest quote at the best price. Mostly there is one.
-[[gnu::always_inline]] inline char name_centre(const QuoteBlock* blocks, std::uint64_t slots) {
+// The center to name of those with the largest quote at the best price. Mostly there is one.
+[[gnu::always_inline]] inline char name_center(const QuoteBlock* blocks, std::uint64_t slots) {
     const std::size_t slot = (slots & (slots - 1)) == 0 ? static_cast<std::size_t>(std::countr_zero(slots))
                                                         : earliest_slot(blocks, slots);
-    return blocks[slot / QuoteBlock::centres].mc[slot % QuoteBlock::centres];
+    return blocks[slot / QuoteBlock::centers].mc[slot % QuoteBlock::centers];
 }
 
 // The same from the quotes themselves.
@@ -81,7 +81,7 @@ constexpr std::size_t indexed_slots_max = 64;  // a bit each
     return best;
 }
 
-// The first centre, in letter order, whose odd-lot order has this price.
+// The first center, in letter order, whose odd-lot order has this price.
 std::size_t first_slot(const QuoteBlock* blocks, BlockPrices QuoteBlock::*prices, std::int32_t cents) {
     const __m128 wanted = _mm_set1_ps(static_cast<float>(cents));
     for (std::size_t block = 0;; ++block) {
@@ -90,15 +90,15 @@ std::size_t first_slot(const QuoteBlock* blocks, BlockPrices QuoteBlock::*prices
         const int high = _mm_movemask_ps(_mm_cmpeq_ps(found.high, wanted));
         const auto slots = static_cast<unsigned>(low | high << 4);
         if (slots != 0) {
-            return block * QuoteBlock::centres + static_cast<std::size_t>(std::countr_zero(slots));
+            return block * QuoteBlock::centers + static_cast<std::size_t>(std::countr_zero(slots));
         }
     }
 }
 
 void take_odd_bid(BestOddLot& odd, const QuoteBlock* blocks, std::int32_t cents) {
     const std::size_t slot = first_slot(blocks, &QuoteBlock::odd_bid, cents);
-    const QuoteBlock& block = blocks[slot / QuoteBlock::centres];
-    const std::size_t at = slot % QuoteBlock::centres;
+    const QuoteBlock& block = blocks[slot / QuoteBlock::centers];
+    const std::size_t at = slot % QuoteBlock::centers;
     odd.bid = cents * cent;
     odd.bid_mc = block.mc[at];
     odd.sizes |= static_cast<std::uint32_t>(block.odd_sizes[at]) << 16;
@@ -106,18 +106,18 @@ void take_odd_bid(BestOddLot& odd, const QuoteBlock* blocks, std::int32_t cents)
 
 void take_odd_ask(BestOddLot& odd, const QuoteBlock* blocks, std::int32_t negated_cents) {
     const std::size_t slot = first_slot(blocks, &QuoteBlock::odd_ask, negated_cents);
-    const QuoteBlock& block = blocks[slot / QuoteBlock::centres];
-    const std::size_t at = slot % QuoteBlock::centres;
+    const QuoteBlock& block = blocks[slot / QuoteBlock::centers];
+    const std::size_t at = slot % QuoteBlock::centers;
     odd.ask = -negated_cents * cent;
     odd.ask_mc = block.mc[at];
-    odd.sizes |= block.odd_sizes[QuoteBlock::centres + at];
+    odd.sizes |= block.odd_sizes[QuoteBlock::centers + at];
 }
 
 bool is_outside_band(const Instrument& instrument, const Nbbo& nbbo) {
     return nbbo.bid > instrument.luld_upper || (nbbo.ask != 0 && nbbo.ask < instrument.luld_lower);
 }
 
-// Total size and centre at the best prices of both sides, which the NBBO has already.
+// Total size and center at the best prices of both sides, which the NBBO has already.
 [[gnu::always_inline]] inline void gather_sizes(Nbbo& nbbo, const QuoteBlock* blocks, std::size_t count,
                                                 __m128 bid, __m128 ask) {
     __m128i totals = _mm_setzero_si128();
@@ -137,16 +137,16 @@ bool is_outside_band(const Instrument& instrument, const Nbbo& nbbo) {
             _mm_and_si128(match(load_prices(blocks[at].bid), bid, load_prices(blocks[at].ask), ask),
                           load_bytes(blocks[at].lots));
         const auto slots = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(at_best, largest)));
-        bid_slots |= static_cast<std::uint64_t>(slots & 0xFFu) << (at * QuoteBlock::centres);
-        ask_slots |= static_cast<std::uint64_t>(slots >> 8) << (at * QuoteBlock::centres);
+        bid_slots |= static_cast<std::uint64_t>(slots & 0xFFu) << (at * QuoteBlock::centers);
+        ask_slots |= static_cast<std::uint64_t>(slots >> 8) << (at * QuoteBlock::centers);
     }
     if (nbbo.bid != 0) [[likely]] {
         nbbo.bid_size = static_cast<std::uint32_t>(_mm_cvtsi128_si32(totals)) * lot_shares;
-        nbbo.bid_mc = name_centre(blocks, bid_slots);
+        nbbo.bid_mc = name_center(blocks, bid_slots);
     }
     if (nbbo.ask != 0) [[likely]] {
         nbbo.ask_size = static_cast<std::uint32_t>(_mm_extract_epi16(totals, 4)) * lot_shares;
-        nbbo.ask_mc = name_centre(blocks, ask_slots);
+        nbbo.ask_mc = name_center(blocks, ask_slots);
     }
 }
 
@@ -241,15 +241,15 @@ QuoteBlock empty_quote_block() {
 }
 
 void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t slot) {
-    QuoteBlock& block = blocks[slot / QuoteBlock::centres];
-    const std::size_t at = slot % QuoteBlock::centres;
+    QuoteBlock& block = blocks[slot / QuoteBlock::centers];
+    const std::size_t at = slot % QuoteBlock::centers;
     const bool eligible = is_eligible_condition(quote.condition);
     const SideEntry bid = enter_side(quote.present, eligible, quote.bid, quote.bid_size);
     const SideEntry ask = enter_side(quote.present, eligible, quote.ask, quote.ask_size);
     block.bid[at] = bid.cents;
     block.ask[at] = ask.lots != 0 ? -ask.cents : never_cents;
     block.lots[at] = static_cast<std::uint8_t>(bid.lots);
-    block.lots[QuoteBlock::centres + at] = static_cast<std::uint8_t>(ask.lots);
+    block.lots[QuoteBlock::centers + at] = static_cast<std::uint8_t>(ask.lots);
     block.mc[at] = quote.mc;
     block.time[at] = quote.time;
     block.odd_bid[at] = never_cents;
@@ -262,7 +262,7 @@ void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t 
         block.odd_bid[at] = static_cast<float>(odd_bid_cents);
         block.odd_ask[at] = static_cast<float>(-odd_ask_cents);
         block.odd_sizes[at] = quote.odd_bid_size;
-        block.odd_sizes[QuoteBlock::centres + at] = quote.odd_ask_size;
+        block.odd_sizes[QuoteBlock::centers + at] = quote.odd_ask_size;
     }
     const bool unlisted = bid.unlisted || ask.unlisted;
     if (inexact || unlisted || (block.inexact | block.unlisted) != 0) [[unlikely]] {
@@ -272,7 +272,7 @@ void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t 
 }
 
 BestQuotes find_best_quotes(const Instrument& instrument) {
-    if (instrument.quote_slots <= QuoteBlock::centres && instrument.quote_slots != 0) [[likely]] {
+    if (instrument.quote_slots <= QuoteBlock::centers && instrument.quote_slots != 0) [[likely]] {
         return search_blocks(instrument, instrument.blocks, 1);
     }
     if (instrument.quote_slots > indexed_slots_max) {

@@ -9,14 +9,14 @@
 
 namespace tessel {
 
-// A block of centres that don't count.
+// A block of centers that don't count.
 QuoteBlock empty_quote_block();
 
 // Enters what the quote of one slot now counts with. To be called after every change of a quote.
 void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t slot);
 
-// The best odd-lot orders inside the NBBO, over all centres, present or not. A size of 0 is a side without
-// one, with price 0 and a blank centre.
+// The best odd-lot orders inside the NBBO, over all centers, present or not. A size of 0 is a side without
+// one, with price 0 and a blank center.
 struct BestOddLot {
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -30,7 +30,7 @@ struct BestQuotes {
     BestOddLot odd_lot;
 };
 
-// Both from the index, in steps that don't depend on which centre is best.
+// Both from the index, in steps that don't depend on which center is best.
 BestQuotes find_best_quotes(const Instrument& instrument);
 
 }  // namespace tessel

@@ -11,7 +11,7 @@ FAULTS = ("--drop-every", "9", "--dup-every", "7", "--reorder-every", "5")
 # What is done to the market before each of the joins, one after the other.
 MOMENTS = {
     "as it trades": (),
-    "one halted, one centre wiped out": ("halt AAPL", "wipeout N"),
+    "one halted, one center wiped out": ("halt AAPL", "wipeout N"),
     "one paused with its collar, one under quotation only": ("luld_pause MSFT", "resume AAPL"),
     "all halted by the breaker": ("mwcb 3",),
     "all on their way back, without the ADF": ("resume AAPL", "resume MSFT", "resume CHEAP", "resume BRK",

@@ -2,11 +2,11 @@
 // standard library reads them, and a market that starts from what was taken makes only messages that decode.
 
 #include "app/config.h"
-#include "app/number.h"
+#include "base/parse_number.h"
 #include "fuzz_check.h"
-#include "listen/decoder.h"
 #include "support/feed_follower.h"
 #include "support/test_market.h"
+#include "wire/message_decoder.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -79,10 +79,10 @@ void run_market(const tessel::FeedConfig& config) {
         std::vector<testing::Bytes> messages;
         testing::read_history(market.publisher.history, 1, messages);
         check(messages.size() == market.last(), "every message is kept");
-        listen::Message decoded;
+        receiver::Message decoded;
         std::string error;
         for (const testing::Bytes& message : messages) {
-            check(listen::decode_message(decoded, message.data(), message.size(), &error), error);
+            check(receiver::decode_message(decoded, message.data(), message.size(), &error), error);
         }
     } catch (const std::runtime_error&) {
         // A price that cannot be read.

@@ -5,7 +5,7 @@
 // line "+N" lets N seconds pass instead, a tick each.
 
 #include "app/control_channel.h"
-#include "app/number.h"
+#include "base/parse_number.h"
 #include "fuzz_check.h"
 #include "support/feed_follower.h"
 #include "support/market_difference.h"

@@ -6,11 +6,11 @@
 // of 3 as many milliseconds pass as the length says. A piece that begins with "@" gets the session's header.
 
 #include "fuzz_check.h"
-#include "listen/decoder.h"
-#include "listen/market_state.h"
 #include "listen/message_json.h"
-#include "listen/sequencer.h"
-#include "listen/truth_line.h"
+#include "mold/sequencer.h"
+#include "receiver/market_state.h"
+#include "receiver/truth_line.h"
+#include "wire/message_decoder.h"
 
 #include <nlohmann/json.hpp>
 
@@ -46,7 +46,7 @@ void check_json_line(const std::string& line) {
 void check_instrument(const Instrument& instrument) {
     check(instrument.trades.size() <= trades_kept_max, "too many trades are kept");
     check(std::is_sorted(instrument.quotes.begin(), instrument.quotes.end(),
-                         [](const CentreQuote& a, const CentreQuote& b) {
+                         [](const CenterQuote& a, const CenterQuote& b) {
                              return static_cast<unsigned char>(a.center) <
                                     static_cast<unsigned char>(b.center);
                          }),

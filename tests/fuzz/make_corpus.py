@@ -11,7 +11,7 @@ import tempfile
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "support_py"))
+sys.path.insert(0, str(HERE.parent / "python_support"))
 
 from feed import Feed  # noqa: E402
 from mold import Listener  # noqa: E402

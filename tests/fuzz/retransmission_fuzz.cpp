@@ -5,8 +5,8 @@
 // one whose messages have odd lengths, some too long for any packet (odd).
 
 #include "fuzz_check.h"
-#include "transport/mold_bytes.h"
-#include "transport/retransmission.h"
+#include "mold/packet.h"
+#include "mold/retransmission_server.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,7 +1,7 @@
 // Any text of TESSEL_SCENARIO: it is understood as its entries say, and a market plays it.
 
-#include "app/scenario.h"
 #include "app/scenario_events.h"
+#include "engine/scenario.h"
 #include "fuzz_check.h"
 #include "support/feed_follower.h"
 #include "support/market_difference.h"

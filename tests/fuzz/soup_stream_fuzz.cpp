@@ -2,9 +2,9 @@
 // what becomes of the connection; the listener's reader sees the same packets.
 
 #include "fuzz_check.h"
-#include "listen/soup.h"
+#include "snapshot/server.h"
+#include "soup/soup_packet.h"
 #include "support/test_market.h"
-#include "transport/snapshot_server.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -120,12 +120,12 @@ Packets read_whole(std::span<const unsigned char> stream, std::size_t& used) {
 // The packets by the listener's reader, in two pieces.
 Packets read_cut(std::span<const unsigned char> stream, std::size_t cut, bool& broken) {
     Packets packets;
-    listen::SoupReader reader;
-    listen::SoupPacket packet;
+    receiver::SoupReader reader;
+    receiver::SoupPacket packet;
     broken = false;
     for (const std::span<const unsigned char> piece : {stream.first(cut), stream.subspan(cut)}) {
-        listen::soup_append(reader, piece.data(), piece.size());
-        while (listen::soup_next(reader, packet, &broken)) {
+        receiver::soup_append(reader, piece.data(), piece.size());
+        while (receiver::soup_next(reader, packet, &broken)) {
             packets.emplace_back(packet.type,
                                  std::string(reinterpret_cast<const char*>(packet.payload), packet.length));
         }

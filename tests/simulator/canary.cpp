@@ -1,7 +1,7 @@
 #include "simulator/simulation.h"
 
-#include "app/scenario.h"
-#include "market/trade_revisions.h"
+#include "engine/scenario.h"
+#include "engine/trade_revisions.h"
 
 #include <cstring>
 #include <iterator>
@@ -89,7 +89,7 @@ void plant_in_engine(Simulation& sim) {
     }
 }
 
-// Cancels the second newest trade that could be cancelled instead of the newest.
+// Cancels the second newest trade that could be canceled instead of the newest.
 void pass_over_a_trade(Simulation& sim, Instrument& instrument) {
     TradeRecord* newest = nullptr;
     for (auto trade = instrument.trades.rbegin(); trade != instrument.trades.rend(); ++trade) {

@@ -9,8 +9,8 @@ namespace tessel::simulator {
 
 namespace {
 
-using listen::Message;
-using listen::MessageKind;
+using receiver::Message;
+using receiver::MessageKind;
 
 constexpr std::uint64_t millionths_per_share = 1'000'000;
 constexpr std::uint64_t mpid_quote_every = 7;
@@ -49,8 +49,8 @@ struct Case {
 
 // Adds a trade to statistics; returns the price change indicator: 1 last, 2 low, 4 high.
 char add_sale(AuditedSales& to, const AuditedTrade& trade) {
-    const listen::SaleStatistics before = to.sales;
-    listen::SaleStatistics& sales = to.sales;
+    const receiver::SaleStatistics before = to.sales;
+    receiver::SaleStatistics& sales = to.sales;
     if (counts_for(trade.conditions, high_low_set)) {
         sales.high = sales.high == 0 || sales.high < trade.price ? trade.price : sales.high;
         sales.low = sales.low == 0 || sales.low > trade.price ? trade.price : sales.low;
@@ -77,7 +77,7 @@ void replay_live_trades(AuditedInstrument& instrument) {
     }
 }
 
-AuditedTrade told_trade(const Message& message, const listen::TradeFields& fields) {
+AuditedTrade told_trade(const Message& message, const receiver::TradeFields& fields) {
     AuditedTrade trade;
     trade.center = message.header.market_center;
     trade.sub_center = message.header.sub_market_center;
@@ -98,7 +98,7 @@ void take_trade_id(const Case& c, std::uint64_t id) {
 }
 
 void audit_quote(const Case& c) {
-    const listen::QuoteFields& quote = c.message.quote;
+    const receiver::QuoteFields& quote = c.message.quote;
     FeedStats& counted = c.audit.counted;
     const bool is_adf = c.message.header.market_center == 'D';
     ++counted.quotes;
@@ -116,7 +116,7 @@ void audit_quote(const Case& c) {
 }
 
 void audit_mpid_quote(const Case& c, bool due) {
-    const listen::QuoteFields& quote = c.message.quote;
+    const receiver::QuoteFields& quote = c.message.quote;
     c.require(due, "mpid quotes", "an MPID quote that is not due");
     c.require(c.message.symbol == c.audit.mpid_symbol && quote.bid == c.audit.mpid_bid &&
                   quote.ask == c.audit.mpid_ask && quote.bid_size == 100 && quote.ask_size == 100 &&
@@ -142,7 +142,7 @@ void audit_trade(const Case& c) {
     take_trade_id(c, trade.id);
     const char consolidated = add_sale(c.instrument.consolidated, trade);
     const char center = add_sale(c.instrument.centers[trade.center], trade);
-    const listen::TradeReportFields& report = c.message.report;
+    const receiver::TradeReportFields& report = c.message.report;
     c.require(report.consolidated_change == consolidated && report.participant_change == center, "statistics",
               "price change indicators that a replay does not give");
     c.instrument.trades.push_back(trade);
@@ -170,12 +170,12 @@ bool same_trade(const AuditedTrade& left, const AuditedTrade& right) {
 }
 
 void audit_statistics_told(const Case& c, char center) {
-    const listen::TradeReportFields& report = c.message.report;
+    const receiver::TradeReportFields& report = c.message.report;
     c.require(report.consolidated == c.instrument.consolidated.sales &&
                   report.last_center == c.instrument.consolidated.last_center,
               "statistics", "consolidated statistics told are not a replay of the live trades");
     c.require(report.participant == c.instrument.centers[center].sales, "statistics",
-              "the centre's statistics told are not a replay of its live trades");
+              "the center's statistics told are not a replay of its live trades");
 }
 
 void audit_cancel(const Case& c) {
@@ -233,7 +233,7 @@ bool may_give(char action, const std::string& before, std::string_view reason) {
 
 void audit_action(const Case& c) {
     AuditedInstrument& instrument = c.instrument;
-    const listen::ActionFields& told = c.message.action;
+    const receiver::ActionFields& told = c.message.action;
     FeedStats& counted = c.audit.counted;
     if (!may_move(instrument.status, told.action)) {
         std::string moved = "from  to ";
@@ -273,16 +273,17 @@ void audit_trade_ids(const AuditedInstrument& told, const Instrument& own, Viola
 }
 
 void audit_sales(const AuditedInstrument& told, const Instrument& own, Violations& violations) {
-    const listen::SaleStatistics& sales = told.consolidated.sales;
+    const receiver::SaleStatistics& sales = told.consolidated.sales;
     bool equal = own.high == sales.high && own.low == sales.low && own.last == sales.last &&
                  own.volume == sales.volume && own.last_market_center == told.consolidated.last_center &&
                  own.share_volume == told.shares && own.last_trade_price == told.last_trade_price;
     for (std::size_t slot = 0; slot < own.trade_slots; ++slot) {
         const ParticipantTradeStats& stats = own.trade_stats[slot];
         const auto center = told.centers.find(stats.market_center);
-        const listen::SaleStatistics expected =
-            center == told.centers.end() ? listen::SaleStatistics{} : center->second.sales;
-        equal = equal && expected == listen::SaleStatistics{stats.high, stats.low, stats.last, stats.volume};
+        const receiver::SaleStatistics expected =
+            center == told.centers.end() ? receiver::SaleStatistics{} : center->second.sales;
+        equal =
+            equal && expected == receiver::SaleStatistics{stats.high, stats.low, stats.last, stats.volume};
     }
     if (!equal) {
         violations.report("statistics",

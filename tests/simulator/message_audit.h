@@ -1,9 +1,9 @@
 #pragma once
 
-#include "app/scenario.h"
-#include "listen/decoder.h"
-#include "market/sip_engine.h"
+#include "engine/scenario.h"
+#include "engine/sip_engine.h"
 #include "simulator/violations.h"
+#include "wire/message_decoder.h"
 
 #include <array>
 #include <cstddef>
@@ -31,7 +31,7 @@ struct AuditedTrade {
 };
 
 struct AuditedSales {
-    listen::SaleStatistics sales;
+    receiver::SaleStatistics sales;
     char last_center = ' ';
 };
 
@@ -40,7 +40,7 @@ struct AuditedInstrument {
     std::string reason;
     std::uint32_t actions = 0;
     std::map<std::pair<char, char>, std::uint64_t>
-        trade_ids;  // last one of each centre and sub-market centre
+        trade_ids;  // last one of each center and sub-market center
     std::vector<AuditedTrade> trades;
     AuditedSales consolidated;
     std::map<char, AuditedSales> centers;
@@ -58,7 +58,7 @@ struct MessageAudit {
 };
 
 // Takes the next message; position is its instrument's, -1 when it has none.
-void audit_message(MessageAudit& audit, const listen::Message& message, std::ptrdiff_t position,
+void audit_message(MessageAudit& audit, const receiver::Message& message, std::ptrdiff_t position,
                    std::uint64_t sequence, Violations& violations);
 
 // Holds the feed's own records against what the messages told so far.

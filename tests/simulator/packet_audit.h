@@ -1,8 +1,8 @@
 #pragma once
 
+#include "mold/publisher.h"
 #include "simulator/plan.h"
 #include "simulator/violations.h"
-#include "transport/mold_publisher.h"
 
 #include <cstdint>
 #include <string>

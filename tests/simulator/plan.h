@@ -1,8 +1,8 @@
 #pragma once
 
+#include "mold/fault_injector.h"
 #include "support/steering.h"
 #include "support/test_market.h"
-#include "transport/fault_injector.h"
 
 #include <cstdint>
 #include <string>

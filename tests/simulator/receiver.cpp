@@ -1,6 +1,6 @@
 #include "simulator/receiver.h"
 
-#include "transport/retransmission.h"
+#include "mold/retransmission_server.h"
 
 #include <algorithm>
 #include <limits>
@@ -31,7 +31,7 @@ void take_message(Receiver& receiver, std::uint64_t sequence, const unsigned cha
     receiver.next = sequence + 1;
     ++receiver.taken;
     if (receiver.is_joiner) {
-        listen::apply_message(receiver.market, bytes, length, sequence);
+        receiver::apply_message(receiver.market, bytes, length, sequence);
     }
 }
 
@@ -46,7 +46,7 @@ std::uint64_t serve_requests(Receiver& receiver, std::int64_t now_ms) {
         for (const Bytes& reply : replies) {
             if (receiver.random.below(100) >= receiver.loss_percent) {
                 take_packet(receiver.sequencer, reply.data(), reply.size(), now_ms,
-                            listen::PacketSource::retransmission);
+                            receiver::PacketSource::retransmission);
             }
         }
     }
@@ -57,12 +57,12 @@ std::uint64_t serve_requests(Receiver& receiver, std::int64_t now_ms) {
 
 void start_receiver(Receiver& receiver, std::uint64_t first) {
     Receiver* const self = &receiver;
-    listen::SequencerSettings settings;
+    receiver::SequencerSettings settings;
     settings.session = receiver.session;
     settings.can_ask = true;
     settings.retries = std::numeric_limits<unsigned>::max();
     settings.first_sequence = first;
-    listen::SequencerSinks sinks;
+    receiver::SequencerSinks sinks;
     sinks.message = [self](std::uint64_t sequence, const unsigned char* bytes, std::size_t length) {
         take_message(*self, sequence, bytes, length);
     };
@@ -75,18 +75,18 @@ void start_receiver(Receiver& receiver, std::uint64_t first) {
     };
     receiver.first = first;
     receiver.next = first;
-    receiver.sequencer = listen::make_sequencer(std::move(settings), std::move(sinks));
+    receiver.sequencer = receiver::make_sequencer(std::move(settings), std::move(sinks));
 }
 
 void offer_packet(Receiver& receiver, const Bytes& packet, std::int64_t now_ms) {
     if (receiver.random.below(100) >= receiver.loss_percent) {
         take_packet(receiver.sequencer, packet.data(), packet.size(), now_ms,
-                    listen::PacketSource::multicast);
+                    receiver::PacketSource::multicast);
     }
 }
 
 std::uint64_t take_time(Receiver& receiver, std::int64_t now_ms) {
-    listen::take_time(receiver.sequencer, now_ms);
+    receiver::take_time(receiver.sequencer, now_ms);
     return serve_requests(receiver, now_ms);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "listen/market_state.h"
-#include "listen/sequencer.h"
+#include "mold/sequencer.h"
+#include "receiver/market_state.h"
 #include "simulator/packet_audit.h"
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace tessel::simulator {
 // A receiver with loss of its own on both ways in. It asks for what it misses until it has everything, and
 // holds each message against what was appended. A late joiner also keeps a market, begun by a spin.
 struct Receiver {
-    listen::Sequencer sequencer;
+    receiver::Sequencer sequencer;
     MoldPublisher* publisher = nullptr;
     const std::vector<Bytes>* appended = nullptr;
     Violations* violations = nullptr;
@@ -21,7 +21,7 @@ struct Receiver {
     SplitMix random;
     unsigned loss_percent = 0;
     bool is_joiner = false;
-    listen::Market market;
+    receiver::Market market;
     std::uint64_t first = 1;  // number that it began with
     std::uint64_t next = 1;   // number of the message that must come next
     std::uint64_t taken = 0;

@@ -1,8 +1,8 @@
 #include "simulator/simulation.h"
 
-#include "market/tick.h"
+#include "engine/tick.h"
+#include "mold/retransmission_server.h"
 #include "support/market_difference.h"
-#include "transport/retransmission.h"
 
 #include <unistd.h>
 #include <algorithm>
@@ -74,9 +74,9 @@ void check_line(Simulation& sim, std::uint64_t sequence, testing::TruthReader& r
     }
 }
 
-std::ptrdiff_t position_of(const Simulation& sim, const listen::Message& message) {
-    const listen::Market& market = sim.follower.market;
-    const listen::Instrument* instrument = listen::find_instrument(market, message.symbol);
+std::ptrdiff_t position_of(const Simulation& sim, const receiver::Message& message) {
+    const receiver::Market& market = sim.follower.market;
+    const receiver::Instrument* instrument = receiver::find_instrument(market, message.symbol);
     return instrument == nullptr ? -1 : instrument - market.instruments.data();
 }
 
@@ -112,7 +112,7 @@ void follow_messages(Simulation& sim) {
             continue;
         }
         check_line(sim, i + 1, reader);
-        const listen::Message& decoded = sim.follower.market.message;
+        const receiver::Message& decoded = sim.follower.market.message;
         audit_message(sim.messages, decoded, position_of(sim, decoded), i + 1, sim.violations);
     }
     std::string_view line;
@@ -129,7 +129,7 @@ void follow_packets(Simulation& sim) {
     std::vector<Bytes>& packets = sim.market.packets;
     for (; sim.packets_seen < packets.size(); ++sim.packets_seen) {
         Bytes& packet = packets[sim.packets_seen];
-        const bool is_heartbeat = packet.size() == listen::mold_header_bytes;
+        const bool is_heartbeat = packet.size() == receiver::mold_header_bytes;
         if (is_heartbeat && plants(sim, "heartbeat")) {
             packet[17] ^= 1;
         }
@@ -299,7 +299,7 @@ void finish_receivers(Simulation& sim) {
     for (const std::unique_ptr<Receiver>& receiver : sim.receivers) {
         // The last heartbeat reaches everyone: a feed that has ended cannot be asked where it ended.
         take_packet(receiver->sequencer, heartbeat.data(), heartbeat.size(), now_of(sim),
-                    listen::PacketSource::multicast);
+                    receiver::PacketSource::multicast);
         sim.requests_served += finish_receiver(*receiver, now_of(sim));
         const std::string difference =
             receiver->is_joiner ? testing::joiner_difference(sim.follower.market, receiver->market) : "";
@@ -370,7 +370,7 @@ Simulation::Simulation(const RunPlan& run_plan) : plan(run_plan), market(run_pla
     random.state = ~plan.seed;
     market.publisher.faults = plan.faults;
     follower = testing::make_follower(plan.market.symbols);
-    packets.session = listen::padded_session(plan.market.session);
+    packets.session = receiver::padded_session(plan.market.session);
 }
 
 RunResult play_run(std::uint64_t seed, const std::string& canary, const StderrTape& tape) {

@@ -8,8 +8,8 @@
 #include "simulator/receiver.h"
 #include "simulator/stderr_tape.h"
 #include "simulator/violations.h"
+#include "snapshot/spin.h"
 #include "support/feed_follower.h"
-#include "transport/snapshot_spin.h"
 
 #include <cstdint>
 #include <memory>

@@ -25,7 +25,7 @@ import time
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "support_py"))
+sys.path.insert(0, str(HERE.parent / "python_support"))
 
 from feed import Feed, Process, program  # noqa: E402
 from vitals import descriptors, peak_resident_bytes, resident_bytes  # noqa: E402

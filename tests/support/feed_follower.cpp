@@ -1,6 +1,6 @@
 #include "support/feed_follower.h"
 
-#include "listen/truth_line.h"
+#include "receiver/truth_line.h"
 
 #include <algorithm>
 #include <array>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t wire_symbol_letters = 11;
 
-using listen::MessageKind;
+using receiver::MessageKind;
 
 bool is_quote(MessageKind kind) {
     return kind == MessageKind::quote_short || kind == MessageKind::quote_long;
@@ -23,11 +23,11 @@ bool tells_book(MessageKind kind) {
 
 // Where the message's instrument stands in the market; -1 when it has none.
 std::ptrdiff_t position_of(const FeedFollower& follower, std::string_view symbol) {
-    const listen::Instrument* instrument = listen::find_instrument(follower.market, symbol);
+    const receiver::Instrument* instrument = receiver::find_instrument(follower.market, symbol);
     return instrument == nullptr ? -1 : instrument - follower.market.instruments.data();
 }
 
-PlainNbbo told_nbbo(const listen::Nbbo& nbbo) {
+PlainNbbo told_nbbo(const receiver::Nbbo& nbbo) {
     return {nbbo.bid, nbbo.ask, nbbo.bid_size, nbbo.ask_size, nbbo.bid_center, nbbo.ask_center};
 }
 
@@ -78,15 +78,15 @@ FeedFollower make_follower(const std::string& symbols_text) {
 std::string follow(FeedFollower& follower, std::uint64_t sequence, const unsigned char* bytes,
                    std::size_t length) {
     follower.line.clear();
-    listen::Market& market = follower.market;
+    receiver::Market& market = follower.market;
     const std::uint64_t undecoded = market.undecoded;
-    listen::apply_message(market, bytes, length, sequence);
+    receiver::apply_message(market, bytes, length, sequence);
     if (market.undecoded != undecoded) {
         return "does not decode: " + market.last_error;
     }
-    const listen::Message& message = market.message;
+    const receiver::Message& message = market.message;
     follower.books.resize(market.instruments.size());
-    listen::append_truth_line(follower.line, market, message, sequence);
+    receiver::append_truth_line(follower.line, market, message, sequence);
     const std::ptrdiff_t position = position_of(follower, message.symbol);
     if (position < 0 || message.kind == MessageKind::mwcb_status) {
         return {};
@@ -98,7 +98,7 @@ std::string follow(FeedFollower& follower, std::uint64_t sequence, const unsigne
     } else if (is_quote(message.kind)) {
         take_quote(book, message);
         if (!(told_nbbo(market.instruments[static_cast<std::size_t>(position)].nbbo) == book.nbbo)) {
-            return "the NBBO told is not the recomputed one, " + book_text(book) + " with centres " +
+            return "the NBBO told is not the recomputed one, " + book_text(book) + " with centers " +
                    book.nbbo.bid_center + book.nbbo.ask_center;
         }
     }
@@ -106,7 +106,7 @@ std::string follow(FeedFollower& follower, std::uint64_t sequence, const unsigne
 }
 
 std::string line_difference(const FeedFollower& follower, std::string_view feed_line) {
-    const listen::Message& message = follower.market.message;
+    const receiver::Message& message = follower.market.message;
     const std::string_view rebuilt(follower.line.data(), follower.line.size() - 1);
     if (message.kind == MessageKind::mwcb_status) {
         // The log has the level as it was given, the message a digit of at most 3.

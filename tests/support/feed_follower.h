@@ -1,8 +1,8 @@
 #pragma once
 
-#include "listen/market_state.h"
+#include "mold/message_history.h"
+#include "receiver/market_state.h"
 #include "support/independent_nbbo.h"
-#include "transport/retrans_store.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -27,7 +27,7 @@ bool is_mark(std::string_view line);
 // listener's decoder and line writer, and through a book worked out independently.
 struct FeedFollower {
     std::vector<std::string> symbols;  // as configured: the letters behind the eleventh are not on the wire
-    listen::Market market;
+    receiver::Market market;
     std::vector<PlainBook> books;  // of market.instruments, by position
     std::string line;              // the line rebuilt last, line feed included; empty for a kind without
 };

@@ -14,7 +14,7 @@ bool one_of(char letter, std::string_view letters) {
     return letters.find(letter) != std::string_view::npos;
 }
 
-// One side of the NBBO: the best counting price, all the shares there, and the centre with most of them.
+// One side of the NBBO: the best counting price, all the shares there, and the center with most of them.
 struct PlainSide {
     std::int64_t price = 0;
     std::uint64_t size = 0;
@@ -60,7 +60,7 @@ void put_levels(std::string& text, const PlainBook& book, char side) {
 
 }  // namespace
 
-void take_quote(PlainBook& book, const listen::Message& quote) {
+void take_quote(PlainBook& book, const receiver::Message& quote) {
     book.quotes[static_cast<unsigned char>(quote.header.market_center)] = {
         quote.quote.bid,      quote.quote.ask,       quote.quote.bid_size,
         quote.quote.ask_size, quote.quote.condition, quote.header.participant_time_ns};
@@ -69,7 +69,7 @@ void take_quote(PlainBook& book, const listen::Message& quote) {
     book.nbbo = nbbo;
 }
 
-void take_band(PlainBook& book, const listen::Message& band) {
+void take_band(PlainBook& book, const receiver::Message& band) {
     book.band_indicator = band.band.indicator;
     book.band_lower = band.band.lower;
     book.band_upper = band.band.upper;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "listen/decoder.h"
+#include "wire/message_decoder.h"
 
 #include <cstdint>
 #include <map>
@@ -13,7 +13,7 @@ namespace tessel::testing {
 // The book of one instrument worked out once more, from decoded messages alone and as plainly as can be:
 // every answer goes over all quotes again. Shares no code with the feed's NBBO or with the listener's.
 
-// One market centre's quote as its last message told it. Prices are millionths of a dollar, sizes shares.
+// One market center's quote as its last message told it. Prices are millionths of a dollar, sizes shares.
 struct PlainQuote {
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -36,7 +36,7 @@ struct PlainNbbo {
 };
 
 struct PlainBook {
-    std::map<unsigned char, PlainQuote> quotes;  // by market centre
+    std::map<unsigned char, PlainQuote> quotes;  // by market center
     char band_indicator = ' ';
     std::int64_t band_lower = 0;
     std::int64_t band_upper = 0;
@@ -44,11 +44,11 @@ struct PlainBook {
     std::uint64_t changes = 0;  // how often a quote changed it
 };
 
-// Takes a short or long quote: replaces the centre's quote and works out the NBBO anew.
-void take_quote(PlainBook& book, const listen::Message& quote);
+// Takes a short or long quote: replaces the center's quote and works out the NBBO anew.
+void take_quote(PlainBook& book, const receiver::Message& quote);
 
 // Takes a price band.
-void take_band(PlainBook& book, const listen::Message& band);
+void take_band(PlainBook& book, const receiver::Message& band);
 
 // The NBBO of the quotes and the band as they stand.
 PlainNbbo independent_nbbo(const PlainBook& book);

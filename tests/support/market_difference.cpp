@@ -9,32 +9,32 @@ namespace {
 constexpr std::size_t reason_letters = 6;
 
 // A band whose lower price is 0 stands for none.
-listen::Band told_band(const listen::Band& band) {
-    return band.lower == 0 ? listen::Band{} : band;
+receiver::Band told_band(const receiver::Band& band) {
+    return band.lower == 0 ? receiver::Band{} : band;
 }
 
-std::string name_of(const listen::Instrument& instrument) {
+std::string name_of(const receiver::Instrument& instrument) {
     return "'" + instrument.symbol + "': ";
 }
 
-std::string text_of(const listen::CentreQuote& quote) {
+std::string text_of(const receiver::CenterQuote& quote) {
     std::string text = std::string(1, quote.center) + " " + std::to_string(quote.bid) + "x" +
                        std::to_string(quote.bid_size) + " " + std::to_string(quote.ask) + "x" +
                        std::to_string(quote.ask_size) + " " + quote.condition + " " + quote.bid_mpid + "/" +
                        quote.ask_mpid;
-    for (const listen::OddLot& order : quote.odd_lots) {
+    for (const receiver::OddLot& order : quote.odd_lots) {
         text += std::string(" ") + order.side + std::to_string(order.price) + "x" +
                 std::to_string(order.size) + order.mpid;
     }
     return text;
 }
 
-std::string text_of(const listen::Nbbo& nbbo) {
+std::string text_of(const receiver::Nbbo& nbbo) {
     return std::string(1, nbbo.bid_center) + std::to_string(nbbo.bid) + "x" + std::to_string(nbbo.bid_size) +
            " " + nbbo.ask_center + std::to_string(nbbo.ask) + "x" + std::to_string(nbbo.ask_size);
 }
 
-std::string text_of(const listen::BestOddLot& best) {
+std::string text_of(const receiver::BestOddLot& best) {
     if (!best.present) {
         return "none";
     }
@@ -43,19 +43,19 @@ std::string text_of(const listen::BestOddLot& best) {
            std::to_string(best.ask_size) + best.ask_mpid;
 }
 
-std::string text_of(const listen::Band& band) {
+std::string text_of(const receiver::Band& band) {
     return std::string(1, band.indicator) + " " + std::to_string(band.lower) + " " +
            std::to_string(band.upper);
 }
 
-std::string differs(const listen::Instrument& instrument, const char* what, const std::string& expected,
+std::string differs(const receiver::Instrument& instrument, const char* what, const std::string& expected,
                     const std::string& got) {
     return name_of(instrument) + what + ": expected " + expected + ", got " + got;
 }
 
-std::string quotes_difference(const listen::Instrument& whole, const listen::Instrument& joined) {
+std::string quotes_difference(const receiver::Instrument& whole, const receiver::Instrument& joined) {
     if (whole.quotes.size() != joined.quotes.size()) {
-        return differs(whole, "number of centres", std::to_string(whole.quotes.size()),
+        return differs(whole, "number of centers", std::to_string(whole.quotes.size()),
                        std::to_string(joined.quotes.size()));
     }
     for (std::size_t i = 0; i < whole.quotes.size(); ++i) {
@@ -66,7 +66,7 @@ std::string quotes_difference(const listen::Instrument& whole, const listen::Ins
     return {};
 }
 
-std::string status_difference(const listen::Instrument& whole, const listen::Instrument& joined) {
+std::string status_difference(const receiver::Instrument& whole, const receiver::Instrument& joined) {
     if (whole.status != joined.status) {
         return differs(whole, "status", std::string(1, whole.status), std::string(1, joined.status));
     }
@@ -83,7 +83,7 @@ std::string status_difference(const listen::Instrument& whole, const listen::Ins
     return {};
 }
 
-std::string instrument_difference(const listen::Instrument& whole, const listen::Instrument& joined) {
+std::string instrument_difference(const receiver::Instrument& whole, const receiver::Instrument& joined) {
     if (whole.symbol != joined.symbol || whole.secid != joined.secid || whole.indicator != joined.indicator) {
         return differs(whole, "directory", std::to_string(whole.secid) + whole.indicator,
                        joined.symbol + " " + std::to_string(joined.secid) + joined.indicator);
@@ -104,9 +104,9 @@ std::string instrument_difference(const listen::Instrument& whole, const listen:
     return status_difference(whole, joined);
 }
 
-// The feed's own quote of a centre in the listener's terms.
-listen::CentreQuote told_quote(const ParticipantQuote& quote) {
-    listen::CentreQuote told;
+// The feed's own quote of a center in the listener's terms.
+receiver::CenterQuote told_quote(const ParticipantQuote& quote) {
+    receiver::CenterQuote told;
     told.center = quote.mc;
     told.present = quote.bid != 0 || quote.ask != 0;
     told.bid = quote.bid;
@@ -129,8 +129,8 @@ listen::CentreQuote told_quote(const ParticipantQuote& quote) {
 }
 
 // Everything of an instrument that a receiver can know, from the feed's own record.
-listen::Instrument told_instrument(const Instrument& own) {
-    listen::Instrument told;
+receiver::Instrument told_instrument(const Instrument& own) {
+    receiver::Instrument told;
     told.symbol = own.symbol.substr(0, 11);
     told.secid = own.secid;
     told.indicator = own.indicator;
@@ -161,10 +161,10 @@ listen::Instrument told_instrument(const Instrument& own) {
 
 }  // namespace
 
-std::string joiner_difference(const listen::Market& whole, const listen::Market& joined) {
+std::string joiner_difference(const receiver::Market& whole, const receiver::Market& joined) {
     if (whole.day_started != joined.day_started || whole.open_centers != joined.open_centers ||
         whole.decline_levels != joined.decline_levels) {
-        return "start of day, open centres or decline levels";
+        return "start of day, open centers or decline levels";
     }
     if (whole.instruments.size() != joined.instruments.size()) {
         return "instruments: expected " + std::to_string(whole.instruments.size()) + ", got " +
@@ -179,7 +179,7 @@ std::string joiner_difference(const listen::Market& whole, const listen::Market&
     return {};
 }
 
-std::string engine_difference(const SipEngine& engine, const listen::Market& whole) {
+std::string engine_difference(const SipEngine& engine, const receiver::Market& whole) {
     if (engine.instruments.size() != whole.instruments.size()) {
         return "instruments: expected " + std::to_string(engine.instruments.size()) + ", got " +
                std::to_string(whole.instruments.size());
@@ -194,9 +194,9 @@ std::string engine_difference(const SipEngine& engine, const listen::Market& who
     return {};
 }
 
-std::string apply_spin(listen::Market& market, const SpinBuffer& spin) {
+std::string apply_spin(receiver::Market& market, const SpinBuffer& spin) {
     for (const std::span<const unsigned char> message : spin_messages(spin)) {
-        listen::apply_message(market, message.data(), message.size(), 0);
+        receiver::apply_message(market, message.data(), message.size(), 0);
     }
     return market.undecoded == 0 ? std::string() : "a spin message does not decode: " + market.last_error;
 }

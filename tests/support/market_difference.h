@@ -1,8 +1,8 @@
 #pragma once
 
-#include "listen/market_state.h"
-#include "market/sip_engine.h"
-#include "transport/snapshot_spin.h"
+#include "engine/sip_engine.h"
+#include "receiver/market_state.h"
+#include "snapshot/spin.h"
 
 #include <string>
 
@@ -10,16 +10,16 @@ namespace tessel::testing {
 
 // Where a receiver that joined late stands apart from one that saw everything: quotes with conditions, sizes
 // and odd-lot lists, NBBO, best odd-lot quote, trading status with reason and action number, price band,
-// directory, open centres, decline levels. Empty when nowhere. A spin tells no trades, no reason of an
+// directory, open centers, decline levels. Empty when nowhere. A spin tells no trades, no reason of an
 // instrument that trades and no band whose lower price is 0: reason and action number of a trading instrument
 // are compared once the joiner has seen an action of it.
-std::string joiner_difference(const listen::Market& whole, const listen::Market& joined);
+std::string joiner_difference(const receiver::Market& whole, const receiver::Market& joined);
 
 // Where a receiver that saw everything stands apart from the feed's own market. Empty when nowhere.
-std::string engine_difference(const SipEngine& engine, const listen::Market& whole);
+std::string engine_difference(const SipEngine& engine, const receiver::Market& whole);
 
 // Applies a spin, its end-of-snapshot message included, to an empty market. Returns what could not be
 // decoded.
-std::string apply_spin(listen::Market& market, const SpinBuffer& spin);
+std::string apply_spin(receiver::Market& market, const SpinBuffer& spin);
 
 }  // namespace tessel::testing

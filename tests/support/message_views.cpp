@@ -112,7 +112,7 @@ void read_revision(const Bytes& message, TradeView& view, std::size_t trade, std
     view.exempt = letter_at(message, trade + 28);
     view.consolidated = read_statistics(message, statistics);
     view.changes = get_text(message, statistics + 32, 1);
-    view.last_centre = letter_at(message, statistics + 33);
+    view.last_center = letter_at(message, statistics + 33);
     view.participant = read_statistics(message, statistics + 34);
 }
 
@@ -169,7 +169,7 @@ QuoteView read_quote(const Bytes& message) {
 TradeView read_trade(const Bytes& message) {
     TradeView view;
     view.type = letter_at(message, 2);
-    view.centre = get_text(message, 3, 2);
+    view.center = get_text(message, 3, 2);
     view.sip_time = get_u64(message, 5);
     view.participant_time = get_u64(message, 13);
     view.trf_time = get_u64(message, 29);
@@ -219,7 +219,7 @@ TradeView read_trade(const Bytes& message) {
 
 std::string brief(const Bytes& message) {
     const std::string kind = letters(message).substr(0, 2);
-    const std::string centre(1, letter_at(message, 3));
+    const std::string center(1, letter_at(message, 3));
     if (kind == "AH") {
         std::string reason = get_text(message, 53, 6);
         reason.erase(reason.find_last_not_of(' ') + 1);
@@ -236,17 +236,17 @@ std::string brief(const Bytes& message) {
         return "breaker " + get_text(message, 29, 1);
     }
     if (kind == "CP") {
-        return "wipe-out " + centre;
+        return "wipe-out " + center;
     }
     if (kind == "QM") {
         return "mpid quote";
     }
     if (kind[0] == 'Q') {
         const QuoteView view = read_quote(message);
-        return "quote " + centre + " " + view.condition + (view.sip_flag == 'E' ? " E" : "");
+        return "quote " + center + " " + view.condition + (view.sip_flag == 'E' ? " E" : "");
     }
     if (kind == "TM" || kind == "TN") {
-        return "trade " + centre + " " + read_trade(message).conditions;
+        return "trade " + center + " " + read_trade(message).conditions;
     }
     return letters(message);
 }

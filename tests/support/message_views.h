@@ -86,7 +86,7 @@ struct StatisticsView {
 // A trade report, cancel/error, correction or as-of trade.
 struct TradeView {
     char type = '-';     // M, N, O, P or Q
-    std::string centre;  // originator and sub-market centre
+    std::string center;  // originator and sub-market center
     std::uint64_t sip_time = 0;
     std::uint64_t participant_time = 0;
     std::uint64_t trf_time = 0;
@@ -103,7 +103,7 @@ struct TradeView {
     std::uint64_t new_size = 0;
     StatisticsView consolidated;  // of a cancel/error or correction
     StatisticsView participant;
-    char last_centre = '-';
+    char last_center = '-';
     std::uint64_t execution_time = 0;  // of an as-of trade
 };
 
@@ -111,7 +111,7 @@ struct TradeView {
 TradeView read_trade(const Bytes& message);
 
 // A message in a few words, which is how a test writes down the order of an event: "action H T1 1" (reason
-// and action number), "band D", "collar", "quote Q L" (centre and condition, " E" behind it when the SIP made
+// and action number), "band D", "collar", "quote Q L" (center and condition, " E" behind it when the SIP made
 // it), "mpid quote", "trade Q @5  ", "breaker 2", "wipe-out Q"; any other message is its letters.
 std::string brief(const Bytes& message);
 std::vector<std::string> briefs(const TestMarket& market, std::uint64_t first, std::uint64_t last);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "market/random.h"
+#include "base/random.h"
 
 #include <cstddef>
 #include <cstdint>

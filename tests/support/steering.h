@@ -1,7 +1,7 @@
 #pragma once
 
-#include "market/sip_engine.h"
-#include "transport/snapshot_spin.h"
+#include "engine/sip_engine.h"
+#include "snapshot/spin.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +33,7 @@ struct SplitMix {
 };
 
 // A control command that moves the market: halts, pauses, resumptions, bands, breakers, wipe-outs, prints and
-// revisions of an instrument or centre of this engine, now and then of one that is not there.
+// revisions of an instrument or center of this engine, now and then of one that is not there.
 std::string random_command(SplitMix& random, const SipEngine& engine);
 
 // Category and type of every message of a spin, one after the other: "CICOCO...".

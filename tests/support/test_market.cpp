@@ -1,8 +1,8 @@
 #include "support/test_market.h"
 
-#include "market/start_of_day.h"
-#include "market/tick.h"
-#include "transport/retrans_store.h"
+#include "engine/start_of_day.h"
+#include "engine/tick.h"
+#include "mold/message_history.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "app/clock.h"
-#include "app/scenario.h"
-#include "market/random.h"
-#include "market/sip_engine.h"
-#include "transport/mold_publisher.h"
+#include "base/clock.h"
+#include "base/random.h"
+#include "engine/scenario.h"
+#include "engine/sip_engine.h"
+#include "mold/publisher.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -77,7 +77,7 @@ struct TestMarket {
     std::vector<std::string> truth_lines() const;
 };
 
-// Category, type, originator and sub-market centre of a message: "AHQ ".
+// Category, type, originator and sub-market center of a message: "AHQ ".
 std::string letters(const Bytes& message);
 
 // Big-endian fields and texts of a message, read at an offset.

@@ -67,7 +67,7 @@ struct Line {
 bool read_line(std::string_view text, Line& out, std::string* error);
 
 // The two ways inside `read_line`, separate so that a test can hold one against the other. The quick one says
-// false for "not for me", which is no judgement about the line.
+// false for "not for me", which is no judgment about the line.
 bool read_line_quickly(std::string_view text, Line& out);
 bool read_line_fully(std::string_view text, Line& out, std::string* error);
 

@@ -8,8 +8,8 @@ namespace tessel::judge {
 
 namespace {
 
-// The page's whole style. Verdicts and series keep their colours apart from one another for every kind of
-// colour vision; the dark variant only changes their lightness. The page's tests look for these colours in
+// The page's whole style. Verdicts and series keep their colors apart from one another for every kind of
+// color vision; the dark variant only changes their lightness. The page's tests look for these colors in
 // a picture of it.
 constexpr std::string_view style = R"css(
 :root { color-scheme: light dark; --page: #f4f6f8; --card: #ffffff; --ink: #18212b; --soft: #5b6875;
@@ -77,9 +77,9 @@ std::string escaped(std::string_view text) {
     return safe;
 }
 
-void add_tile(std::string& page, std::string_view name, std::uint64_t number, std::string_view colour,
+void add_tile(std::string& page, std::string_view name, std::uint64_t number, std::string_view color,
               const std::string& note = "") {
-    page += fmt::format(R"(<div class="tile {}"><span>{}</span><b>{}</b>{}</div>)", number == 0 ? "" : colour,
+    page += fmt::format(R"(<div class="tile {}"><span>{}</span><b>{}</b>{}</div>)", number == 0 ? "" : color,
                         name, grouped(number), note.empty() ? "" : "<small>" + escaped(note) + "</small>");
 }
 

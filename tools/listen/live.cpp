@@ -9,10 +9,11 @@
 #include <deque>
 #include <vector>
 
-#include "listen/network.h"
-#include "listen/receiver.h"
-#include "listen/snapshot_client.h"
-#include "listen/view.h"
+#include "base/clock.h"
+#include "listen/listener.h"
+#include "listen/terminal_view.h"
+#include "receiver/snapshot_client.h"
+#include "receiver/sockets.h"
 
 namespace tessel::listen {
 
@@ -135,8 +136,8 @@ void update_view(Live& live, std::int64_t now_ms) {
 
 // One pass: wait, take everything that came, ask or give up, write.
 void run_one_pass(Live& live) {
-    wait_for_input(live, steady_ms());
-    const std::int64_t now_ms = steady_ms();
+    wait_for_input(live, static_cast<std::int64_t>(steady_ms()));
+    const auto now_ms = static_cast<std::int64_t>(steady_ms());
     receive_multicast(live.multicast, datagrams_a_pass, [&](const unsigned char* bytes, std::size_t length) {
         take_multicast(live, bytes, length, now_ms);
     });
@@ -164,10 +165,10 @@ void fetch_missing(Live& live) {
     Sequencer& sequencer = live.receiver.sequencer;
     run_one_pass(live);  // what came before the signal may still wait in the socket
     live.receiver.end_sequence = sequencer.highest;
-    const std::int64_t begin_ms = steady_ms();
+    const auto begin_ms = static_cast<std::int64_t>(steady_ms());
     const int signals = stop_signals;
     while (sequencer.next < live.receiver.end_sequence && stop_signals == signals &&
-           steady_ms() - begin_ms < finish_max_ms) {
+           static_cast<std::int64_t>(steady_ms()) - begin_ms < finish_max_ms) {
         run_one_pass(live);
     }
     give_up_all(sequencer);
@@ -240,10 +241,10 @@ ExitStatus run_live(const Options& options) {
     if (options.view) {
         open_view();
     }
-    const std::int64_t begin_ms = steady_ms();
+    const auto begin_ms = static_cast<std::int64_t>(steady_ms());
     const auto limit_ms = static_cast<std::int64_t>(options.seconds * 1000.0);
     while (stop_signals == 0 && !live.receiver.finished && live.snapshot.state != SnapshotState::failed &&
-           (limit_ms == 0 || steady_ms() - begin_ms < limit_ms)) {
+           (limit_ms == 0 || static_cast<std::int64_t>(steady_ms()) - begin_ms < limit_ms)) {
         run_one_pass(live);
     }
     live.receiver.snapshot_failed = live.joining;

@@ -1,5 +1,5 @@
+#include "listen/listener.h"
 #include "listen/options.h"
-#include "listen/receiver.h"
 
 int main(int argc, char** argv) {
     tessel::listen::Options options;

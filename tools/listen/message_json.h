@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "listen/decoder.h"
+#include "wire/message_decoder.h"
 
 // Every field of a message by name, as one JSON object a line.
 //
@@ -16,6 +16,8 @@
 // the form of the message does not have are left out; an appendage is an object of its own that is there only
 // when the message carries it.
 namespace tessel::listen {
+
+using namespace receiver;
 
 // Appends the object and a line feed. `sequence` 0 stands for a message of a Snap-Shot spin.
 void append_message_json(std::string& out, const Message& message, std::uint64_t sequence);

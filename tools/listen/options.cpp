@@ -3,9 +3,11 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-#include "listen/network.h"
+#include "receiver/sockets.h"
 
 namespace tessel::listen {
+
+using namespace receiver;
 
 namespace {
 

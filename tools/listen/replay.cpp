@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <map>
 
+#include "listen/listener.h"
 #include "listen/pcap_file.h"
-#include "listen/receiver.h"
-#include "listen/soup.h"
+#include "soup/soup_packet.h"
 
 namespace tessel::listen {
 

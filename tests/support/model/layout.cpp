@@ -18,7 +18,7 @@ struct Column {
 
 const std::vector<Column> common_header = {
     {"version", 1, 't'},          {"category", 1, 't'},          {"type", 1, 't'},
-    {"market centre", 1, 't'},    {"sub-market centre", 1, 't'}, {"SIP time", 8, 's'},
+    {"market center", 1, 't'},    {"sub-market center", 1, 't'}, {"SIP time", 8, 's'},
     {"participant time", 8, 's'}, {"participant token", 8, 'n'},
 };
 
@@ -126,7 +126,7 @@ const std::map<std::string, Layout>& layouts() {
            {"conditions", 4, 't'},
            {"exempt", 1, 't'},
            {"change", 1, 't'},
-           {"centre change", 1, 't'}}}},
+           {"center change", 1, 't'}}}},
         {"TN",
          {"trade-long",
           {{"TRF time", 8, 's'},
@@ -138,7 +138,7 @@ const std::map<std::string, Layout>& layouts() {
            {"exempt", 1, 't'},
            {"sale days", 2, 'n'},
            {"change", 1, 't'},
-           {"centre change", 1, 't'}}}},
+           {"center change", 1, 't'}}}},
         {"TO",
          {"trade-cancel",
           {{"TRF time", 8, 's'},
@@ -205,10 +205,10 @@ void add_appendages(Fields& fields, const std::string& message, bool is_long) {
     if (nbbo == '2' || nbbo == '3') {
         const std::size_t price = nbbo == '2' ? 2 : 8, size = nbbo == '2' ? 2 : 4;
         add(fields, {{"NBBO condition", 1, 't'},
-                     {"NBBO bid centre", 1, 't'},
+                     {"NBBO bid center", 1, 't'},
                      {"NBBO bid", price, 'n'},
                      {"NBBO bid size", size, 'n'},
-                     {"NBBO ask centre", 1, 't'},
+                     {"NBBO ask center", 1, 't'},
                      {"NBBO ask", price, 'n'},
                      {"NBBO ask size", size, 'n'}});
     }
@@ -216,10 +216,10 @@ void add_appendages(Fields& fields, const std::string& message, bool is_long) {
         add(fields, {{"bid MPID", 4, 't'}, {"ask MPID", 4, 't'}});
     if (best == '2' || best == '3' || best == '5') {
         const std::size_t price = best == '2' ? 2 : 8;
-        add(fields, {{"odd bid centre", 1, 't'},
+        add(fields, {{"odd bid center", 1, 't'},
                      {"odd bid", price, 'n'},
                      {"odd bid size", 2, 'n'},
-                     {"odd ask centre", 1, 't'},
+                     {"odd ask center", 1, 't'},
                      {"odd ask", price, 'n'},
                      {"odd ask size", 2, 'n'}});
         if (best == '5')
@@ -228,7 +228,7 @@ void add_appendages(Fields& fields, const std::string& message, bool is_long) {
     const std::size_t count_at = is_long ? 81 : 50;
     const std::size_t count = static_cast<unsigned char>(message[count_at + 1]);
     for (std::size_t i = 0; i < count && (list == '2' || list == '3' || list == '5'); ++i) {
-        add(fields, {{"list centre", 1, 't'},
+        add(fields, {{"list center", 1, 't'},
                      {"list side", 1, 't'},
                      {"list price", list == '2' ? std::size_t{2} : std::size_t{8}, 'n'},
                      {"list size", 2, 'n'}});
@@ -268,7 +268,7 @@ std::vector<Field> fields_of(const std::string& message) {
             add_appendages(fields, message, type == "QD");
         if (type == "TO" || type == "TP") {
             add(fields, statistics);
-            add(fields, {{"change", 1, 't'}, {"last centre", 1, 't'}});
+            add(fields, {{"change", 1, 't'}, {"last center", 1, 't'}});
             add(fields, statistics);
         }
     }

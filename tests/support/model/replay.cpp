@@ -2,12 +2,12 @@
 
 #include "app/control_channel.h"
 #include "app/reports.h"
-#include "market/start_of_day.h"
-#include "market/tick.h"
-#include "out/book_file.h"
+#include "engine/start_of_day.h"
+#include "engine/tick.h"
+#include "mold/message_history.h"
+#include "output/book_file.h"
 #include "support/model/layout.h"
 #include "support/model/model_wire.h"
-#include "transport/retrans_store.h"
 
 #include <unistd.h>
 #include <algorithm>

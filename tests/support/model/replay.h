@@ -4,9 +4,9 @@
 // step one comparison of everything that came out.
 
 #include "app/scenario_events.h"
+#include "snapshot/spin.h"
 #include "support/model/model.h"
 #include "support/test_market.h"
-#include "transport/snapshot_spin.h"
 
 #include <cstdint>
 #include <random>

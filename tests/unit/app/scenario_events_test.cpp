@@ -1,6 +1,6 @@
 #include "app/scenario_events.h"
 
-#include "market/tick.h"
+#include "engine/tick.h"
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>

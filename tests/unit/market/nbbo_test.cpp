@@ -15,14 +15,14 @@ struct Book {
     std::vector<ParticipantQuote> quotes;
     Instrument instrument;
 
-    explicit Book(std::size_t centres) : quotes(centres) {
-        for (std::size_t at = 0; at < centres; ++at) {
+    explicit Book(std::size_t centers) : quotes(centers) {
+        for (std::size_t at = 0; at < centers; ++at) {
             quotes[at].mc = static_cast<char>('A' + at);
             quotes[at].present = true;
             quotes[at].condition = 'R';
         }
         instrument.quotes = quotes.data();
-        instrument.quote_slots = centres;
+        instrument.quote_slots = centers;
     }
     void set_bid(std::size_t at, std::int64_t cents, std::uint32_t size, std::uint64_t time = 0) {
         quotes[at].bid = cents * cent;
@@ -46,7 +46,7 @@ std::string show(const Nbbo& nbbo) {
            std::to_string(nbbo.ask) + "x" + std::to_string(nbbo.ask_size) + nbbo.ask_mc;
 }
 
-TEST(ComputeNbbo, NoCentres_NothingOnEitherSide) {
+TEST(ComputeNbbo, NoCenters_NothingOnEitherSide) {
     EXPECT_EQ(show(compute_nbbo(Instrument{})), "0x0  0x0 ");
     EXPECT_EQ(show(compute_nbbo(Book(3).instrument)), "0x0  0x0 ");
 }
@@ -60,7 +60,7 @@ TEST(ComputeNbbo, SizeBelowARoundLot_NeverSetsItsSide) {
     EXPECT_EQ(show(compute_nbbo(book.instrument)), "190010000x100B 0x0 ");
 }
 
-TEST(ComputeNbbo, TwoCentresAtTheBestBid_SizesAddUpAndTheLargestIsTheCentre) {
+TEST(ComputeNbbo, TwoCentersAtTheBestBid_SizesAddUpAndTheLargestIsTheCenter) {
     Book book(2);
     book.set_bid(0, 19001, 300);
     book.set_bid(1, 19001, 500);
@@ -268,7 +268,7 @@ TEST(BuildLevels, LargeSizes_AddUp) {
     EXPECT_EQ(levels_of(book.instrument, 'A', 5), "100000x4200000000 ");
 }
 
-TEST(BuildLevels, Seed4_RandomBooksOfUpTo60Centres_EqualAMapOfSizes) {
+TEST(BuildLevels, Seed4_RandomBooksOfUpTo60Centers_EqualAMapOfSizes) {
     std::mt19937_64 raw(4);
     for (int round = 0; round < 4'000; ++round) {
         Book book(round % 4 == 0 ? 60 : 1 + raw() % 12);

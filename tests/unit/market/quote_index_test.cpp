@@ -115,12 +115,12 @@ void compare_many(const std::string& participants, bool banded, std::uint64_t se
     }
 }
 
-TEST(QuoteIndex, SevenCentres_AgreesWithAWalkThroughTheQuotes) {
+TEST(QuoteIndex, SevenCenters_AgreesWithAWalkThroughTheQuotes) {
     compare_many("QNPZKVD", false, 1);
     compare_many("QNPZKVD", true, 2);
 }
 
-TEST(QuoteIndex, OneCentre_AgreesWithAWalkThroughTheQuotes) {
+TEST(QuoteIndex, OneCenter_AgreesWithAWalkThroughTheQuotes) {
     compare_many("D", false, 3);
 }
 
@@ -129,7 +129,7 @@ TEST(QuoteIndex, ExactlyOneBlockAndOneMore_AgreeWithAWalkThroughTheQuotes) {
     compare_many("ABCDEFGHI", true, 5);
 }
 
-TEST(QuoteIndex, MoreCentresThanBitsInAWord_AgreesWithAWalkThroughTheQuotes) {
+TEST(QuoteIndex, MoreCentersThanBitsInAWord_AgreesWithAWalkThroughTheQuotes) {
     std::string letters;
     for (char letter = '!'; letter < '!' + 70; ++letter) {
         letters += letter;
@@ -137,7 +137,7 @@ TEST(QuoteIndex, MoreCentresThanBitsInAWord_AgreesWithAWalkThroughTheQuotes) {
     compare_many(letters, false, 6);
 }
 
-TEST(QuoteIndex, NoCentres_HasNoNbbo) {
+TEST(QuoteIndex, NoCenters_HasNoNbbo) {
     TestMarket market({.symbols = "A:1", .participants = "", .truth = false});
     const BestQuotes best = find_best_quotes(market.at(0));
     EXPECT_EQ(as_tuple(best.nbbo), as_tuple(Nbbo{}));
@@ -160,7 +160,7 @@ TEST(QuoteIndex, LargestPossiblePrice_IsKeptToTheCent) {
     EXPECT_EQ(nbbo.ask, quote.ask);
 }
 
-// One centre's regular quote of these cents and lots.
+// One center's regular quote of these cents and lots.
 void set_quote(Instrument& instrument, std::size_t slot, std::int64_t bid, std::int64_t ask,
                std::uint32_t lots) {
     ParticipantQuote& quote = instrument.quotes[slot];

@@ -109,7 +109,7 @@ TEST(ApplyTrade, EachEligibility_UpdatesItsOwnFieldsOnly) {
     struct Row {
         Eligibility eligible;
         const char* expected;
-        char last_centre;
+        char last_center;
     };
     for (const Row& row : {Row{{true, false, false}, "7 7 0 0", ' '},
                            {{false, true, false}, "0 0 7 0", 'Z'},
@@ -120,12 +120,12 @@ TEST(ApplyTrade, EachEligibility_UpdatesItsOwnFieldsOnly) {
         apply_trade(instrument, find_trade_stats(instrument, 'Z'), row.eligible, 'Z', 7, 3);
         EXPECT_EQ(show(consolidated_statistics(instrument)), row.expected);
         EXPECT_EQ(show(participant_statistics(instrument, 'Z')), row.expected);
-        EXPECT_EQ(instrument.last_market_center, row.last_centre);
+        EXPECT_EQ(instrument.last_market_center, row.last_center);
         EXPECT_EQ(show(participant_statistics(instrument, 'N')), "0 0 0 0");
     }
 }
 
-TEST(FindTradeStats, ListedCentresCrossAndTrf_AndNoOther) {
+TEST(FindTradeStats, ListedCentersCrossAndTrf_AndNoOther) {
     TestMarket market({.symbols = "A", .participants = "NZ"});
     for (const char letter : std::string("NZQD")) {
         ASSERT_NE(find_trade_stats(market.at(0), letter), nullptr);
@@ -139,7 +139,7 @@ TEST(NextTradeId, EveryKey_CountsFromOneForItself) {
     TestMarket market({.symbols = "A,B"});
     struct Row {
         std::size_t instrument;
-        char centre, sub;
+        char center, sub;
         std::uint64_t id;
     };
     for (const Row& row : {Row{0, 'D', ' ', 1},
@@ -156,9 +156,9 @@ TEST(NextTradeId, EveryKey_CountsFromOneForItself) {
                            {0, 'x', ' ', 2},
                            {0, 'Q', 'Q', 1}}) {
         Instrument& instrument = market.at(row.instrument);
-        EXPECT_EQ(next_trade_id(instrument, find_trade_stats(instrument, row.centre), row.centre, row.sub),
+        EXPECT_EQ(next_trade_id(instrument, find_trade_stats(instrument, row.center), row.center, row.sub),
                   row.id)
-            << row.centre << row.sub;
+            << row.center << row.sub;
     }
 }
 
@@ -181,13 +181,13 @@ TEST(RecomputeStatistics, DeadTrades_AreLeftOutAndIdsAndSharesStay) {
         instrument.trades.push_back(trade);
         recompute_statistics(instrument);
 
-        // The same from the live trades, one centre (or all) at a time.
-        for (const char centre : std::string("*QNPZKVD")) {
+        // The same from the live trades, one center (or all) at a time.
+        for (const char center : std::string("*QNPZKVD")) {
             StatisticsRecord expected;
-            char last_centre = ' ';
+            char last_center = ' ';
             for (const TradeRecord& one : instrument.trades) {
                 const std::string_view letters(one.conditions.data(), 4);
-                if (!one.live || (centre != '*' && one.market_center != centre)) {
+                if (!one.live || (center != '*' && one.market_center != center)) {
                     continue;
                 }
                 if (all_in(letters, high_low_set)) {
@@ -196,15 +196,15 @@ TEST(RecomputeStatistics, DeadTrades_AreLeftOutAndIdsAndSharesStay) {
                 }
                 if (all_in(letters, last_set)) {
                     expected.last = one.price;
-                    last_centre = one.market_center;
+                    last_center = one.market_center;
                 }
                 expected.volume += all_in(letters, volume_set) ? one.size : 0;
             }
-            const StatisticsRecord got = centre == '*' ? consolidated_statistics(instrument)
-                                                       : participant_statistics(instrument, centre);
-            ASSERT_EQ(show(got), show(expected)) << "round " << round << " centre " << centre;
-            if (centre == '*') {
-                ASSERT_EQ(instrument.last_market_center, last_centre);
+            const StatisticsRecord got = center == '*' ? consolidated_statistics(instrument)
+                                                       : participant_statistics(instrument, center);
+            ASSERT_EQ(show(got), show(expected)) << "round " << round << " center " << center;
+            if (center == '*') {
+                ASSERT_EQ(instrument.last_market_center, last_center);
             }
         }
     }

@@ -1,0 +1,33 @@
+#include "engine/wipe_out.h"
+
+#include "engine/quotes.h"
+#include "wire/admin_messages.h"
+
+#include <cstdio>
+
+namespace tessel {
+
+void wipe_out(SipEngine& engine, char participant) {
+    const std::uint64_t event_time = wall_ns(*engine.clock);
+    const std::uint64_t sip_time = wall_ns(*engine.clock);
+    build_wipe_out(engine.writer, {sip_time, event_time}, participant);
+    publish_message(engine);
+    ++engine.scenario->stats.wipeouts;
+    for (Instrument& instrument : engine.instruments) {
+        ParticipantQuote* const quote = find_quote(instrument, participant);
+        if (quote == nullptr || !quote->present) {
+            continue;
+        }
+        quote->present = false;
+        quote->bid = 0;
+        quote->ask = 0;
+        quote->bid_size = 0;
+        quote->ask_size = 0;
+        publish_quote(engine, instrument, *quote, 'E', event_time);
+    }
+    std::fprintf(stderr, "bench: quote wipe-out of participant %c at seq %llu\n", participant,
+                 static_cast<unsigned long long>(last_sequence(*engine.publisher)));
+    flush(*engine.publisher);
+}
+
+}  // namespace tessel

@@ -1,0 +1,124 @@
+#include "output/number_text.h"
+
+#include <array>
+#include <charconv>
+#include <cstring>
+
+namespace tessel {
+
+namespace {
+
+// "00" to "99": two digits a step.
+constexpr std::array<char, 200> make_pairs() {
+    std::array<char, 200> pairs{};
+    for (unsigned at = 0; at < 100; ++at) {
+        pairs[2 * at] = static_cast<char>('0' + at / 10);
+        pairs[2 * at + 1] = static_cast<char>('0' + at % 10);
+    }
+    return pairs;
+}
+
+constexpr std::array<char, 200> pairs = make_pairs();
+
+std::uint32_t pair_of(std::uint64_t value) {
+    std::uint16_t pair;
+    std::memcpy(&pair, pairs.data() + 2 * value, sizeof pair);
+    return pair;
+}
+
+char* put_pair(char* out, std::uint64_t value) {
+    std::memcpy(out, pairs.data() + 2 * value, 2);
+    return out + 2;
+}
+
+// Four digits in a register, the leading zeros shifted out: sizes have three digits or four by chance, and a
+// branch would be wrong half the time. Four bytes are always written.
+char* put_up_to_four(char* out, std::uint64_t value) {
+    std::uint32_t digits = pair_of(value / 100) | pair_of(value % 100) << 16;
+    const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
+    digits >>= 8 * zeros;
+    std::memcpy(out, &digits, sizeof digits);
+    return out + (4 - zeros);
+}
+
+constexpr std::uint64_t millionths_per_cent = 10'000;
+
+}  // namespace
+
+char* put_unsigned(char* out, std::uint64_t value) {
+    if (value < 10'000) [[likely]] {
+        return put_up_to_four(out, value);
+    }
+    if (value < 100'000'000) [[likely]] {
+        out = put_up_to_four(out, value / 10'000);
+        value %= 10'000;
+        return put_pair(put_pair(out, value / 100), value % 100);
+    }
+    std::array<char, 20> digits;
+    char* end = digits.data() + digits.size();
+    char* start = end;
+    while (value >= 100) {
+        start -= 2;
+        put_pair(start, value % 100);
+        value /= 100;
+    }
+    if (value >= 10) {
+        start -= 2;
+        put_pair(start, value);
+    } else {
+        *--start = static_cast<char>('0' + value);
+    }
+    const auto length = static_cast<std::size_t>(end - start);
+    std::memcpy(out, start, length);
+    return out + length;
+}
+
+char* put_signed(char* out, std::int64_t value) {
+    if (value < 0) {
+        *out++ = '-';
+        return put_unsigned(out, 0 - static_cast<std::uint64_t>(value));
+    }
+    return put_unsigned(out, static_cast<std::uint64_t>(value));
+}
+
+char* put_large_cents4(char* out, std::uint64_t cents) {
+    out = put_unsigned(out, cents / 100);
+    *out = '.';
+    std::memcpy(out + 1, &cents_texts[cents % 100], sizeof(ShortText));
+    return out + 1 + cents_text_bytes;
+}
+
+char* put_price4(char* out, std::int64_t price) {
+    std::uint64_t magnitude = static_cast<std::uint64_t>(price);
+    if (price < 0) {
+        *out++ = '-';
+        magnitude = 0 - magnitude;
+    }
+    return put_cents4(out, magnitude / millionths_per_cent) - 1;
+}
+
+void keep_tens(CountText& kept, std::uint64_t tens) {
+    char* const end = tens == 0 ? kept.text.data() : put_unsigned(kept.text.data(), tens);
+    kept.length = static_cast<std::size_t>(end - kept.text.data());
+    kept.tens = tens;
+}
+
+char* put_price_general(char* out, std::int64_t price) {
+    // Up to $9,999.99 the six digits hold every cent: the number is written from its integers.
+    constexpr std::int64_t exact_below = 10'000'000'000;
+    if (price >= 0 && price < exact_below) {
+        const auto cents = static_cast<std::uint64_t>(price) / millionths_per_cent;
+        out = put_unsigned(out, cents / 100);
+        const std::uint64_t rest = cents % 100;
+        if (rest != 0) {
+            *out = '.';
+            put_pair(out + 1, rest);
+            out += rest % 10 == 0 ? 2 : 3;
+        }
+        return out;
+    }
+    const double dollars = static_cast<double>(price) / 1'000'000.0;
+    return std::to_chars(out, out + text_number_bytes_max, dollars, std::chars_format::general, 6).ptr;
+}
+
+}  // namespace tessel

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "engine/sip_engine.h"
+#include "snapshot/spin.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tessel {
+
+// SoupBinTCP, both directions: Packet Length (2 bytes, big-endian, counting the type), Packet Type, payload.
+constexpr char login_request_type = 'L';  // from the client
+constexpr char logout_request_type = 'O';
+constexpr char login_accepted_type = 'A';  // to the client
+constexpr char login_rejected_type = 'J';
+constexpr char server_heartbeat_type = 'H';
+constexpr std::size_t login_request_bytes = 46;  // username 6, password 10, session 10, sequence number 20
+
+constexpr std::size_t soup_packet_bytes_max = 2 + 65535;
+// What is kept and read of one connection in one pass at most: a sender that is faster than the loop waits in
+// its socket.
+constexpr std::size_t soup_input_bytes_max = 256 * 1024;
+constexpr std::size_t soup_receive_bytes = 4096;         // in one call
+constexpr std::uint32_t snapshot_connections_max = 999;  // of a run; logins on later connections are rejected
+constexpr std::size_t snapshot_accepts_max = 64;         // in one pass
+constexpr std::int64_t soup_heartbeat_after_ms = 1000;
+constexpr std::int64_t soup_silence_max_ms = 15'000;
+constexpr int spin_waits_max = 2000;  // of spin_wait_ms each, until a spin that nobody reads is given up
+constexpr int spin_wait_ms = 10;
+
+struct SoupPacket {
+    char type = ' ';
+    std::span<const unsigned char> payload;  // into the input it was taken from
+};
+
+// The packet at the start of input; false while it is not complete. consumed is the number of bytes it takes.
+// A Packet Length of 0 never completes: is_blocked tells that.
+bool next_soup_packet(std::span<const unsigned char> input, SoupPacket& packet, std::size_t& consumed);
+
+// Whether input begins with a Packet Length of 0: nothing from there on is ever looked at.
+bool is_blocked(std::span<const unsigned char> input);
+
+// A Login Request's fields, without trailing blanks and zero bytes. The password is not kept: nobody checks
+// it.
+struct LoginRequest {
+    std::string username;
+    std::string session;
+    std::uint64_t sequence = 0;
+};
+
+// Reads a payload; one that is too short gives empty fields and 0. A sequence text is read as strtoull reads
+// it.
+LoginRequest read_login(std::span<const unsigned char> payload);
+
+struct SnapshotConnection {
+    int fd = -1;  // -1 once closed
+    bool logged_in = false;
+    bool blocked = false;   // a Packet Length of 0 was seen: bytes are received and dropped
+    bool deferred = false;  // input begins with a second login, which waits for the next pass
+    std::int64_t connected_ms = 0;
+    std::int64_t last_receive_ms = 0;
+    std::int64_t last_send_ms = 0;     // of the last heartbeat or spin
+    std::vector<unsigned char> input;  // received, not parsed; at most soup_input_bytes_max
+};
+
+struct SnapshotServer {
+    int listener = -1;
+    bool accept_failing = false;  // out of descriptors: the listener stays readable and is not waited for
+    std::uint32_t connections_accepted = 0;       // of the run
+    std::vector<SnapshotConnection> connections;  // in accept order
+    std::vector<unsigned char> gathered;          // one connection's input while it is served
+    SpinBuffer spin;
+};
+
+// Opens the listener on all local addresses, non-blocking. False and the whole line for standard error
+// ("tessel: cannot listen on Snap-Shot port 25179: Address already in use\n") when that fails.
+bool open_listener(SnapshotServer& server, std::uint16_t port, std::string& error);
+
+// One pass: accepts, receives, answers logins and logouts, sends heartbeats, times silent connections out.
+// now_ms is the loop's steady time. Waits only while a spin goes out, and then at most spin_waits_max times.
+void service_snapshots(SnapshotServer& server, SipEngine& engine, std::int64_t now_ms);
+
+}  // namespace tessel

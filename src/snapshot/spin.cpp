@@ -1,0 +1,237 @@
+#include "snapshot/spin.h"
+
+#include "engine/luld.h"
+#include "engine/quotes.h"
+#include "market/nbbo.h"
+#include "market/symbol_directory.h"
+#include "wire/admin_messages.h"
+#include "wire/quote_messages.h"
+
+#include <cassert>
+#include <cstring>
+
+namespace tessel {
+
+namespace {
+
+// More than any message with its packet's header.
+constexpr std::size_t message_room = 256;
+static_assert(sequenced_header_bytes + long_quote_bytes_max <= message_room);
+static_assert(sequenced_header_bytes + long_directory_bytes <= message_room);
+
+// What one instrument adds at most, its quotes aside.
+constexpr std::size_t instrument_bytes_max = short_directory_bytes + long_directory_bytes + indicator_bytes +
+                                             trading_action_bytes + price_band_bytes + collar_bytes +
+                                             6 * sequenced_header_bytes;
+
+std::size_t spin_bytes_max(const SipEngine& engine) {
+    std::size_t bytes =
+        decline_levels_bytes + end_of_snapshot_bytes + 2 * sequenced_header_bytes + message_room;
+    for (const std::vector<unsigned char>& message : engine.retained_messages) {
+        bytes += message.size() + sequenced_header_bytes;
+    }
+    return bytes + engine.instruments.size() * instrument_bytes_max +
+           engine.quotes.size() * (long_quote_bytes_max + sequenced_header_bytes);
+}
+
+void hand_over(SpinBuffer& spin) {
+    assert(spin.sink.take != nullptr);
+    spin.sink.take(spin.sink.context, spin.bytes.data(), spin.size);
+    spin.handed_over += spin.size;
+    spin.size = 0;
+}
+
+// Where the next message goes, its packet's header before it: there is room for one.
+unsigned char* next_message(SpinBuffer& spin) {
+    if (spin.bytes.size() - spin.size < message_room) [[unlikely]] {
+        hand_over(spin);
+    }
+    return spin.bytes.data() + spin.size + sequenced_header_bytes;
+}
+
+// Frames a message of that length which stands at next_message.
+void frame_message(SpinBuffer& spin, std::size_t length) {
+    assert(sequenced_header_bytes + length <= message_room);
+    unsigned char* const out = spin.bytes.data() + spin.size;
+    put_u16(out, 0, static_cast<std::uint16_t>(length + 1));
+    put_u8(out, 2, sequenced_data_type);
+    spin.size += sequenced_header_bytes + length;
+}
+
+void append_message(SpinBuffer& spin, const unsigned char* message, std::size_t length) {
+    std::memcpy(next_message(spin), message, length);
+    frame_message(spin, length);
+}
+
+void append_built(SpinBuffer& spin) {
+    append_message(spin, spin.writer.bytes.get(), spin.writer.size);
+}
+
+void append_directory(SpinBuffer& spin, const Instrument& instrument, AdminTimes times,
+                      std::string& name_storage) {
+    const DirectoryRecord record = fill_directory(instrument, times, name_storage);
+    frame_message(spin, put_directory(next_message(spin), record, false));
+    frame_message(spin, put_directory(next_message(spin), record, true));
+    frame_message(spin,
+                  put_indicator(next_message(spin), times, wire_symbol(instrument), instrument.indicator));
+}
+
+// What is the same in every quote of one instrument: the national best bid and offer as last told, and the
+// best odd-lot quote.
+QuoteRecord fill_instrument_part(const Instrument& instrument, std::uint64_t spin_time_ns) {
+    QuoteRecord record;
+    record.header.sip_time = spin_time_ns;
+    record.header.participant_time = spin_time_ns;
+    record.symbol = wire_symbol(instrument);
+    const Nbbo nbbo = stored_nbbo(instrument);
+    record.luld_nbbo = luld_nbbo_indicator(instrument, nbbo);
+    record.nbbo_ind = '3';
+    record.nbbo_condition = nbbo.bid != 0 && nbbo.ask != 0 ? 'R' : 'Y';
+    record.nbbo_bid_mc = nbbo.bid_mc;
+    record.nbbo_ask_mc = nbbo.ask_mc;
+    record.nbbo_bid = nbbo.bid;
+    record.nbbo_ask = nbbo.ask;
+    record.nbbo_bid_size = nbbo.bid_size;
+    record.nbbo_ask_size = nbbo.ask_size;
+    if (instrument.adf_present != 0) {
+        const bool has_mpids = instrument.adf_bid_mc == 'D' || instrument.adf_ask_mc == 'D';
+        record.odd_best_ind = has_mpids ? '5' : '3';
+        record.odd_bid_mc = instrument.adf_bid_mc;
+        record.odd_ask_mc = instrument.adf_ask_mc;
+        record.odd_bid = instrument.adf_bid;
+        record.odd_ask = instrument.adf_ask;
+        record.odd_bid_size = static_cast<std::uint16_t>(instrument.adf_sizes >> 16);
+        record.odd_ask_size = static_cast<std::uint16_t>(instrument.adf_sizes & 0xFFFFu);
+        record.odd_bid_mpid = instrument.adf_bid_mc == 'D' ? adf_bid_mpid : std::string_view();
+        record.odd_ask_mpid = instrument.adf_ask_mc == 'D' ? adf_ask_mpid : std::string_view();
+    }
+    return record;
+}
+
+// How the quote tells the stored national best bid and offer: that there is none, that it is this quote
+// itself, or by an appendage.
+char nbbo_indicator(const Instrument& instrument, const ParticipantQuote& quote) {
+    if (instrument.nbbo_bid == 0 && instrument.nbbo_ask == 0) {
+        return '1';
+    }
+    const bool is_whole = instrument.nbbo_bid != 0 && instrument.nbbo_ask != 0 &&
+                          instrument.nbbo_bid_mc == quote.mc && instrument.nbbo_ask_mc == quote.mc &&
+                          instrument.nbbo_bid == quote.bid && instrument.nbbo_ask == quote.ask &&
+                          instrument.nbbo_bid_size == quote.bid_size &&
+                          instrument.nbbo_ask_size == quote.ask_size;
+    return is_whole ? '4' : '3';
+}
+
+void append_quote(SpinBuffer& spin, QuoteRecord& record, const LongQuoteForm& form,
+                  const Instrument& instrument, const ParticipantQuote& quote) {
+    const bool is_adf = quote.mc == 'D';
+    record.header.mc = quote.mc;
+    record.adf_time = is_adf ? record.header.participant_time : 0;
+    record.adf_mpid_ind = is_adf ? '2' : ' ';
+    record.bid_mpid = quote.has_mpids ? adf_bid_mpid : std::string_view();
+    record.ask_mpid = quote.has_mpids ? adf_ask_mpid : std::string_view();
+    record.bid = quote.bid;
+    record.ask = quote.ask;
+    record.bid_size = quote.bid_size;
+    record.ask_size = quote.ask_size;
+    record.condition = quote.condition;
+    record.luld_bbo = luld_bbo_indicator(instrument, quote.bid, quote.ask);
+    OddLotQuote odd_lots[2];
+    record.odd_lot_count = quote.has_odd_lots ? list_odd_lots(quote, odd_lots) : 0;
+    record.odd_lots = odd_lots;
+    record.odd_list_ind = record.odd_lot_count == 0 ? '0' : (is_adf ? '5' : '3');
+    // Put in place: these are nine tenths of a spin.
+    unsigned char* const out = next_message(spin);
+    record.nbbo_ind = nbbo_indicator(instrument, quote);
+    frame_message(spin, record.nbbo_ind == '3' ? put_prepared_quote(out, form, record)
+                                               : put_long_quote_message(out, record));
+}
+
+void append_quotes(SpinBuffer& spin, const Instrument& instrument, std::uint64_t spin_time_ns) {
+    QuoteRecord record = fill_instrument_part(instrument, spin_time_ns);
+    LongQuoteForm form;
+    prepare_long_quote(form, record);
+    for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
+        if (instrument.quotes[slot].quoted) {
+            append_quote(spin, record, form, instrument, instrument.quotes[slot]);
+        }
+    }
+}
+
+void append_statuses(SpinBuffer& spin, const SipEngine& engine, AdminTimes times) {
+    for (const Instrument& instrument : engine.instruments) {
+        if (instrument.status != 'T') {
+            build_trading_action(spin.writer, times, wire_symbol(instrument), instrument.status,
+                                 instrument.action_seq, times.participant_time, instrument.halt_reason);
+            append_built(spin);
+        }
+    }
+}
+
+void append_bands(SpinBuffer& spin, const SipEngine& engine, AdminTimes times) {
+    for (const Instrument& instrument : engine.instruments) {
+        if (instrument.luld_lower != 0) {
+            const char indicator = instrument.band_indicator == ' ' ? 'B' : instrument.band_indicator;
+            build_price_band(spin.writer, times, wire_symbol(instrument), indicator, times.participant_time,
+                             instrument.luld_lower, instrument.luld_upper);
+            append_built(spin);
+        }
+    }
+    for (const Instrument& instrument : engine.instruments) {
+        if (instrument.status == 'P') {
+            const Band collar = band_around(reference_price(instrument));
+            build_collar(spin.writer, times, wire_symbol(instrument), instrument.action_seq, collar.reference,
+                         collar.upper, collar.lower);
+            append_built(spin);
+        }
+    }
+}
+
+}  // namespace
+
+void build_spin(SpinBuffer& spin, SipEngine& engine, std::uint64_t spin_time_ns) {
+    const std::size_t needed = spin.sink.take != nullptr ? spin_buffer_bytes : spin_bytes_max(engine);
+    if (spin.bytes.size() < needed) {
+        spin.bytes.resize(needed);
+    }
+    spin.size = 0;
+    spin.handed_over = 0;
+    for (const std::vector<unsigned char>& message : engine.retained_messages) {
+        append_message(spin, message.data(), message.size());
+    }
+    const AdminTimes times{spin_time_ns, spin_time_ns};
+    std::string name_storage;
+    for (const Instrument& instrument : engine.instruments) {
+        append_directory(spin, instrument, times, name_storage);
+    }
+    append_statuses(spin, engine, times);
+    build_decline_levels(spin.writer, times);
+    append_built(spin);
+    append_bands(spin, engine, times);
+    for (const Instrument& instrument : engine.instruments) {
+        append_quotes(spin, instrument, spin_time_ns);
+    }
+    ++engine.scenario->stats.snapshots;
+}
+
+void append_end_of_snapshot(SpinBuffer& spin, std::uint64_t spin_time_ns, std::uint64_t last_sequence) {
+    build_end_of_snapshot(spin.writer, spin_time_ns, last_sequence);
+    append_built(spin);
+    if (spin.sink.take != nullptr) {
+        hand_over(spin);
+    }
+}
+
+std::vector<std::span<const unsigned char>> spin_messages(const SpinBuffer& spin) {
+    std::vector<std::span<const unsigned char>> messages;
+    std::size_t at = 0;
+    while (at < spin.size) {
+        const unsigned char* packet = spin.bytes.data() + at;
+        const std::size_t packet_length = static_cast<std::size_t>(packet[0]) << 8 | packet[1];
+        messages.emplace_back(packet + sequenced_header_bytes, packet_length - 1);
+        at += 2 + packet_length;
+    }
+    return messages;
+}
+
+}  // namespace tessel

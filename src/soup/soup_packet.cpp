@@ -1,0 +1,65 @@
+#include "soup/soup_packet.h"
+
+namespace tessel::receiver {
+
+namespace {
+
+constexpr std::size_t user_width = 6;
+constexpr std::size_t password_width = 10;
+constexpr std::size_t session_width = 10;
+constexpr std::size_t sequence_width = 20;
+constexpr std::size_t length_bytes = 2;
+
+std::string padded(const std::string& text, std::size_t width) {
+    std::string field = text.substr(0, width);
+    field.resize(width, ' ');
+    return field;
+}
+
+std::string framed(char type, const std::string& payload) {
+    const std::size_t length = payload.size() + 1;
+    std::string packet;
+    packet += static_cast<char>(length >> 8);
+    packet += static_cast<char>(length & 0xff);
+    packet += type;
+    return packet + payload;
+}
+
+}  // namespace
+
+void soup_append(SoupReader& reader, const unsigned char* bytes, std::size_t length) {
+    reader.bytes.erase(reader.bytes.begin(),
+                       reader.bytes.begin() + static_cast<std::ptrdiff_t>(reader.taken));
+    reader.taken = 0;
+    reader.bytes.insert(reader.bytes.end(), bytes, bytes + length);
+}
+
+bool soup_next(SoupReader& reader, SoupPacket& packet, bool* broken) {
+    const std::size_t left = reader.bytes.size() - reader.taken;
+    if (left < length_bytes) {
+        return false;
+    }
+    const unsigned char* at = reader.bytes.data() + reader.taken;
+    const std::size_t length = static_cast<std::size_t>((at[0] << 8) | at[1]);
+    if (length == 0) {
+        *broken = true;
+        return false;
+    }
+    if (left < length_bytes + length) {
+        return false;
+    }
+    packet = {static_cast<char>(at[2]), at + 3, length - 1};
+    reader.taken += length_bytes + length;
+    return true;
+}
+
+std::string soup_login(const std::string& user, const std::string& password, const std::string& session) {
+    return framed(soup_login_request, padded(user, user_width) + padded(password, password_width) +
+                                          padded(session, session_width) + padded("1", sequence_width));
+}
+
+std::string soup_bare(char type) {
+    return framed(type, "");
+}
+
+}  // namespace tessel::receiver

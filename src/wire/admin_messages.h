@@ -1,0 +1,63 @@
+#pragma once
+
+#include "wire/message_writer.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace tessel {
+
+constexpr std::size_t control_bytes = 29;  // start of day, session open, wipe-out: the header alone
+constexpr std::size_t decline_levels_bytes = 53;
+constexpr std::size_t short_directory_bytes = 90;
+constexpr std::size_t long_directory_bytes = 117;
+constexpr std::size_t indicator_bytes = 41;
+constexpr std::size_t trading_action_bytes = 59;
+constexpr std::size_t price_band_bytes = 65;
+constexpr std::size_t collar_bytes = 69;
+constexpr std::size_t mwcb_status_bytes = 30;
+constexpr std::size_t end_of_snapshot_bytes = 37;
+
+// The circuit breaker's decline levels: 7 %, 13 % and 20 % below 5,000.00, in millionths of a dollar.
+constexpr std::int64_t decline_level_1 = 4'650'000'000;
+constexpr std::int64_t decline_level_2 = 4'350'000'000;
+constexpr std::int64_t decline_level_3 = 4'000'000'000;
+
+// The two stamps that every administrative message takes.
+struct AdminTimes {
+    std::uint64_t sip_time = 0;
+    std::uint64_t participant_time = 0;
+};
+
+struct DirectoryRecord {
+    AdminTimes times;
+    std::string_view symbol;
+    std::string_view issue_name;      // cut to 30
+    char trading_state = 'T';         // 'H' while halted or paused
+    std::string_view trading_reason;  // empty unless trading_state is 'H'
+    char indicator = '0';
+};
+
+// Category, type and originator letters: "CI E" start of day, "CO <mc>" session open, "CP <mc>" wipe-out.
+void build_start_of_day(MessageWriter& writer, AdminTimes times);
+void build_session_open(MessageWriter& writer, AdminTimes times, char mc);
+void build_wipe_out(MessageWriter& writer, AdminTimes times, char mc);
+void build_decline_levels(MessageWriter& writer, AdminTimes times);
+void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool long_form);
+void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator);
+void build_trading_action(MessageWriter& writer, AdminTimes times, std::string_view symbol, char action,
+                          std::uint32_t action_seq, std::uint64_t action_time_ns, std::string_view reason);
+void build_price_band(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator,
+                      std::uint64_t effective_time_ns, std::int64_t lower, std::int64_t upper);
+void build_collar(MessageWriter& writer, AdminTimes times, std::string_view symbol, std::uint32_t action_seq,
+                  std::int64_t reference, std::int64_t upper, std::int64_t lower);     // extension byte 0
+void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t level);  // above 3: '3'
+void build_end_of_snapshot(MessageWriter& writer, std::uint64_t time_ns, std::uint64_t last_sequence);
+
+// The directory and indicator messages put straight where they are wanted, for who builds many in a row; out
+// has room for them. Each returns the message's length.
+std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, bool long_form);
+std::size_t put_indicator(unsigned char* out, AdminTimes times, std::string_view symbol, char indicator);
+
+}  // namespace tessel

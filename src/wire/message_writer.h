@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+namespace tessel {
+
+// The header that every message begins with.
+constexpr std::size_t common_header_bytes = 29;
+
+struct MessageHeader {
+    char version = '1';
+    char category = ' ';
+    char type = ' ';
+    char mc = ' ';               // market center originator; 'E' on messages that the SIP itself makes
+    char sub_mc = ' ';           // sub-market center
+    std::uint64_t sip_time = 0;  // wall-clock ns: when the message was built
+    std::uint64_t participant_time = 0;  // wall-clock ns: the participant's event
+    std::uint64_t participant_token = 0;
+};
+
+// A growable byte buffer in which one message is built; kept and used again for the next, so that a message
+// in the steady state allocates nothing. Growing appends zero bytes.
+struct MessageWriter {
+    std::unique_ptr<unsigned char[]> bytes;
+    std::size_t size = 0;
+    std::size_t capacity = 0;
+};
+
+// Starts a message: the header and body_size zero bytes after it.
+void begin(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
+
+// The same without zeroing the body, for a builder that writes every byte of it.
+void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
+
+// Appends count zero bytes and returns the offset where they start. The capacity at least doubles when it is
+// exceeded.
+std::size_t grow(MessageWriter& writer, std::size_t count);
+
+// The puts write at an offset from the start of the message, which begin and grow have made room for;
+// integers are big-endian. They take the message's first byte, which a builder reads from its writer once:
+// bytes can be anything's, so behind each put through the writer the compiler would have to read it again.
+// Inline, because a quote makes some twenty.
+inline void put_u8(unsigned char* message, std::size_t offset, char value) {
+    message[offset] = static_cast<unsigned char>(value);
+}
+
+inline void put_u16(unsigned char* message, std::size_t offset, std::uint16_t value) {
+    const std::uint16_t swapped = __builtin_bswap16(value);
+    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
+}
+
+inline void put_u32(unsigned char* message, std::size_t offset, std::uint32_t value) {
+    const std::uint32_t swapped = __builtin_bswap32(value);
+    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
+}
+
+inline void put_u64(unsigned char* message, std::size_t offset, std::uint64_t value) {
+    const std::uint64_t swapped = __builtin_bswap64(value);
+    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
+}
+
+// Whole cents of a price in millionths (truncated), low 16 bits.
+inline void put_price_short(unsigned char* message, std::size_t offset, std::int64_t price) {
+    put_u16(message, offset, static_cast<std::uint16_t>(price / 10000));
+}
+
+inline void put_price_long(unsigned char* message, std::size_t offset, std::int64_t price) {
+    put_u64(message, offset, static_cast<std::uint64_t>(price));
+}
+
+// Sizes in shares, low 16 bits; the long form has 32.
+inline void put_size_short(unsigned char* message, std::size_t offset, std::uint32_t size) {
+    put_u16(message, offset, static_cast<std::uint16_t>(size));
+}
+
+inline void put_size_long(unsigned char* message, std::size_t offset, std::uint32_t size) {
+    put_u32(message, offset, size);
+}
+
+// The first width bytes of text, padded with blanks; longer text is cut. Symbols take 5 bytes in short forms
+// and 11 in long ones, MPIDs 4. A text that fills its field, as the market's padded symbols do, is one copy
+// of a constant width.
+inline void put_alpha(unsigned char* message, std::size_t offset, std::string_view text, std::size_t width) {
+    unsigned char* const out = message + offset;
+    if (text.size() >= width) {
+        __builtin_memcpy(out, text.data(), width);
+        return;
+    }
+    __builtin_memset(out, ' ', width);
+    if (!text.empty()) {
+        __builtin_memcpy(out, text.data(), text.size());
+    }
+}
+
+// The common header at the start of a message, 29 bytes:
+//    0  1  version
+//    1  1  message category
+//    2  1  message type
+//    3  1  market center originator
+//    4  1  sub-market center
+//    5  8  SIP timestamp, ns
+//   13  8  participant timestamp, ns
+//   21  8  participant token
+inline void put_header(unsigned char* message, const MessageHeader& header) {
+    static_assert(21 + 8 == common_header_bytes);
+    put_u8(message, 0, header.version);
+    put_u8(message, 1, header.category);
+    put_u8(message, 2, header.type);
+    put_u8(message, 3, header.mc);
+    put_u8(message, 4, header.sub_mc);
+    put_u64(message, 5, header.sip_time);
+    put_u64(message, 13, header.participant_time);
+    put_u64(message, 21, header.participant_token);
+}
+
+}  // namespace tessel

@@ -1,0 +1,28 @@
+"""What a running program takes of the machine, read from outside."""
+
+import os
+
+
+def _status_bytes(pid, member):
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        for line in status:
+            if line.startswith(member + ":"):
+                return int(line.split()[1]) * 1024
+    raise AssertionError(f"no {member} of process {pid}")
+
+
+def resident_bytes(pid):
+    return _status_bytes(pid, "VmRSS")
+
+
+def peak_resident_bytes(pid):
+    return _status_bytes(pid, "VmHWM")
+
+
+def descriptors(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def longest_pause(times):
+    """The longest stretch between two neighbors of a row of times, in seconds."""
+    return max(later - earlier for earlier, later in zip(times, times[1:]))

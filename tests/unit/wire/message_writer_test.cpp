@@ -1,0 +1,190 @@
+#include "wire/message_writer.h"
+
+#include "unit/wire/layout_check.h"
+
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace tessel {
+namespace {
+
+using testing::content;
+using testing::expect_layout;
+using testing::header_layout;
+using testing::hex;
+using testing::joined;
+using testing::number;
+using testing::text;
+using testing::used_writer;
+
+MessageHeader some_header() {
+    MessageHeader header;
+    header.category = 'Q';
+    header.type = 'C';
+    header.mc = 'N';
+    header.sub_mc = 'B';
+    header.sip_time = 0x0102030405060708;
+    header.participant_time = 0x1112131415161718;
+    header.participant_token = 0x2122232425262728;
+    return header;
+}
+
+TEST(MessageWriter, Header_EveryFieldAtItsOffset) {
+    MessageWriter writer = used_writer();
+    begin(writer, some_header(), 0);
+    EXPECT_EQ(writer.size, common_header_bytes);
+    expect_layout(writer, header_layout("1QCNB", 0x0102030405060708, 0x1112131415161718, 0x2122232425262728));
+}
+
+TEST(MessageWriter, TimeStamps_MostSignificantByteFirst) {
+    MessageWriter writer;
+    MessageHeader header;
+    header.sip_time = 0x0102030405060708;
+    header.participant_time = 0xf1f2f3f4f5f6f7f8;
+    begin(writer, header, 0);
+    EXPECT_EQ(hex(content(writer).substr(5, 16)), "01 02 03 04 05 06 07 08 f1 f2 f3 f4 f5 f6 f7 f8 ");
+}
+
+TEST(MessageWriter, Begin_BodyIsZeroAlsoInAWriterUsedBefore) {
+    MessageWriter writer = used_writer();
+    begin(writer, some_header(), 23);
+    EXPECT_EQ(content(writer).substr(29), std::string(23, '\0'));
+}
+
+TEST(MessageWriter, Grow_AppendsZeroesAndGivesTheirStart) {
+    MessageWriter writer = used_writer();
+    begin(writer, some_header(), 4);
+    put_u32(writer.bytes.get(), 29, 0xa1a2a3a4);
+    EXPECT_EQ(grow(writer, 6), 33u);
+    EXPECT_EQ(writer.size, 39u);
+    EXPECT_EQ(content(writer).substr(29), std::string("\xa1\xa2\xa3\xa4\0\0\0\0\0\0", 10));
+    EXPECT_EQ(grow(writer, 0), 39u);
+    EXPECT_EQ(writer.size, 39u);
+}
+
+TEST(MessageWriter, Grow_KeepsWhatIsThereAndAtLeastDoublesTheCapacity) {
+    MessageWriter writer;
+    begin(writer, some_header(), 0);
+    const std::string before = content(writer);
+    std::size_t enlargements = 0;
+    while (writer.size < 100'000) {
+        const std::size_t capacity = writer.capacity;
+        const std::size_t start = grow(writer, 7);
+        put_u8(writer.bytes.get(), start, 'x');
+        if (writer.capacity != capacity) {
+            ++enlargements;
+            EXPECT_GE(writer.capacity, 2 * capacity);
+        }
+    }
+    EXPECT_LT(enlargements, 20u);
+    EXPECT_EQ(content(writer).substr(0, 29), before);
+    for (std::size_t at = 29; at + 7 <= writer.size; at += 7) {
+        ASSERT_EQ(content(writer).substr(at, 7), std::string("x\0\0\0\0\0\0", 7)) << at;
+        at += 7 * 500;  // every 501st: the copies above are what costs
+    }
+}
+
+TEST(MessageWriter, Grow_BeyondTwiceTheCapacity_GetsAllItAskedFor) {
+    MessageWriter writer;
+    begin(writer, some_header(), 0);
+    const std::size_t start = grow(writer, 1'000'000);
+    EXPECT_EQ(start, 29u);
+    EXPECT_GE(writer.capacity, 1'000'029u);
+    EXPECT_EQ(content(writer).substr(29), std::string(1'000'000, '\0'));
+}
+
+TEST(MessageWriter, UsedAgain_AllocatesNothing) {
+    MessageWriter writer;
+    begin(writer, some_header(), 200);
+    const unsigned char* const bytes = writer.bytes.get();
+    for (std::size_t body = 0; body <= 200; ++body) {
+        begin(writer, some_header(), body);
+        EXPECT_EQ(writer.bytes.get(), bytes);
+    }
+}
+
+TEST(MessageWriter, Integers_BigEndianInTheirWidth) {
+    MessageWriter writer;
+    begin(writer, some_header(), 19);
+    put_u8(writer.bytes.get(), 29, 'z');
+    put_u16(writer.bytes.get(), 30, 0x1234);
+    put_u32(writer.bytes.get(), 32, 0x89abcdef);
+    put_u64(writer.bytes.get(), 36, 0xfedcba9876543210);
+    put_size_short(writer.bytes.get(), 44, 0x12345);  // the low 16 bits
+    put_size_short(writer.bytes.get(), 46, 65534);
+    EXPECT_EQ(hex(content(writer).substr(29)), "7a 12 34 89 ab cd ef fe dc ba 98 76 54 32 10 23 45 ff fe ");
+}
+
+TEST(MessageWriter, SizeLong_Takes32Bits) {
+    MessageWriter writer;
+    begin(writer, some_header(), 4);
+    put_size_long(writer.bytes.get(), 29, 0xfffefdfc);
+    EXPECT_EQ(hex(content(writer).substr(29)), "ff fe fd fc ");
+}
+
+TEST(MessageWriter, Price190_19000CentsInShortAndMillionthsInLong) {
+    MessageWriter writer;
+    begin(writer, some_header(), 10);
+    put_price_short(writer.bytes.get(), 29, 190'000'000);
+    put_price_long(writer.bytes.get(), 31, 190'000'000);
+    EXPECT_EQ(hex(content(writer).substr(29)), "4a 38 00 00 00 00 0b 53 2b 80 ");
+}
+
+TEST(MessageWriter, ShortPrice_FractionsOfACentAreCutAndHighBitsLost) {
+    struct Row {
+        std::int64_t price;
+        std::uint16_t cents;
+    };
+    const Row rows[] = {{0, 0},           {9'999, 0},           {10'000, 1},
+                        {19'999, 1},      {655'350'000, 65535}, {655'360'000, 0},
+                        {655'370'000, 1}, {-10'000, 0xffff},    {-9'999, 0}};
+    for (const Row& row : rows) {
+        MessageWriter writer;
+        begin(writer, some_header(), 2);
+        put_price_short(writer.bytes.get(), 29, row.price);
+        expect_layout(
+            writer, joined(header_layout("1QCNB", 0x0102030405060708, 0x1112131415161718, 0x2122232425262728),
+                           {number(29, 2, row.cents)}));
+    }
+}
+
+TEST(MessageWriter, LongPrice_NegativeIsTwosComplement) {
+    MessageWriter writer;
+    begin(writer, some_header(), 8);
+    put_price_long(writer.bytes.get(), 29, -10'000);
+    EXPECT_EQ(hex(content(writer).substr(29)), "ff ff ff ff ff ff d8 f0 ");
+}
+
+TEST(MessageWriter, TwelveLetterSymbolInLongForm_FirstElevenLetters) {
+    MessageWriter writer = used_writer();
+    begin(writer, some_header(), 12);
+    put_alpha(writer.bytes.get(), 29, "ABCDEFGHIJKL", 11);
+    EXPECT_EQ(content(writer).substr(29), std::string("ABCDEFGHIJK\0", 12));
+}
+
+TEST(MessageWriter, ThreeLetterSymbolInShortForm_LettersAndTwoBlanks) {
+    MessageWriter writer = used_writer();
+    begin(writer, some_header(), 6);
+    put_alpha(writer.bytes.get(), 29, "IBM", 5);
+    EXPECT_EQ(content(writer).substr(29), std::string("IBM  \0", 6));
+}
+
+TEST(MessageWriter, Alpha_EveryLengthInEveryWidth) {
+    const std::string letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn";
+    for (std::size_t width = 0; width <= 32; ++width) {
+        for (std::size_t length = 0; length <= letters.size(); ++length) {
+            MessageWriter writer = used_writer();
+            begin(writer, some_header(), width + 1);
+            put_alpha(writer.bytes.get(), 29, std::string_view(letters).substr(0, length), width);
+            std::string expected = letters.substr(0, std::min(length, width));
+            expected.resize(width, ' ');
+            ASSERT_EQ(content(writer).substr(29), expected + '\0')
+                << "length " << length << " width " << width;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tessel

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+#include "listen/line_file.h"
+#include "listen/options.h"
+#include "mold/sequencer.h"
+#include "receiver/market_state.h"
+
+// What the ways of receiving have in common: the sequencer's messages go into the market and out as lines.
+namespace tessel::listen {
+
+using namespace receiver;
+
+struct Receiver {
+    Options options;
+    Market market;
+    Sequencer sequencer;
+    Output output;
+
+    // Messages from this number on are no longer taken: set when the end has come.
+    std::uint64_t end_sequence = UINT64_MAX;
+    bool finished = false;          // --count is reached
+    std::uint64_t messages = 0;     // taken in order
+    std::uint64_t first_taken = 0;  // the first one's number
+    std::uint64_t last_taken = 0;
+    std::uint64_t lost = 0;  // given up below end_sequence
+    std::uint64_t spin_messages = 0;
+    std::uint64_t kernel_drops = 0;
+    int socket_buffer_bytes = 0;
+    bool snapshot_failed = false;  // asked for and not there
+};
+
+// Sets up the sequencer with sinks that point at `receiver`, which therefore must stay where it is. Requests
+// go to `request`, when that is set. Opens the output: false, with the reason printed, when that fails.
+bool prepare_receiver(Receiver& receiver, const Options& options,
+                      std::function<void(const unsigned char*, std::size_t)> request);
+
+// Takes one message of a Snap-Shot spin: into the market, and out as a line when decoding.
+void take_spin_message(Receiver& receiver, const unsigned char* bytes, std::size_t length);
+
+// Takes one message of a spin found in a capture: out as a line only. A capture may hold several spins, at
+// any moment, so they do not go into the market.
+void take_captured_spin_message(Receiver& receiver, const unsigned char* bytes, std::size_t length);
+
+// Prints the summary, closes the output and returns the program's exit status.
+ExitStatus finish_receiver(Receiver& receiver);
+
+// Says plainly that the kernel had no room for packets, and what to do about it.
+void report_kernel_drops(const Receiver& receiver);
+
+// Receives from the network until the options' end, or until a signal; from a capture file until its end.
+ExitStatus run_live(const Options& options);
+ExitStatus run_replay(const Options& options);
+
+}  // namespace tessel::listen
