@@ -238,9 +238,12 @@ class Feed:
             env["TESSEL_SCENARIO"] = self.scenario
         return env
 
+    def make_process(self):
+        return Process(self.command(), env=self.environment())
+
     def start(self):
         """Starts the program and waits for its banner: from then on every service answers."""
-        self._child = Process(self.command(), env=self.environment())
+        self._child = self.make_process()
         self._child.wait_for_line("[tessel] UQDF+UTDF")
         return self
 
