@@ -4,8 +4,9 @@
 #include "mold/publisher.h"
 #include "mold/retransmission_server.h"
 
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+
+#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>

@@ -4,6 +4,7 @@
 #include "wire/trade_messages.h"
 
 #include <benchmark/benchmark.h>
+
 #include <array>
 
 namespace tessel {

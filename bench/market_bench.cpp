@@ -15,6 +15,7 @@
 #include "output/truth_log.h"
 
 #include <benchmark/benchmark.h>
+
 #include <unistd.h>
 #include <cstdint>
 #include <cstdlib>

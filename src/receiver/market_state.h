@@ -1,13 +1,13 @@
 #pragma once
 
+#include "wire/message_decoder.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "wire/message_decoder.h"
 
 // What a receiver knows of the market from the messages alone.
 //

@@ -1,14 +1,13 @@
 #include "receiver/snapshot_client.h"
 
+#include "receiver/sockets.h"
+#include "wire/message_decoder.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
-
-#include "receiver/sockets.h"
-#include "wire/message_decoder.h"
 
 namespace tessel::receiver {
 

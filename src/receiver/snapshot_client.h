@@ -1,12 +1,11 @@
 #pragma once
 
-#include <netinet/in.h>
+#include "soup/soup_packet.h"
 
+#include <netinet/in.h>
 #include <cstdint>
 #include <functional>
 #include <string>
-
-#include "soup/soup_packet.h"
 
 // Fetches the state of the market from the Snap-Shot service: log in, read the spin, log out.
 //

@@ -5,7 +5,6 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "receiver/market_state.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-#include "receiver/market_state.h"
 
 // The truth log's lines, rebuilt from what a receiver knows.
 //

@@ -1,14 +1,14 @@
 // A line of a truth log or of a handler's output, whatever its bytes: the judge's reader takes it or gives a
 // reason, and its two ways of reading never see different values.
 
+#include "judge/line_reader.h"
+#include "judge/value.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
-
-#include "judge/line_reader.h"
-#include "judge/value.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
     using namespace tessel::judge;

@@ -1,7 +1,6 @@
-#include "simulator/simulation.h"
-
 #include "engine/scenario.h"
 #include "engine/trade_revisions.h"
+#include "simulator/simulation.h"
 
 #include <cstring>
 #include <iterator>

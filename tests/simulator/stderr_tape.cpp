@@ -8,6 +8,7 @@
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #include <sanitizer/common_interface_defs.h>
+
 #include <cstdint>
 #define TESSEL_HAS_SANITIZER 1
 #endif

@@ -5,6 +5,7 @@
 #include "mold/message_history.h"
 
 #include <gtest/gtest.h>
+
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,13 +1,13 @@
 #include "judge/judge.h"
 
-#include <algorithm>
-#include <deque>
-#include <map>
+#include "judge/tally.h"
+#include "judge/value.h"
 
 #include <fmt/format.h>
 
-#include "judge/tally.h"
-#include "judge/value.h"
+#include <algorithm>
+#include <deque>
+#include <map>
 
 namespace tessel::judge {
 

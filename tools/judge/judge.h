@@ -1,12 +1,12 @@
 #pragma once
 
+#include "judge/line_reader.h"
+#include "judge/runs.h"
+
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "judge/line_reader.h"
-#include "judge/runs.h"
 
 namespace tessel::judge {
 

@@ -1,12 +1,12 @@
 #include "judge/line_reader.h"
 
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <charconv>
 #include <exception>
 #include <set>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 namespace tessel::judge {
 

@@ -1,16 +1,15 @@
 #include "judge/line_source.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include "judge/line_reader.h"
 
 #include <fmt/format.h>
 
-#include "judge/line_reader.h"
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace tessel::judge {
 

@@ -1,14 +1,14 @@
+#include "judge/judge.h"
+#include "judge/report.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <fstream>
-
-#include <fmt/format.h>
-#include <CLI/CLI.hpp>
-
-#include "judge/judge.h"
-#include "judge/report.h"
 
 namespace {
 

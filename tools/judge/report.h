@@ -1,9 +1,9 @@
 #pragma once
 
+#include "judge/judge.h"
+
 #include <cstdio>
 #include <string>
-
-#include "judge/judge.h"
 
 namespace tessel::judge {
 

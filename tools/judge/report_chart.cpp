@@ -1,11 +1,11 @@
 #include "judge/report_chart.h"
 
-#include <algorithm>
-#include <array>
+#include "judge/report.h"
 
 #include <fmt/format.h>
 
-#include "judge/report.h"
+#include <algorithm>
+#include <array>
 
 namespace tessel::judge {
 

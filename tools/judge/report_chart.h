@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include "judge/judge.h"
+
+#include <string>
 
 namespace tessel::judge {
 

@@ -1,8 +1,7 @@
 #include "judge/report.h"
+#include "judge/report_chart.h"
 
 #include <fmt/format.h>
-
-#include "judge/report_chart.h"
 
 namespace tessel::judge {
 

@@ -1,8 +1,8 @@
 #include "judge/report.h"
 
-#include <algorithm>
-
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace tessel::judge {
 

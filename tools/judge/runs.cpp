@@ -1,11 +1,11 @@
 #include "judge/runs.h"
 
-#include <algorithm>
-#include <string_view>
+#include "judge/line_reader.h"
 
 #include <fmt/format.h>
 
-#include "judge/line_reader.h"
+#include <algorithm>
+#include <string_view>
 
 namespace tessel::judge {
 

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "judge/line_source.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "judge/line_source.h"
 
 namespace tessel::judge {
 

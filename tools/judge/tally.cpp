@@ -1,10 +1,10 @@
 #include "judge/tally.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <string>
 #include <utility>
-
-#include <fmt/format.h>
 
 namespace tessel::judge {
 

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "judge/judge.h"
+
 #include <cstdint>
 #include <string_view>
-
-#include "judge/judge.h"
 
 namespace tessel::judge {
 

@@ -1,12 +1,12 @@
 #include "judge/value.h"
 
+#include "judge/line_reader.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include "judge/line_reader.h"
 
 namespace tessel::judge {
 

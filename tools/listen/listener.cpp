@@ -1,12 +1,12 @@
 #include "listen/listener.h"
 
+#include "listen/message_json.h"
+#include "receiver/truth_line.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdio>
-
-#include "listen/message_json.h"
-#include "receiver/truth_line.h"
 
 namespace tessel::listen {
 

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-
 #include "listen/line_file.h"
 #include "listen/options.h"
 #include "mold/sequencer.h"
 #include "receiver/market_state.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 
 // What the ways of receiving have in common: the sequencer's messages go into the market and out as lines.
 namespace tessel::listen {

@@ -1,19 +1,19 @@
-#include <fmt/format.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <deque>
-#include <vector>
-
 #include "base/clock.h"
 #include "listen/listener.h"
 #include "listen/terminal_view.h"
 #include "receiver/snapshot_client.h"
 #include "receiver/sockets.h"
+
+#include <fmt/format.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <deque>
+#include <vector>
 
 namespace tessel::listen {
 

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "wire/message_decoder.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-#include "wire/message_decoder.h"
 
 // Every field of a message by name, as one JSON object a line.
 //

@@ -1,9 +1,10 @@
 #include "listen/options.h"
 
-#include <CLI/CLI.hpp>
-#include <iostream>
-
 #include "receiver/sockets.h"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
 
 namespace tessel::listen {
 

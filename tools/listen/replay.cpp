@@ -1,12 +1,12 @@
-#include <arpa/inet.h>
-#include <fmt/format.h>
-
-#include <cstdio>
-#include <map>
-
 #include "listen/listener.h"
 #include "listen/pcap_file.h"
 #include "soup/soup_packet.h"
+
+#include <fmt/format.h>
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <map>
 
 namespace tessel::listen {
 

@@ -1,9 +1,9 @@
 #include "listen/terminal_view.h"
 
 #include <fmt/format.h>
+
 #include <sys/ioctl.h>
 #include <unistd.h>
-
 #include <algorithm>
 
 namespace tessel::listen {

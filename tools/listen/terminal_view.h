@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
-
 #include "mold/sequencer.h"
 #include "receiver/market_state.h"
+
+#include <cstdint>
+#include <string>
 
 // The market on a terminal: a line for each symbol and a foot line for the reception.
 namespace tessel::listen {

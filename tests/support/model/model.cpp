@@ -2,10 +2,10 @@
 
 #include "model.h"
 
+#include "model_wire.h"
+
 #include <cmath>
 #include <cstdlib>
-
-#include "model_wire.h"
 
 namespace tessel::model {
 

@@ -1,10 +1,10 @@
 // One command datagram in, one reply datagram out.
 
+#include "model.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
-
-#include "model.h"
 
 namespace tessel::model {
 

@@ -1,12 +1,12 @@
 // What an observer reads: truth lines, standard-error lines, counters, the book and BBO texts, the Snap-Shot
 // spin.
 
+#include "model.h"
+#include "model_wire.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <sstream>
-
-#include "model.h"
-#include "model_wire.h"
 
 namespace tessel::model {
 

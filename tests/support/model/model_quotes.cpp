@@ -1,11 +1,11 @@
 // Quotes: drawing them, the NBBO, the best odd-lot quote, the choice of form, and the price helpers.
 
+#include "model.h"
+#include "model_wire.h"
+
 #include <algorithm>
 #include <cmath>
 #include <functional>
-
-#include "model.h"
-#include "model_wire.h"
 
 namespace tessel::model {
 

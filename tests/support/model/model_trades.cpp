@@ -1,9 +1,9 @@
 // Trades and what is done to them afterwards.
 
-#include <utility>
-
 #include "model.h"
 #include "model_wire.h"
+
+#include <utility>
 
 namespace tessel::model {
 

@@ -2,11 +2,11 @@
 
 // The model's encoders: a string that grows to the right, field after field, in the order of the wire.
 
+#include "model.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "model.h"
 
 namespace tessel::model {
 

@@ -1,6 +1,7 @@
 #include "app/config.h"
 
 #include <gtest/gtest.h>
+
 #include <vector>
 
 namespace tessel {

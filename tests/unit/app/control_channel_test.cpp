@@ -3,8 +3,9 @@
 #include "app/reports.h"
 #include "support/test_market.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>

@@ -1,12 +1,12 @@
 #include "base/block_pool.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <set>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace tessel {
 namespace {

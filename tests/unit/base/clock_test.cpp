@@ -1,8 +1,8 @@
 #include "base/clock.h"
 
-#include <chrono>
-
 #include <gtest/gtest.h>
+
+#include <chrono>
 
 namespace tessel {
 namespace {

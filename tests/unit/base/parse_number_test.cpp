@@ -1,6 +1,7 @@
 #include "base/parse_number.h"
 
 #include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cmath>
 

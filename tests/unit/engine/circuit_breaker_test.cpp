@@ -6,6 +6,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 

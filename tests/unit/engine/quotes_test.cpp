@@ -5,6 +5,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <map>
 #include <string>
 #include <utility>

@@ -4,6 +4,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>

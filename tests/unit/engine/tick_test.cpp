@@ -8,6 +8,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <cmath>
 #include <map>
 #include <string>

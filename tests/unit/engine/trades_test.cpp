@@ -5,6 +5,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <set>
 #include <string>
 #include <vector>

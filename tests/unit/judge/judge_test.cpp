@@ -1,6 +1,11 @@
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include "judge/judge.h"
 
+#include "judge/report.h"
+#include "judge/report_chart.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -10,10 +15,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "judge/judge.h"
-#include "judge/report.h"
-#include "judge/report_chart.h"
 
 namespace tessel::judge {
 namespace {

@@ -1,12 +1,13 @@
+#include "judge/line_reader.h"
+
+#include "judge/value.h"
+
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "judge/line_reader.h"
-#include "judge/value.h"
 
 namespace tessel::judge {
 namespace {

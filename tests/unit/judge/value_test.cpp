@@ -1,9 +1,10 @@
+#include "judge/value.h"
+
+#include "judge/line_reader.h"
+
 #include <gtest/gtest.h>
 
 #include <string_view>
-
-#include "judge/line_reader.h"
-#include "judge/value.h"
 
 namespace tessel::judge {
 namespace {

@@ -1,8 +1,8 @@
 #include "listen/message_json.h"
 
-#include <gtest/gtest.h>
-
 #include "support/hand_made.h"
+
+#include <gtest/gtest.h>
 
 namespace tessel::listen {
 namespace {

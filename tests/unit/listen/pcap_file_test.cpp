@@ -1,9 +1,10 @@
 #include "listen/pcap_file.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include "support/hand_made.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
 
 namespace tessel::listen {
 namespace {

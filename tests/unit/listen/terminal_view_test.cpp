@@ -1,8 +1,8 @@
 #include "listen/terminal_view.h"
 
-#include <gtest/gtest.h>
-
 #include "support/hand_made.h"
+
+#include <gtest/gtest.h>
 
 namespace tessel::listen {
 namespace {

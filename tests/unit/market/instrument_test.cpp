@@ -1,6 +1,7 @@
 #include "market/instrument.h"
 
 #include <gtest/gtest.h>
+
 #include <array>
 #include <cmath>
 #include <limits>

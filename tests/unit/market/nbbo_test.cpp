@@ -1,6 +1,7 @@
 #include "market/nbbo.h"
 
 #include <gtest/gtest.h>
+
 #include <algorithm>
 #include <map>
 #include <random>

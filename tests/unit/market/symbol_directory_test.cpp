@@ -1,6 +1,7 @@
 #include "market/symbol_directory.h"
 
 #include <gtest/gtest.h>
+
 #include <string>
 
 namespace tessel {

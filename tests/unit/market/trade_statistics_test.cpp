@@ -3,6 +3,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <random>
 #include <string>
 #include <string_view>

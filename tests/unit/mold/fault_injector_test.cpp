@@ -1,9 +1,9 @@
 #include "mold/fault_injector.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace tessel {
 namespace {

@@ -2,14 +2,14 @@
 
 #include "unit/mold/transport_bench.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <string>
-
-#include <gtest/gtest.h>
 
 namespace tessel {
 namespace {

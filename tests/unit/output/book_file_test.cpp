@@ -5,8 +5,9 @@
 #include "output/truth_log.h"
 #include "support/test_market.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>

@@ -1,6 +1,7 @@
 #include "output/number_text.h"
 
 #include <gtest/gtest.h>
+
 #include <array>
 #include <cstdio>
 #include <limits>

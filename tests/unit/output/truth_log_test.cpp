@@ -5,8 +5,9 @@
 #include "market/quote_index.h"
 #include "support/test_market.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 #include <unistd.h>
 #include <array>
 #include <cstdio>

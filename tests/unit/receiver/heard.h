@@ -1,12 +1,12 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "receiver/market_state.h"
 #include "receiver/truth_line.h"
 #include "support/hand_made.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
 
 // A market that has received hand-made messages, and the truth lines that they cause.
 namespace tessel::receiver::hand_made {

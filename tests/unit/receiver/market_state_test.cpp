@@ -1,8 +1,8 @@
 #include "receiver/market_state.h"
 
-#include <gtest/gtest.h>
-
 #include "unit/receiver/heard.h"
+
+#include <gtest/gtest.h>
 
 namespace tessel::receiver {
 namespace {

@@ -9,6 +9,7 @@
 #include "wire/quote_messages.h"
 
 #include <gtest/gtest.h>
+
 #include <algorithm>
 
 namespace tessel {

@@ -1,8 +1,8 @@
 #include "soup/soup_packet.h"
 
-#include <gtest/gtest.h>
-
 #include "support/hand_made.h"
+
+#include <gtest/gtest.h>
 
 namespace tessel::receiver {
 namespace {

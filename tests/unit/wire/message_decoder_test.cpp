@@ -1,8 +1,8 @@
 #include "wire/message_decoder.h"
 
-#include <gtest/gtest.h>
-
 #include "support/hand_made.h"
+
+#include <gtest/gtest.h>
 
 namespace tessel::receiver {
 namespace {

@@ -2,10 +2,10 @@
 
 #include "unit/wire/layout_check.h"
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <string>
-
-#include <gtest/gtest.h>
 
 namespace tessel {
 namespace {

@@ -2,13 +2,13 @@
 
 #include "unit/wire/layout_check.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace tessel {
 namespace {

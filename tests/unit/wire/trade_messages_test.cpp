@@ -2,9 +2,9 @@
 
 #include "unit/wire/layout_check.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 namespace tessel {
 namespace {
