@@ -4,10 +4,22 @@
 # that is the fuzz program itself (X_fuzz, which also fuzzes when started by hand); elsewhere it is one
 # small program, fuzz_corpus, that holds all targets.
 
+# A target that includes a header of a tool which is left out is left out with it.
 file(GLOB fuzz_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/fuzz/*_fuzz.cpp)
-if(fuzz_files AND TARGET tessel_test_support AND tools_here)
+foreach(tool ${tools_declared})
+  if(NOT tool IN_LIST tools_here)
+    foreach(file ${fuzz_files})
+      file(STRINGS ${file} needs_tool REGEX "^#include \"${tool}/")
+      if(needs_tool)
+        list(REMOVE_ITEM fuzz_files ${file})
+      endif()
+    endforeach()
+  endif()
+endforeach()
+if(fuzz_files AND TARGET tessel_test_support)
   # The markets in memory and the receivers that follow them are the tests' own.
-  set(fuzz_libs tessel_test_support ${tool_libs})
+  set(fuzz_libs tessel_test_support ${tools_here})
+  list(TRANSFORM fuzz_libs REPLACE "^([^_]+)$" "tessel_\\1_lib")
   set(fuzz_declarations "")
   set(fuzz_rows "")
   set(fuzz_wrappers "")

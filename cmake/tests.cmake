@@ -73,16 +73,17 @@ foreach(floor ${floors})
   list(TRANSFORM folders REPLACE "(.+)" "${PROJECT_SOURCE_DIR}/tests/unit/\\1/*.cpp")
   list(APPEND unit_globs ${folders})
 endforeach()
-tessel_gtest(unit_tests unit 4 GLOBS ${unit_globs} LIBS tessel_test_support)
+tessel_gtest(unit_tests unit 4 GLOBS ${unit_globs} LIBS tessel_test_support tessel_version)
 tessel_gtest(integration_tests integration 4
   GLOBS ${PROJECT_SOURCE_DIR}/tests/integration/*_test.cpp
   LIBS tessel_test_support)
 
-if(tools_here)
-  tessel_gtest(tools_tests tools 2
-    GLOBS ${PROJECT_SOURCE_DIR}/tests/unit/listen/*_test.cpp ${PROJECT_SOURCE_DIR}/tests/unit/judge/*_test.cpp
-    LIBS tessel_test_support ${tool_libs})
-endif()
+# One program for the unit tests of each tool.
+foreach(tool ${tools_here})
+  tessel_gtest(${tool}_tests unit 1
+    GLOBS ${PROJECT_SOURCE_DIR}/tests/unit/${tool}/*_test.cpp
+    LIBS tessel_test_support tessel_${tool}_lib)
+endforeach()
 
 # The simulator is a program of its own: a seed and a length go in, the first violated invariant comes out.
 file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)

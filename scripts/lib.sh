@@ -12,7 +12,10 @@ export JOBS
 
 # What each job needs from the distribution. The program itself needs the first line only.
 BUILD_PACKAGES=(g++ cmake ninja-build)
-TOOL_PACKAGES=(libfmt-dev nlohmann-json3-dev libcli11-dev libsimdjson-dev)
+# The libraries that cmake/packages.cmake looks for.
+mapfile -t TOOL_PACKAGES < <(
+    sed -n 's/^tessel_package(.* DEBIAN \([^ )]*\).*/\1/p' "$ROOT/cmake/packages.cmake"
+)
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
 TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest tshark
     chromium valgrind jq procps iproute2)

@@ -1,3 +1,4 @@
+#include "base/version.h"
 #include "judge/judge.h"
 #include "judge/report.h"
 
@@ -21,6 +22,7 @@ int run(int argc, char** argv) {
         "Compares a feed handler's output with the feed's truth log.\n"
         "Exit status: 0 all agree, 1 not, 2 bad input.",
         "tessel-judge");
+    app.set_version_flag("--version", tessel::version_line("tessel-judge"));
     app.add_option("TRUTH", options.truth_path, "The truth log (--truth-out of the feed)")->required();
     app.add_option("OUTPUT", options.output_path,
                    "The handler's file: JSON lines with a seq and any of the truth line's members")

@@ -1,5 +1,6 @@
 #include "listen/options.h"
 
+#include "base/version.h"
 #include "receiver/sockets.h"
 
 #include <CLI/CLI.hpp>
@@ -13,6 +14,7 @@ using namespace receiver;
 namespace {
 
 void declare(CLI::App& app, Options& o) {
+    app.set_version_flag("--version", version_line("tessel-listen"));
     app.add_option("--mcast", o.group, "Multicast group")->capture_default_str();
     app.add_option("--port", o.port, "UDP port of the group")->capture_default_str();
     app.add_option("--iface", o.iface, "IPv4 address of the interface to join on")->capture_default_str();

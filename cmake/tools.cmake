@@ -1,0 +1,71 @@
+# The tools: tools/NAME/tool.cmake declares the program of the folder, every .cpp beside it is part of it, main.cpp is
+# its entry. All but main.cpp is the library tessel_NAME_lib, which tests and fuzz targets link.
+#
+# tools_declared: every folder with a tool.cmake. tools_here: those whose packages are installed.
+
+# tessel_tool(PROGRAM [PACKAGES keys of cmake/packages.cmake] [LIBRARIES tessel_receiver ...] [TOOLS other folders]):
+# for tools/*/tool.cmake. TOOLS are the tools whose libraries this one uses. The folder's name is in `tool`.
+macro(tessel_tool program)
+  cmake_parse_arguments(${tool} "" "" "PACKAGES;LIBRARIES;TOOLS" ${ARGN})
+  set(${tool}_PROGRAM ${program})
+endmacro()
+
+file(GLOB declarations CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/*/tool.cmake)
+set(tools_declared "")
+foreach(declaration ${declarations})
+  get_filename_component(folder ${declaration} DIRECTORY)
+  get_filename_component(tool ${folder} NAME)
+  list(APPEND tools_declared ${tool})
+  include(${declaration})
+endforeach()
+
+foreach(tool ${tools_declared})
+  set(packages ${${tool}_PACKAGES})
+  foreach(other ${${tool}_TOOLS})
+    list(APPEND packages ${${other}_PACKAGES})
+  endforeach()
+  set(missing "")
+  foreach(package ${packages})
+    if(NOT package_${package})
+      list(APPEND missing ${debian_${package}})
+    endif()
+  endforeach()
+  if(missing)
+    list(REMOVE_DUPLICATES missing)
+    list(JOIN missing ", " missing)
+    tessel_missing("${${tool}_PROGRAM} is" "${missing}")
+  else()
+    list(APPEND tools_here ${tool})
+  endif()
+endforeach()
+
+foreach(tool ${tools_here})
+  set(folder ${PROJECT_SOURCE_DIR}/tools/${tool})
+  file(GLOB files CONFIGURE_DEPENDS ${folder}/*.cpp)
+  list(REMOVE_ITEM files ${folder}/main.cpp)
+  set(libraries ${${tool}_LIBRARIES})
+  foreach(package ${${tool}_PACKAGES})
+    list(APPEND libraries ${package_${package}})
+  endforeach()
+  foreach(other ${${tool}_TOOLS})
+    list(APPEND libraries tessel_${other}_lib)
+  endforeach()
+  add_library(tessel_${tool}_lib STATIC ${files})
+  target_include_directories(tessel_${tool}_lib PUBLIC ${PROJECT_SOURCE_DIR}/tools)
+  target_link_libraries(tessel_${tool}_lib PUBLIC ${libraries} tessel_version)
+  tessel_precompile(tessel_${tool}_lib <algorithm> <array> <cstdint> <cstdio> <cstring> <fstream> <functional>
+                    <map> <optional> <string> <string_view> <vector>)
+  if(TESSEL_SANITIZE)
+    # What formats text takes long to compile with sanitizers and optimization, and is not waited for.
+    target_compile_options(tessel_${tool}_lib PRIVATE -O0)
+  endif()
+  add_executable(${${tool}_PROGRAM} ${folder}/main.cpp)
+  target_link_libraries(${${tool}_PROGRAM} PRIVATE tessel_${tool}_lib)
+  install(TARGETS ${${tool}_PROGRAM} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  # Reading a command line need not be fast, and the option parser takes long to optimize.
+  foreach(file options.cpp main.cpp)
+    if(EXISTS ${folder}/${file})
+      set_source_files_properties(${folder}/${file} PROPERTIES COMPILE_OPTIONS -O0 SKIP_PRECOMPILE_HEADERS ON)
+    endif()
+  endforeach()
+endforeach()

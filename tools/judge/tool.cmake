@@ -1,0 +1,2 @@
+tessel_tool(tessel-judge
+  PACKAGES CLI11 fmt nlohmann_json)

@@ -1,0 +1,3 @@
+tessel_tool(tessel-listen
+  PACKAGES CLI11 fmt
+  LIBRARIES tessel_receiver)
