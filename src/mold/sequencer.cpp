@@ -54,66 +54,67 @@ bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t len
 }
 
 // Hands out the packet's messages from `next` on. The packet holds that number or only earlier ones.
-void deliver(Sequencer& s, const unsigned char* bytes) {
+void deliver(Sequencer& sequencer, const unsigned char* bytes) {
     std::uint64_t sequence = big_endian(bytes + 10, 8);
     const std::uint64_t end = sequence + big_endian(bytes + 18, 2);
     const unsigned char* block = bytes + mold_header_bytes;
     for (; sequence < end; ++sequence) {
         const std::size_t length = big_endian(block, 2);
-        if (sequence == s.next) {
-            ++s.next;
-            ++s.counters.delivered;
-            s.sinks.message(sequence, block + 2, length);
+        if (sequence == sequencer.next) {
+            ++sequencer.next;
+            ++sequencer.counters.delivered;
+            sequencer.sinks.message(sequence, block + 2, length);
         }
         block += 2 + length;
     }
 }
 
-// Hands out what is no longer behind a hole, and steps over holes in front that are given up.
-void drain(Sequencer& s) {
+// Hands out what is no longer behind a gap, and steps over gaps in front that are given up.
+void drain(Sequencer& sequencer) {
     for (;;) {
-        if (!s.holes.empty() && s.holes.front().first == s.next && s.holes.front().given_up) {
-            const Hole hole = s.holes.front();
-            s.holes.pop_front();
-            s.next = hole.end;
-            s.counters.lost += hole.end - hole.first;
-            s.sinks.lost(hole.first, hole.end - hole.first);
-        } else if (!s.waiting.empty() && s.waiting.begin()->first <= s.next) {
-            const auto packet = s.waiting.begin();
-            deliver(s, packet->second.data());
-            s.waiting_bytes -= packet->second.size();
-            s.waiting.erase(packet);
+        if (!sequencer.gaps.empty() && sequencer.gaps.front().first == sequencer.next &&
+            sequencer.gaps.front().abandoned) {
+            const Gap gap = sequencer.gaps.front();
+            sequencer.gaps.pop_front();
+            sequencer.next = gap.end;
+            sequencer.counters.lost += gap.end - gap.first;
+            sequencer.sinks.lost(gap.first, gap.end - gap.first);
+        } else if (!sequencer.waiting.empty() && sequencer.waiting.begin()->first <= sequencer.next) {
+            const auto packet = sequencer.waiting.begin();
+            deliver(sequencer, packet->second.data());
+            sequencer.waiting_bytes -= packet->second.size();
+            sequencer.waiting.erase(packet);
         } else {
             return;
         }
     }
 }
 
-// Takes [first, end) out of the holes and returns how many numbers that closed. What is left of a hole keeps
+// Takes [first, end) out of the gaps and returns how many numbers that closed. What is left of a gap keeps
 // its history; an answer that came in restarts the wait for the rest of it.
-std::uint64_t close_holes(Sequencer& s, std::uint64_t first, std::uint64_t end, std::int64_t now_ms) {
+std::uint64_t close_gaps(Sequencer& sequencer, std::uint64_t first, std::uint64_t end, std::int64_t now_ms) {
     std::uint64_t closed = 0;
-    auto hole = std::lower_bound(s.holes.begin(), s.holes.end(), first,
-                                 [](const Hole& h, std::uint64_t number) { return h.end <= number; });
-    while (hole != s.holes.end() && hole->first < end) {
-        const Hole old = *hole;
+    auto gap = std::lower_bound(sequencer.gaps.begin(), sequencer.gaps.end(), first,
+                                [](const Gap& each, std::uint64_t number) { return each.end <= number; });
+    while (gap != sequencer.gaps.end() && gap->first < end) {
+        const Gap old = *gap;
         const std::uint64_t from = std::max(old.first, first);
         const std::uint64_t to = std::min(old.end, end);
         closed += to - from;
-        hole = s.holes.erase(hole);
-        Hole rest = old;
-        if (rest.asked != 0) {
-            rest.asked_ms = now_ms;
+        gap = sequencer.gaps.erase(gap);
+        Gap rest = old;
+        if (rest.requests_sent != 0) {
+            rest.requested_ms = now_ms;
         }
         if (to < old.end) {
             rest.first = to;
             rest.end = old.end;
-            hole = s.holes.insert(hole, rest);
+            gap = sequencer.gaps.insert(gap, rest);
         }
         if (old.first < from) {
             rest.first = old.first;
             rest.end = from;
-            hole = s.holes.insert(hole, rest) + 1;
+            gap = sequencer.gaps.insert(gap, rest) + 1;
         }
         if (to < old.end) {
             break;
@@ -122,95 +123,97 @@ std::uint64_t close_holes(Sequencer& s, std::uint64_t first, std::uint64_t end, 
     return closed;
 }
 
-void find_gap(Sequencer& s, std::uint64_t first, std::uint64_t end, std::int64_t now_ms) {
-    Hole hole;
-    hole.first = first;
-    hole.end = end;
-    hole.found_ms = now_ms;
-    s.holes.push_back(hole);
-    ++s.counters.gaps;
-    s.counters.missed += end - first;
+void add_gap(Sequencer& sequencer, std::uint64_t first, std::uint64_t end, std::int64_t now_ms) {
+    Gap gap;
+    gap.first = first;
+    gap.end = end;
+    gap.found_ms = now_ms;
+    sequencer.gaps.push_back(gap);
+    ++sequencer.counters.gaps;
+    sequencer.counters.missed += end - first;
 }
 
 // Whether the packet is one of ours and whole; counts it.
-bool accept_packet(Sequencer& s, PacketRange& range, const unsigned char* bytes, std::size_t length) {
+bool accept_packet(Sequencer& sequencer, PacketRange& range, const unsigned char* bytes, std::size_t length) {
     if (length >= mold_header_bytes &&
-        std::memcmp(bytes, s.settings.session.data(), mold_session_bytes) != 0) {
-        ++s.counters.other_session;
+        std::memcmp(bytes, sequencer.settings.session.data(), mold_session_bytes) != 0) {
+        ++sequencer.counters.other_session;
         return false;
     }
     if (length < mold_header_bytes || !read_packet(range, bytes, length)) {
-        ++s.counters.malformed;
+        ++sequencer.counters.malformed;
         return false;
     }
-    ++s.counters.packets;
+    ++sequencer.counters.packets;
     return true;
 }
 
 // Every number below `end` is known to exist now; those that were not known yet are missing.
-void learn_of(Sequencer& s, std::uint64_t end, std::int64_t now_ms) {
-    if (end > s.highest) {
-        find_gap(s, s.highest, end, now_ms);
-        s.highest = end;
+void learn_of(Sequencer& sequencer, std::uint64_t end, std::int64_t now_ms) {
+    if (end > sequencer.highest) {
+        add_gap(sequencer, sequencer.highest, end, now_ms);
+        sequencer.highest = end;
     }
 }
 
-// Keeps a packet that is behind a hole.
-void keep_waiting(Sequencer& s, const PacketRange& range, const unsigned char* bytes, std::size_t length) {
+// Keeps a packet that is behind a gap.
+void keep_waiting(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
+                  std::size_t length) {
     // Of two packets with one first number the one with more messages holds the other's too.
-    std::vector<unsigned char>& kept = s.waiting[range.first];
+    std::vector<unsigned char>& kept = sequencer.waiting[range.first];
     if (kept.empty() || big_endian(kept.data() + 18, 2) < range.end - range.first) {
-        s.waiting_bytes -= kept.size();
-        s.waiting_bytes += length;
+        sequencer.waiting_bytes -= kept.size();
+        sequencer.waiting_bytes += length;
         kept.assign(bytes, bytes + length);
     }
 }
 
-void send_request(Sequencer& s, Hole& hole, std::int64_t now_ms) {
+void send_request(Sequencer& sequencer, Gap& gap, std::int64_t now_ms) {
     unsigned char request[mold_header_bytes];
-    std::memcpy(request, s.settings.session.data(), mold_session_bytes);
-    put_big_endian(request + 10, hole.first, 8);
-    put_big_endian(request + 18, hole.end - hole.first, 2);
-    hole.asked_ms = now_ms;
-    ++hole.asked;
-    ++s.counters.requests;
-    s.sinks.request(request, sizeof request);
+    std::memcpy(request, sequencer.settings.session.data(), mold_session_bytes);
+    put_big_endian(request + 10, gap.first, 8);
+    put_big_endian(request + 18, gap.end - gap.first, 2);
+    gap.requested_ms = now_ms;
+    ++gap.requests_sent;
+    ++sequencer.counters.requests;
+    sequencer.sinks.request(request, sizeof request);
 }
 
-// When this hole needs something done, and nothing before that.
-std::int64_t due_ms(const Sequencer& s, const Hole& hole) {
-    if (!s.settings.can_ask) {
-        return hole.found_ms + s.settings.give_up_ms;
+// When this gap needs something done, and nothing before that.
+std::int64_t due_ms(const Sequencer& sequencer, const Gap& gap) {
+    if (!sequencer.settings.can_request) {
+        return gap.found_ms + sequencer.settings.abandon_ms;
     }
-    return hole.asked == 0 ? hole.found_ms + s.settings.settle_ms : hole.asked_ms + s.settings.timeout_ms;
+    return gap.requests_sent == 0 ? gap.found_ms + sequencer.settings.settle_ms
+                                  : gap.requested_ms + sequencer.settings.timeout_ms;
 }
 
 // Numbers asked for that have neither come nor run out of time.
-std::uint64_t asked_messages(const Sequencer& s) {
+std::uint64_t outstanding_messages(const Sequencer& sequencer) {
     std::uint64_t sum = 0;
-    for (const Hole& hole : s.holes) {
-        sum += hole.asked != 0 && !hole.given_up ? hole.end - hole.first : 0;
+    for (const Gap& gap : sequencer.gaps) {
+        sum += gap.requests_sent != 0 && !gap.abandoned ? gap.end - gap.first : 0;
     }
     return sum;
 }
 
-bool buffer_is_full(const Sequencer& s) {
-    return s.waiting_bytes >= s.settings.buffer_bytes_max;
+bool buffer_is_full(const Sequencer& sequencer) {
+    return sequencer.waiting_bytes >= sequencer.settings.buffer_bytes_max;
 }
 
-// Cuts the hole at `index` so that its first part is one request; returns false when no more may be asked for
+// Cuts the gap at `index` so that its first part is one request; returns false when no more may be asked for
 // now.
-bool fit_request(Sequencer& s, std::size_t index, std::uint64_t room) {
-    const std::uint64_t most = std::min(s.settings.request_messages_max, room);
+bool fit_request(Sequencer& sequencer, std::size_t index, std::uint64_t room) {
+    const std::uint64_t most = std::min(sequencer.settings.request_messages_max, room);
     if (most == 0) {
         return false;
     }
-    Hole& hole = s.holes[index];
-    if (hole.end - hole.first > most) {
-        Hole rest = hole;
-        rest.first = hole.first + most;
-        hole.end = rest.first;
-        s.holes.insert(s.holes.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest);
+    Gap& gap = sequencer.gaps[index];
+    if (gap.end - gap.first > most) {
+        Gap rest = gap;
+        rest.first = gap.first + most;
+        gap.end = rest.first;
+        sequencer.gaps.insert(sequencer.gaps.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest);
     }
     return true;
 }
@@ -224,129 +227,134 @@ std::string padded_session(const std::string& session) {
 }
 
 Sequencer make_sequencer(SequencerSettings settings, SequencerSinks sinks) {
-    Sequencer s;
-    s.settings = std::move(settings);
-    s.settings.session = padded_session(s.settings.session);
+    Sequencer sequencer;
+    sequencer.settings = std::move(settings);
+    sequencer.settings.session = padded_session(sequencer.settings.session);
     // A request's count has 16 bits.
-    s.settings.request_messages_max = std::clamp<std::uint64_t>(s.settings.request_messages_max, 1, 65'535);
-    s.settings.asked_messages_max = std::max<std::uint64_t>(s.settings.asked_messages_max, 1);
-    s.sinks = std::move(sinks);
-    if (s.settings.first_sequence != 0) {
-        start_at(s, s.settings.first_sequence);
+    sequencer.settings.request_messages_max =
+        std::clamp<std::uint64_t>(sequencer.settings.request_messages_max, 1, 65'535);
+    sequencer.settings.outstanding_messages_max =
+        std::max<std::uint64_t>(sequencer.settings.outstanding_messages_max, 1);
+    sequencer.sinks = std::move(sinks);
+    if (sequencer.settings.first_sequence != 0) {
+        start_at(sequencer, sequencer.settings.first_sequence);
     }
-    return s;
+    return sequencer;
 }
 
-void start_at(Sequencer& s, std::uint64_t sequence) {
-    s.started = true;
-    s.next = sequence;
-    s.highest = sequence;
-    s.holes.clear();
-    s.waiting.clear();
-    s.waiting_bytes = 0;
+void start_at(Sequencer& sequencer, std::uint64_t sequence) {
+    sequencer.started = true;
+    sequencer.next = sequence;
+    sequencer.highest = sequence;
+    sequencer.gaps.clear();
+    sequencer.waiting.clear();
+    sequencer.waiting_bytes = 0;
 }
 
-void take_packet(Sequencer& s, const unsigned char* bytes, std::size_t length, std::int64_t now_ms,
-                 PacketSource source) {
+void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length, std::int64_t now_ms,
+               PacketSource source) {
     PacketRange range;
-    if (!accept_packet(s, range, bytes, length)) {
+    if (!accept_packet(sequencer, range, bytes, length)) {
         return;
     }
-    if (!s.started) {
-        start_at(s, range.first);
+    if (!sequencer.started) {
+        start_at(sequencer, range.first);
     }
     if (range.first == range.end) {
-        ++s.counters.heartbeats;
-        s.counters.fallen_back += range.first < s.highest && source == PacketSource::multicast ? 1 : 0;
+        ++sequencer.counters.heartbeats;
+        sequencer.counters.sequence_resets +=
+            range.first < sequencer.highest && source == PacketSource::multicast ? 1 : 0;
     }
-    learn_of(s, range.first, now_ms);
-    if (range.first == range.end || range.end <= s.next) {
-        s.counters.duplicate_packets += range.first == range.end ? 0 : 1;
+    learn_of(sequencer, range.first, now_ms);
+    if (range.first == range.end || range.end <= sequencer.next) {
+        sequencer.counters.duplicate_packets += range.first == range.end ? 0 : 1;
         return;
     }
-    const bool in_order = range.first <= s.next;
-    if (!in_order && s.waiting_bytes + length > s.settings.buffer_bytes_max) {
+    const bool in_order = range.first <= sequencer.next;
+    if (!in_order && sequencer.waiting_bytes + length > sequencer.settings.buffer_bytes_max) {
         // Not kept, so it is missing like a packet that never came, and is asked for when there is room.
-        ++s.counters.buffer_full;
-        learn_of(s, range.end, now_ms);
+        ++sequencer.counters.buffer_full;
+        learn_of(sequencer, range.end, now_ms);
         return;
     }
-    const std::uint64_t filled = close_holes(s, range.first, range.end, now_ms);
-    if (filled == 0 && range.end <= s.highest) {
-        ++s.counters.duplicate_packets;
+    const std::uint64_t filled = close_gaps(sequencer, range.first, range.end, now_ms);
+    if (filled == 0 && range.end <= sequencer.highest) {
+        ++sequencer.counters.duplicate_packets;
         return;
     }
-    s.highest = std::max(s.highest, range.end);
+    sequencer.highest = std::max(sequencer.highest, range.end);
     if (source == PacketSource::retransmission) {
-        s.counters.recovered += filled;
+        sequencer.counters.recovered += filled;
     } else if (filled != 0) {
-        ++s.counters.reordered_packets;
+        ++sequencer.counters.reordered_packets;
     }
     if (in_order) {
-        deliver(s, bytes);
+        deliver(sequencer, bytes);
     } else {
-        keep_waiting(s, range, bytes, length);
+        keep_waiting(sequencer, range, bytes, length);
     }
-    drain(s);
+    drain(sequencer);
 }
 
-void take_time(Sequencer& s, std::int64_t now_ms) {
-    if (s.holes.empty()) {
+void on_timer(Sequencer& sequencer, std::int64_t now_ms) {
+    if (sequencer.gaps.empty()) {
         return;
     }
-    std::uint64_t asked = s.settings.can_ask ? asked_messages(s) : 0;
-    for (std::size_t i = 0; i < s.holes.size(); ++i) {
-        Hole& hole = s.holes[i];
-        if (hole.given_up || due_ms(s, hole) > now_ms) {
+    std::uint64_t outstanding = sequencer.settings.can_request ? outstanding_messages(sequencer) : 0;
+    for (std::size_t i = 0; i < sequencer.gaps.size(); ++i) {
+        Gap& gap = sequencer.gaps[i];
+        if (gap.abandoned || due_ms(sequencer, gap) > now_ms) {
             continue;
         }
-        if (!s.settings.can_ask || hole.asked > s.settings.retries) {
-            hole.given_up = true;
+        if (!sequencer.settings.can_request || gap.requests_sent > sequencer.settings.retries) {
+            gap.abandoned = true;
             continue;
         }
         // With a full buffer only the answer that goes straight through is of use.
-        if (buffer_is_full(s) && i != 0) {
+        if (buffer_is_full(sequencer) && i != 0) {
             break;
         }
-        const std::uint64_t again = hole.asked != 0 ? hole.end - hole.first : 0;
-        const std::uint64_t others = asked > again ? asked - again : 0;
-        const std::uint64_t room =
-            s.settings.asked_messages_max > others ? s.settings.asked_messages_max - others : 0;
-        if (!fit_request(s, i, room)) {
+        const std::uint64_t again = gap.requests_sent != 0 ? gap.end - gap.first : 0;
+        const std::uint64_t others = outstanding > again ? outstanding - again : 0;
+        const std::uint64_t room = sequencer.settings.outstanding_messages_max > others
+                                       ? sequencer.settings.outstanding_messages_max - others
+                                       : 0;
+        if (!fit_request(sequencer, i, room)) {
             break;
         }
-        Hole& ready = s.holes[i];
-        asked = others + (ready.end - ready.first);
-        send_request(s, ready, now_ms);
+        Gap& ready = sequencer.gaps[i];
+        outstanding = others + (ready.end - ready.first);
+        send_request(sequencer, ready, now_ms);
     }
-    drain(s);
+    drain(sequencer);
 }
 
-std::int64_t wait_ms(const Sequencer& s, std::int64_t now_ms) {
-    if (s.holes.empty()) {
+std::int64_t next_timer_ms(const Sequencer& sequencer, std::int64_t now_ms) {
+    if (sequencer.gaps.empty()) {
         return -1;
     }
-    const std::uint64_t asked = s.settings.can_ask ? asked_messages(s) : 0;
-    std::int64_t least = s.settings.timeout_ms;
-    for (const Hole& hole : s.holes) {
+    const std::uint64_t outstanding = sequencer.settings.can_request ? outstanding_messages(sequencer) : 0;
+    std::int64_t least = sequencer.settings.timeout_ms;
+    for (const Gap& gap : sequencer.gaps) {
         // What has not been asked for because too much is outstanding waits for answers or their time-out.
-        const bool held_up = s.settings.can_ask && hole.asked == 0 && asked >= s.settings.asked_messages_max;
-        if (!hole.given_up && !held_up) {
-            least = std::min(least, due_ms(s, hole) - now_ms);
+        const bool held_up = sequencer.settings.can_request && gap.requests_sent == 0 &&
+                             outstanding >= sequencer.settings.outstanding_messages_max;
+        if (!gap.abandoned && !held_up) {
+            least = std::min(least, due_ms(sequencer, gap) - now_ms);
         }
     }
     return std::max<std::int64_t>(least, 0);
 }
 
-void give_up_all(Sequencer& s) {
-    for (Hole& hole : s.holes) {
-        hole.given_up = true;
+void abandon_gaps(Sequencer& sequencer) {
+    for (Gap& gap : sequencer.gaps) {
+        gap.abandoned = true;
     }
-    drain(s);
+    drain(sequencer);
 }
 
-bool nothing_missing(const Sequencer& s) {
-    return s.holes.empty();
+bool nothing_missing(const Sequencer& sequencer) {
+    return sequencer.gaps.empty();
 }
 
 }  // namespace tessel::receiver

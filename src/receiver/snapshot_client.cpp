@@ -45,7 +45,7 @@ void begin(SnapshotClient& client, std::int64_t now_ms) {
     ++client.attempts;
     client.input = {};
     std::string error;
-    client.fd = begin_connection(client.settings.server, &error);
+    client.fd = begin_connection(client.settings.server, error);
     if (client.fd < 0) {
         try_again(client, error, now_ms);
         return;
@@ -90,7 +90,7 @@ void take_message(SnapshotClient& client, const SoupPacket& packet, std::int64_t
         return;
     }
     client.snapshot_sequence = end.snapshot_sequence;
-    send_packet(client, soup_bare(soup_logout_request), now_ms);
+    send_packet(client, soup_empty_packet(soup_logout_request), now_ms);
     close_snapshot(client);
     client.state = SnapshotState::done;
 }
@@ -159,7 +159,7 @@ void step_snapshot(SnapshotClient& client, std::int64_t now_ms) {
         try_again(client, "the service is silent", now_ms);
     } else if (client.state != SnapshotState::connecting &&
                now_ms - client.last_send_ms >= client.settings.heartbeat_ms) {
-        send_packet(client, soup_bare(soup_client_heartbeat), now_ms);
+        send_packet(client, soup_empty_packet(soup_client_heartbeat), now_ms);
     }
 }
 

@@ -17,8 +17,8 @@ namespace {
 constexpr std::size_t batch_max = 64;
 constexpr std::size_t datagram_bytes_max = 2048;  // the feed's packets end at 1,500
 
-int fail(int fd, const std::string& what, std::string* error) {
-    *error = what + ": " + std::strerror(errno);
+int fail(int fd, const std::string& what, std::string& error) {
+    error = what + ": " + std::strerror(errno);
     if (fd >= 0) {
         close(fd);
     }
@@ -49,13 +49,13 @@ void read_drops(MulticastSocket& from, msghdr& header) {
 
 }  // namespace
 
-bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string* error) {
+bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string& error) {
     const std::size_t colon = text.rfind(':');
     unsigned port = 0;
     const char* end = text.data() + text.size();
     if (colon == std::string::npos || colon == 0 ||
         std::from_chars(text.data() + colon + 1, end, port).ptr != end || port == 0 || port > 65535) {
-        *error = "'" + text + "' is not HOST:PORT";
+        error = "'" + text + "' is not HOST:PORT";
         return false;
     }
     addrinfo hints{};
@@ -64,7 +64,7 @@ bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string* 
     addrinfo* found = nullptr;
     const int status = getaddrinfo(text.substr(0, colon).c_str(), nullptr, &hints, &found);
     if (status != 0) {
-        *error = "'" + text + "': " + gai_strerror(status);
+        error = "'" + text + "': " + gai_strerror(status);
         return false;
     }
     std::memcpy(&address, found->ai_addr, sizeof address);
@@ -74,17 +74,17 @@ bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string* 
 }
 
 bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port,
-                    const std::string& iface, int buffer_bytes, std::string* error) {
+                    const std::string& iface, int buffer_bytes, std::string& error) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     ip_mreq membership{};
     if (inet_pton(AF_INET, group.c_str(), &address.sin_addr) != 1) {
-        *error = "--mcast: '" + group + "' is not an IPv4 address";
+        error = "--mcast: '" + group + "' is not an IPv4 address";
         return false;
     }
     if (inet_pton(AF_INET, iface.c_str(), &membership.imr_interface) != 1) {
-        *error = "--iface: '" + iface + "' is not an IPv4 address";
+        error = "--iface: '" + iface + "' is not an IPv4 address";
         return false;
     }
     membership.imr_multiaddr = address.sin_addr;
@@ -150,7 +150,7 @@ std::size_t receive_multicast(MulticastSocket& from, std::size_t most,
     return sum;
 }
 
-int open_retransmission(const sockaddr_in& server, int buffer_bytes, std::string* error) {
+int open_retransmission(const sockaddr_in& server, int buffer_bytes, std::string& error) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return fail(fd, "socket", error);
@@ -162,7 +162,7 @@ int open_retransmission(const sockaddr_in& server, int buffer_bytes, std::string
     return fd;
 }
 
-int begin_connection(const sockaddr_in& server, std::string* error) {
+int begin_connection(const sockaddr_in& server, std::string& error) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return fail(fd, "socket", error);

@@ -11,7 +11,7 @@
 namespace tessel::receiver {
 
 // "HOST:PORT" as an IPv4 address; a name is looked up. False with the reason in `error`.
-bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string* error);
+bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string& error);
 
 struct MulticastSocket {
     int fd = -1;
@@ -24,17 +24,17 @@ struct MulticastSocket {
 // datagrams of other groups on the same port stay out. `buffer_bytes` is what is asked for; the system may
 // grant less.
 bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port,
-                    const std::string& iface, int buffer_bytes, std::string* error);
+                    const std::string& iface, int buffer_bytes, std::string& error);
 
 // Receives what is waiting, at most `most` datagrams, and calls `take` for each. Returns how many came.
 std::size_t receive_multicast(MulticastSocket& from, std::size_t most,
                               const std::function<void(const unsigned char*, std::size_t)>& take);
 
 // A UDP socket that is connected to the retransmission service: only its answers come in.
-int open_retransmission(const sockaddr_in& server, int buffer_bytes, std::string* error);
+int open_retransmission(const sockaddr_in& server, int buffer_bytes, std::string& error);
 
 // Begins a TCP connection; it is there when the descriptor becomes writable and connection_error gives 0.
-int begin_connection(const sockaddr_in& server, std::string* error);
+int begin_connection(const sockaddr_in& server, std::string& error);
 int connection_error(int fd);
 
 }  // namespace tessel::receiver

@@ -58,7 +58,7 @@ std::string soup_login(const std::string& user, const std::string& password, con
                                           padded(session, session_width) + padded("1", sequence_width));
 }
 
-std::string soup_bare(char type) {
+std::string soup_empty_packet(char type) {
     return framed(type, "");
 }
 

@@ -39,6 +39,6 @@ bool soup_next(SoupReader& reader, SoupPacket& packet, bool* broken);
 std::string soup_login(const std::string& user, const std::string& password, const std::string& session);
 
 // A packet of a type without payload.
-std::string soup_bare(char type);
+std::string soup_empty_packet(char type);
 
 }  // namespace tessel::receiver

@@ -23,6 +23,7 @@
 namespace {
 
 using namespace tessel::listen;
+using namespace tessel::receiver;
 using tessel::fuzz::check;
 
 constexpr std::size_t pieces_max = 300;
@@ -99,7 +100,7 @@ void take_message(Receiver& receiver, std::uint64_t sequence, const unsigned cha
 
 Sequencer make_fuzzed(Receiver& receiver) {
     SequencerSettings settings;
-    settings.can_ask = true;
+    settings.can_request = true;
     settings.buffer_bytes_max = 4096;
     SequencerSinks sinks;
     sinks.message = [&receiver](std::uint64_t sequence, const unsigned char* bytes, std::size_t length) {
@@ -132,7 +133,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         at += 3;
         if (kind == 3) {
             now_ms += static_cast<std::int64_t>(said);
-            take_time(sequencer, now_ms);
+            on_timer(sequencer, now_ms);
             continue;
         }
         const std::size_t length = std::min(said, size - at);
@@ -147,12 +148,12 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
             bytes.erase(bytes.begin());
             bytes.insert(bytes.begin(), session.begin(), session.end());
         }
-        take_packet(sequencer, bytes.data(), bytes.size(), now_ms,
-                    kind == 1 ? PacketSource::multicast : PacketSource::retransmission);
+        on_packet(sequencer, bytes.data(), bytes.size(), now_ms,
+                  kind == 1 ? PacketSource::multicast : PacketSource::retransmission);
         check(sequencer.waiting_bytes <= sequencer.settings.buffer_bytes_max, "too much is kept");
-        check(nothing_missing(sequencer) || wait_ms(sequencer, now_ms) >= 0, "a gap is waited for");
+        check(nothing_missing(sequencer) || next_timer_ms(sequencer, now_ms) >= 0, "a gap is waited for");
     }
-    give_up_all(sequencer);
+    abandon_gaps(sequencer);
     check(nothing_missing(sequencer), "nothing is missing once all is given up");
     check(sequencer.waiting.empty() && sequencer.waiting_bytes == 0, "nothing is left waiting");
     check(sequencer.next == sequencer.highest, "everything has come out");

@@ -45,8 +45,8 @@ std::uint64_t serve_requests(Receiver& receiver, std::int64_t now_ms) {
         ++served;
         for (const Bytes& reply : replies) {
             if (receiver.random.below(100) >= receiver.loss_percent) {
-                take_packet(receiver.sequencer, reply.data(), reply.size(), now_ms,
-                            receiver::PacketSource::retransmission);
+                on_packet(receiver.sequencer, reply.data(), reply.size(), now_ms,
+                          receiver::PacketSource::retransmission);
             }
         }
     }
@@ -59,7 +59,7 @@ void start_receiver(Receiver& receiver, std::uint64_t first) {
     Receiver* const self = &receiver;
     receiver::SequencerSettings settings;
     settings.session = receiver.session;
-    settings.can_ask = true;
+    settings.can_request = true;
     settings.retries = std::numeric_limits<unsigned>::max();
     settings.first_sequence = first;
     receiver::SequencerSinks sinks;
@@ -80,13 +80,13 @@ void start_receiver(Receiver& receiver, std::uint64_t first) {
 
 void offer_packet(Receiver& receiver, const Bytes& packet, std::int64_t now_ms) {
     if (receiver.random.below(100) >= receiver.loss_percent) {
-        take_packet(receiver.sequencer, packet.data(), packet.size(), now_ms,
-                    receiver::PacketSource::multicast);
+        on_packet(receiver.sequencer, packet.data(), packet.size(), now_ms,
+                  receiver::PacketSource::multicast);
     }
 }
 
 std::uint64_t take_time(Receiver& receiver, std::int64_t now_ms) {
-    receiver::take_time(receiver.sequencer, now_ms);
+    receiver::on_timer(receiver.sequencer, now_ms);
     return serve_requests(receiver, now_ms);
 }
 

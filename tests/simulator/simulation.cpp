@@ -298,8 +298,8 @@ void finish_receivers(Simulation& sim) {
     const Bytes heartbeat = sim.market.packets.back();
     for (const std::unique_ptr<Receiver>& receiver : sim.receivers) {
         // The last heartbeat reaches everyone: a feed that has ended cannot be asked where it ended.
-        take_packet(receiver->sequencer, heartbeat.data(), heartbeat.size(), now_of(sim),
-                    receiver::PacketSource::multicast);
+        on_packet(receiver->sequencer, heartbeat.data(), heartbeat.size(), now_of(sim),
+                  receiver::PacketSource::multicast);
         sim.requests_served += finish_receiver(*receiver, now_of(sim));
         const std::string difference =
             receiver->is_joiner ? testing::joiner_difference(sim.follower.market, receiver->market) : "";

@@ -12,12 +12,10 @@
 // What the ways of receiving have in common: the sequencer's messages go into the market and out as lines.
 namespace tessel::listen {
 
-using namespace receiver;
-
-struct Receiver {
+struct Listener {
     Options options;
-    Market market;
-    Sequencer sequencer;
+    receiver::Market market;
+    receiver::Sequencer sequencer;
     Output output;
 
     // Messages from this number on are no longer taken: set when the end has come.
@@ -33,23 +31,23 @@ struct Receiver {
     bool snapshot_failed = false;  // asked for and not there
 };
 
-// Sets up the sequencer with sinks that point at `receiver`, which therefore must stay where it is. Requests
+// Sets up the sequencer with sinks that point at `listener`, which therefore must stay where it is. Requests
 // go to `request`, when that is set. Opens the output: false, with the reason printed, when that fails.
-bool prepare_receiver(Receiver& receiver, const Options& options,
+bool prepare_listener(Listener& listener, const Options& options,
                       std::function<void(const unsigned char*, std::size_t)> request);
 
 // Takes one message of a Snap-Shot spin: into the market, and out as a line when decoding.
-void take_spin_message(Receiver& receiver, const unsigned char* bytes, std::size_t length);
+void take_spin_message(Listener& listener, const unsigned char* bytes, std::size_t length);
 
 // Takes one message of a spin found in a capture: out as a line only. A capture may hold several spins, at
 // any moment, so they do not go into the market.
-void take_captured_spin_message(Receiver& receiver, const unsigned char* bytes, std::size_t length);
+void take_captured_spin_message(Listener& listener, const unsigned char* bytes, std::size_t length);
 
 // Prints the summary, closes the output and returns the program's exit status.
-ExitStatus finish_receiver(Receiver& receiver);
+ExitStatus finish_listener(Listener& listener);
 
 // Says plainly that the kernel had no room for packets, and what to do about it.
-void report_kernel_drops(const Receiver& receiver);
+void report_kernel_drops(const Listener& listener);
 
 // Receives from the network until the options' end, or until a signal; from a capture file until its end.
 ExitStatus run_live(const Options& options);

@@ -17,6 +17,13 @@
 
 namespace tessel::listen {
 
+using receiver::MulticastSocket;
+using receiver::PacketSource;
+using receiver::Sequencer;
+using receiver::SnapshotClient;
+using receiver::SnapshotSettings;
+using receiver::SnapshotState;
+
 namespace {
 
 constexpr std::size_t datagrams_a_pass = 1024;
@@ -25,7 +32,7 @@ constexpr std::int64_t flush_interval_ms = 200;
 constexpr std::int64_t view_interval_ms = 250;
 constexpr std::int64_t finish_max_ms = 60'000;      // for what is still missing at the end
 constexpr std::size_t held_bytes_max = 256u << 20;  // packets that come while the Snap-Shot is read
-constexpr int answer_buffer_bytes = 4 << 20;
+constexpr int reply_buffer_bytes = 4 << 20;
 
 volatile std::sig_atomic_t stop_signals = 0;
 
@@ -44,9 +51,9 @@ void catch_signals() {
 
 // Everything that one run from the network holds.
 struct Live {
-    Receiver receiver;
+    Listener listener;
     MulticastSocket multicast;
-    int answers_fd = -1;
+    int replies_fd = -1;
     SnapshotClient snapshot;
     bool joining = false;  // the Snap-Shot is not complete: packets are held
     std::deque<std::vector<unsigned char>> held;
@@ -59,22 +66,22 @@ struct Live {
 
 void take_multicast(Live& live, const unsigned char* bytes, std::size_t length, std::int64_t now_ms) {
     if (!live.joining) {
-        take_packet(live.receiver.sequencer, bytes, length, now_ms, PacketSource::multicast);
+        on_packet(live.listener.sequencer, bytes, length, now_ms, PacketSource::multicast);
     } else if (live.held_bytes + length <= held_bytes_max) {
         live.held.emplace_back(bytes, bytes + length);
         live.held_bytes += length;
     }
 }
 
-void read_answers(Live& live, std::int64_t now_ms) {
+void read_replies(Live& live, std::int64_t now_ms) {
     unsigned char bytes[2048];
-    for (std::size_t i = 0; live.answers_fd >= 0 && i < datagrams_a_pass; ++i) {
-        const ssize_t count = recv(live.answers_fd, bytes, sizeof bytes, MSG_DONTWAIT);
+    for (std::size_t i = 0; live.replies_fd >= 0 && i < datagrams_a_pass; ++i) {
+        const ssize_t count = recv(live.replies_fd, bytes, sizeof bytes, MSG_DONTWAIT);
         if (count < 0) {
             return;  // nothing waits, or the service is not there: then its answers time out
         }
-        take_packet(live.receiver.sequencer, bytes, static_cast<std::size_t>(count), now_ms,
-                    PacketSource::retransmission);
+        on_packet(live.listener.sequencer, bytes, static_cast<std::size_t>(count), now_ms,
+                  PacketSource::retransmission);
     }
 }
 
@@ -83,9 +90,9 @@ void leave_snapshot(Live& live, std::int64_t now_ms) {
     live.joining = false;
     fmt::print(stderr, "tessel-listen: Snap-Shot of {} messages covers everything up to {}\n",
                live.snapshot.messages, live.snapshot.snapshot_sequence);
-    start_at(live.receiver.sequencer, live.snapshot.snapshot_sequence + 1);
+    receiver::start_at(live.listener.sequencer, live.snapshot.snapshot_sequence + 1);
     for (const std::vector<unsigned char>& packet : live.held) {
-        take_packet(live.receiver.sequencer, packet.data(), packet.size(), now_ms, PacketSource::multicast);
+        on_packet(live.listener.sequencer, packet.data(), packet.size(), now_ms, PacketSource::multicast);
     }
     live.held.clear();
     live.held_bytes = 0;
@@ -104,14 +111,14 @@ void wait_for_input(Live& live, std::int64_t now_ms) {
     pollfd entries[3];
     nfds_t count = 0;
     entries[count++] = {live.multicast.fd, POLLIN, 0};
-    if (live.answers_fd >= 0) {
-        entries[count++] = {live.answers_fd, POLLIN, 0};
+    if (live.replies_fd >= 0) {
+        entries[count++] = {live.replies_fd, POLLIN, 0};
     }
     if (live.joining && snapshot_events(live.snapshot) != 0) {
         entries[count++] = {live.snapshot.fd, snapshot_events(live.snapshot), 0};
     }
     std::int64_t timeout_ms = wait_max_ms;
-    const std::int64_t sequencer_ms = wait_ms(live.receiver.sequencer, now_ms);
+    const std::int64_t sequencer_ms = next_timer_ms(live.listener.sequencer, now_ms);
     if (sequencer_ms >= 0) {
         timeout_ms = std::min(timeout_ms, sequencer_ms + 1);
     }
@@ -119,19 +126,19 @@ void wait_for_input(Live& live, std::int64_t now_ms) {
 }
 
 void update_view(Live& live, std::int64_t now_ms) {
-    if (!live.receiver.options.view || now_ms - live.last_view_ms < view_interval_ms) {
+    if (!live.listener.options.view || now_ms - live.last_view_ms < view_interval_ms) {
         return;
     }
     ViewStatus status;
     if (live.last_view_ms != 0) {
-        status.messages_a_second = static_cast<double>(live.receiver.messages - live.view_messages) * 1000.0 /
+        status.messages_a_second = static_cast<double>(live.listener.messages - live.view_messages) * 1000.0 /
                                    static_cast<double>(now_ms - live.last_view_ms);
     }
-    status.kernel_drops = live.receiver.kernel_drops;
+    status.kernel_drops = live.listener.kernel_drops;
     status.note = live.joining ? "reading the Snap-Shot" : "";
     live.last_view_ms = now_ms;
-    live.view_messages = live.receiver.messages;
-    show_view(render_view(live.receiver.market, live.receiver.sequencer.counters, status, terminal_size()));
+    live.view_messages = live.listener.messages;
+    show_view(render_view(live.listener.market, live.listener.sequencer.counters, status, terminal_size()));
 }
 
 // One pass: wait, take everything that came, ask or give up, write.
@@ -141,50 +148,50 @@ void run_one_pass(Live& live) {
     receive_multicast(live.multicast, datagrams_a_pass, [&](const unsigned char* bytes, std::size_t length) {
         take_multicast(live, bytes, length, now_ms);
     });
-    read_answers(live, now_ms);
+    read_replies(live, now_ms);
     if (live.joining) {
         step_joining(live, now_ms);
     } else {
         // Behind the reads: what waits in the sockets must not be asked for.
-        take_time(live.receiver.sequencer, now_ms);
+        on_timer(live.listener.sequencer, now_ms);
     }
-    live.receiver.kernel_drops = live.multicast.kernel_drops;
-    if (live.receiver.kernel_drops != 0 && !live.drops_reported && !live.receiver.options.view) {
+    live.listener.kernel_drops = live.multicast.kernel_drops;
+    if (live.listener.kernel_drops != 0 && !live.drops_reported && !live.listener.options.view) {
         live.drops_reported = true;
-        report_kernel_drops(live.receiver);
+        report_kernel_drops(live.listener);
     }
     if (now_ms - live.last_flush_ms >= flush_interval_ms) {
         live.last_flush_ms = now_ms;
-        flush_output(live.receiver.output);
+        flush_output(live.listener.output);
     }
     update_view(live, now_ms);
 }
 
 // The end has come, and no packet of the feed will say so: what is known to exist by now is still fetched.
 void fetch_missing(Live& live) {
-    Sequencer& sequencer = live.receiver.sequencer;
+    Sequencer& sequencer = live.listener.sequencer;
     run_one_pass(live);  // what came before the signal may still wait in the socket
-    live.receiver.end_sequence = sequencer.highest;
+    live.listener.end_sequence = sequencer.highest;
     const auto begin_ms = static_cast<std::int64_t>(steady_ms());
     const int signals = stop_signals;
-    while (sequencer.next < live.receiver.end_sequence && stop_signals == signals &&
+    while (sequencer.next < live.listener.end_sequence && stop_signals == signals &&
            static_cast<std::int64_t>(steady_ms()) - begin_ms < finish_max_ms) {
         run_one_pass(live);
     }
-    give_up_all(sequencer);
+    abandon_gaps(sequencer);
 }
 
 bool open_sockets(Live& live, const Options& options) {
     std::string error;
-    if (!open_multicast(live.multicast, options.group, options.port, options.iface,
-                        options.receive_buffer_bytes, &error)) {
+    if (!receiver::open_multicast(live.multicast, options.group, options.port, options.iface,
+                                  options.receive_buffer_bytes, error)) {
         fmt::print(stderr, "tessel-listen: {}\n", error);
         return false;
     }
-    live.receiver.socket_buffer_bytes = live.multicast.buffer_bytes;
+    live.listener.socket_buffer_bytes = live.multicast.buffer_bytes;
     if (!options.retrans.empty()) {
-        live.answers_fd = open_retransmission(options.retrans_address, answer_buffer_bytes, &error);
-        if (live.answers_fd < 0) {
+        live.replies_fd = receiver::open_retransmission(options.retrans_address, reply_buffer_bytes, error);
+        if (live.replies_fd < 0) {
             fmt::print(stderr, "tessel-listen: {}\n", error);
             return false;
         }
@@ -201,7 +208,7 @@ void prepare_snapshot(Live& live, const Options& options) {
     settings.session = options.session;
     settings.retries = options.retries;
     live.snapshot.message = [&live](const unsigned char* bytes, std::size_t length) {
-        take_spin_message(live.receiver, bytes, length);
+        take_spin_message(live.listener, bytes, length);
     };
 }
 
@@ -210,14 +217,14 @@ bool prepare_live(Live& live, const Options& options) {
         return false;
     }
     std::function<void(const unsigned char*, std::size_t)> request;
-    if (live.answers_fd >= 0) {
+    if (live.replies_fd >= 0) {
         // A request that cannot be sent is like one that was lost: it times out and is made again.
         request = [&live](const unsigned char* bytes, std::size_t length) {
-            const ssize_t sent = send(live.answers_fd, bytes, length, MSG_NOSIGNAL);
+            const ssize_t sent = send(live.replies_fd, bytes, length, MSG_NOSIGNAL);
             static_cast<void>(sent);
         };
     }
-    if (!prepare_receiver(live.receiver, options, std::move(request))) {
+    if (!prepare_listener(live.listener, options, std::move(request))) {
         return false;
     }
     prepare_snapshot(live, options);
@@ -243,12 +250,12 @@ ExitStatus run_live(const Options& options) {
     }
     const auto begin_ms = static_cast<std::int64_t>(steady_ms());
     const auto limit_ms = static_cast<std::int64_t>(options.seconds * 1000.0);
-    while (stop_signals == 0 && !live.receiver.finished && live.snapshot.state != SnapshotState::failed &&
+    while (stop_signals == 0 && !live.listener.finished && live.snapshot.state != SnapshotState::failed &&
            (limit_ms == 0 || static_cast<std::int64_t>(steady_ms()) - begin_ms < limit_ms)) {
         run_one_pass(live);
     }
-    live.receiver.snapshot_failed = live.joining;
-    if (!live.joining && !live.receiver.finished) {
+    live.listener.snapshot_failed = live.joining;
+    if (!live.joining && !live.listener.finished) {
         fetch_missing(live);
     }
     if (options.view) {
@@ -256,10 +263,10 @@ ExitStatus run_live(const Options& options) {
     }
     close_snapshot(live.snapshot);
     close(live.multicast.fd);
-    if (live.answers_fd >= 0) {
-        close(live.answers_fd);
+    if (live.replies_fd >= 0) {
+        close(live.replies_fd);
     }
-    return finish_receiver(live.receiver);
+    return finish_listener(live.listener);
 }
 
 }  // namespace tessel::listen

@@ -9,8 +9,6 @@
 
 namespace tessel::listen {
 
-using namespace receiver;
-
 namespace {
 
 void declare(CLI::App& app, Options& o) {
@@ -50,10 +48,10 @@ void declare(CLI::App& app, Options& o) {
 // What CLI11 cannot check by itself; empty when all is well.
 std::string check(Options& o) {
     std::string error;
-    if (!o.retrans.empty() && !parse_endpoint(o.retrans_address, o.retrans, &error)) {
+    if (!o.retrans.empty() && !receiver::parse_endpoint(o.retrans_address, o.retrans, error)) {
         return "--retrans: " + error;
     }
-    if (!o.snapshot.empty() && !parse_endpoint(o.snapshot_address, o.snapshot, &error)) {
+    if (!o.snapshot.empty() && !receiver::parse_endpoint(o.snapshot_address, o.snapshot, error)) {
         return "--snapshot: " + error;
     }
     if (!o.snapshot.empty() && o.user.empty() && o.from_pcap.empty()) {

@@ -10,6 +10,10 @@
 
 namespace tessel::listen {
 
+using receiver::PacketSource;
+using receiver::SoupPacket;
+using receiver::SoupReader;
+
 namespace {
 
 constexpr std::int64_t ns_per_ms = 1'000'000;
@@ -19,13 +23,13 @@ std::uint16_t port_of(const sockaddr_in& address) {
 }
 
 // The messages inside the Snap-Shot sessions of a capture, written as they come.
-void take_stream(Receiver& receiver, SoupReader& reader, const unsigned char* bytes, std::size_t length) {
+void take_stream(Listener& listener, SoupReader& reader, const unsigned char* bytes, std::size_t length) {
     soup_append(reader, bytes, length);
     SoupPacket packet;
     bool broken = false;
     while (soup_next(reader, packet, &broken)) {
-        if (packet.type == soup_sequenced_data) {
-            take_captured_spin_message(receiver, packet.payload, packet.length);
+        if (packet.type == receiver::soup_sequenced_data) {
+            take_captured_spin_message(listener, packet.payload, packet.length);
         }
     }
 }
@@ -33,13 +37,13 @@ void take_stream(Receiver& receiver, SoupReader& reader, const unsigned char* by
 }  // namespace
 
 ExitStatus run_replay(const Options& options) {
-    Receiver receiver;
+    Listener listener;
     in_addr group{};
     if (inet_pton(AF_INET, options.group.c_str(), &group) != 1) {
         fmt::print(stderr, "tessel-listen: --mcast: '{}' is not an IPv4 address\n", options.group);
         return ExitStatus::bad_options;
     }
-    if (!prepare_receiver(receiver, options, nullptr)) {
+    if (!prepare_listener(listener, options, nullptr)) {
         return ExitStatus::bad_options;
     }
     PcapSinks sinks;
@@ -47,28 +51,28 @@ ExitStatus run_replay(const Options& options) {
                          std::size_t length) {
         const std::int64_t now_ms = time_ns / ns_per_ms;
         if (flow.destination == ntohl(group.s_addr) && flow.destination_port == options.port) {
-            take_packet(receiver.sequencer, bytes, length, now_ms, PacketSource::multicast);
+            on_packet(listener.sequencer, bytes, length, now_ms, PacketSource::multicast);
         } else if (!options.retrans.empty() && flow.source_port == port_of(options.retrans_address)) {
-            take_packet(receiver.sequencer, bytes, length, now_ms, PacketSource::retransmission);
+            on_packet(listener.sequencer, bytes, length, now_ms, PacketSource::retransmission);
         }
-        take_time(receiver.sequencer, now_ms);
+        on_timer(listener.sequencer, now_ms);
     };
     std::map<PcapFlow, SoupReader> sessions;
     sinks.stream = [&](const PcapFlow& flow, std::int64_t, const unsigned char* bytes, std::size_t length) {
         if (options.decode && !options.snapshot.empty() &&
             flow.source_port == port_of(options.snapshot_address)) {
-            take_stream(receiver, sessions[flow], bytes, length);
+            take_stream(listener, sessions[flow], bytes, length);
         }
     };
     PcapCounters counters;
     std::string error;
     const bool complete = read_pcap(options.from_pcap, sinks, counters, &error);
-    give_up_all(receiver.sequencer);
+    abandon_gaps(listener.sequencer);
     if (counters.cut_short != 0) {
         fmt::print(stderr, "tessel-listen: {} records of the capture are cut short and left out\n",
                    counters.cut_short);
     }
-    const ExitStatus status = finish_receiver(receiver);
+    const ExitStatus status = finish_listener(listener);
     if (!complete) {
         fmt::print(stderr, "tessel-listen: {}\n", error);
         return ExitStatus::bad_options;

@@ -8,6 +8,11 @@
 
 namespace tessel::listen {
 
+using receiver::Instrument;
+using receiver::Market;
+using receiver::Nbbo;
+using receiver::SequencerCounters;
+
 namespace {
 
 constexpr std::uint64_t millionths_per_share = 1'000'000;

@@ -9,8 +9,6 @@
 // The market on a terminal: a line for each symbol and a foot line for the reception.
 namespace tessel::listen {
 
-using namespace receiver;
-
 struct ViewSize {
     unsigned rows = 24;
     unsigned columns = 80;
@@ -25,8 +23,8 @@ struct ViewStatus {
 
 // The picture as plain lines, none longer than the terminal is wide: the heading, as many instruments as fit
 // (in directory order, with a line that tells how many do not), and the foot line last.
-std::string render_view(const Market& market, const SequencerCounters& counters, const ViewStatus& status,
-                        ViewSize size);
+std::string render_view(const receiver::Market& market, const receiver::SequencerCounters& counters,
+                        const ViewStatus& status, ViewSize size);
 
 // The size of the terminal on standard output.
 ViewSize terminal_size();

@@ -9,14 +9,14 @@ namespace {
 
 using hand_made::raw;
 
-TEST(ListenSoup, Login_HasItsFieldsPaddedAndCut) {
+TEST(SoupPacket, Login_HasItsFieldsPaddedAndCut) {
     EXPECT_EQ(soup_login("LATECOMER", "pw", "UTPBENCH01"), std::string("\0\x2f", 2) +
                                                                "LLATECOpw        UTPBENCH01"
                                                                "1                   ");
-    EXPECT_EQ(soup_bare('R'), std::string("\0\1R", 3));
+    EXPECT_EQ(soup_empty_packet('R'), std::string("\0\1R", 3));
 }
 
-TEST(ListenSoup, PacketsCutAnywhere_ComeOutWhole) {
+TEST(SoupPacket, PacketsCutAnywhere_ComeOutWhole) {
     const std::string stream =
         std::string("\0\1H", 3) + std::string("\0\4Sabc", 6) + std::string("\0\2Jx", 4);
     for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
@@ -37,7 +37,7 @@ TEST(ListenSoup, PacketsCutAnywhere_ComeOutWhole) {
     }
 }
 
-TEST(ListenSoup, LengthZero_IsBroken) {
+TEST(SoupPacket, LengthZero_IsBroken) {
     SoupReader reader;
     soup_append(reader, raw(std::string("\0\0S", 3)), 3);
     SoupPacket packet;
