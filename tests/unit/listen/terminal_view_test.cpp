@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 
 namespace tessel::listen {
+
+using receiver::Market;
+using receiver::SequencerCounters;
+
 namespace {
 
 using namespace receiver::hand_made;
@@ -15,7 +19,7 @@ Market market_of(int instruments) {
         const std::string symbol = "SYM" + std::to_string(i);
         for (const std::string& data :
              {directory_short(symbol), price_band(symbol, 'A', 9'500'000, 10'500'000)}) {
-            apply_message(market, raw(data), data.size(), 1);
+            receiver::apply_message(market, raw(data), data.size(), 1);
         }
     }
     return market;
@@ -37,7 +41,7 @@ TEST(ListenView, ShowsNbboLastVolumeStatusAndBand) {
     quote.nbbo = '4';
     for (const std::string& data : {quote_short(quote), trading_action("SYM0", 'H', 1, "T1"),
                                     trade_long('N', "SYM0", 1, 190'020'000, 300, "@   ")}) {
-        apply_message(market, raw(data), data.size(), 7);
+        receiver::apply_message(market, raw(data), data.size(), 7);
     }
     const auto lines = lines_of(render_view(market, {}, {}, {24, 132}));
     ASSERT_EQ(lines.size(), 3u);
@@ -65,7 +69,7 @@ TEST(ListenView, FitsTheTerminal_AndCountsWhatDoesNot) {
 TEST(ListenView, BytesOfASymbol_CannotSteerTheTerminal) {
     Market market;
     const std::string data = directory_short("\x1b[2J\x07");
-    apply_message(market, raw(data), data.size(), 1);
+    receiver::apply_message(market, raw(data), data.size(), 1);
     EXPECT_EQ(render_view(market, {}, {}, {24, 80}).find('\x1b'), std::string::npos);
 }
 
