@@ -10,6 +10,13 @@ macro(tessel_tool program)
   set(${tool}_PROGRAM ${program})
 endmacro()
 
+# tessel_tool_library([PACKAGES ...] [LIBRARIES ...] [TOOLS ...]): the same for a folder that tools share, which has no
+# program.
+macro(tessel_tool_library)
+  cmake_parse_arguments(${tool} "" "" "PACKAGES;LIBRARIES;TOOLS" ${ARGN})
+  set(${tool}_PROGRAM "")
+endmacro()
+
 file(GLOB declarations CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/*/tool.cmake)
 set(tools_declared "")
 foreach(declaration ${declarations})
@@ -59,9 +66,11 @@ foreach(tool ${tools_here})
     # What formats text takes long to compile with sanitizers and optimization, and is not waited for.
     target_compile_options(tessel_${tool}_lib PRIVATE -O0)
   endif()
-  add_executable(${${tool}_PROGRAM} ${folder}/main.cpp)
-  target_link_libraries(${${tool}_PROGRAM} PRIVATE tessel_${tool}_lib)
-  install(TARGETS ${${tool}_PROGRAM} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  if(${tool}_PROGRAM)
+    add_executable(${${tool}_PROGRAM} ${folder}/main.cpp)
+    target_link_libraries(${${tool}_PROGRAM} PRIVATE tessel_${tool}_lib)
+    install(TARGETS ${${tool}_PROGRAM} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
   # Reading a command line need not be fast, and the option parser takes long to optimize.
   foreach(file options.cpp main.cpp)
     if(EXISTS ${folder}/${file})

@@ -54,6 +54,20 @@ SCENARIOS = {
     "never_off": "odd_lot_every=0,halt_after=1,halt_secs=0,pause_after=1,pause_secs=4294967295",
 }
 
+TIMELINES = {
+    "empty": "",
+    "by_time": "# a day\n+2.5s halt AAPL\n+1m0.5s resume AAPL # again\n+90 pause\n+1h2m3s4ms stop\n",
+    "by_number": "at seq 10000 drop 3\nat seq 500 mark here\n",
+    "loops": "+1m loop 3 every 20s\n+0s halt A\n+1s loop 2 every 1s\n+0 drop\nend\nend\n"
+             "at seq 100 loop 4 every 50\nat seq 0 dup\nend\n",
+    "many": "loop 1000 every 1ms\nloop 1000 every 1ms\n+0 trf\nend\nend\n",
+    "too_many": "loop 1001 every 1ms\nloop 1000 every 1ms\n+0 trf\nend\nend\n",
+    "far": "loop 1000000 every 87600h\n+0 trf\nend\nat seq 4611686018427387904 drop\n",
+    "unknown": "+1s hlat AAPL\n",
+    "unfinished": "loop 3 every 1s\n+1s pause\n",
+    "odd_times": "+1..5s pause\n+-1 pause\n+.5 pause\n+1h30 pause\n+99999999999999999999h pause\n",
+}
+
 CONTROL = {
     "every_command": ["pause", "+1", "resume", "drop 1", "dup 2", "reorder", "drop_every 5", "dup_every 3",
                       "reorder_every 4", "rate 50", "mark here", "stats", "halt AAPL", "+2", "resume AAPL",
@@ -179,6 +193,7 @@ def lines(rows):
 def main():
     write("command_line", lines(COMMAND_LINES))
     write("scenario", {name: text.encode() for name, text in SCENARIOS.items()})
+    write("timeline", {name: text.encode() for name, text in TIMELINES.items()})
     write("control", lines(CONTROL))
     write("retransmission", RETRANSMISSION)
     write("soup_stream", SOUP)

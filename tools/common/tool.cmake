@@ -1,0 +1,1 @@
+tessel_tool_library()
