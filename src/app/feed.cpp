@@ -6,6 +6,7 @@
 #include "mold/retransmission_server.h"
 #include "output/book_file.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <csignal>
@@ -48,6 +49,10 @@ void print(const std::string& text) {
 
 void open_publisher_of(Feed& feed) {
     const FeedConfig& config = feed.config;
+    if (feed.offline) {
+        reset_publisher(feed.publisher, feed.clock, config.session);
+        return;
+    }
     open_publisher(feed.publisher, feed.clock, config.mcast, config.port, config.iface, config.retrans_port,
                    config.session);
 }
@@ -70,45 +75,6 @@ void print_banner(const FeedConfig& config) {
                  config.mcast.c_str(), unsigned{config.port}, config.iface.c_str(), config.session.c_str(),
                  unsigned{config.retrans_port}, unsigned{config.snapshot_port}, config.participants.c_str(),
                  config.symbols.c_str());
-}
-
-// Start-up behind the command line, in its order: receivers and observers see each step's effects in it.
-// False: the feed cannot start; status and error say why.
-bool start_feed(Feed& feed, ExitStatus& status, std::string& error) {
-    const FeedConfig& config = feed.config;
-    status = ExitStatus::bad_command_line;
-    seed_random(feed.random, config.seed);
-    open_publisher_of(feed);
-    if (!set_faults(feed.publisher.faults, config, error)) {
-        return false;
-    }
-    feed.scenario = read_scenario();
-    init_engine(feed.engine, feed.publisher, feed.random, feed.scenario, feed.clock, config.participants,
-                config.step_bps, config.quiet);
-    if (!config.truth_out.empty()) {
-        open_truth_log(feed.engine.truth, config.truth_out);
-    }
-    if (config.control_port != 0) {
-        feed.control_socket = open_control_channel(config.control_port);
-    }
-    std::string price_error;
-    if (!add_instruments(feed.engine, config.symbols, price_error)) {
-        error = "tessel: --symbols: " + price_error + "\n";
-        return false;
-    }
-    start_of_day(feed.engine);
-    if (!open_listener(feed.snapshot, config.snapshot_port, error)) {
-        status = ExitStatus::cannot_listen;
-        return false;
-    }
-    print_banner(config);
-    catch_stop_signals();  // only now: a signal during start-up ends the process at once
-    feed.interval_ms = config.interval_ms;
-    feed.start_ms = steady_ms(feed.clock);
-    feed.last_tick_ms = feed.start_ms;
-    feed.last_stats_ms = feed.start_ms;
-    feed.last_summary_ms = feed.start_ms;
-    return true;
 }
 
 void tick_when_due(Feed& feed, std::uint64_t now_ms) {
@@ -181,9 +147,48 @@ void wait_for_input(Feed& feed) {
     poll(feed.poll_set.data(), feed.poll_set.size(), wait_ms);
 }
 
-// One pass of the loop.
-void run_one_pass(Feed& feed) {
-    const std::uint64_t now_ms = steady_ms(feed.clock);
+}  // namespace
+
+bool start_feed(Feed& feed, ExitStatus& status, std::string& error) {
+    const FeedConfig& config = feed.config;
+    status = ExitStatus::bad_command_line;
+    seed_random(feed.random, config.seed);
+    open_publisher_of(feed);
+    if (!set_faults(feed.publisher.faults, config, error)) {
+        return false;
+    }
+    feed.scenario = read_scenario();
+    init_engine(feed.engine, feed.publisher, feed.random, feed.scenario, feed.clock, config.participants,
+                config.step_bps, config.quiet);
+    if (!config.truth_out.empty()) {
+        open_truth_log(feed.engine.truth, config.truth_out);
+    }
+    if (config.control_port != 0 && !feed.offline) {
+        feed.control_socket = open_control_channel(config.control_port);
+    }
+    std::string price_error;
+    if (!add_instruments(feed.engine, config.symbols, price_error)) {
+        error = "tessel: --symbols: " + price_error + "\n";
+        return false;
+    }
+    start_of_day(feed.engine);
+    if (!feed.offline) {
+        if (!open_listener(feed.snapshot, config.snapshot_port, error)) {
+            status = ExitStatus::cannot_listen;
+            return false;
+        }
+        print_banner(config);
+        catch_stop_signals();  // only now: a signal during start-up ends the process at once
+    }
+    feed.interval_ms = config.interval_ms;
+    feed.start_ms = steady_ms(feed.clock);
+    feed.last_tick_ms = feed.start_ms;
+    feed.last_stats_ms = feed.start_ms;
+    feed.last_summary_ms = feed.start_ms;
+    return true;
+}
+
+void run_one_pass(Feed& feed, std::uint64_t now_ms) {
     if (feed.control_socket >= 0) {
         // First, so that a command stands before the tick that follows it.
         serve_control_channel(feed.control_socket, {&feed.engine, &feed.interval_ms});
@@ -193,17 +198,27 @@ void run_one_pass(Feed& feed) {
     // Before the tick, which publishes the bands that this makes due.
     fire_scenario_events(feed.engine, feed.marks, feed.start_ms, now_ms);
     tick_when_due(feed, now_ms);
-    print_stats_when_due(feed, now_ms);
+    if (!feed.offline) {
+        print_stats_when_due(feed, now_ms);
+    }
     // Behind everything that may have flushed: a heartbeat is for silence.
     send_heartbeat_when_due(feed, now_ms);
     // Behind the tick, so that its messages can be asked for at once.
     serve_retransmissions(feed.publisher);
     write_files_when_due(feed, now_ms);
-    print_summary_when_due(feed, now_ms);
-    wait_for_input(feed);
+    if (!feed.offline) {
+        print_summary_when_due(feed, now_ms);
+    }
 }
 
-}  // namespace
+std::uint64_t next_due_ms(const Feed& feed) {
+    std::uint64_t due = next_scenario_event_ms(feed.scenario, feed.marks, feed.start_ms);
+    if (feed.interval_ms >= 0) {
+        due = std::min(due, feed.last_tick_ms + static_cast<std::uint64_t>(feed.interval_ms));
+    }
+    due = std::min(due, static_cast<std::uint64_t>(feed.publisher.last_flush_ms + heartbeat_after_ms));
+    return std::min(due, next_snapshot_due_ms(feed.snapshot));
+}
 
 int run_feed(int count, const char* const* arguments) {
     // A reader of standard error that goes away and a file that reaches a size limit are write errors, not
@@ -222,7 +237,8 @@ int run_feed(int count, const char* const* arguments) {
         return static_cast<int>(status);
     }
     while (!stop_requested.load()) {
-        run_one_pass(*feed);
+        run_one_pass(*feed, steady_ms(feed->clock));
+        wait_for_input(*feed);
     }
     // What is in the open packet stays unsent; the sockets end with the process.
     print(stop_block(feed->scenario.stats, feed->publisher));

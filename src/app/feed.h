@@ -22,6 +22,9 @@ enum class ExitStatus : int { stopped = 0, cannot_listen = 1, bad_command_line =
 // The whole program but its command line: one of these lives from start to end. Times are steady
 // milliseconds.
 struct Feed {
+    // No sockets, no periodic reports: packets go to publisher.sink, truth lines to engine.truth.sink, and
+    // whoever runs the passes puts the time into `clock` and the commands into handle_command.
+    bool offline = false;
     FeedConfig config;
     Clock clock;
     Random random;
@@ -42,6 +45,18 @@ struct Feed {
     std::vector<pollfd> poll_set;  // reused from pass to pass
     std::string file_text;         // likewise, for the book and BBO files
 };
+
+// Start-up after option parsing, in an order that is observable from outside. The caller has filled config
+// (and, for an offline feed, offline, clock and the sinks). False: the feed cannot start; status is the exit
+// status and error the line for standard error, "tessel: ..." with its line feed.
+bool start_feed(Feed& feed, ExitStatus& status, std::string& error);
+
+// One pass of the loop without its wait: everything that is due at now_ms, in the order that receivers see.
+void run_one_pass(Feed& feed, std::uint64_t now_ms);
+
+// The steady time at which the next pass finds something to do by itself: a tick, a heartbeat, a scripted
+// event, a Snap-Shot connection's timer. UINT64_MAX: never. It may be in the past: due now.
+std::uint64_t next_due_ms(const Feed& feed);
 
 // Runs the feed until a signal ends it: start-up, loop, stop. arguments without the program's name. The
 // result is the process's exit status; what there is to say goes to standard error.

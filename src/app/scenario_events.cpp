@@ -4,6 +4,8 @@
 #include "engine/halts.h"
 #include "engine/luld.h"
 
+#include <algorithm>
+
 namespace tessel {
 
 namespace {
@@ -43,6 +45,20 @@ void fire_scenario_events(SipEngine& engine, ScenarioMarks& marks, std::uint64_t
             }
         }
     }
+}
+
+std::uint64_t next_scenario_event_ms(const Scenario& scenario, const ScenarioMarks& marks,
+                                     std::uint64_t start_ms) {
+    std::uint64_t due = UINT64_MAX;
+    const auto consider = [&due, start_ms](bool wanted, bool fired, std::uint32_t after_seconds) {
+        if (wanted && !fired) {
+            due = std::min(due, start_ms + std::uint64_t{after_seconds} * 1000);
+        }
+    };
+    consider(scenario.halt_after != 0, marks.halt_fired, scenario.halt_after);
+    consider(scenario.pause_after != 0, marks.pause_fired, scenario.pause_after);
+    consider(scenario.mwcb_level != 0, marks.mwcb_fired, scenario.mwcb_after);
+    return due;
 }
 
 }  // namespace tessel

@@ -20,4 +20,9 @@ struct ScenarioMarks {
 void fire_scenario_events(SipEngine& engine, ScenarioMarks& marks, std::uint64_t start_ms,
                           std::uint64_t now_ms);
 
+// The steady time of the next event that fire_scenario_events would fire, UINT64_MAX when there is none left.
+// Bands are not among them: a tick publishes those.
+std::uint64_t next_scenario_event_ms(const Scenario& scenario, const ScenarioMarks& marks,
+                                     std::uint64_t start_ms);
+
 }  // namespace tessel

@@ -21,6 +21,12 @@ struct BandText {
     std::array<char, 64> text{};
 };
 
+// Takes a truth log's lines in place of a file, each whole with its line feed.
+struct TruthSink {
+    void (*take)(void* context, const char* line, std::size_t length) = nullptr;
+    void* context = nullptr;
+};
+
 // The ground truth of what was published: one JSON object a line, each tied to a message's sequence number,
 // each written at once with one write. After the first failure no further line is ever written.
 //
@@ -35,6 +41,7 @@ struct BandText {
 struct TruthLog {
     int fd = -1;
     bool good = false;
+    TruthSink sink;          // set together with `good`; lines then go here and not to fd
     std::vector<char> line;  // reused for every line
     // Texts kept from line to line, since an instrument's quotes mostly come in twos and threes.
     CountText sequence;

@@ -25,26 +25,41 @@ constexpr int listen_backlog = 8;
 constexpr std::size_t session_bytes = 10;
 constexpr std::size_t sequence_bytes = 20;
 
+bool is_open(const SnapshotConnection& connection) {
+    return connection.fd >= 0 || connection.peer != nullptr;
+}
+
 void close_connection(SnapshotConnection& connection) {
+    if (connection.peer != nullptr) {
+        connection.peer->closed = true;
+        connection.peer = nullptr;
+        return;
+    }
     close(connection.fd);
     connection.fd = -1;
 }
 
 // A packet that may be lost: only the spin is worth waiting for.
 template <std::size_t size>
-void send_packet(int fd, const std::array<char, size>& packet) {
-    static_cast<void>(send(fd, packet.data(), packet.size(), MSG_NOSIGNAL));
+void send_packet(const SnapshotConnection& connection, const std::array<char, size>& packet) {
+    if (connection.peer != nullptr) {
+        const SpinSink& sink = connection.peer->sink;
+        sink.take(sink.context, reinterpret_cast<const unsigned char*>(packet.data()), packet.size());
+        return;
+    }
+    static_cast<void>(send(connection.fd, packet.data(), packet.size(), MSG_NOSIGNAL));
 }
 
-void send_server_heartbeat(int fd) {
-    send_packet(fd, std::array<char, 3>{0, 1, server_heartbeat_type});
+void send_server_heartbeat(const SnapshotConnection& connection) {
+    send_packet(connection, std::array<char, 3>{0, 1, server_heartbeat_type});
 }
 
-void send_login_rejected(int fd, char code) {
-    send_packet(fd, std::array<char, 4>{0, 2, login_rejected_type, code});
+void send_login_rejected(const SnapshotConnection& connection, char code) {
+    send_packet(connection, std::array<char, 4>{0, 2, login_rejected_type, code});
 }
 
-void send_login_accepted(int fd, const std::array<char, mold_session_bytes>& session) {
+void send_login_accepted(const SnapshotConnection& connection,
+                         const std::array<char, mold_session_bytes>& session) {
     static_assert(mold_session_bytes == session_bytes);
     constexpr std::size_t packet_bytes = 3 + session_bytes + sequence_bytes;
     std::array<char, packet_bytes> packet;
@@ -54,7 +69,7 @@ void send_login_accepted(int fd, const std::array<char, mold_session_bytes>& ses
     packet[2] = login_accepted_type;
     std::copy(session.begin(), session.end(), packet.begin() + 3);
     packet[3 + session_bytes] = '1';  // the spin always starts at sequence number 1
-    send_packet(fd, packet);
+    send_packet(connection, packet);
 }
 
 // The spin on its way to one client. The limit on waits is the whole spin's.
@@ -85,7 +100,19 @@ void send_patiently(void* context, const unsigned char* bytes, std::size_t size)
     }
 }
 
+// Enters a connection that has its socket or its peer.
+void add_connection(SnapshotServer& server, SnapshotConnection connection, std::int64_t now_ms) {
+    connection.connected_ms = now_ms;
+    connection.last_receive_ms = now_ms;
+    connection.last_send_ms = now_ms;
+    server.connections.push_back(std::move(connection));
+    ++server.connections_accepted;
+}
+
 void accept_connections(SnapshotServer& server, bool quiet, std::int64_t now_ms) {
+    if (server.listener < 0) {
+        return;
+    }
     for (std::size_t accepted = 0; accepted < snapshot_accepts_max; ++accepted) {
         const int fd = accept4(server.listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
@@ -96,11 +123,7 @@ void accept_connections(SnapshotServer& server, bool quiet, std::int64_t now_ms)
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         SnapshotConnection connection;
         connection.fd = fd;
-        connection.connected_ms = now_ms;
-        connection.last_receive_ms = now_ms;
-        connection.last_send_ms = now_ms;
-        server.connections.push_back(std::move(connection));
-        ++server.connections_accepted;
+        add_connection(server, std::move(connection), now_ms);
         if (!quiet) {
             std::fprintf(stderr, "[tessel] Snap-Shot connection %u (fd %d)\n", server.connections_accepted,
                          fd);
@@ -110,6 +133,22 @@ void accept_connections(SnapshotServer& server, bool quiet, std::int64_t now_ms)
 }
 
 enum class Received { nothing, bytes, end };
+
+// What a client in memory has sent since the last pass, after what is kept from earlier.
+Received receive_from_peer(SnapshotConnection& connection, std::vector<unsigned char>& gathered,
+                           std::int64_t now_ms) {
+    std::vector<unsigned char>& sent = connection.peer->input;
+    if (sent.empty()) {
+        return Received::nothing;
+    }
+    connection.last_receive_ms = now_ms;
+    if (!connection.blocked) {
+        gathered.assign(connection.input.begin(), connection.input.end());
+        gathered.insert(gathered.end(), sent.begin(), sent.end());
+    }
+    sent.clear();
+    return gathered.empty() ? Received::nothing : Received::bytes;
+}
 
 // Receives what waits, up to the limit, behind what is kept from earlier; both stand in gathered afterwards.
 // The end of the stream or an error counts before any byte that came with it.
@@ -122,6 +161,9 @@ Received receive_input(SnapshotConnection& connection, std::vector<unsigned char
         connection.last_receive_ms = now_ms;
         gathered.assign(connection.input.begin(), connection.input.end());
         return Received::bytes;
+    }
+    if (connection.peer != nullptr) {
+        return receive_from_peer(connection, gathered, now_ms);
     }
     std::size_t room = soup_input_bytes_max - connection.input.size();
     bool any = false;
@@ -150,19 +192,19 @@ Received receive_input(SnapshotConnection& connection, std::vector<unsigned char
 bool is_other_logged_in(const SnapshotServer& server, const SnapshotConnection& own) {
     return std::any_of(
         server.connections.begin(), server.connections.end(),
-        [&own](const SnapshotConnection& each) { return &each != &own && each.fd >= 0 && each.logged_in; });
+        [&own](const SnapshotConnection& each) { return &each != &own && is_open(each) && each.logged_in; });
 }
 
 void serve_spin(SnapshotServer& server, SipEngine& engine, SnapshotConnection& connection,
                 const LoginRequest& login, std::int64_t now_ms) {
     MoldPublisher& publisher = *engine.publisher;
     connection.logged_in = true;
-    send_login_accepted(connection.fd, publisher.session);
+    send_login_accepted(connection, publisher.session);
     flush(publisher);  // the spin tells the state after messages that everyone can have by now
     const std::uint64_t spin_time_ns = wall_ns(*engine.clock);
     SpinSender sender;
     sender.fd = connection.fd;
-    server.spin.sink = {send_patiently, &sender};
+    server.spin.sink = connection.peer != nullptr ? connection.peer->sink : SpinSink{send_patiently, &sender};
     build_spin(server.spin, engine, spin_time_ns);
     append_end_of_snapshot(server.spin, spin_time_ns, last_sequence(publisher));
     server.spin.sink = {};
@@ -194,7 +236,7 @@ void handle_login(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
     std::fprintf(stderr, "bench: Snap-Shot login '%s' session '%s' seq %llu rejected (%c: %s)\n",
                  login.username.c_str(), login.session.c_str(),
                  static_cast<unsigned long long>(login.sequence), code, reason);
-    send_login_rejected(connection.fd, code);
+    send_login_rejected(connection, code);
     close_connection(connection);
 }
 
@@ -207,7 +249,7 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
     bool had_login = false;
     SoupPacket packet;
     std::size_t consumed = 0;
-    while (connection.fd >= 0 && next_soup_packet(input.subspan(at), packet, consumed)) {
+    while (is_open(connection) && next_soup_packet(input.subspan(at), packet, consumed)) {
         if (packet.type == login_request_type) {
             if (had_login) {
                 break;
@@ -244,12 +286,12 @@ void serve_connection(SnapshotServer& server, SipEngine& engine, SnapshotConnect
     }
     if (received == Received::bytes) {
         handle_input(server, engine, connection, now_ms);
-        if (connection.fd < 0) {
+        if (!is_open(connection)) {
             return;
         }
     }
     if (now_ms - connection.last_send_ms >= soup_heartbeat_after_ms) {
-        send_server_heartbeat(connection.fd);
+        send_server_heartbeat(connection);
         connection.last_send_ms = now_ms;
     }
     if (now_ms - connection.last_receive_ms >= soup_silence_max_ms) {
@@ -316,16 +358,33 @@ bool open_listener(SnapshotServer& server, std::uint16_t port, std::string& erro
     return true;
 }
 
+void connect_in_memory(SnapshotServer& server, SnapshotPeer& peer, std::int64_t now_ms) {
+    SnapshotConnection connection;
+    connection.peer = &peer;
+    add_connection(server, std::move(connection), now_ms);
+}
+
+std::uint64_t next_snapshot_due_ms(const SnapshotServer& server) {
+    std::int64_t due = INT64_MAX;
+    for (const SnapshotConnection& connection : server.connections) {
+        const bool has_input =
+            connection.deferred || (connection.peer != nullptr && !connection.peer->input.empty());
+        due = std::min({due, connection.last_send_ms + soup_heartbeat_after_ms,
+                        connection.last_receive_ms + soup_silence_max_ms, has_input ? 0 : INT64_MAX});
+    }
+    return due == INT64_MAX ? UINT64_MAX : static_cast<std::uint64_t>(due);
+}
+
 void service_snapshots(SnapshotServer& server, SipEngine& engine, std::int64_t now_ms) {
     accept_connections(server, engine.quiet, now_ms);
     bool any_closed = false;
     for (SnapshotConnection& connection : server.connections) {
         serve_connection(server, engine, connection, now_ms);
-        any_closed = any_closed || connection.fd < 0;
+        any_closed = any_closed || !is_open(connection);
     }
     if (any_closed) {
         std::erase_if(server.connections,
-                      [](const SnapshotConnection& connection) { return connection.fd < 0; });
+                      [](const SnapshotConnection& connection) { return !is_open(connection); });
     }
 }
 

@@ -55,8 +55,16 @@ struct LoginRequest {
 // it.
 LoginRequest read_login(std::span<const unsigned char> payload);
 
+// The client of a connection without a socket. It must stay where it is while the service has it.
+struct SnapshotPeer {
+    std::vector<unsigned char> input;  // what the client has sent; the service takes it
+    SpinSink sink;                     // is given every byte that the service sends, in order
+    bool closed = false;               // by the service
+};
+
 struct SnapshotConnection {
-    int fd = -1;  // -1 once closed
+    int fd = -1;                   // -1 once closed, and always for a connection in memory
+    SnapshotPeer* peer = nullptr;  // null once closed, and always for a connection with a socket
     bool logged_in = false;
     bool blocked = false;   // a Packet Length of 0 was seen: bytes are received and dropped
     bool deferred = false;  // input begins with a second login, which waits for the next pass
@@ -78,6 +86,13 @@ struct SnapshotServer {
 // Opens the listener on all local addresses, non-blocking. False and the whole line for standard error
 // ("tessel: cannot listen on Snap-Shot port 25179: Address already in use\n") when that fails.
 bool open_listener(SnapshotServer& server, std::uint16_t port, std::string& error);
+
+// Adds a connection without a socket, as if it had just been accepted.
+void connect_in_memory(SnapshotServer& server, SnapshotPeer& peer, std::int64_t now_ms);
+
+// The steady time of the next heartbeat or end of silence of a connection, 0 when one has input that waits;
+// UINT64_MAX without connections.
+std::uint64_t next_snapshot_due_ms(const SnapshotServer& server);
 
 // One pass: accepts, receives, answers logins and logouts, sends heartbeats, times silent connections out.
 // now_ms is the loop's steady time. Waits only while a spin goes out, and then at most spin_waits_max times.

@@ -158,5 +158,19 @@ TEST(ScenarioEvents, WithoutInstrumentsHaltAndPauseOnlySetTheirMarks) {
     EXPECT_EQ(script.market.letters_of(before + 1, script.market.last()), std::vector<std::string>{"ADE "});
 }
 
+TEST(ScenarioEvents, NextTimeIsThatOfTheEarliestNotYetFired) {
+    const Scenario none;
+    ScenarioMarks marks;
+    EXPECT_EQ(next_scenario_event_ms(none, marks, 500), UINT64_MAX);
+    const Scenario set = parse_scenario("halt_after=7,pause_after=3,mwcb_level=2,mwcb_after=0,band_every=1");
+    EXPECT_EQ(next_scenario_event_ms(set, marks, 500), 500u);
+    marks.mwcb_fired = true;
+    EXPECT_EQ(next_scenario_event_ms(set, marks, 500), 3500u);
+    marks.pause_fired = true;
+    EXPECT_EQ(next_scenario_event_ms(set, marks, 500), 7500u);
+    marks.halt_fired = true;
+    EXPECT_EQ(next_scenario_event_ms(set, marks, 500), UINT64_MAX);
+}
+
 }  // namespace
 }  // namespace tessel

@@ -391,5 +391,20 @@ TEST(TruthLog, EachLine_IsInTheFileAtOnce) {
     }
 }
 
+TEST(TruthLogSink, TakesEachLineWholeInPlaceOfAFile) {
+    Log log;
+    std::vector<std::string> lines;
+    close_truth_log(log.truth);
+    log.truth.good = true;
+    log.truth.sink.context = &lines;
+    log.truth.sink.take = [](void* context, const char* line, std::size_t length) {
+        static_cast<std::vector<std::string>*>(context)->emplace_back(line, length);
+    };
+    write_mwcb_line(log.truth, 5, 2);
+    write_mark_line(log.truth, "here", 5);
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{"{\"seq\":5,\"mwcb\":2}\n", "{\"mark\":\"here\",\"seq\":5}\n"}));
+}
+
 }  // namespace
 }  // namespace tessel

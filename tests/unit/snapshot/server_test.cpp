@@ -778,5 +778,66 @@ TEST(SnapshotServer, AcceptedSocketsAreNonBlockingAndUndelayed) {
     EXPECT_NE(undelayed, 0);
 }
 
+// --- connections in memory
+
+struct MemoryClient {
+    MemoryClient() {
+        peer.sink = {keep, this};
+    }
+    static void keep(void* context, const unsigned char* bytes, std::size_t size) {
+        static_cast<MemoryClient*>(context)->received.append(reinterpret_cast<const char*>(bytes), size);
+    }
+    void send(const std::string& bytes) {
+        peer.input.insert(peer.input.end(), bytes.begin(), bytes.end());
+    }
+    SnapshotPeer peer;
+    std::string received;
+};
+
+TEST(SnapshotPeerInMemory, GetsTheSameBytesAsAClientWithASocket) {
+    TestMarket market({.symbols = "AAPL:190", .participants = "QN", .wall_step_ns = 0});
+    market.start_of_day();
+    SnapshotServer server;
+    MemoryClient client;
+    connect_in_memory(server, client.peer, 5000);
+    client.send(login("LATE"));
+    service_snapshots(server, market.engine, 5000);
+    SpinBuffer spin;
+    build_spin(spin, market.engine, wall_ns(market.clock));
+    append_end_of_snapshot(spin, wall_ns(market.clock), market.last());
+    ASSERT_EQ(client.received.size(), 33 + spin.size);
+    EXPECT_EQ(client.received.substr(0, 13), std::string("\0\x1F", 2) + "AUTPBENCH01");
+    EXPECT_EQ(std::memcmp(client.received.data() + 33, spin.bytes.data(), spin.size), 0);
+    EXPECT_TRUE(server.connections.at(0).logged_in);
+    client.send(packet('O'));
+    EXPECT_EQ(next_snapshot_due_ms(server), 0u) << "what the client sent waits";
+    service_snapshots(server, market.engine, 5000);
+    EXPECT_TRUE(client.peer.closed);
+    EXPECT_TRUE(server.connections.empty());
+    EXPECT_EQ(next_snapshot_due_ms(server), UINT64_MAX);
+}
+
+TEST(SnapshotPeerInMemory, SecondClientIsRejectedAndSilenceEndsTheFirst) {
+    TestMarket market({.symbols = "AAPL:190", .participants = "QN"});
+    SnapshotServer server;
+    MemoryClient first;
+    MemoryClient second;
+    connect_in_memory(server, first.peer, 0);
+    connect_in_memory(server, second.peer, 0);
+    first.send(login("ONE"));
+    second.send(login("TWO"));
+    service_snapshots(server, market.engine, 0);
+    EXPECT_EQ(second.received, std::string("\0\x02JA", 4));
+    EXPECT_TRUE(second.peer.closed);
+    EXPECT_EQ(next_snapshot_due_ms(server), 1000u);
+    first.received.clear();
+    service_snapshots(server, market.engine, 1000);
+    EXPECT_EQ(first.received, std::string("\0\x01H", 3));
+    service_snapshots(server, market.engine, 14'999);
+    EXPECT_FALSE(first.peer.closed);
+    service_snapshots(server, market.engine, 15'000);
+    EXPECT_TRUE(first.peer.closed);
+}
+
 }  // namespace
 }  // namespace tessel
