@@ -27,7 +27,7 @@ constexpr std::size_t messages_a_tick = 20;  // about one packet
 void append_some(MoldPublisher& publisher, std::size_t count) {
     static const std::array<unsigned char, 128> message{};
     for (std::size_t at = 0; at < count; ++at) {
-        append(publisher, message.data(), lengths[at % lengths.size()]);
+        append_message(publisher, message.data(), lengths[at % lengths.size()]);
     }
 }
 
@@ -48,7 +48,7 @@ void AppendAndFlush_NoSocket(benchmark::State& state) {
     for (auto iteration : state) {
         static_cast<void>(iteration);
         append_some(publisher, messages_a_tick);
-        flush(publisher);
+        flush_packet(publisher);
     }
     count_messages(state);
 }
@@ -66,7 +66,7 @@ void AppendAndFlush_Multicast(benchmark::State& state) {
     for (auto iteration : state) {
         static_cast<void>(iteration);
         append_some(publisher, messages_a_tick);
-        flush(publisher);
+        flush_packet(publisher);
     }
     count_messages(state);
     close(publisher.feed_socket);
@@ -79,11 +79,15 @@ void BareSendto_Multicast(benchmark::State& state) {
     MoldPublisher publisher;
     open_publisher(publisher, clock, group, group_port, "127.0.0.1", 0, "UTPBENCH01");
     append_some(publisher, messages_a_tick);
+    sockaddr_in destination{};
+    destination.sin_family = AF_INET;
+    destination.sin_port = publisher.group_port;
+    destination.sin_addr.s_addr = publisher.group_address;
     for (auto iteration : state) {
         static_cast<void>(iteration);
         benchmark::DoNotOptimize(
             sendto(publisher.feed_socket, publisher.packet.data(), publisher.packet_length, 0,
-                   reinterpret_cast<const sockaddr*>(&publisher.destination), sizeof publisher.destination));
+                   reinterpret_cast<const sockaddr*>(&destination), sizeof destination));
     }
     count_messages(state);
     close(publisher.feed_socket);

@@ -198,7 +198,7 @@ void Tick(benchmark::State& state) {
     const std::uint64_t first = market->publisher.next_sequence;
     for (auto iteration : state) {
         static_cast<void>(iteration);
-        tick(market->engine, now_ms += 100);
+        run_tick(market->engine, now_ms += 100);
         if (market->publisher.next_sequence - emptied_at >
             static_cast<std::uint64_t>(lines_before_emptying)) {
             state.PauseTiming();

@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
     const double start = cpu_ns();
     const int ticks = std::atoi(argv[2]);
     for (int at = 0; at < ticks; ++at) {
-        tessel::tick(*engine, 0);
+        tessel::run_tick(*engine, 0);
     }
     const double spent = cpu_ns() - start;
     const auto messages = static_cast<double>(publisher->next_sequence - first);

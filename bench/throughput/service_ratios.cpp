@@ -117,7 +117,7 @@ double history_ratio() {
         }
     };
     while (messages.size() < 20'000) {
-        tessel::tick(market->engine, 0);
+        tessel::run_tick(market->engine, 0);
     }
     const auto store = std::make_unique<tessel::RetransStore>();
     const long before = resident_kib();
@@ -151,7 +151,7 @@ void keep_packet(void* context, const unsigned char* packet, std::size_t length)
 std::vector<double> retransmission_ratios(int rounds) {
     auto market = make_market(100);
     while (market->publisher.next_sequence < 80'000) {
-        tessel::tick(market->engine, 0);
+        tessel::run_tick(market->engine, 0);
     }
     std::array<unsigned char, tessel::retrans_request_bytes> request{};
     std::memcpy(request.data(), "UTPBENCH01", 10);
@@ -257,7 +257,7 @@ struct SpinFigures {
 
 SpinFigures spin_ratios(int rounds) {
     auto market = make_market(8000);
-    tessel::tick(market->engine, 0);
+    tessel::run_tick(market->engine, 0);
     Drain drain;
     open_drain(drain);
     tessel::SpinBuffer whole;

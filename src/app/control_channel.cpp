@@ -5,9 +5,11 @@
 #include "engine/circuit_breaker.h"
 #include "engine/halts.h"
 #include "engine/luld.h"
+#include "engine/publication.h"
 #include "engine/trade_revisions.h"
 #include "engine/trades.h"
 #include "engine/wipe_out.h"
+#include "mold/publisher.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -23,8 +25,7 @@ namespace {
 
 constexpr std::uint32_t rate_fallback_ms = 100;
 
-// One command at work. reply stands at "ok <line>" already; a command that has something else to say replaces
-// it.
+// Context of one command. `reply` is preset to "ok <line>"; a command overwrites it.
 struct Command {
     const ControlContext& context;
     SipEngine& engine;
@@ -34,11 +35,7 @@ struct Command {
     bool& stop;
 };
 
-unsigned long long last_sent(const Command& command) {
-    return last_sequence(*command.engine.publisher);
-}
-
-// The instrument that the argument names; a miss is told here.
+// Looks up the instrument named by the argument; sets the error reply if there is none.
 Instrument* named_instrument(const Command& command) {
     Instrument* instrument = find_instrument(command.engine, command.argument);
     if (instrument == nullptr) {
@@ -49,13 +46,13 @@ Instrument* named_instrument(const Command& command) {
 
 void run_pause(const Command& command) {
     command.engine.paused = true;
-    std::fprintf(stderr, "bench: paused at seq %llu\n", last_sent(command));
+    announce(command.engine, "paused");
 }
 
 void run_resume(const Command& command) {
     if (command.argument.empty()) {
         command.engine.paused = false;
-        std::fprintf(stderr, "bench: resumed at seq %llu\n", last_sent(command));
+        announce(command.engine, "resumed");
         return;
     }
     Instrument* instrument = named_instrument(command);
@@ -64,10 +61,10 @@ void run_resume(const Command& command) {
     }
     if (is_stopped(*instrument)) {
         resume_quotation(command.engine, *instrument, wall_ns(*command.engine.clock));
-        flush(command.publisher);
+        flush_messages(command.engine);
     } else if (instrument->status == 'Q') {
         resume_trading(command.engine, *instrument, wall_ns(*command.engine.clock));
-        flush(command.publisher);
+        flush_messages(command.engine);
     }
 }
 
@@ -102,13 +99,13 @@ void run_rate(const Command& command) {
 }
 
 void run_mark(const Command& command) {
-    write_mark_line(command.engine.truth, command.argument, last_sent(command));
-    std::fprintf(stderr, "bench: mark %s at seq %llu\n", command.argument.c_str(), last_sent(command));
+    write_mark_line(command.engine.truth, command.argument, last_sequence(command.engine));
+    announce(command.engine, "mark " + command.argument);
 }
 
 void run_halt(const Command& command) {
     if (Instrument* instrument = named_instrument(command)) {
-        halt(command.engine, *instrument, "T1", 0);
+        halt_instrument(command.engine, *instrument, "T1", 0);
     }
 }
 
@@ -121,7 +118,7 @@ void run_luld_pause(const Command& command) {
 void run_band(const Command& command) {
     if (Instrument* instrument = named_instrument(command)) {
         send_band(command.engine, *instrument, 'C', wall_ns(*command.engine.clock));
-        flush(command.publisher);
+        flush_messages(command.engine);
     }
 }
 
@@ -145,7 +142,7 @@ void run_correct(const Command& command) {
 void run_close(const Command& command) {
     if (Instrument* instrument = named_instrument(command)) {
         closing_cross(command.engine, *instrument, wall_ns(*command.engine.clock));
-        flush(command.publisher);
+        flush_messages(command.engine);
     }
 }
 
@@ -276,7 +273,7 @@ int open_control_channel(std::uint16_t port) {
     return fd;
 }
 
-void serve_control_channel(int fd, const ControlContext& context) {
+bool serve_control_channel(int fd, const ControlContext& context) {
     while (true) {
         char line[control_line_bytes_max + 1];
         sockaddr_in sender{};
@@ -284,15 +281,14 @@ void serve_control_channel(int fd, const ControlContext& context) {
         const ssize_t length = recvfrom(fd, line, control_line_bytes_max, 0,
                                         reinterpret_cast<sockaddr*>(&sender), &sender_length);
         if (length <= 0) {
-            return;
+            return true;
         }
         const ControlReply reply = handle_command(context, line, static_cast<std::size_t>(length));
         // A sender that is gone misses its reply.
         sendto(fd, reply.text.data(), reply.text.size(), MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&sender), sender_length);
         if (reply.stop) {
-            std::fprintf(stderr, "%s\n", faults_summary(*context.engine->publisher).c_str());
-            _exit(0);
+            return false;
         }
     }
 }

@@ -30,8 +30,8 @@ ControlReply handle_command(const ControlContext& context, const char* bytes, st
 // be bound: -1, and the system's reason on standard error.
 int open_control_channel(std::uint16_t port);
 
-// Runs every waiting command, each with its reply, until there is no more or an empty datagram came. The
-// command "stop" does not return: it answers, prints the faults summary and ends the process with status 0.
-void serve_control_channel(int fd, const ControlContext& context);
+// Runs every waiting command, each with its reply, until there is no more or an empty datagram came. False
+// after the command "stop": its reply is sent, and the process is to end before anything else happens.
+bool serve_control_channel(int fd, const ControlContext& context);
 
 }  // namespace tessel

@@ -6,11 +6,13 @@
 #include "mold/retransmission_server.h"
 #include "output/book_file.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 namespace tessel {
@@ -18,7 +20,8 @@ namespace tessel {
 namespace {
 
 constexpr int wait_ms = 5;
-constexpr std::uint64_t stats_after_ms = 1999;  // each of these: more than so many
+// Each of these is due when strictly more time has passed.
+constexpr std::uint64_t stats_after_ms = 1999;
 constexpr std::uint64_t files_after_ms = 249;
 constexpr std::uint64_t summary_after_ms = 9999;
 
@@ -81,7 +84,7 @@ void tick_when_due(Feed& feed, std::uint64_t now_ms) {
     // Unsigned on purpose: a negative interval becomes so large that it never passes.
     const auto interval = static_cast<std::uint64_t>(std::int64_t{feed.interval_ms});
     if (now_ms - feed.last_tick_ms >= interval) {
-        tick(feed.engine, now_ms);
+        run_tick(feed.engine, now_ms);
         feed.last_tick_ms = now_ms;  // a late tick is not caught up
     }
 }
@@ -157,7 +160,7 @@ bool start_feed(Feed& feed, ExitStatus& status, std::string& error) {
     if (!set_faults(feed.publisher.faults, config, error)) {
         return false;
     }
-    feed.scenario = read_scenario();
+    feed.scenario = arm_scenario(std::getenv("TESSEL_SCENARIO"));
     init_engine(feed.engine, feed.publisher, feed.random, feed.scenario, feed.clock, config.participants,
                 config.step_bps, config.quiet);
     if (!config.truth_out.empty()) {
@@ -178,7 +181,7 @@ bool start_feed(Feed& feed, ExitStatus& status, std::string& error) {
             return false;
         }
         print_banner(config);
-        catch_stop_signals();  // only now: a signal during start-up ends the process at once
+        catch_stop_signals();  // only now: a signal during start-up ends the process
     }
     feed.interval_ms = config.interval_ms;
     feed.start_ms = steady_ms(feed.clock);
@@ -188,12 +191,13 @@ bool start_feed(Feed& feed, ExitStatus& status, std::string& error) {
     return true;
 }
 
-void run_one_pass(Feed& feed, std::uint64_t now_ms) {
-    if (feed.control_socket >= 0) {
-        // First, so that a command stands before the tick that follows it.
-        serve_control_channel(feed.control_socket, {&feed.engine, &feed.interval_ms});
+bool run_one_pass(Feed& feed, std::uint64_t now_ms) {
+    // First, so that a command has its effect before the tick that follows it.
+    if (feed.control_socket >= 0 &&
+        !serve_control_channel(feed.control_socket, {&feed.engine, &feed.interval_ms})) {
+        return false;
     }
-    // Before the tick: a spin tells a whole tick or nothing of it.
+    // Before the tick, so that a snapshot never contains half a tick.
     service_snapshots(feed.snapshot, feed.engine, static_cast<std::int64_t>(now_ms));
     // Before the tick, which publishes the bands that this makes due.
     fire_scenario_events(feed.engine, feed.marks, feed.start_ms, now_ms);
@@ -201,14 +205,15 @@ void run_one_pass(Feed& feed, std::uint64_t now_ms) {
     if (!feed.offline) {
         print_stats_when_due(feed, now_ms);
     }
-    // Behind everything that may have flushed: a heartbeat is for silence.
+    // After everything that may flush: heartbeats are only sent when idle.
     send_heartbeat_when_due(feed, now_ms);
-    // Behind the tick, so that its messages can be asked for at once.
+    // After the tick, so that its messages can be requested in the same pass.
     serve_retransmissions(feed.publisher);
     write_files_when_due(feed, now_ms);
     if (!feed.offline) {
         print_summary_when_due(feed, now_ms);
     }
+    return true;
 }
 
 std::uint64_t next_due_ms(const Feed& feed) {
@@ -237,7 +242,10 @@ int run_feed(int count, const char* const* arguments) {
         return static_cast<int>(status);
     }
     while (!stop_requested.load()) {
-        run_one_pass(*feed, steady_ms(feed->clock));
+        if (!run_one_pass(*feed, steady_ms(feed->clock))) {
+            print(faults_summary(feed->publisher) + "\n");
+            _exit(static_cast<int>(ExitStatus::stopped));  // a stop by command skips the last words of a run
+        }
         wait_for_input(*feed);
     }
     // What is in the open packet stays unsent; the sockets end with the process.

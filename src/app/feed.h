@@ -52,7 +52,8 @@ struct Feed {
 bool start_feed(Feed& feed, ExitStatus& status, std::string& error);
 
 // One pass of the loop without its wait: everything that is due at now_ms, in the order that receivers see.
-void run_one_pass(Feed& feed, std::uint64_t now_ms);
+// False: the control channel has been asked to stop, and nothing else was done.
+bool run_one_pass(Feed& feed, std::uint64_t now_ms);
 
 // The steady time at which the next pass finds something to do by itself: a tick, a heartbeat, a scripted
 // event, a Snap-Shot connection's timer. UINT64_MAX: never. It may be in the past: due now.

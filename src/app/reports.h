@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/scenario.h"
+#include "engine/feed_stats.h"
 #include "mold/publisher.h"
 
 #include <string>

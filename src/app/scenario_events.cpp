@@ -24,7 +24,7 @@ void fire_scenario_events(SipEngine& engine, ScenarioMarks& marks, std::uint64_t
     if (scenario.halt_after != 0 && is_due(scenario.halt_after, marks.halt_fired, elapsed)) {
         marks.halt_fired = true;
         if (!instruments.empty()) {
-            halt(engine, instruments[0], "T1", scenario.halt_secs);
+            halt_instrument(engine, instruments[0], "T1", scenario.halt_secs);
         }
     }
     if (scenario.pause_after != 0 && is_due(scenario.pause_after, marks.pause_fired, elapsed)) {

@@ -1,9 +1,10 @@
 #include "engine/circuit_breaker.h"
 
 #include "engine/halts.h"
+#include "engine/publication.h"
 #include "wire/admin_messages.h"
 
-#include <cstdio>
+#include <string>
 #include <string_view>
 
 namespace tessel {
@@ -26,15 +27,14 @@ void breach_mwcb(SipEngine& engine, std::uint32_t level) {
     const std::uint64_t sequence = publish_message(engine);
     ++engine.scenario->stats.mwcb;
     write_mwcb_line(engine.truth, sequence, level);
-    std::fprintf(stderr, "bench: MWCB level %u breached at seq %llu\n", level,
-                 static_cast<unsigned long long>(sequence));
+    announce(engine, "MWCB level " + std::to_string(level) + " breached");
     const std::uint32_t seconds = level < level_without_end ? breaker_halt_seconds : 0;
     for (Instrument& instrument : engine.instruments) {
         if (!is_stopped(instrument)) {
-            halt(engine, instrument, breaker_reason(level), seconds);
+            halt_instrument(engine, instrument, breaker_reason(level), seconds);
         }
     }
-    flush(*engine.publisher);
+    flush_messages(engine);
 }
 
 }  // namespace tessel

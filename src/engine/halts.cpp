@@ -1,11 +1,11 @@
 #include "engine/halts.h"
 
 #include "engine/luld.h"
+#include "engine/publication.h"
 #include "engine/quotes.h"
 #include "engine/trades.h"
 #include "engine/trading_action.h"
 
-#include <cstdio>
 #include <string>
 
 namespace tessel {
@@ -23,7 +23,8 @@ std::string_view resumption_reason(const Instrument& instrument) {
 
 }  // namespace
 
-void halt(SipEngine& engine, Instrument& instrument, std::string_view reason, std::uint32_t seconds) {
+void halt_instrument(SipEngine& engine, Instrument& instrument, std::string_view reason,
+                     std::uint32_t seconds) {
     const std::uint64_t now_ns = wall_ns(*engine.clock);
     send_trading_action(engine, instrument, 'H', reason, now_ns);
     empty_all_quotes(engine, instrument, now_ns);
@@ -35,10 +36,8 @@ void halt(SipEngine& engine, Instrument& instrument, std::string_view reason, st
     }
     const std::string suffix =
         seconds == 0 ? std::string() : ", resuming in " + std::to_string(seconds) + " s";
-    std::fprintf(stderr, "bench: %s halted (%.*s) at seq %llu%s\n", instrument.symbol.c_str(),
-                 static_cast<int>(reason.size()), reason.data(),
-                 static_cast<unsigned long long>(last_sequence(*engine.publisher)), suffix.c_str());
-    flush(*engine.publisher);
+    announce(engine, instrument.symbol + " halted (" + std::string(reason) + ")", suffix);
+    flush_messages(engine);
 }
 
 void resume_quotation(SipEngine& engine, Instrument& instrument, std::uint64_t time_ns) {
@@ -52,8 +51,7 @@ void resume_quotation(SipEngine& engine, Instrument& instrument, std::uint64_t t
     }
     instrument.quote_resume_ms = 0;
     instrument.trade_resume_ms = steady_ms(*engine.clock) + trade_resume_after_ms;
-    std::fprintf(stderr, "bench: %s quotation resumption at seq %llu\n", instrument.symbol.c_str(),
-                 static_cast<unsigned long long>(last_sequence(*engine.publisher)));
+    announce(engine, instrument.symbol + " quotation resumption");
 }
 
 void resume_trading(SipEngine& engine, Instrument& instrument, std::uint64_t time_ns) {
@@ -61,8 +59,7 @@ void resume_trading(SipEngine& engine, Instrument& instrument, std::uint64_t tim
     ++engine.scenario->stats.trade_resumes;
     instrument.trade_resume_ms = 0;
     reopening_cross(engine, instrument, time_ns);
-    std::fprintf(stderr, "bench: %s trading resumption at seq %llu\n", instrument.symbol.c_str(),
-                 static_cast<unsigned long long>(last_sequence(*engine.publisher)));
+    announce(engine, instrument.symbol + " trading resumption");
 }
 
 }  // namespace tessel

@@ -1,5 +1,6 @@
 #include "engine/luld.h"
 
+#include "engine/publication.h"
 #include "engine/quotes.h"
 #include "engine/trading_action.h"
 #include "wire/admin_messages.h"
@@ -7,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 namespace tessel {
@@ -23,6 +25,14 @@ std::int64_t cut_to_cents(std::int64_t price) {
 
 double to_dollars(std::int64_t price) {
     return static_cast<double>(price) / 1'000'000.0;
+}
+
+// What follows the sequence number in the pause's "bench:" line.
+std::string collar_text(const Band& collar, std::uint32_t seconds) {
+    std::array<char, 96> text;  // a price has at most 14 characters
+    std::snprintf(text.data(), text.size(), " (collar %.2f / %.2f), resuming in %u s",
+                  to_dollars(collar.lower), to_dollars(collar.upper), seconds);
+    return text.data();
 }
 
 void send_collar(SipEngine& engine, Instrument& instrument, const Band& collar, std::uint64_t time_ns) {
@@ -75,10 +85,8 @@ void luld_pause(SipEngine& engine, Instrument& instrument, std::uint32_t seconds
     send_collar(engine, instrument, collar, now_ns);
     instrument.quote_resume_ms = seconds == 0 ? 0 : steady_ms(*engine.clock) + seconds * ms_per_second;
     instrument.trade_resume_ms = 0;
-    std::fprintf(stderr, "bench: %s LULD pause at seq %llu (collar %.2f / %.2f), resuming in %u s\n",
-                 instrument.symbol.c_str(), static_cast<unsigned long long>(last_sequence(*engine.publisher)),
-                 to_dollars(collar.lower), to_dollars(collar.upper), seconds);
-    flush(*engine.publisher);
+    announce(engine, instrument.symbol + " LULD pause", collar_text(collar, seconds));
+    flush_messages(engine);
 }
 
 }  // namespace tessel

@@ -1,5 +1,6 @@
 #include "engine/quotes.h"
 
+#include "engine/publication.h"
 #include "market/nbbo.h"
 #include "market/quote_index.h"
 

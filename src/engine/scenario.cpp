@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 
 namespace tessel {
 
@@ -67,8 +66,7 @@ std::string armed_line(const Scenario& scenario) {
            number(scenario.asof_every) + " trades)\n";
 }
 
-Scenario read_scenario() {
-    const char* text = std::getenv("TESSEL_SCENARIO");
+Scenario arm_scenario(const char* text) {
     if (text == nullptr || *text == '\0') {
         return {};
     }

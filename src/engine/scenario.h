@@ -1,39 +1,12 @@
 #pragma once
 
+#include "engine/feed_stats.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace tessel {
-
-// One counter for each kind of market event, all 0 at start, only ever incremented. The order here is the
-// stored order; the printed order (app/reports) puts nbbo_changes and sip_generated third and fourth.
-struct FeedStats {
-    std::uint64_t quotes = 0;
-    std::uint64_t adf_quotes = 0;
-    std::uint64_t trades = 0;
-    std::uint64_t exchange_prints = 0;
-    std::uint64_t trf_prints = 0;
-    std::uint64_t cross_prints = 0;
-    std::uint64_t odd_lot_prints = 0;
-    std::uint64_t sweeps = 0;
-    std::uint64_t cancels = 0;
-    std::uint64_t errors = 0;
-    std::uint64_t corrections = 0;
-    std::uint64_t asofs = 0;
-    std::uint64_t bands = 0;
-    std::uint64_t halts = 0;
-    std::uint64_t pauses = 0;
-    std::uint64_t quote_resumes = 0;
-    std::uint64_t trade_resumes = 0;
-    std::uint64_t mwcb = 0;
-    std::uint64_t collars = 0;
-    std::uint64_t wipeouts = 0;
-    std::uint64_t snapshots = 0;
-    std::uint64_t snapshot_rejects = 0;
-    std::uint64_t nbbo_changes = 0;
-    std::uint64_t sip_generated = 0;
-};
 
 // The settings of the scripted run, read once from TESSEL_SCENARIO. 0 turns an item off, except where said.
 struct Scenario {
@@ -57,11 +30,12 @@ struct Scenario {
 // and unknown keys are ignored, a bad number is 0. An empty text leaves the defaults.
 Scenario parse_scenario(std::string_view text);
 
-// The line that tells what was understood, without its prefix handling: "bench: scenario '...' armed
+// The line that reports what was understood: "bench: scenario '...' armed
 // (...)\n".
 std::string armed_line(const Scenario& scenario);
 
-// Reads TESSEL_SCENARIO and, when it is set and not empty, prints the armed line to standard error.
-Scenario read_scenario();
+// The scenario of a text that may be null: null or empty gives the defaults; any other text also prints the
+// armed line to standard error.
+Scenario arm_scenario(const char* text);
 
 }  // namespace tessel

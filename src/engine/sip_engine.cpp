@@ -92,8 +92,4 @@ std::uint16_t draw_participant(SipEngine& engine) {
     return engine.participant_slots[static_cast<std::size_t>(index)];
 }
 
-std::uint64_t publish_message(SipEngine& engine) {
-    return append(*engine.publisher, engine.writer.bytes.get(), engine.writer.size);
-}
-
 }  // namespace tessel

@@ -5,7 +5,6 @@
 #include "engine/scenario.h"
 #include "market/instrument.h"
 #include "market/quote_index.h"
-#include "mold/publisher.h"
 #include "output/truth_log.h"
 #include "wire/message_writer.h"
 #include "wire/quote_messages.h"
@@ -16,6 +15,8 @@
 #include <vector>
 
 namespace tessel {
+
+struct MoldPublisher;  // mold/publisher
 
 // The market model: one a process. It owns the instruments and the truth log and refers to the publisher, the
 // random generator, the scenario and the clock.
@@ -33,8 +34,8 @@ struct SipEngine {
     std::uint32_t pending_cancels = 0;
     std::uint32_t pending_corrections = 0;
     std::uint32_t pending_trf = 0;  // forced TRF prints of the first instrument
-    std::vector<std::vector<unsigned char>>
-        retained_messages;  // start of day and session opens, as published
+    // Start of day and session opens, as published.
+    std::vector<std::vector<unsigned char>> retained_messages;
     Clock* clock = nullptr;
     MessageWriter writer;      // every message is built here
     QuoteRecord quote_record;  // every quote's, kept so that what never changes is set once
@@ -61,8 +62,5 @@ Instrument* find_instrument(SipEngine& engine, std::string_view symbol);
 
 // A participant's quote slot, drawn uniformly from the letters; there must be one.
 std::uint16_t draw_participant(SipEngine& engine);
-
-// Appends the message that stands in the engine's writer; returns its sequence number.
-std::uint64_t publish_message(SipEngine& engine);
 
 }  // namespace tessel

@@ -1,6 +1,7 @@
 #include "engine/start_of_day.h"
 
 #include "engine/luld.h"
+#include "engine/publication.h"
 #include "engine/quotes.h"
 #include "engine/trades.h"
 #include "market/symbol_directory.h"
@@ -58,7 +59,7 @@ void start_of_day(SipEngine& engine) {
     for (Instrument& instrument : engine.instruments) {
         opening_cross(engine, instrument, opening_time);
     }
-    flush(*engine.publisher);
+    flush_messages(engine);
 }
 
 }  // namespace tessel

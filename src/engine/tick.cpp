@@ -2,6 +2,7 @@
 
 #include "engine/halts.h"
 #include "engine/luld.h"
+#include "engine/publication.h"
 #include "engine/quotes.h"
 #include "engine/trades.h"
 
@@ -115,7 +116,7 @@ void step_instrument(SipEngine& engine, Instrument& instrument, NormalDeviates& 
 
 }  // namespace
 
-void tick(SipEngine& engine, std::uint64_t now_ms) {
+void run_tick(SipEngine& engine, std::uint64_t now_ms) {
     ++engine.tick;
     const std::uint64_t now_ns = wall_ns(*engine.clock);
     NormalDeviates deviates;
@@ -132,7 +133,7 @@ void tick(SipEngine& engine, std::uint64_t now_ms) {
         }
         step_instrument(engine, engine.instruments[at], deviates, now_ns, now_ms, at == 0);
     }
-    flush(*engine.publisher);
+    flush_messages(engine);
 }
 
 }  // namespace tessel

@@ -1,5 +1,6 @@
 #include "engine/trade_revisions.h"
 
+#include "engine/publication.h"
 #include "market/trade_statistics.h"
 #include "wire/trade_messages.h"
 
@@ -135,7 +136,7 @@ void emit_asof(SipEngine& engine, Instrument& instrument) {
     const std::uint64_t sequence = publish_message(engine);
     ++engine.scenario->stats.asofs;
     write_as_of_line(engine.truth, instrument, sequence, record.price);
-    flush(*engine.publisher);
+    flush_messages(engine);
 }
 
 }  // namespace tessel

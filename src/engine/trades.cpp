@@ -1,5 +1,6 @@
 #include "engine/trades.h"
 
+#include "engine/publication.h"
 #include "engine/trade_revisions.h"
 #include "market/trade_statistics.h"
 #include "wire/trade_messages.h"

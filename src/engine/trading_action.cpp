@@ -1,5 +1,6 @@
 #include "engine/trading_action.h"
 
+#include "engine/publication.h"
 #include "wire/admin_messages.h"
 
 #include <string>

@@ -1,9 +1,10 @@
 #include "engine/wipe_out.h"
 
+#include "engine/publication.h"
 #include "engine/quotes.h"
 #include "wire/admin_messages.h"
 
-#include <cstdio>
+#include <string>
 
 namespace tessel {
 
@@ -25,9 +26,8 @@ void wipe_out(SipEngine& engine, char participant) {
         quote->ask_size = 0;
         publish_quote(engine, instrument, *quote, 'E', event_time);
     }
-    std::fprintf(stderr, "bench: quote wipe-out of participant %c at seq %llu\n", participant,
-                 static_cast<unsigned long long>(last_sequence(*engine.publisher)));
-    flush(*engine.publisher);
+    announce(engine, std::string("quote wipe-out of participant ") + participant);
+    flush_messages(engine);
 }
 
 }  // namespace tessel

@@ -8,7 +8,7 @@ bool divides(std::uint32_t period, std::uint64_t number) {
     return period != 0 && number % period == 0;
 }
 
-// Uses up one of a pending count; tells whether there was one.
+// Uses up one of a pending count; returns whether there was one.
 bool take_one(std::uint32_t& pending) {
     if (pending == 0) {
         return false;
@@ -23,14 +23,14 @@ bool in_burst(const FaultInjector& faults, std::uint64_t number) {
 
 }  // namespace
 
-FaultDecision decide(FaultInjector& faults, std::uint64_t packet_number) {
+FaultDecision decide_fault(FaultInjector& faults, std::uint64_t packet_number) {
     // A pending drop is used up by any dropped packet, whichever rule dropped it.
     const bool drop_due = divides(faults.drop_every, packet_number) || in_burst(faults, packet_number);
     if (take_one(faults.pending_drops) || drop_due) {
         return FaultDecision::drop;
     }
     // Likewise a pending duplicate is gone even when the packet is held back below: holding outranks
-    // doubling.
+    // duplicating.
     const bool twice_due = divides(faults.dup_every, packet_number);
     const bool twice = take_one(faults.pending_dups) || twice_due;
     const bool hold_due = divides(faults.reorder_every, packet_number);

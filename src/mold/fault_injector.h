@@ -21,6 +21,6 @@ enum class FaultDecision { send, send_twice, drop, hold };
 
 // What becomes of one packet; uses up the pending counts that take part. Knows no socket: the publisher acts
 // on it.
-FaultDecision decide(FaultInjector& faults, std::uint64_t packet_number);
+FaultDecision decide_fault(FaultInjector& faults, std::uint64_t packet_number);
 
 }  // namespace tessel

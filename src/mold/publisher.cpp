@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <algorithm>
 #include <cassert>
@@ -22,8 +23,12 @@ void send_packet(MoldPublisher& publisher, const unsigned char* packet, std::siz
         publisher.sink.send(publisher.sink.context, packet, length);
         return;
     }
-    (void)sendto(publisher.feed_socket, packet, length, 0,
-                 reinterpret_cast<const sockaddr*>(&publisher.destination), sizeof publisher.destination);
+    sockaddr_in destination{};
+    destination.sin_family = AF_INET;
+    destination.sin_port = publisher.group_port;
+    destination.sin_addr.s_addr = publisher.group_address;
+    (void)sendto(publisher.feed_socket, packet, length, 0, reinterpret_cast<const sockaddr*>(&destination),
+                 sizeof destination);
 }
 
 // Downstream packet header, 20 bytes:
@@ -44,8 +49,8 @@ void reset_open_packet(MoldPublisher& publisher) {
     publisher.last_flush_ms = static_cast<std::int64_t>(steady_ms(*publisher.clock));
 }
 
-// The open packet as it is, then the one held back earlier: a held packet goes out right behind the next that
-// is sent.
+// The open packet as it is, then the one held back earlier: a held packet is sent immediately after the next
+// one.
 void send_open_packet(MoldPublisher& publisher, bool twice, std::uint64_t first) {
     send_packet(publisher, publisher.packet.data(), publisher.packet_length);
     if (twice) {
@@ -84,7 +89,7 @@ void place(MoldPublisher& publisher, const unsigned char* message, std::size_t l
     ++publisher.packet_count;
 }
 
-// An address that does not parse stays zero: the feed then runs unheard.
+// An address that does not parse stays zero: the feed then reaches nobody.
 in_addr parse_address(const std::string& text) {
     in_addr address{};
     (void)inet_pton(AF_INET, text.c_str(), &address);
@@ -132,21 +137,20 @@ void open_publisher(MoldPublisher& publisher, Clock& clock, const std::string& g
                     const std::string& interface, std::uint16_t retrans_port, const std::string& session) {
     reset_publisher(publisher, clock, session);
     publisher.feed_socket = open_feed_socket(interface);
-    publisher.destination.sin_family = AF_INET;
-    publisher.destination.sin_port = htons(port);
-    publisher.destination.sin_addr = parse_address(group);
+    publisher.group_port = htons(port);
+    publisher.group_address = parse_address(group).s_addr;
     if (retrans_port != 0) {
         publisher.retrans_socket = open_retrans_socket(retrans_port);
     }
     publisher.packet_first_sequence = publisher.next_sequence;
 }
 
-std::uint64_t append(MoldPublisher& publisher, const unsigned char* message, std::size_t length) {
+std::uint64_t append_message(MoldPublisher& publisher, const unsigned char* message, std::size_t length) {
     store_message(publisher.history, message, length, history_messages_max);
     if (fits(publisher, length)) [[likely]] {
         place(publisher, message, length);
     } else {
-        flush(publisher);
+        flush_packet(publisher);
         // A message too long for any packet uses up its number unsent. The next packet's header then carries
         // that number, one below its first message's: receivers see a gap that only the retransmission
         // service fills.
@@ -159,7 +163,7 @@ std::uint64_t append(MoldPublisher& publisher, const unsigned char* message, std
     return publisher.next_sequence++;
 }
 
-void flush(MoldPublisher& publisher) {
+void flush_packet(MoldPublisher& publisher) {
     if (publisher.packet_count == 0) {
         return;
     }
@@ -169,7 +173,7 @@ void flush(MoldPublisher& publisher) {
     ++publisher.packets_flushed;
     const std::uint64_t first = publisher.next_sequence - publisher.packet_count;
     write_header(publisher, publisher.packet_first_sequence, publisher.packet_count);
-    switch (decide(publisher.faults, publisher.packets_flushed)) {
+    switch (decide_fault(publisher.faults, publisher.packets_flushed)) {
         case FaultDecision::send: send_open_packet(publisher, false, first); break;
         case FaultDecision::send_twice: send_open_packet(publisher, true, first); break;
         case FaultDecision::drop: drop_open_packet(publisher, first); break;
@@ -181,7 +185,7 @@ void flush(MoldPublisher& publisher) {
 // Heartbeats have no packet number and no fault ever meets one: a receiver must be able to trust that silence
 // means loss.
 void send_heartbeat(MoldPublisher& publisher) {
-    flush(publisher);
+    flush_packet(publisher);
     write_header(publisher, publisher.next_sequence, 0);
     send_packet(publisher, publisher.packet.data(), mold_header_bytes);
     reset_open_packet(publisher);

@@ -4,7 +4,6 @@
 #include "mold/fault_injector.h"
 #include "mold/message_history.h"
 
-#include <netinet/in.h>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -31,7 +30,8 @@ struct PacketSink {
 struct MoldPublisher {
     int feed_socket = -1;     // every downstream packet and heartbeat
     int retrans_socket = -1;  // the retransmission service's; -1 when no port is configured
-    sockaddr_in destination{};
+    std::uint32_t group_address = 0;  // where they go; both in network byte order
+    std::uint16_t group_port = 0;
     std::array<char, mold_session_bytes> session{};  // padded with blanks
     std::array<unsigned char, packet_bytes_max> packet{};
     std::uint64_t packet_length = mold_header_bytes;  // bytes used, header included
@@ -59,17 +59,17 @@ void reset_publisher(MoldPublisher& publisher, Clock& clock, const std::string& 
 
 // Initial state and sockets. Group and interface are dotted IPv4 texts; one that does not parse leaves the
 // address zero. A retrans_port of 0 opens no retransmission socket. Failed calls are not reported: the feed
-// runs, unheard.
+// runs but reaches nobody.
 void open_publisher(MoldPublisher& publisher, Clock& clock, const std::string& group, std::uint16_t port,
                     const std::string& interface, std::uint16_t retrans_port, const std::string& session);
 
 // Takes one complete message, at most 65,535 bytes, and returns its sequence number. Flushes first when the
 // message does not fit the open packet. A message over 1,478 bytes gets a number and a place in the history
 // but is never sent.
-std::uint64_t append(MoldPublisher& publisher, const unsigned char* message, std::size_t length);
+std::uint64_t append_message(MoldPublisher& publisher, const unsigned char* message, std::size_t length);
 
 // Closes the open packet and sends it as the faults decide; nothing when it is empty.
-void flush(MoldPublisher& publisher);
+void flush_packet(MoldPublisher& publisher);
 
 // Flushes, then sends an empty packet that tells the next sequence number. Called when heartbeat_after_ms
 // have passed since last_flush_ms.

@@ -2,6 +2,7 @@
 
 #include "mold/packet.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <algorithm>
 #include <array>

@@ -1,5 +1,6 @@
 #include "snapshot/server.h"
 
+#include "mold/publisher.h"
 #include "wire/message_writer.h"
 
 #include <fcntl.h>
@@ -200,7 +201,7 @@ void serve_spin(SnapshotServer& server, SipEngine& engine, SnapshotConnection& c
     MoldPublisher& publisher = *engine.publisher;
     connection.logged_in = true;
     send_login_accepted(connection, publisher.session);
-    flush(publisher);  // the spin tells the state after messages that everyone can have by now
+    flush_packet(publisher);  // the spin carries the state after messages that everyone can have by now
     const std::uint64_t spin_time_ns = wall_ns(*engine.clock);
     SpinSender sender;
     sender.fd = connection.fd;
@@ -262,7 +263,7 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
             }
             close_connection(connection);
         }
-        // Every other type, client heartbeats among them, says no more than that the client lives.
+        // Every other type, client heartbeats among them, only proves that the client is alive.
         at += consumed;
     }
     const std::span<const unsigned char> rest = input.subspan(at);

@@ -17,7 +17,7 @@ MessageHeader admin_header(AdminTimes times, char category, char type, char mc) 
 
 void begin_admin(MessageWriter& writer, AdminTimes times, char category, char type, char mc,
                  std::size_t bytes) {
-    begin_uncleared(writer, admin_header(times, category, type, mc), bytes - common_header_bytes);
+    begin_message(writer, admin_header(times, category, type, mc), bytes - common_header_bytes);
 }
 
 }  // namespace

@@ -22,24 +22,18 @@ struct MessageHeader {
 };
 
 // A growable byte buffer in which one message is built; kept and used again for the next, so that a message
-// in the steady state allocates nothing. Growing appends zero bytes.
+// in the steady state allocates nothing.
 struct MessageWriter {
     std::unique_ptr<unsigned char[]> bytes;
     std::size_t size = 0;
     std::size_t capacity = 0;
 };
 
-// Starts a message: the header and body_size zero bytes after it.
-void begin(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
+// Starts a message: the header, and room for a body of body_size bytes, every one of which the builder then
+// writes.
+void begin_message(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
 
-// The same without zeroing the body, for a builder that writes every byte of it.
-void begin_uncleared(MessageWriter& writer, const MessageHeader& header, std::size_t body_size);
-
-// Appends count zero bytes and returns the offset where they start. The capacity at least doubles when it is
-// exceeded.
-std::size_t grow(MessageWriter& writer, std::size_t count);
-
-// The puts write at an offset from the start of the message, which begin and grow have made room for;
+// The puts write at an offset from the start of the message, which begin_message has made room for;
 // integers are big-endian. They take the message's first byte, which a builder reads from its writer once:
 // bytes can be anything's, so behind each put through the writer the compiler would have to read it again.
 // Inline, because a quote makes some twenty.

@@ -277,7 +277,7 @@ std::size_t put_odd_lots(unsigned char* out, std::size_t at, const QuoteRecord& 
 // Starts the message with room for everything that will follow the fixed body: one size, one look at the
 // capacity. Returns the message's first byte.
 unsigned char* begin_quote(MessageWriter& writer, const QuoteRecord& record, char type, std::size_t bytes) {
-    begin_uncleared(writer, record.header, bytes - common_header_bytes);
+    begin_message(writer, record.header, bytes - common_header_bytes);
     unsigned char* const out = writer.bytes.get();
     put_u8(out, 1, 'Q');
     put_u8(out, 2, type);

@@ -8,7 +8,7 @@ constexpr std::uint16_t seller_sale_days = 0;
 constexpr char revised_indicator = '7';  // high, low and last may all have changed
 
 void begin_trade(MessageWriter& writer, const MessageHeader& header, char type, std::size_t bytes) {
-    begin_uncleared(writer, header, bytes - common_header_bytes);
+    begin_message(writer, header, bytes - common_header_bytes);
     unsigned char* const out = writer.bytes.get();
     put_u8(out, 1, 'T');
     put_u8(out, 2, type);

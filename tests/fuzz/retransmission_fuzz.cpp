@@ -56,7 +56,7 @@ std::unique_ptr<Asked> make_asked(std::uint64_t messages, bool young) {
     asked->publisher.sink = {forget, nullptr};
     for (std::uint64_t sequence = 1; sequence <= messages; ++sequence) {
         const Bytes message = message_of(sequence, young);
-        append(asked->publisher, message.data(), message.size());
+        append_message(asked->publisher, message.data(), message.size());
     }
     asked->oldest = messages > history_messages_max ? messages - history_messages_max + 1 : 1;
     return asked;

@@ -107,7 +107,7 @@ void count_met(const MarketRun& run, Met& met) {
 // A late joiner: everything before the spin is on the wire first, and the spin's messages have no numbers.
 void join(MarketRun& run, Met& met) {
     SipEngine& engine = run.market.engine;
-    flush(run.market.publisher);
+    flush_packet(run.market.publisher);
     apply_new_messages(run);
     count_met(run, met);
     const std::uint64_t spin_time = wall_ns(run.market.clock);
@@ -136,7 +136,7 @@ void play(std::uint64_t seed, Met& met) {
             ASSERT_NO_FATAL_FAILURE(join(run, met)) << "seed " << seed << " pass " << pass;
         }
         fire_scenario_events(run.market.engine, run.marks, start_ms, run.market.clock.simulated_steady_ms);
-        tick(run.market.engine, run.market.clock.simulated_steady_ms);
+        run_tick(run.market.engine, run.market.clock.simulated_steady_ms);
         apply_new_messages(run);
         for (const std::unique_ptr<receiver::Market>& joined : run.joined) {
             ASSERT_EQ(testing::joiner_difference(run.whole, *joined), "")
@@ -217,7 +217,7 @@ TEST(LateJoin, OneChangedByteOfASpin_IsFound) {
     MarketRun run{MarketOptions{}};
     run.market.start_of_day();
     run.market.run_ticks(30);
-    flush(run.market.publisher);
+    flush_packet(run.market.publisher);
     apply_new_messages(run);
     build_spin(run.spin, run.market.engine, 1);
     // Offsets of a long quote: bid's and ask's last byte, sizes, condition.

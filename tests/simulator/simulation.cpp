@@ -174,7 +174,7 @@ Receiver& add_receiver(Simulation& sim, unsigned loss_percent) {
 // A late joiner logs in: what is open goes out, then comes the spin.
 void join(Simulation& sim) {
     MoldPublisher& publisher = sim.market.publisher;
-    flush(publisher);
+    flush_packet(publisher);
     follow(sim);
     const std::uint64_t spin_time = wall_ns(sim.market.clock);
     build_spin(sim.spin, sim.market.engine, spin_time);
@@ -271,7 +271,7 @@ void run_pass(Simulation& sim, RunResult& result) {
     fire_scenario_events(market.engine, sim.marks, sim.start_ms, now_ms);
     const auto interval = static_cast<std::uint64_t>(std::int64_t{sim.interval_ms});
     if (now_ms - sim.last_tick_ms >= interval) {
-        tick(market.engine, now_ms);
+        run_tick(market.engine, now_ms);
         sim.last_tick_ms = now_ms;
     }
     if (static_cast<std::int64_t>(now_ms) - market.publisher.last_flush_ms >= heartbeat_after_ms) {
@@ -292,7 +292,7 @@ void run_pass(Simulation& sim, RunResult& result) {
 }
 
 void finish_receivers(Simulation& sim) {
-    flush(sim.market.publisher);
+    flush_packet(sim.market.publisher);
     send_heartbeat(sim.market.publisher);
     follow(sim);
     const Bytes heartbeat = sim.market.packets.back();

@@ -76,7 +76,7 @@ void TestMarket::advance_ms(std::uint64_t ms) {
 void TestMarket::run_ticks(std::size_t count, std::uint64_t interval_ms) {
     for (std::size_t done = 0; done < count; ++done) {
         advance_ms(interval_ms);
-        tick(engine, clock.simulated_steady_ms);
+        run_tick(engine, clock.simulated_steady_ms);
     }
 }
 

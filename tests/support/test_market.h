@@ -34,7 +34,7 @@ struct MarketOptions {
 //     TestMarket market({.symbols = "IBM:100", .scenario = "trf_every=3"});
 //     market.start_of_day();
 //     market.run_ticks(50);
-//     halt(market.engine, market.at(0), "T1", 5);
+//     halt_instrument(market.engine, market.at(0), "T1", 5);
 //     EXPECT_EQ(letters(market.message(market.last())), "QCQ ");
 //     EXPECT_EQ(market.truth_lines().back(), "...");
 struct TestMarket {

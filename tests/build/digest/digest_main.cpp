@@ -62,12 +62,12 @@ int main(int count, char** arguments) {
         clock.simulated_steady_ms += 100;
         clock.simulated_wall_ns += 100'000'000u;
         if (done % 1000 == 500) {
-            halt(engine, engine.instruments[0], "T1", 3);
+            halt_instrument(engine, engine.instruments[0], "T1", 3);
             luld_pause(engine, engine.instruments[3], 4);
         }
-        tick(engine, clock.simulated_steady_ms);
+        run_tick(engine, clock.simulated_steady_ms);
     }
-    flush(publisher);
+    flush_packet(publisher);
     close_truth_log(engine.truth);
     return std::fclose(packets) == 0 ? 0 : 1;
 }

@@ -128,7 +128,7 @@ void Replay::advance_ms(std::uint64_t ms) {
 void Replay::tick() {
     last_step_ = "tick";
     model.tick(model.steady_ms);
-    tessel::tick(market.engine, market.clock.simulated_steady_ms);
+    tessel::run_tick(market.engine, market.clock.simulated_steady_ms);
 }
 
 void Replay::scenario_events() {

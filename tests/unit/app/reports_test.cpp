@@ -58,8 +58,8 @@ TEST(FaultsSummary, EverySecondOfTenPacketsDroppedIsSentFiveDroppedFive) {
     market.publisher.faults.drop_every = 2;
     const unsigned char message[3] = {1, 2, 3};
     for (int packet = 0; packet < 10; ++packet) {
-        append(market.publisher, message, sizeof message);
-        flush(market.publisher);
+        append_message(market.publisher, message, sizeof message);
+        flush_packet(market.publisher);
     }
     EXPECT_EQ(faults_summary(market.publisher), "tessel faults: sent 5 dropped 5 duplicated 0 reordered 0");
     EXPECT_EQ(market.packets.size(), 5u);
@@ -70,11 +70,11 @@ TEST(FaultsSummary, DoubledAndHeldPacketsCountAsSent) {
     testing::StderrCapture capture;
     market.publisher.faults.pending_dups = 1;
     const unsigned char message[3] = {1, 2, 3};
-    append(market.publisher, message, sizeof message);
-    flush(market.publisher);
+    append_message(market.publisher, message, sizeof message);
+    flush_packet(market.publisher);
     market.publisher.faults.pending_reorders = 1;
-    append(market.publisher, message, sizeof message);
-    flush(market.publisher);
+    append_message(market.publisher, message, sizeof message);
+    flush_packet(market.publisher);
     EXPECT_EQ(faults_summary(market.publisher), "tessel faults: sent 2 dropped 0 duplicated 1 reordered 1");
 }
 

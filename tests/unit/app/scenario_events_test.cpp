@@ -24,7 +24,7 @@ struct Script {
     void pass() {
         market.advance_ms(100);
         fire();
-        tick(market.engine, market.clock.simulated_steady_ms);
+        run_tick(market.engine, market.clock.simulated_steady_ms);
     }
     void passes(int count) {
         for (int done = 0; done < count; ++done) {

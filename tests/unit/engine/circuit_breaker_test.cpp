@@ -127,10 +127,10 @@ TEST(Breaker, WhileSomeAreHaltedOneIsPausedAndOneQuotesOnly_HaltsTheOthers) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100,B:100,C:100,D:100,E:100", .participants = "Q"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     luld_pause(market.engine, market.at(1), 3);
-    halt(market.engine, market.at(2), "T1", 20);
-    halt(market.engine, market.at(3), "T1", 0);
+    halt_instrument(market.engine, market.at(2), "T1", 20);
+    halt_instrument(market.engine, market.at(3), "T1", 0);
     resume_quotation(market.engine, market.at(3), 5);
     EXPECT_EQ(statuses(market), "HPHQT");
     const std::uint64_t mark = market.last();

@@ -58,7 +58,7 @@ struct Session {
 
 TEST(Halt, Messages_AreActionEmptiedQuotesInParticipantOrderAndBandD) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.sent(), (List{"action H T1 1", "quote Q L", "quote Z L", "quote N L", "band D"}));
     EXPECT_EQ(session.market.packets.size(), 1u);  // flushed
     EXPECT_EQ(session.market.publisher.packet_count, 0);
@@ -71,7 +71,7 @@ TEST(Halt, Messages_AreActionEmptiedQuotesInParticipantOrderAndBandD) {
 
 TEST(Halt, RepeatedLetters_QuoteAgainEachTime) {
     Session session({.symbols = "IBM:100", .participants = "QQN"});
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.sent(), (List{"action H T1 1", "quote Q L", "quote Q L", "quote N L", "band D"}));
     resume_quotation(session.market.engine, session.instrument(), 5);
     EXPECT_EQ(session.sent(), (List{"action Q T3 2", "quote Q", "quote Q", "quote N", "band E"}));
@@ -79,18 +79,18 @@ TEST(Halt, RepeatedLetters_QuoteAgainEachTime) {
 
 TEST(Halt, NoParticipants_ActionAndBandOnly) {
     Session session({.symbols = "IBM:100", .participants = ""});
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.sent(), (List{"action H T1 1", "band D"}));
 }
 
 TEST(Halt, InstrumentWithoutALowerBand_SendsNoBand) {
     StderrCapture errors;
     TestMarket fresh({.symbols = "IBM:100", .participants = "Q"});  // no start of day: no band yet
-    halt(fresh.engine, fresh.at(0), "T1", 0);
+    halt_instrument(fresh.engine, fresh.at(0), "T1", 0);
     EXPECT_EQ(briefs(fresh, 1, fresh.last()), (List{"action H T1 1", "quote Q L"}));
     Session cheap({.symbols = "P:0.01", .participants = "Q"});
     EXPECT_EQ(cheap.instrument().luld_lower, 0);
-    halt(cheap.market.engine, cheap.instrument(), "T1", 0);
+    halt_instrument(cheap.market.engine, cheap.instrument(), "T1", 0);
     EXPECT_EQ(cheap.sent(), (List{"action H T1 1", "quote Q L"}));
     EXPECT_EQ(cheap.instrument().band_indicator, 'A');
     resume_quotation(cheap.market.engine, cheap.instrument(), 5);
@@ -100,7 +100,7 @@ TEST(Halt, InstrumentWithoutALowerBand_SendsNoBand) {
 TEST(Halt, OneReading_ServesActionQuotesAndBand) {
     Session session;
     const std::uint64_t now = session.market.clock.simulated_wall_ns;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     for (std::uint64_t sequence = session.mark + 1; sequence <= session.market.last(); ++sequence) {
         EXPECT_EQ(get_u64(session.market.message(sequence), 13), now) << sequence;
         EXPECT_EQ(get_u64(session.market.message(sequence), 5), now + sequence - session.mark)
@@ -112,7 +112,7 @@ TEST(Halt, OneReading_ServesActionQuotesAndBand) {
 
 TEST(Halt, TruthLines_ShowTheEmptiedSidesTheStatusAndNoBandAtTheEnd) {
     Session session({.symbols = "IBM:100", .participants = "Q"});
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     const List lines = session.market.truth_lines();
     const auto seq = std::to_string(session.market.last());
     EXPECT_EQ(lines.back(), "{\"seq\":" + seq +
@@ -129,19 +129,19 @@ TEST(Halt, TruthLines_ShowTheEmptiedSidesTheStatusAndNoBandAtTheEnd) {
 TEST(Halt, StandardError_NamesSymbolReasonNumberAndLength) {
     Session session;
     session.errors.take();
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.errors.take(),
               "bench: IBM halted (T1) at seq " + std::to_string(session.market.last()) + "\n");
-    halt(session.market.engine, session.instrument(), "MWC1", 5);
+    halt_instrument(session.market.engine, session.instrument(), "MWC1", 5);
     EXPECT_EQ(session.errors.take(), "bench: IBM halted (MWC1) at seq " +
                                          std::to_string(session.market.last()) + ", resuming in 5 s\n");
 }
 
 TEST(Halt, Twice_SendsAndCountsTwice_AndTheSecondOneDecidesTheTimer) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 7);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 7);
     EXPECT_EQ(session.instrument().quote_resume_ms, 1'007'000u);
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.sent(), (List{"action H T1 1", "quote Q L", "quote Z L", "quote N L", "band D",
                                     "action H T1 2", "quote Q L", "quote Z L", "quote N L", "band D"}));
     EXPECT_EQ(session.market.scenario.stats.halts, 2u);
@@ -150,22 +150,22 @@ TEST(Halt, Twice_SendsAndCountsTwice_AndTheSecondOneDecidesTheTimer) {
 
 TEST(Halt, WhileTradingWasToResume_TakesThatTimerAway) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     resume_quotation(session.market.engine, session.instrument(), 5);
     EXPECT_EQ(session.instrument().trade_resume_ms, 1'002'000u);
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.instrument().trade_resume_ms, 0u);
 }
 
 TEST(Halt, LongestHalt_DoesNotOverflow) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 4'294'967'295u);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 4'294'967'295u);
     EXPECT_EQ(session.instrument().quote_resume_ms, 1'000'000u + 4'294'967'295'000u);
 }
 
 TEST(Resume, TwiceAfterAHalt_QuotesThenTradesWithTheSameReason) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     session.sent();
     session.errors.take();
     resume_quotation(session.market.engine, session.instrument(), 77);
@@ -192,7 +192,7 @@ TEST(Resume, TwiceAfterAHalt_QuotesThenTradesWithTheSameReason) {
 
 TEST(Resume, QuotesAndBand_CarryTheTimeGiven) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     session.mark = session.market.last();
     resume_quotation(session.market.engine, session.instrument(), 77);
     for (std::uint64_t sequence = session.mark + 1; sequence <= session.market.last(); ++sequence) {
@@ -217,7 +217,7 @@ TEST(Resume, ReasonOfTheHalt_DecidesTheReasonOfTheResumption) {
                            {"T3", "T3"},
                            {"MWCQ", "MWCQ"}}) {
         Session session;
-        halt(session.market.engine, session.instrument(), row.halted, 0);
+        halt_instrument(session.market.engine, session.instrument(), row.halted, 0);
         resume_quotation(session.market.engine, session.instrument(), 5);
         EXPECT_EQ(session.instrument().halt_reason, row.resumed) << row.halted;
         resume_trading(session.market.engine, session.instrument(), 5);
@@ -237,7 +237,7 @@ TEST(Resume, Pause_RepeatsItsReasonInBothActions) {
 
 TEST(Resume, BandNotDeactivated_IsNotPublishedAgain) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     send_band(session.market.engine, session.instrument(), 'B', 5);
     session.sent();
     resume_quotation(session.market.engine, session.instrument(), 5);
@@ -246,7 +246,7 @@ TEST(Resume, BandNotDeactivated_IsNotPublishedAgain) {
 
 TEST(Resume, PriceMovedSinceTheHalt_BandEIsComputedAnew) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     EXPECT_EQ(session.instrument().luld_upper, 105'000'000);
     session.instrument().price = 200;
     resume_quotation(session.market.engine, session.instrument(), 5);
@@ -281,7 +281,7 @@ TEST(HaltTimers, SixtySeconds_QuotesAfterItsLengthAndTradesTwoSecondsLater) {
                                             {60, {"60000 Q"}},
                                             {61, {}}}) {
         Session session;
-        halt(session.market.engine, session.instrument(), "T1", seconds);
+        halt_instrument(session.market.engine, session.instrument(), "T1", seconds);
         EXPECT_EQ(status_changes(session.market, 600), expected) << seconds;
     }
 }
@@ -296,7 +296,7 @@ TEST(HaltTimers, PauseRunsOnTheSameTimers) {
 
 TEST(HaltTimers, ResumedByHandBeforeTheTimer_TheTimerIsGone) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 8);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 8);
     session.market.run_ticks(10);
     resume_quotation(session.market.engine, session.instrument(), 5);
     EXPECT_EQ(status_changes(session.market, 600), (List{"2000 T"}));
@@ -305,7 +305,7 @@ TEST(HaltTimers, ResumedByHandBeforeTheTimer_TheTimerIsGone) {
 
 TEST(HaltTimers, TradingResumedByHand_IsNotResumedAgain) {
     Session session;
-    halt(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
     resume_quotation(session.market.engine, session.instrument(), 5);
     resume_trading(session.market.engine, session.instrument(), 5);
     EXPECT_EQ(status_changes(session.market, 100), List());
@@ -328,7 +328,7 @@ TEST(HaltTimers, EveryStatus_ResumedByHandGoesItsWay) {
         Session session;
         for (const char event : row.events) {
             if (event == 'h') {
-                halt(session.market.engine, session.instrument(), "T1", 0);
+                halt_instrument(session.market.engine, session.instrument(), "T1", 0);
             } else if (event == 'p') {
                 luld_pause(session.market.engine, session.instrument(), 0);
             } else {
@@ -350,7 +350,7 @@ TEST(HaltTimers, StoppedInstrument_OnlyNonFirmQuotesAndNoTrades) {
         if (pause) {
             luld_pause(session.market.engine, session.instrument(), 0);
         } else {
-            halt(session.market.engine, session.instrument(), "T1", 0);
+            halt_instrument(session.market.engine, session.instrument(), "T1", 0);
         }
         session.mark = session.market.last();
         const double price = session.instrument().price;

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 namespace tessel {
 namespace {
 
@@ -14,23 +12,6 @@ constexpr const char* default_armed_tail =
     "cancel "
     "every 0 trades, correct every 0 trades, MWCB level 0 after 10 s, odd lot every 9 quotes, as-of every 0 "
     "trades)\n";
-
-// Sets TESSEL_SCENARIO for the length of a test; null takes it away.
-class ScenarioVariable {
-public:
-    explicit ScenarioVariable(const char* value) {
-        if (value == nullptr) {
-            unsetenv("TESSEL_SCENARIO");
-        } else {
-            setenv("TESSEL_SCENARIO", value, 1);
-        }
-    }
-    ~ScenarioVariable() {
-        unsetenv("TESSEL_SCENARIO");
-    }
-    ScenarioVariable(const ScenarioVariable&) = delete;
-    ScenarioVariable& operator=(const ScenarioVariable&) = delete;
-};
 
 TEST(ScenarioText, EmptyTextLeavesTheDefaults) {
     const Scenario scenario = parse_scenario("");
@@ -106,25 +87,22 @@ TEST(ScenarioText, UnknownKeysAndOddEntriesAreIgnored) {
 
 TEST(ReadScenario, UnsetOrEmptyVariablePrintsNothing) {
     for (const char* value : {static_cast<const char*>(nullptr), ""}) {
-        const ScenarioVariable variable(value);
         testing::StderrCapture capture;
-        const Scenario scenario = read_scenario();
+        const Scenario scenario = arm_scenario(value);
         EXPECT_EQ(capture.take(), "");
         EXPECT_EQ(scenario.odd_lot_every, 9u);
     }
 }
 
 TEST(ReadScenario, JustFooIsArmedWithDefaultsAndAnEmptyName) {
-    const ScenarioVariable variable("foo");
     testing::StderrCapture capture;
-    read_scenario();
+    arm_scenario("foo");
     EXPECT_EQ(capture.take(), std::string("bench: scenario '' ") + default_armed_tail);
 }
 
 TEST(ReadScenario, PercentSignsInTheNameArePrintedAsTheyAre) {
-    const ScenarioVariable variable("name=100%s%n");
     testing::StderrCapture capture;
-    read_scenario();
+    arm_scenario("name=100%s%n");
     EXPECT_EQ(capture.take(), std::string("bench: scenario '100%s%n' ") + default_armed_tail);
 }
 

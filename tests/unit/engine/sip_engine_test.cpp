@@ -98,16 +98,5 @@ TEST(DrawParticipant, OneLetter_StillTakesADraw) {
     EXPECT_EQ(testing::draws_left(market.rng), 1u);
 }
 
-TEST(PublishMessage, Message_IsAppendedUnderTheNextNumber) {
-    TestMarket market({.symbols = "A"});
-    MessageHeader header;
-    header.category = 'Z';
-    begin(market.engine.writer, header, 4);
-    EXPECT_EQ(publish_message(market.engine), 1u);
-    EXPECT_EQ(publish_message(market.engine), 2u);
-    EXPECT_EQ(market.message(2).size(), 33u);
-    EXPECT_EQ(testing::letters(market.message(1)).front(), 'Z');
-}
-
 }  // namespace
 }  // namespace tessel

@@ -3,6 +3,7 @@
 #include "app/scenario_events.h"
 #include "engine/halts.h"
 #include "engine/luld.h"
+#include "engine/publication.h"
 #include "support/message_views.h"
 #include "support/scripted_draws.h"
 #include "support/test_market.h"
@@ -152,7 +153,7 @@ TEST(Tick, NoStep_PriceNeverMovesButQuotesAndTradesGoOn) {
 TEST(Tick, NoInstruments_CountsAndFlushes) {
     TestMarket market({.symbols = ""});
     MessageHeader header;
-    begin(market.engine.writer, header, 0);
+    begin_message(market.engine.writer, header, 0);
     publish_message(market.engine);
     market.run_ticks(1);
     EXPECT_EQ(market.engine.tick, 1u);
@@ -168,7 +169,7 @@ TEST(Tick, NoParticipants_NumberOfQuotesIsDrawnAndNothingQuotes) {
     EXPECT_EQ(scripted_tick(market, joined_draws({deviate_pair, {real_draw(0.1)}, {real_draw(0.1)}})),
               List());
     StderrCapture errors;
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     EXPECT_EQ(scripted_tick(market, {real_draw(0.0)}), List());  // its u and nothing more
 }
 
@@ -178,7 +179,7 @@ TEST(Tick, OneReading_StampsEveryQuoteTradeAndBand) {
     market.advance_ms(5000);
     const std::uint64_t mark = market.last();
     const std::uint64_t now = market.clock.simulated_wall_ns;
-    tick(market.engine, market.clock.simulated_steady_ms);
+    run_tick(market.engine, market.clock.simulated_steady_ms);
     std::map<std::string, int> kinds;
     for (std::uint64_t sequence = mark + 1; sequence <= market.last(); ++sequence) {
         EXPECT_EQ(get_u64(market.message(sequence), 13), now);
@@ -240,7 +241,7 @@ TEST(TickTrf, EveryTick_OnePrintAnInstrumentAndTheLettersTakeTurns) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100,B:100,C:100", .participants = "Q", .scenario = "trf_every=1"});
     market.start_of_day();
-    halt(market.engine, market.at(1), "T1", 0);
+    halt_instrument(market.engine, market.at(1), "T1", 0);
     const std::uint64_t mark = market.last();
     market.run_ticks(4);
     std::string prints;
@@ -296,7 +297,7 @@ TEST(TickTrf, ForcedPrint_HaltedFirstInstrumentLosesOneATick_PausedEngineKeepsTh
     market.engine.pending_trf = 5;
     market.run_ticks(3);
     EXPECT_EQ(market.engine.pending_trf, 5u);
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     market.run_ticks(2);  // still paused, and halted now
     EXPECT_EQ(market.engine.pending_trf, 3u);
     market.engine.paused = false;
@@ -330,7 +331,7 @@ TEST(PausedEngine, DueResumptions_FireWithTheirCross_AndNothingFollowsThem) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "QN"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 1);
+    halt_instrument(market.engine, market.at(0), "T1", 1);
     market.engine.paused = true;
     List sent;
     for (int at = 0; at < 40; ++at) {
@@ -351,7 +352,7 @@ TEST(PausedEngine, HaltedInstrument_StillShowsNonFirmQuotes) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "QN"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     market.engine.paused = true;
     std::vector<std::uint64_t> draws =
         joined_draws({{real_draw(0.1), int_draw(0, 1, 1)}, quote_draws(1, 1, 1, 1)});
@@ -378,7 +379,7 @@ TEST(Resumption, InsideATick_IsFollowedByTheRestOfTheStep) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "Q", .scenario = "odd_lot_every=0"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 1);
+    halt_instrument(market.engine, market.at(0), "T1", 1);
     market.advance_ms(900);
     const List sent = scripted_tick(still(market), joined_draws({quote_draws(1, 1, 1, 1),
                                                                  deviate_pair,
@@ -399,10 +400,10 @@ TEST(Resumption, BothDueInOneTick_RunOneBehindTheOther) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "Q"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 1);
+    halt_instrument(market.engine, market.at(0), "T1", 1);
     const std::uint64_t mark = market.last();
     // The loop's time is far ahead of the reading inside the event, so trading is due as soon as it is set.
-    tick(market.engine, market.clock.simulated_steady_ms + 60'000);
+    run_tick(market.engine, market.clock.simulated_steady_ms + 60'000);
     const List sent = briefs(market, mark + 1, market.last());
     EXPECT_EQ(sent.at(0), "action Q T3 2");
     EXPECT_EQ(sent.at(2), "band E");
@@ -415,11 +416,11 @@ TEST(Resumption, Actions_CarryTheTicksReading) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "Q"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 1);
+    halt_instrument(market.engine, market.at(0), "T1", 1);
     market.advance_ms(1000);
     const std::uint64_t mark = market.last();
     const std::uint64_t now = market.clock.simulated_wall_ns;
-    tick(market.engine, market.clock.simulated_steady_ms);
+    run_tick(market.engine, market.clock.simulated_steady_ms);
     EXPECT_EQ(get_u64(market.message(mark + 1), 45), now);
     EXPECT_EQ(get_u64(market.message(mark + 2), 13), now);
     EXPECT_EQ(get_u64(market.message(mark + 3), 41), now);
@@ -468,7 +469,7 @@ TEST(TickBand, HaltedInstrument_KeepsItsDeactivatedBand) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .scenario = "band_every=1"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     const std::uint64_t bands = market.scenario.stats.bands;
     market.at(0).price = 200;
     market.run_ticks(100);
@@ -488,7 +489,7 @@ List run_script(TestMarket& market) {
     for (int at = 0; at < 600; ++at) {
         market.advance_ms(100);
         fire_scenario_events(market.engine, marks, start, market.clock.simulated_steady_ms);
-        tick(market.engine, market.clock.simulated_steady_ms);
+        run_tick(market.engine, market.clock.simulated_steady_ms);
         for (; seen < market.last(); ++seen) {
             const testing::Bytes message = market.message(seen + 1);
             const std::string kind = letters(message).substr(0, 2);

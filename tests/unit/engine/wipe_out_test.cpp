@@ -144,7 +144,7 @@ TEST(WipeOut, HaltedInstrument_ItsEmptiedQuoteIsPresentAndGoesToo) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "QN"});
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     const std::uint64_t mark = market.last();
     wipe_out(market.engine, 'N');
     EXPECT_EQ(briefs(market, mark + 1, market.last()), (List{"wipe-out N", "quote N L E"}));

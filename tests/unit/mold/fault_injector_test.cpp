@@ -22,7 +22,7 @@ const char* name_of(FaultDecision decision) {
 std::string decisions(FaultInjector& faults, std::uint64_t first, std::uint64_t last) {
     std::string all;
     for (std::uint64_t number = first; number <= last; ++number) {
-        all += std::string(all.empty() ? "" : " ") + name_of(decide(faults, number));
+        all += std::string(all.empty() ? "" : " ") + name_of(decide_fault(faults, number));
     }
     return all;
 }
@@ -94,7 +94,8 @@ const Row rows[] = {
 TEST(FaultDecisions, Table) {
     for (const Row& row : rows) {
         FaultInjector faults = row.faults;
-        EXPECT_STREQ(name_of(decide(faults, row.packet_number)), name_of(row.decision)) << row.situation;
+        EXPECT_STREQ(name_of(decide_fault(faults, row.packet_number)), name_of(row.decision))
+            << row.situation;
         EXPECT_EQ(faults.pending_drops, row.drops_left) << row.situation;
         EXPECT_EQ(faults.pending_dups, row.dups_left) << row.situation;
         EXPECT_EQ(faults.pending_reorders, row.reorders_left) << row.situation;
@@ -130,7 +131,7 @@ TEST(FaultDecisions, PeriodsOf3And5And4_FirstSixty) {
                                        : number % 4 == 0 ? FaultDecision::hold
                                        : number % 5 == 0 ? FaultDecision::send_twice
                                                          : FaultDecision::send;
-        EXPECT_STREQ(name_of(decide(faults, number)), name_of(expected)) << number;
+        EXPECT_STREQ(name_of(decide_fault(faults, number)), name_of(expected)) << number;
     }
 }
 

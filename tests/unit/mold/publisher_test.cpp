@@ -44,7 +44,7 @@ TEST(MoldPublisher, Reset_ForgetsAnEarlierRun) {
     test.publisher.faults.drop_every = 1;
     test.publisher.faults.pending_dups = 1;
     test.add_many(100);
-    flush(test.publisher);
+    flush_packet(test.publisher);
     reset_publisher(test.publisher, test.clock, "OTHER");
     EXPECT_EQ(test.publisher.faults.drop_every, 0u);
     EXPECT_EQ(test.publisher.faults.pending_dups, 0u);
@@ -70,8 +70,8 @@ TEST(MoldPublisher, Session_PaddedWithBlanksOrCutToTenLetters) {
 TEST(MoldPublisher, FirstMessage_GetsNumberOneAndThePacketCarriesIt) {
     TestPublisher test;
     const Bytes message{'h', 'e', 'l', 'l', 'o'};
-    EXPECT_EQ(append(test.publisher, message.data(), message.size()), 1u);
-    flush(test.publisher);
+    EXPECT_EQ(append_message(test.publisher, message.data(), message.size()), 1u);
+    flush_packet(test.publisher);
     ASSERT_EQ(test.packets.size(), 1u);
     const std::string expected("UTPBENCH01\0\0\0\0\0\0\0\1\0\1\0\5hello", 27);
     EXPECT_EQ(std::string(test.packets[0].begin(), test.packets[0].end()), expected);
@@ -90,7 +90,7 @@ TEST(MoldPublisher, MessagesOf22Bytes_61APacket) {
     ASSERT_EQ(test.packets.size(), 1u);
     EXPECT_EQ(test.packets[0].size(), 1484u);
     test.add_many(61 + 10);
-    flush(test.publisher);
+    flush_packet(test.publisher);
     EXPECT_EQ(test.sent(), "1+61 62+61 123+11");
 }
 
@@ -101,7 +101,7 @@ TEST(MoldPublisher, Packet_CarriesItsMessagesInOrder) {
         expected.push_back(TestPublisher::message_with(test.publisher.next_sequence, length));
         test.add(length);
     }
-    flush(test.publisher);
+    flush_packet(test.publisher);
     ASSERT_EQ(test.packets.size(), 1u);
     EXPECT_EQ(packet_messages(test.packets[0]), expected);
 }
@@ -121,8 +121,8 @@ TEST(MoldPublisher, EmptyFlush_SendsNothingAndUsesNoPacketNumber) {
     TestPublisher test;
     test.publisher.last_flush_ms = 77;
     test.publisher.faults.pending_drops = 1;
-    flush(test.publisher);
-    flush(test.publisher);
+    flush_packet(test.publisher);
+    flush_packet(test.publisher);
     EXPECT_TRUE(test.packets.empty());
     EXPECT_EQ(test.publisher.packets_flushed, 0u);
     EXPECT_EQ(test.publisher.last_flush_ms, 77);
@@ -184,7 +184,7 @@ TEST(MoldPublisher, HeartbeatOfAnIdleFeed_UsesNoPacketNumber) {
 TEST(MoldPublisher, LongestMessageThatFits_1478Bytes) {
     TestPublisher test;
     EXPECT_EQ(test.add(1478), 1u);
-    flush(test.publisher);
+    flush_packet(test.publisher);
     EXPECT_EQ(test.sent(), "1+1");
     EXPECT_EQ(test.packets[0].size(), 1500u);
 }
@@ -199,7 +199,7 @@ TEST(MoldPublisher, MessageOf1479Bytes_TakesANumberAndIsNeverSent) {
     EXPECT_EQ(test.publisher.messages_sequenced, 2u);
     EXPECT_EQ(test.add(), 3u);
     EXPECT_EQ(test.add(), 4u);
-    flush(test.publisher);
+    flush_packet(test.publisher);
     // The header carries the skipped number, one below the packet's first message.
     EXPECT_EQ(test.sent(), "1+1 2+2");
     test.flush_packets(1);
@@ -211,7 +211,7 @@ TEST(MoldPublisher, MessageTooLongForTheRestOfThePacket_GoesIntoTheNext) {
     test.add(100);
     test.add(1400);
     EXPECT_EQ(test.sent(), "1+1");
-    flush(test.publisher);
+    flush_packet(test.publisher);
     EXPECT_EQ(test.sent(), "1+1 2+1");
 }
 
@@ -223,7 +223,7 @@ TEST(PublisherFaults, DropEvery10_PacketsTenTwentyThirtyAreNamedAndMissing) {
     test.publisher.faults.drop_every = 10;
     for (int packet = 1; packet <= 30; ++packet) {
         test.add_many(2);
-        flush(test.publisher);
+        flush_packet(test.publisher);
     }
     EXPECT_EQ(errors.take(),
               "tessel fault: dropped seq 19 (packet 10, 2 message(s))\n"
@@ -426,9 +426,8 @@ TEST(PublisherSockets, FeedSocket_MulticastOptionsAreSetAndItBlocks) {
     EXPECT_EQ(getsockopt(test.publisher.feed_socket, IPPROTO_IP, IP_MULTICAST_IF, &interface, &bytes), 0);
     EXPECT_EQ(interface.s_addr, htonl(INADDR_LOOPBACK));
     EXPECT_EQ(fcntl(test.publisher.feed_socket, F_GETFL) & O_NONBLOCK, 0);
-    EXPECT_EQ(test.publisher.destination.sin_family, AF_INET);
-    EXPECT_EQ(ntohs(test.publisher.destination.sin_port), 25177);
-    EXPECT_EQ(ntohl(test.publisher.destination.sin_addr.s_addr), 0xefff19b1u);
+    EXPECT_EQ(ntohs(test.publisher.group_port), 25177);
+    EXPECT_EQ(ntohl(test.publisher.group_address), 0xefff19b1u);
     EXPECT_EQ(test.publisher.packet_first_sequence, 1u);
 }
 
@@ -459,10 +458,10 @@ TEST(PublisherSockets, RetransSocket_BoundToEveryAddressAndNonBlocking) {
 
 TEST(PublisherSockets, TextsThatAreNoAddresses_LeaveZeroAndTheFeedRuns) {
     OpenPublisher test("not a group", 25177, "localhost", 0);
-    EXPECT_EQ(test.publisher.destination.sin_addr.s_addr, 0u);
+    EXPECT_EQ(test.publisher.group_address, 0u);
     const unsigned char message[29] = {};
-    EXPECT_EQ(append(test.publisher, message, sizeof message), 1u);
-    flush(test.publisher);
+    EXPECT_EQ(append_message(test.publisher, message, sizeof message), 1u);
+    flush_packet(test.publisher);
     send_heartbeat(test.publisher);
     EXPECT_EQ(test.publisher.packets_flushed, 1u);
 }
@@ -471,8 +470,8 @@ TEST(PublisherSockets, PacketsAndHeartbeats_ArriveAtTheDestination) {
     const Receiver receiver;
     OpenPublisher test("127.0.0.1", receiver.port, "127.0.0.1", 0);
     const unsigned char message[4] = {'a', 'b', 'c', 'd'};
-    append(test.publisher, message, sizeof message);
-    flush(test.publisher);
+    append_message(test.publisher, message, sizeof message);
+    flush_packet(test.publisher);
     const Bytes packet = receiver.receive();
     EXPECT_EQ(std::string(packet.begin(), packet.end()),
               std::string("SESSION   \0\0\0\0\0\0\0\1\0\1\0\4abcd", 26));

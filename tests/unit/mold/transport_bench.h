@@ -32,7 +32,7 @@ struct TestPublisher {
     // Appends a message of this length whose bytes tell its sequence number; gives that number back.
     std::uint64_t add(std::size_t length = 22) {
         const Bytes message = message_with(publisher.next_sequence, length);
-        return append(publisher, message.data(), message.size());
+        return append_message(publisher, message.data(), message.size());
     }
 
     void add_many(std::size_t count, std::size_t length = 22) {
@@ -45,7 +45,7 @@ struct TestPublisher {
     void flush_packets(std::size_t count) {
         for (std::size_t flushed = 0; flushed < count; ++flushed) {
             add();
-            flush(publisher);
+            flush_packet(publisher);
         }
     }
 

@@ -215,7 +215,7 @@ TEST(QuoteLine, MarketInMotion_TheIndexAndTheQuotesGiveTheSameLine) {
     for (int round = 0; round < 400; ++round) {
         market.run_ticks(1);
         if (round % 50 == 20) {
-            halt(market.engine, market.at(1), "T1", 5);
+            halt_instrument(market.engine, market.at(1), "T1", 5);
         }
         if (round % 50 == 40) {
             resume_quotation(market.engine, market.at(1), 1);

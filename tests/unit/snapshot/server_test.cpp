@@ -297,7 +297,7 @@ TEST(SnapshotServer, OpenPacketIsFlushedBeforeTheSpin) {
     Service service;
     Client client(service.port);
     const unsigned char message[4] = {1, 2, 3, 4};
-    const std::uint64_t sequence = append(service.market.publisher, message, sizeof message);
+    const std::uint64_t sequence = append_message(service.market.publisher, message, sizeof message);
     const std::size_t sent = service.market.packets.size();
     ASSERT_TRUE(service.logs_in(client));
     EXPECT_EQ(service.market.packets.size(), sent + 1);

@@ -87,7 +87,7 @@ TEST(Spin, RebuiltMessagesCarryTheSpinTimeInBothStamps) {
     TestMarket market({.participants = "QND"});
     Quiet quiet;
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     luld_pause(market.engine, market.at(1), 0);
     const std::vector<Bytes> messages = spin_of(market);
     std::size_t rebuilt = 0;
@@ -116,7 +116,7 @@ TEST(Spin, HaltedInstrumentHasAnActionAndNoCollarAPausedOneHasBoth) {
     TestMarket market({.symbols = "A:10,B:190,C:30", .participants = "Q"});
     Quiet quiet;
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     luld_pause(market.engine, market.at(1), 0);
     const std::vector<Bytes> messages = spin_of(market);
     EXPECT_EQ(letters_of(messages),
@@ -147,7 +147,7 @@ TEST(Spin, DirectoryTellsTheHaltedStateAndItsReason) {
     TestMarket market({.symbols = "A:10", .participants = "Q"});
     Quiet quiet;
     market.start_of_day();
-    halt(market.engine, market.at(0), "MWC3", 0);
+    halt_instrument(market.engine, market.at(0), "MWC3", 0);
     const std::vector<Bytes> messages = spin_of(market);
     EXPECT_EQ(messages.at(2).size(), short_directory_bytes);
     EXPECT_EQ(messages.at(3).size(), long_directory_bytes);
@@ -159,7 +159,7 @@ TEST(Spin, InstrumentUnderQuotationOnlyHasAnAction) {
     TestMarket market({.symbols = "A:10", .participants = "Q"});
     Quiet quiet;
     market.start_of_day();
-    halt(market.engine, market.at(0), "T1", 0);
+    halt_instrument(market.engine, market.at(0), "T1", 0);
     resume_quotation(market.engine, market.at(0), 1);
     const std::vector<Bytes> messages = spin_of(market);
     EXPECT_EQ(messages.at(5).at(40), 'Q');

@@ -85,8 +85,8 @@ inline void expect_layout(const MessageWriter& writer, const Layout& rows) {
 // A writer that was used before, full of bytes that must not shine through.
 inline MessageWriter used_writer() {
     MessageWriter writer;
-    const std::size_t start = grow(writer, 4096);
-    for (std::size_t at = start; at < writer.size; ++at) {
+    begin_message(writer, {}, 4096);
+    for (std::size_t at = 0; at < writer.size; ++at) {
         put_u8(writer.bytes.get(), at, '\xee');
     }
     return writer;
