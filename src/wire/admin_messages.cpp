@@ -35,10 +35,6 @@ void build_wipe_out(MessageWriter& writer, AdminTimes times, char mc) {
     begin_admin(writer, times, 'C', 'P', mc, control_bytes);
 }
 
-// Decline levels, 53 bytes:
-//   29  8  level 1 price, millionths
-//   37  8  level 2 price
-//   45  8  level 3 price
 void build_decline_levels(MessageWriter& writer, AdminTimes times) {
     static_assert(45 + 8 == decline_levels_bytes);
     begin_admin(writer, times, 'A', 'C', 'E', decline_levels_bytes);
@@ -50,25 +46,7 @@ void build_decline_levels(MessageWriter& writer, AdminTimes times) {
 
 namespace {
 
-// Issue symbol directory, short form type B, 90 bytes; the long form, type F, 117 bytes, goes on behind it:
-//   29 11  symbol
-//   40 11  old symbol
-//   51 30  issue name
-//   81  1  issue type
-//   82  2  issue sub-type
-//   84  1  market tier
-//   85  1  authenticity
-//   86  1  short sale threshold indicator
-//   87  2  round lot size
-//   89  1  financial status indicator
-//   90  1  (long form from here) further letters N, 0, 3
-//   91  1
-//   92  1
-//   93  1  trading state
-//   94  6  trading state reason
-//  100  1  indicator
-//  101  8  reserved
-//  109  8  reserved
+// Issue symbol directory: the long form, type F, continues the short one, type B.
 void put_directory_body(unsigned char* out, const DirectoryRecord& record, bool long_form) {
     static_assert(89 + 1 == short_directory_bytes);
     static_assert(109 + 8 == long_directory_bytes);
@@ -100,9 +78,6 @@ std::size_t directory_bytes(bool long_form) {
     return long_form ? long_directory_bytes : short_directory_bytes;
 }
 
-// Instrument indicator, 41 bytes:
-//   29 11  symbol
-//   40  1  indicator
 void put_indicator_body(unsigned char* out, std::string_view symbol, char indicator) {
     static_assert(40 + 1 == indicator_bytes);
     put_alpha(out, 29, symbol, 11);
@@ -133,12 +108,6 @@ void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view s
     put_indicator_body(writer.bytes.get(), symbol, indicator);
 }
 
-// Trading action, 59 bytes:
-//   29 11  symbol
-//   40  1  action: H, P, Q or T
-//   41  4  action sequence number
-//   45  8  action time, ns
-//   53  6  reason code
 void build_trading_action(MessageWriter& writer, AdminTimes times, std::string_view symbol, char action,
                           std::uint32_t action_seq, std::uint64_t action_time_ns, std::string_view reason) {
     static_assert(53 + 6 == trading_action_bytes);
@@ -151,12 +120,6 @@ void build_trading_action(MessageWriter& writer, AdminTimes times, std::string_v
     put_alpha(out, 53, reason, 6);
 }
 
-// LULD price band, 65 bytes:
-//   29 11  symbol
-//   40  1  band indicator
-//   41  8  effective time, ns
-//   49  8  lower band, millionths
-//   57  8  upper band
 void build_price_band(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator,
                       std::uint64_t effective_time_ns, std::int64_t lower, std::int64_t upper) {
     static_assert(57 + 8 == price_band_bytes);
@@ -169,13 +132,6 @@ void build_price_band(MessageWriter& writer, AdminTimes times, std::string_view 
     put_price_long(out, 57, upper);
 }
 
-// LULD collar, 69 bytes:
-//   29 11  symbol
-//   40  4  action sequence number of the pause
-//   44  8  reference price, millionths
-//   52  8  upper collar
-//   60  8  lower collar
-//   68  1  extension indicator, binary 0
 void build_collar(MessageWriter& writer, AdminTimes times, std::string_view symbol, std::uint32_t action_seq,
                   std::int64_t reference, std::int64_t upper, std::int64_t lower) {
     static_assert(68 + 1 == collar_bytes);
@@ -189,8 +145,6 @@ void build_collar(MessageWriter& writer, AdminTimes times, std::string_view symb
     put_u8(out, 68, '\0');
 }
 
-// Circuit breaker status, 30 bytes:
-//   29  1  breached level, a digit
 void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t level) {
     static_assert(29 + 1 == mwcb_status_bytes);
     const std::uint32_t shown = level > 3 ? 3 : level;
@@ -199,8 +153,6 @@ void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t le
     put_u8(out, 29, static_cast<char>('0' + shown));
 }
 
-// End of snapshot, 37 bytes:
-//   29  8  sequence number of the last message before the spin
 void build_end_of_snapshot(MessageWriter& writer, std::uint64_t time_ns, std::uint64_t last_sequence) {
     static_assert(29 + 8 == end_of_snapshot_bytes);
     begin_admin(writer, {time_ns, time_ns}, 'A', 'S', 'E', end_of_snapshot_bytes);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "wire/layout.h"
 #include "wire/message_writer.h"
 
 #include <cstddef>
@@ -8,16 +9,17 @@
 
 namespace tessel {
 
-constexpr std::size_t control_bytes = 29;  // start of day, session open, wipe-out: the header alone
-constexpr std::size_t decline_levels_bytes = 53;
-constexpr std::size_t short_directory_bytes = 90;
-constexpr std::size_t long_directory_bytes = 117;
-constexpr std::size_t indicator_bytes = 41;
-constexpr std::size_t trading_action_bytes = 59;
-constexpr std::size_t price_band_bytes = 65;
-constexpr std::size_t collar_bytes = 69;
-constexpr std::size_t mwcb_status_bytes = 30;
-constexpr std::size_t end_of_snapshot_bytes = 37;
+// Start of day, session open, wipe-out: the header alone.
+constexpr std::size_t control_bytes = layout::message_bytes('C', 'I');
+constexpr std::size_t decline_levels_bytes = layout::message_bytes('A', 'C');
+constexpr std::size_t short_directory_bytes = layout::message_bytes('A', 'B');
+constexpr std::size_t long_directory_bytes = layout::message_bytes('A', 'F');
+constexpr std::size_t indicator_bytes = layout::message_bytes('A', 'V');
+constexpr std::size_t trading_action_bytes = layout::message_bytes('A', 'H');
+constexpr std::size_t price_band_bytes = layout::message_bytes('A', 'P');
+constexpr std::size_t collar_bytes = layout::message_bytes('A', 'E');
+constexpr std::size_t mwcb_status_bytes = layout::message_bytes('A', 'D');
+constexpr std::size_t end_of_snapshot_bytes = layout::message_bytes('A', 'S');
 
 // The circuit breaker's decline levels: 7 %, 13 % and 20 % below 5,000.00, in millionths of a dollar.
 constexpr std::int64_t decline_level_1 = 4'650'000'000;

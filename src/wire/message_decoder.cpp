@@ -9,26 +9,11 @@ namespace {
 
 constexpr std::size_t header_bytes = 29;
 
-// The length of each kind without appendages.
-constexpr std::size_t decline_levels_bytes = 53;
-constexpr std::size_t directory_short_bytes = 90;
-constexpr std::size_t directory_long_bytes = 117;
-constexpr std::size_t indicator_bytes = 41;
-constexpr std::size_t trading_action_bytes = 59;
-constexpr std::size_t price_band_bytes = 65;
-constexpr std::size_t collar_bytes = 69;
-constexpr std::size_t mwcb_status_bytes = 30;
-constexpr std::size_t end_of_snapshot_bytes = 37;
+// The length of each kind that appendages may follow, without them.
 constexpr std::size_t odd_lots_short_bytes = 39;
 constexpr std::size_t odd_lots_long_bytes = 53;
 constexpr std::size_t quote_short_bytes = 52;
 constexpr std::size_t quote_long_bytes = 83;
-constexpr std::size_t mpid_quote_bytes = 77;
-constexpr std::size_t trade_short_bytes = 67;
-constexpr std::size_t trade_long_bytes = 81;
-constexpr std::size_t cancel_error_bytes = 146;
-constexpr std::size_t correction_bytes = 176;
-constexpr std::size_t as_of_bytes = 88;
 
 constexpr std::size_t symbol_short_width = 5;
 constexpr std::size_t symbol_long_width = 11;
@@ -95,33 +80,34 @@ struct KindRow {
     char category;
     char type;
     MessageKind kind;
+    const char* name;
     std::size_t bytes;  // the length, or the shortest one
     bool exact;         // false when appendages may follow
 };
 
 constexpr KindRow kind_rows[] = {
-    {'Q', 'C', MessageKind::quote_short, quote_short_bytes, false},
-    {'Q', 'D', MessageKind::quote_long, quote_long_bytes, false},
-    {'T', 'M', MessageKind::trade_short, trade_short_bytes, true},
-    {'T', 'N', MessageKind::trade_long, trade_long_bytes, true},
-    {'Q', 'M', MessageKind::mpid_quote, mpid_quote_bytes, true},
-    {'Q', 'A', MessageKind::odd_lots_short, odd_lots_short_bytes, false},
-    {'Q', 'B', MessageKind::odd_lots_long, odd_lots_long_bytes, false},
-    {'T', 'O', MessageKind::cancel_error, cancel_error_bytes, true},
-    {'T', 'P', MessageKind::correction, correction_bytes, true},
-    {'T', 'Q', MessageKind::as_of, as_of_bytes, true},
-    {'A', 'H', MessageKind::trading_action, trading_action_bytes, true},
-    {'A', 'P', MessageKind::price_band, price_band_bytes, true},
-    {'A', 'E', MessageKind::collar, collar_bytes, true},
-    {'A', 'D', MessageKind::mwcb_status, mwcb_status_bytes, true},
-    {'A', 'S', MessageKind::end_of_snapshot, end_of_snapshot_bytes, true},
-    {'A', 'C', MessageKind::decline_levels, decline_levels_bytes, true},
-    {'A', 'B', MessageKind::directory_short, directory_short_bytes, true},
-    {'A', 'F', MessageKind::directory_long, directory_long_bytes, true},
-    {'A', 'V', MessageKind::indicator, indicator_bytes, true},
-    {'C', 'I', MessageKind::start_of_day, header_bytes, true},
-    {'C', 'O', MessageKind::session_open, header_bytes, true},
-    {'C', 'P', MessageKind::wipe_out, header_bytes, true},
+    {'Q', 'C', MessageKind::quote_short, "quote_short", quote_short_bytes, false},
+    {'Q', 'D', MessageKind::quote_long, "quote_long", quote_long_bytes, false},
+    {'T', 'M', MessageKind::trade_short, "trade_short", 67, true},
+    {'T', 'N', MessageKind::trade_long, "trade_long", 81, true},
+    {'Q', 'M', MessageKind::mpid_quote, "mpid_quote", 77, true},
+    {'Q', 'A', MessageKind::odd_lots_short, "odd_lots_short", odd_lots_short_bytes, false},
+    {'Q', 'B', MessageKind::odd_lots_long, "odd_lots_long", odd_lots_long_bytes, false},
+    {'T', 'O', MessageKind::cancel_error, "cancel_error", 146, true},
+    {'T', 'P', MessageKind::correction, "correction", 176, true},
+    {'T', 'Q', MessageKind::as_of, "as_of", 88, true},
+    {'A', 'H', MessageKind::trading_action, "trading_action", 59, true},
+    {'A', 'P', MessageKind::price_band, "price_band", 65, true},
+    {'A', 'E', MessageKind::collar, "collar", 69, true},
+    {'A', 'D', MessageKind::mwcb_status, "mwcb_status", 30, true},
+    {'A', 'S', MessageKind::end_of_snapshot, "end_of_snapshot", 37, true},
+    {'A', 'C', MessageKind::decline_levels, "decline_levels", 53, true},
+    {'A', 'B', MessageKind::directory_short, "directory_short", 90, true},
+    {'A', 'F', MessageKind::directory_long, "directory_long", 117, true},
+    {'A', 'V', MessageKind::indicator, "indicator", 41, true},
+    {'C', 'I', MessageKind::start_of_day, "start_of_day", header_bytes, true},
+    {'C', 'O', MessageKind::session_open, "session_open", header_bytes, true},
+    {'C', 'P', MessageKind::wipe_out, "wipe_out", header_bytes, true},
 };
 
 const KindRow* find_kind(char category, char type) {
@@ -133,7 +119,7 @@ const KindRow* find_kind(char category, char type) {
     return nullptr;
 }
 
-// What is left of a message behind its fixed part: every appendage takes its bytes from here.
+// The rest of a message after its fixed part: every appendage takes its bytes from here.
 struct Tail {
     const unsigned char* bytes;
     std::size_t offset;
@@ -150,15 +136,6 @@ struct Tail {
     }
 };
 
-// The NBBO appendage:
-//   short ("2")  long ("3")
-//   0  1         0  1   quote condition
-//   1  1         1  1   best bid market center
-//   2  2         2  8   best bid price
-//   4  2        10  4   best bid size
-//   6  1        14  1   best offer market center
-//   7  2        15  8   best offer price
-//   9  2        23  4   best offer size
 bool read_nbbo(NbboFields& nbbo, char indicator, Tail& tail) {
     if (indicator == '2') {
         const unsigned char* p = tail.take(11);
@@ -178,16 +155,6 @@ bool read_nbbo(NbboFields& nbbo, char indicator, Tail& tail) {
     return true;
 }
 
-// The best odd-lot appendage:
-//   short ("2")  long ("3")
-//   0  1         0  1   bid market center
-//   1  2         1  8   bid price
-//   3  2         9  2   bid size
-//   5  1        11  1   ask market center
-//   6  2        12  8   ask price
-//   8  2        20  2   ask size
-//               22  4   bid MPID, with "5" only
-//               26  4   ask MPID, with "5" only
 bool read_best_odd_lot(BestOddLotFields& best, char indicator, Tail& tail) {
     if (indicator == '2') {
         const unsigned char* p = tail.take(10);
@@ -246,7 +213,7 @@ bool read_odd_lots(std::vector<OddLotFields>& list, char indicator, std::size_t 
     return true;
 }
 
-// What every quotation kind has behind its fixed part, in this order.
+// What may follow the fixed part of a quotation, in this order.
 bool read_appendages(Message& m, Tail& tail) {
     QuoteFields& q = m.quote;
     if (!read_nbbo(m.nbbo, q.nbbo_indicator, tail)) {
@@ -518,30 +485,10 @@ bool refuse(std::string* error, std::string text) {
 }  // namespace
 
 const char* kind_name(MessageKind kind) {
-    switch (kind) {
-        case MessageKind::start_of_day: return "start_of_day";
-        case MessageKind::session_open: return "session_open";
-        case MessageKind::wipe_out: return "wipe_out";
-        case MessageKind::decline_levels: return "decline_levels";
-        case MessageKind::directory_short: return "directory_short";
-        case MessageKind::directory_long: return "directory_long";
-        case MessageKind::indicator: return "indicator";
-        case MessageKind::trading_action: return "trading_action";
-        case MessageKind::price_band: return "price_band";
-        case MessageKind::collar: return "collar";
-        case MessageKind::mwcb_status: return "mwcb_status";
-        case MessageKind::end_of_snapshot: return "end_of_snapshot";
-        case MessageKind::odd_lots_short: return "odd_lots_short";
-        case MessageKind::odd_lots_long: return "odd_lots_long";
-        case MessageKind::quote_short: return "quote_short";
-        case MessageKind::quote_long: return "quote_long";
-        case MessageKind::mpid_quote: return "mpid_quote";
-        case MessageKind::trade_short: return "trade_short";
-        case MessageKind::trade_long: return "trade_long";
-        case MessageKind::cancel_error: return "cancel_error";
-        case MessageKind::correction: return "correction";
-        case MessageKind::as_of: return "as_of";
-        case MessageKind::unknown: break;
+    for (const KindRow& row : kind_rows) {
+        if (row.kind == kind) {
+            return row.name;
+        }
     }
     return "unknown";
 }
@@ -560,12 +507,11 @@ bool decode_message(Message& message, const unsigned char* bytes, std::size_t le
                                  hexadecimal(bytes[2]) + ", " + std::to_string(length) + " bytes");
     }
     if (row->exact ? length != row->bytes : length < row->bytes) {
-        return refuse(error, std::string(kind_name(row->kind)) + ": " + std::to_string(length) +
-                                 " bytes, expected " + (row->exact ? "" : "at least ") +
-                                 std::to_string(row->bytes));
+        return refuse(error, std::string(row->name) + ": " + std::to_string(length) + " bytes, expected " +
+                                 (row->exact ? "" : "at least ") + std::to_string(row->bytes));
     }
     if (!read_body(message, row->kind, bytes, length)) {
-        return refuse(error, std::string(kind_name(row->kind)) + ": " + std::to_string(length) +
+        return refuse(error, std::string(row->name) + ": " + std::to_string(length) +
                                  " bytes do not fit its indicators");
     }
     message.kind = row->kind;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "wire/layout.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -8,7 +10,7 @@
 namespace tessel {
 
 // The header that every message begins with.
-constexpr std::size_t common_header_bytes = 29;
+constexpr std::size_t common_header_bytes = layout::bytes_of(layout::header_fields);
 
 struct MessageHeader {
     char version = '1';
@@ -89,15 +91,7 @@ inline void put_alpha(unsigned char* message, std::size_t offset, std::string_vi
     }
 }
 
-// The common header at the start of a message, 29 bytes:
-//    0  1  version
-//    1  1  message category
-//    2  1  message type
-//    3  1  market center originator
-//    4  1  sub-market center
-//    5  8  SIP timestamp, ns
-//   13  8  participant timestamp, ns
-//   21  8  participant token
+// The common header at the start of a message.
 inline void put_header(unsigned char* message, const MessageHeader& header) {
     static_assert(21 + 8 == common_header_bytes);
     put_u8(message, 0, header.version);

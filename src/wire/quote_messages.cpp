@@ -37,21 +37,7 @@ std::uint16_t odd_lot_count(const QuoteRecord& record) {
     return static_cast<std::uint16_t>(record.odd_lot_count);
 }
 
-// Short quote, type C, 52 bytes:
-//   29  5  symbol
-//   34  2  bid price, cents
-//   36  2  bid size
-//   38  2  ask price, cents
-//   40  2  ask size
-//   42  1  quote condition
-//   43  1  SIP-generated message identifier
-//   44  1  LULD BBO indicator
-//   45  1  retail interest indicator
-//   46  1  NBBO appendage indicator
-//   47  1  LULD national BBO indicator
-//   48  1  best odd-lot appendage indicator
-//   49  1  odd-lot list indicator
-//   50  2  number of odd-lot list entries
+// Short quote, type C.
 void put_short_quote(unsigned char* out, const QuoteRecord& record) {
     static_assert(50 + 2 == short_quote_bytes);
     put_alpha(out, 29, record.symbol, 5);
@@ -70,23 +56,7 @@ void put_short_quote(unsigned char* out, const QuoteRecord& record) {
     put_u16(out, 50, odd_lot_count(record));
 }
 
-// Long quote, type D, 83 bytes:
-//   29  8  ADF timestamp, ns
-//   37 11  symbol
-//   48  8  bid price, millionths
-//   56  4  bid size
-//   60  8  ask price, millionths
-//   68  4  ask size
-//   72  1  quote condition
-//   73  1  SIP-generated message identifier
-//   74  1  LULD BBO indicator
-//   75  1  retail interest indicator
-//   76  1  NBBO appendage indicator
-//   77  1  LULD national BBO indicator
-//   78  1  ADF MPID appendage indicator
-//   79  1  best odd-lot appendage indicator
-//   80  1  odd-lot list indicator
-//   81  2  number of odd-lot list entries
+// Long quote, type D.
 void put_long_quote(unsigned char* out, const QuoteRecord& record) {
     static_assert(81 + 2 == long_quote_bytes);
     put_u64(out, 29, record.adf_time);
@@ -107,15 +77,7 @@ void put_long_quote(unsigned char* out, const QuoteRecord& record) {
     put_u16(out, 81, odd_lot_count(record));
 }
 
-// MPID quote of the ADF, type M, 77 bytes, no appendages:
-//   29  8  ADF timestamp, ns
-//   37 11  symbol
-//   48  8  bid price, millionths
-//   56  4  bid size
-//   60  8  ask price, millionths
-//   68  4  ask size
-//   72  1  quote condition
-//   73  4  MPID
+// MPID quote of the ADF, type M, without appendages.
 void put_mpid_quote(unsigned char* out, const QuoteRecord& record) {
     static_assert(73 + 4 == mpid_quote_bytes);
     put_u64(out, 29, record.adf_time);
@@ -128,12 +90,7 @@ void put_mpid_quote(unsigned char* out, const QuoteRecord& record) {
     put_alpha(out, 73, record.bid_mpid, 4);
 }
 
-// Short odd-lot update, type A, 39 bytes:
-//   29  5  symbol
-//   34  1  SIP-generated message identifier
-//   35  1  best odd-lot appendage indicator
-//   36  1  odd-lot list indicator
-//   37  2  number of odd-lot list entries
+// Short odd-lot update, type A.
 void put_short_odd_lot_update(unsigned char* out, const QuoteRecord& record) {
     static_assert(37 + 2 == short_odd_lot_update_bytes);
     put_alpha(out, 29, record.symbol, 5);
@@ -143,13 +100,7 @@ void put_short_odd_lot_update(unsigned char* out, const QuoteRecord& record) {
     put_u16(out, 37, odd_lot_count(record));
 }
 
-// Long odd-lot update, type B, 53 bytes:
-//   29  8  ADF timestamp, ns
-//   37 11  symbol
-//   48  1  SIP-generated message identifier
-//   49  1  best odd-lot appendage indicator
-//   50  1  odd-lot list indicator
-//   51  2  number of odd-lot list entries
+// Long odd-lot update, type B.
 void put_long_odd_lot_update(unsigned char* out, const QuoteRecord& record) {
     static_assert(51 + 2 == long_odd_lot_update_bytes);
     put_u64(out, 29, record.adf_time);
@@ -160,14 +111,7 @@ void put_long_odd_lot_update(unsigned char* out, const QuoteRecord& record) {
     put_u16(out, 51, odd_lot_count(record));
 }
 
-// NBBO appendage at offset `at`; returns the offset behind it.
-//   short, 11:  +0  1  NBBO quote condition      long, 27:  +0  1  NBBO quote condition
-//               +1  1  best bid market center               +1  1  best bid market center
-//               +2  2  best bid price, cents                +2  8  best bid price, millionths
-//               +4  2  best bid size                       +10  4  best bid size
-//               +6  1  best offer market center            +14  1  best offer market center
-//               +7  2  best offer price, cents             +15  8  best offer price, millionths
-//               +9  2  best offer size                     +23  4  best offer size
+// NBBO appendage at offset `at`; returns the offset after it.
 std::size_t put_nbbo(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(9 + 2 == short_nbbo_bytes);
     static_assert(23 + 4 == long_nbbo_bytes);
@@ -194,7 +138,6 @@ std::size_t put_nbbo(unsigned char* out, std::size_t at, const QuoteRecord& reco
     return at;
 }
 
-// ADF MPID appendage, 8 bytes: bid MPID 4, ask MPID 4.
 std::size_t put_adf_mpids(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(4 + 4 == adf_mpid_bytes);
     if (record.adf_mpid_ind != '2') {
@@ -206,12 +149,6 @@ std::size_t put_adf_mpids(unsigned char* out, std::size_t at, const QuoteRecord&
 }
 
 // Best odd-lot appendage. Sizes have 16 bits in the long layouts too: they never exceed 99.
-//   '2', 10:  +0  1  bid market center     '3', 22:  +0  1  bid market center        '5', 30: as '3', then
-//             +1  2  bid price, cents                +1  8  bid price, millionths            +22  4  bid MPID
-//             +3  2  bid size                        +9  2  bid size                         +26  4  ask MPID
-//             +5  1  ask market center              +11  1  ask market center
-//             +6  2  ask price, cents               +12  8  ask price, millionths
-//             +8  2  ask size                       +20  2  ask size
 std::size_t put_best_odd_lot(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(8 + 2 == short_best_odd_lot_bytes);
     static_assert(20 + 2 == long_best_odd_lot_bytes);
@@ -244,10 +181,6 @@ std::size_t put_best_odd_lot(unsigned char* out, std::size_t at, const QuoteReco
 }
 
 // Odd-lot list, one entry an order.
-//   '2', 6:  +0  1  market center        '3', 12:  +0  1  market center          '5', 16: as '3', then
-//            +1  1  side                           +1  1  side                            +12  4  MPID
-//            +2  2  price, cents                   +2  8  price, millionths
-//            +4  2  size                          +10  2  size
 std::size_t put_odd_lots(unsigned char* out, std::size_t at, const QuoteRecord& record) {
     static_assert(4 + 2 == short_odd_lot_bytes);
     static_assert(10 + 2 == long_odd_lot_bytes);
@@ -284,7 +217,7 @@ unsigned char* begin_quote(MessageWriter& writer, const QuoteRecord& record, cha
     return out;
 }
 
-// Everything of a long quote behind the header but the odd lots; returns the offset behind it.
+// Everything of a long quote behind the header but the odd lots; returns the offset after it.
 std::size_t put_long_body(unsigned char* out, const QuoteRecord& record) {
     put_long_quote(out, record);
     const std::size_t at = put_nbbo(out, long_quote_bytes, record);

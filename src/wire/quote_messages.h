@@ -1,5 +1,6 @@
 #pragma once
 
+#include "wire/layout.h"
 #include "wire/message_writer.h"
 
 #include <array>
@@ -10,20 +11,20 @@
 namespace tessel {
 
 // Sizes of the fixed bodies, header included, and of what may follow them.
-constexpr std::size_t short_quote_bytes = 52;
-constexpr std::size_t long_quote_bytes = 83;
-constexpr std::size_t mpid_quote_bytes = 77;
-constexpr std::size_t short_odd_lot_update_bytes = 39;  // type A
-constexpr std::size_t long_odd_lot_update_bytes = 53;   // type B
-constexpr std::size_t short_nbbo_bytes = 11;
-constexpr std::size_t long_nbbo_bytes = 27;
-constexpr std::size_t adf_mpid_bytes = 8;
-constexpr std::size_t short_best_odd_lot_bytes = 10;
-constexpr std::size_t long_best_odd_lot_bytes = 22;
-constexpr std::size_t mpid_best_odd_lot_bytes = 30;
-constexpr std::size_t short_odd_lot_bytes = 6;
-constexpr std::size_t long_odd_lot_bytes = 12;
-constexpr std::size_t mpid_odd_lot_bytes = 16;
+constexpr std::size_t short_quote_bytes = layout::message_bytes('Q', 'C');
+constexpr std::size_t long_quote_bytes = layout::message_bytes('Q', 'D');
+constexpr std::size_t mpid_quote_bytes = layout::message_bytes('Q', 'M');
+constexpr std::size_t short_odd_lot_update_bytes = layout::message_bytes('Q', 'A');  // type A
+constexpr std::size_t long_odd_lot_update_bytes = layout::message_bytes('Q', 'B');   // type B
+constexpr std::size_t short_nbbo_bytes = layout::appendage_bytes("nbbo_indicator", '2');
+constexpr std::size_t long_nbbo_bytes = layout::appendage_bytes("nbbo_indicator", '3');
+constexpr std::size_t adf_mpid_bytes = layout::appendage_bytes("adf_mpid_indicator", '2');
+constexpr std::size_t short_best_odd_lot_bytes = layout::appendage_bytes("best_odd_lot_indicator", '2');
+constexpr std::size_t long_best_odd_lot_bytes = layout::appendage_bytes("best_odd_lot_indicator", '3');
+constexpr std::size_t mpid_best_odd_lot_bytes = layout::appendage_bytes("best_odd_lot_indicator", '5');
+constexpr std::size_t short_odd_lot_bytes = layout::appendage_bytes("odd_lot_list_indicator", '2');
+constexpr std::size_t long_odd_lot_bytes = layout::appendage_bytes("odd_lot_list_indicator", '3');
+constexpr std::size_t mpid_odd_lot_bytes = layout::appendage_bytes("odd_lot_list_indicator", '5');
 
 // One odd-lot order shown inside a market center's quote.
 struct OddLotQuote {

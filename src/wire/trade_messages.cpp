@@ -19,11 +19,6 @@ void put_conditions(MessageWriter& writer, std::size_t offset, const char* condi
     put_alpha(out, offset, std::string_view(conditions, 4), 4);
 }
 
-// Statistics, 32 bytes:
-//   +0  8  high, millionths of a dollar
-//   +8  8  low
-//  +16  8  last
-//  +24  8  volume, millionths of a share
 void put_statistics(MessageWriter& writer, std::size_t offset, const StatisticsRecord& statistics) {
     unsigned char* const out = writer.bytes.get();
     put_price_long(out, offset + 0, statistics.high);
@@ -32,16 +27,7 @@ void put_statistics(MessageWriter& writer, std::size_t offset, const StatisticsR
     put_u64(out, offset + 24, statistics.volume);
 }
 
-// Short trade report, type M, 67 bytes. Only the price is narrowed: the size keeps its 8 bytes.
-//   29  8  TRF timestamp, ns
-//   37  5  symbol
-//   42  8  trade id
-//   50  2  price, cents
-//   52  8  size, millionths of a share
-//   60  4  sale conditions
-//   64  1  trade-through-exempt flag
-//   65  1  consolidated price change indicator
-//   66  1  participant price change indicator
+// Short trade report, type M. Only the price is narrowed: the size keeps its 8 bytes.
 void put_short_trade(MessageWriter& writer, const TradeReport& report) {
     static_assert(66 + 1 == short_trade_bytes);
     unsigned char* const out = writer.bytes.get();
@@ -56,17 +42,7 @@ void put_short_trade(MessageWriter& writer, const TradeReport& report) {
     put_u8(out, 66, report.participant_change);
 }
 
-// Long trade report, type N, 81 bytes:
-//   29  8  TRF timestamp, ns
-//   37 11  symbol
-//   48  8  trade id
-//   56  8  price, millionths of a dollar
-//   64  8  size, millionths of a share
-//   72  4  sale conditions
-//   76  1  trade-through-exempt flag
-//   77  2  seller's sale days
-//   79  1  consolidated price change indicator
-//   80  1  participant price change indicator
+// Long trade report, type N.
 void put_long_trade(MessageWriter& writer, const TradeReport& report) {
     static_assert(80 + 1 == long_trade_bytes);
     unsigned char* const out = writer.bytes.get();
@@ -94,20 +70,7 @@ void build_trade(MessageWriter& writer, const TradeReport& report, bool short_fo
     }
 }
 
-// Trade cancel or error, type O, 146 bytes:
-//   29  8  TRF timestamp, ns
-//   37 11  symbol
-//   48  1  function, C cancel or E error
-//   49  8  trade id
-//   57  8  price, millionths of a dollar
-//   65  8  size, millionths of a share
-//   73  4  sale conditions
-//   77  1  trade-through-exempt flag
-//   78  2  seller's sale days
-//   80 32  consolidated statistics
-//  112  1  consolidated price change indicator
-//  113  1  consolidated last-sale market center
-//  114 32  participant statistics
+// Trade cancel or error, type O.
 void build_cancel(MessageWriter& writer, const CancelRecord& record) {
     static_assert(114 + 32 == cancel_error_bytes);
     begin_trade(writer, record.header, 'O', cancel_error_bytes);
@@ -127,25 +90,7 @@ void build_cancel(MessageWriter& writer, const CancelRecord& record) {
     put_statistics(writer, 114, record.participant);
 }
 
-// Trade correction, type P, 176 bytes:
-//   29  8  TRF timestamp, ns
-//   37 11  symbol
-//   48  8  trade id of the replaced trade
-//   56  8  its price, millionths of a dollar
-//   64  8  its size, millionths of a share
-//   72  4  its sale conditions
-//   76  1  its trade-through-exempt flag
-//   77  2  its seller's sale days
-//   79  8  new trade id
-//   87  8  corrected price
-//   95  8  corrected size
-//  103  4  corrected sale conditions (unchanged)
-//  107  1  corrected trade-through-exempt flag (unchanged)
-//  108  2  corrected seller's sale days
-//  110 32  consolidated statistics
-//  142  1  consolidated price change indicator
-//  143  1  consolidated last-sale market center
-//  144 32  participant statistics
+// Trade correction, type P.
 void build_correction(MessageWriter& writer, const CorrectionRecord& record) {
     static_assert(144 + 32 == correction_bytes);
     begin_trade(writer, record.header, 'P', correction_bytes);
@@ -170,17 +115,7 @@ void build_correction(MessageWriter& writer, const CorrectionRecord& record) {
     put_statistics(writer, 144, record.participant);
 }
 
-// As-of trade, type Q, 88 bytes:
-//   29  8  TRF timestamp, ns
-//   37 11  symbol
-//   48  8  trade id, always 0
-//   56  8  price, millionths of a dollar
-//   64  8  size, millionths of a share
-//   72  4  sale conditions
-//   76  1  trade-through-exempt flag
-//   77  2  seller's sale days
-//   79  1  as-of action, A
-//   80  8  execution time, ns
+// As-of trade, type Q.
 void build_as_of(MessageWriter& writer, const AsOfRecord& record) {
     static_assert(80 + 8 == as_of_bytes);
     begin_trade(writer, record.header, 'Q', as_of_bytes);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "wire/layout.h"
 #include "wire/message_writer.h"
 
 #include <cstddef>
@@ -8,11 +9,11 @@
 
 namespace tessel {
 
-constexpr std::size_t short_trade_bytes = 67;
-constexpr std::size_t long_trade_bytes = 81;
-constexpr std::size_t cancel_error_bytes = 146;
-constexpr std::size_t correction_bytes = 176;
-constexpr std::size_t as_of_bytes = 88;
+constexpr std::size_t short_trade_bytes = layout::message_bytes('T', 'M');
+constexpr std::size_t long_trade_bytes = layout::message_bytes('T', 'N');
+constexpr std::size_t cancel_error_bytes = layout::message_bytes('T', 'O');
+constexpr std::size_t correction_bytes = layout::message_bytes('T', 'P');
+constexpr std::size_t as_of_bytes = layout::message_bytes('T', 'Q');
 
 // High, low, last (millionths of a dollar, 0: none yet) and volume (millionths of a share) as the messages
 // carry them.

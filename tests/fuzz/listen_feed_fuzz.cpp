@@ -6,11 +6,12 @@
 // of 3 as many milliseconds pass as the length says. A piece that begins with "@" gets the session's header.
 
 #include "fuzz_check.h"
-#include "listen/message_json.h"
 #include "mold/sequencer.h"
 #include "receiver/market_state.h"
 #include "receiver/truth_line.h"
+#include "wire/layout.h"
 #include "wire/message_decoder.h"
+#include "wire/message_json.h"
 
 #include <nlohmann/json.hpp>
 
@@ -22,7 +23,6 @@
 
 namespace {
 
-using namespace tessel::listen;
 using namespace tessel::receiver;
 using tessel::fuzz::check;
 
@@ -75,17 +75,21 @@ void take_message(Receiver& receiver, std::uint64_t sequence, const unsigned cha
     Message decoded;
     const bool good = decode_message(decoded, message.data(), message.size(), &error);
     check(good == error.empty(), "a reason, if and only if it does not decode");
+    std::vector<tessel::layout::LocatedField> fields;
+    const bool fits = tessel::layout::locate_fields(fields, message.data(), length) == length &&
+                      tessel::layout::find_message(decoded.header.category, decoded.header.type) != nullptr;
+    check(good == fits, "the decoder and the layout table agree on which lengths fit");
     apply_message(market, message.data(), message.size(), sequence);
     check(market.messages == messages + 1, "a message is counted");
     check(market.undecoded == undecoded + (good ? 0 : 1), "a message that does not decode is counted");
     receiver.text.clear();
     if (!good) {
         check(decoded.kind == MessageKind::unknown, "what does not decode is of no kind");
-        append_undecoded_json(receiver.text, message.data(), message.size(), sequence, error);
+        tessel::layout::append_undecoded_json(receiver.text, message.data(), message.size(), sequence, error);
         check_json_line(receiver.text);
         return;
     }
-    append_message_json(receiver.text, decoded, sequence);
+    tessel::layout::append_message_json(receiver.text, message.data(), message.size(), sequence);
     check_json_line(receiver.text);
     receiver.text.clear();
     if (append_truth_line(receiver.text, market, decoded, sequence)) {

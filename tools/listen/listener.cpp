@@ -1,7 +1,7 @@
 #include "listen/listener.h"
 
-#include "listen/message_json.h"
 #include "receiver/truth_line.h"
+#include "wire/message_json.h"
 
 #include <fmt/format.h>
 
@@ -27,17 +27,17 @@ void take_undecoded(Listener& listener, const unsigned char* bytes, std::size_t 
         fmt::print(stderr, "tessel-listen: message {}: {}\n", sequence, error);
     }
     if (listener.options.decode) {
-        append_undecoded_json(listener.output.buffer, bytes, length, sequence, error);
+        layout::append_undecoded_json(listener.output.buffer, bytes, length, sequence, error);
         ++listener.output.lines;
     }
 }
 
-void write_line(Listener& listener, std::uint64_t sequence) {
+void write_line(Listener& listener, const unsigned char* bytes, std::size_t length, std::uint64_t sequence) {
     if (listener.output.fd < 0) {
         return;
     }
     if (listener.options.decode) {
-        append_message_json(listener.output.buffer, listener.market.message, sequence);
+        layout::append_message_json(listener.output.buffer, bytes, length, sequence);
         ++listener.output.lines;
     } else if (sequence != 0 && receiver::append_truth_line(listener.output.buffer, listener.market,
                                                             listener.market.message, sequence)) {
@@ -53,7 +53,7 @@ void take_any(Listener& listener, const unsigned char* bytes, std::size_t length
         return;
     }
     apply_decoded(listener.market, listener.market.message, sequence);
-    write_line(listener, sequence);
+    write_line(listener, bytes, length, sequence);
 }
 
 void take_message(Listener& listener, std::uint64_t sequence, const unsigned char* bytes,
@@ -117,7 +117,7 @@ void take_captured_spin_message(Listener& listener, const unsigned char* bytes, 
         take_undecoded(listener, bytes, length, 0, error);
         return;
     }
-    write_line(listener, 0);
+    write_line(listener, bytes, length, 0);
 }
 
 void report_kernel_drops(const Listener& listener) {

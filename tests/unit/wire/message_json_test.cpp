@@ -1,19 +1,23 @@
-#include "listen/message_json.h"
+#include "wire/message_json.h"
 
 #include "support/hand_made.h"
 
 #include <gtest/gtest.h>
 
-namespace tessel::listen {
+namespace tessel::layout {
 namespace {
 
 using namespace receiver::hand_made;
+using receiver::MessageKind;
 
-TEST(ListenMessageJson, Trade_ByName) {
-    Message message;
-    ASSERT_TRUE(decode(message, trade_short('D', 'N', 5, 19001, 200, "@   ")));
+std::string json_of(const std::string& message, std::uint64_t sequence) {
     std::string line;
-    append_message_json(line, message, 42);
+    append_message_json(line, raw(message), message.size(), sequence);
+    return line;
+}
+
+TEST(MessageJson, Trade_ByName) {
+    const std::string line = json_of(trade_short('D', 'N', 5, 19001, 200, "@   "), 42);
     EXPECT_EQ(
         line,
         R"({"seq":42,"kind":"trade_short","version":"1","category":"T","type":"M","market_center":"D",)"
@@ -23,24 +27,18 @@ TEST(ListenMessageJson, Trade_ByName) {
         "\n");
 }
 
-TEST(ListenMessageJson, EveryKind_IsOneLineWithItsKind_AndOddBytesAreEscaped) {
+TEST(MessageJson, EveryKind_IsOneLineWithItsKind_AndOddBytesAreEscaped) {
     for (const auto& [kind, data] : one_of_each()) {
-        Message message;
-        ASSERT_TRUE(decode(message, data));
-        std::string line;
-        append_message_json(line, message, 1);
+        const std::string line = json_of(data, 1);
         EXPECT_NE(line.find(std::string("\"kind\":\"") + kind_name(kind)), std::string::npos);
         EXPECT_EQ(line.find('\n'), line.size() - 1);
     }
     const std::string odd = trading_action("A\"\x01\xff", 'H', 1, "T1");
-    Message message;
-    ASSERT_TRUE(decode(message, odd));
-    std::string line;
-    append_message_json(line, message, 1);
+    const std::string line = json_of(odd, 1);
     EXPECT_NE(line.find(R"("symbol":"A\"\u0001\u00ff")"), std::string::npos) << line;
 }
 
-TEST(ListenMessageJson, UndecodedMessage_IsShownAsBytes) {
+TEST(MessageJson, UndecodedMessage_IsShownAsBytes) {
     std::string line;
     append_undecoded_json(line, raw("1X"), 2, 9, "no \"such\" thing");
     EXPECT_EQ(line,
@@ -48,4 +46,4 @@ TEST(ListenMessageJson, UndecodedMessage_IsShownAsBytes) {
 }
 
 }  // namespace
-}  // namespace tessel::listen
+}  // namespace tessel::layout
