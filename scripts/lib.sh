@@ -17,8 +17,8 @@ mapfile -t TOOL_PACKAGES < <(
     sed -n 's/^tessel_package(.* DEBIAN \([^ )]*\).*/\1/p' "$ROOT/cmake/packages.cmake"
 )
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
-TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest tshark
-    chromium valgrind jq procps iproute2)
+TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest mypy tshark
+    chromium valgrind jq procps iproute2 pkg-config)
 LINT_PACKAGES=(clang-format clang-tidy cppcheck shellcheck git python3)
 
 say() {

@@ -7,7 +7,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -59,9 +58,7 @@ int main(int argc, char** argv) {
     sinks.lost = [](std::uint64_t first, std::uint64_t lost) {
         std::fprintf(stderr, "lost: %ju messages from %ju on\n", std::uintmax_t{lost}, std::uintmax_t{first});
     };
-    sinks.request = [&](const unsigned char* bytes, std::size_t length) {
-        (void)!write(requests, bytes, length);
-    };
+    sinks.request = [&](const unsigned char* bytes, std::size_t length) { send(requests, bytes, length, 0); };
     Sequencer sequencer = make_sequencer(settings, sinks);
     while (market.messages < count) {
         const auto now_ms = static_cast<std::int64_t>(tessel::steady_ms());
