@@ -250,6 +250,10 @@ ControlReply handle_command(const ControlContext& context, const char* bytes, st
 
 int open_control_channel(std::uint16_t port) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        std::perror("tessel: control port");
+        return -1;
+    }
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -258,9 +262,7 @@ int open_control_channel(std::uint16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         std::perror("tessel: control port");
-        if (fd >= 0) {
-            close(fd);
-        }
+        close(fd);
         return -1;
     }
     fcntl(fd, F_SETFL, O_NONBLOCK);

@@ -117,11 +117,11 @@ void write_files_when_due(Feed& feed, std::uint64_t now_ms) {
     feed.last_files_ms = now_ms;
     if (!feed.config.book_out.empty()) {
         format_book(feed.file_text, feed.engine.instruments, wall_ns(feed.clock));
-        replace_file(feed.config.book_out, feed.file_text);
+        replace_file(feed.config.book_out, feed.file_text, feed.reserve);
     }
     if (!feed.config.bbo_out.empty()) {
         format_bbo(feed.file_text, feed.engine.instruments);
-        replace_file(feed.config.bbo_out, feed.file_text);
+        replace_file(feed.config.bbo_out, feed.file_text, feed.reserve);
     }
 }
 
@@ -179,6 +179,9 @@ bool start_feed(Feed& feed, ExitStatus& status, std::string& error) {
         if (!open_listener(feed.snapshot, config.snapshot_port, error)) {
             status = ExitStatus::cannot_listen;
             return false;
+        }
+        if (!config.book_out.empty() || !config.bbo_out.empty()) {
+            open_reserve(feed.reserve);  // before the first connection can take the last descriptor
         }
         print_banner(config);
         catch_stop_signals();  // only now: a signal during start-up ends the process

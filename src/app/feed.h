@@ -8,6 +8,7 @@
 #include "engine/scenario.h"
 #include "engine/sip_engine.h"
 #include "mold/publisher.h"
+#include "output/book_file.h"
 #include "snapshot/server.h"
 
 #include <poll.h>
@@ -44,6 +45,7 @@ struct Feed {
 
     std::vector<pollfd> poll_set;  // reused from pass to pass
     std::string file_text;         // likewise, for the book and BBO files
+    ReserveDescriptor reserve;     // for the same files
 };
 
 // Start-up after option parsing, in an order that is observable from outside. The caller has filled config

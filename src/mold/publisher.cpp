@@ -115,6 +115,9 @@ int open_retrans_socket(std::uint16_t port) {
     any.sin_addr.s_addr = htonl(INADDR_ANY);
     any.sin_port = htons(port);
     (void)setsockopt(opened, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    // Each request then comes with the address that it was sent to, from which its replies are to leave.
+    const int note_asked_address = 1;
+    (void)setsockopt(opened, IPPROTO_IP, IP_PKTINFO, &note_asked_address, sizeof note_asked_address);
     (void)bind(opened, reinterpret_cast<const sockaddr*>(&any), sizeof any);
     (void)fcntl(opened, F_SETFL, O_NONBLOCK);
     return opened;

@@ -13,18 +13,74 @@ namespace tessel {
 
 namespace {
 
-// Where the replies of one request go.
+// Where the replies of one request go, and from where.
 struct Requester {
     int socket = -1;
     sockaddr_in address{};
     socklen_t address_bytes = sizeof(sockaddr_in);
+    in_addr asked_address{};      // the local address that the request was sent to
+    bool is_asked_known = false;  // whether the system said which
+    std::size_t reply_bytes = 0;  // sent in this call, to all requesters
 };
+
+// Room for the one control message that carries an in_pktinfo.
+struct PacketInfoBuffer {
+    alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(sizeof(in_pktinfo))> bytes{};
+};
+
+// Reads one datagram, its sender and the address that it was sent to. The result is recvmsg's.
+ssize_t receive_request(Requester& requester, unsigned char* request, std::size_t room) {
+    PacketInfoBuffer info;
+    iovec data{request, room};
+    msghdr message{};
+    message.msg_name = &requester.address;
+    message.msg_namelen = sizeof requester.address;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = info.bytes.data();
+    message.msg_controllen = info.bytes.size();
+    const ssize_t received = recvmsg(requester.socket, &message, 0);
+    requester.address_bytes = message.msg_namelen;
+    requester.is_asked_known = false;
+    if (received < 0) {
+        return received;
+    }
+    const cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    if (header != nullptr && header->cmsg_level == IPPROTO_IP && header->cmsg_type == IP_PKTINFO) {
+        in_pktinfo asked{};
+        std::memcpy(&asked, CMSG_DATA(header), sizeof asked);
+        requester.asked_address = asked.ipi_spec_dst;
+        requester.is_asked_known = true;
+    }
+    return received;
+}
 
 // Replies are as lossy as the feed: the requester asks again for what did not come.
 void send_to_requester(void* context, const unsigned char* packet, std::size_t length) {
-    const Requester& requester = *static_cast<const Requester*>(context);
-    (void)sendto(requester.socket, packet, length, 0, reinterpret_cast<const sockaddr*>(&requester.address),
-                 requester.address_bytes);
+    Requester& requester = *static_cast<Requester*>(context);
+    requester.reply_bytes += length;
+    if (!requester.is_asked_known) {
+        (void)sendto(requester.socket, packet, length, 0,
+                     reinterpret_cast<const sockaddr*>(&requester.address), requester.address_bytes);
+        return;
+    }
+    PacketInfoBuffer info;
+    iovec data{const_cast<unsigned char*>(packet), length};  // sendmsg only reads it
+    msghdr message{};
+    message.msg_name = &requester.address;
+    message.msg_namelen = requester.address_bytes;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = info.bytes.data();
+    message.msg_controllen = info.bytes.size();
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo from{};
+    from.ipi_spec_dst = requester.asked_address;
+    std::memcpy(CMSG_DATA(header), &from, sizeof from);
+    (void)sendmsg(requester.socket, &message, 0);
 }
 
 // Sends the messages first to end - 1, which the history holds, as packets like those of the feed.
@@ -85,11 +141,8 @@ void serve_retransmissions(MoldPublisher& publisher) {
     requester.socket = publisher.retrans_socket;
     const PacketSink to_requester{send_to_requester, &requester};
     std::array<unsigned char, retrans_request_bytes_read> request;
-    while (true) {
-        requester.address_bytes = sizeof requester.address;
-        const ssize_t received =
-            recvfrom(requester.socket, request.data(), request.size(), 0,
-                     reinterpret_cast<sockaddr*>(&requester.address), &requester.address_bytes);
+    while (requester.reply_bytes < retrans_reply_bytes_max) {
+        const ssize_t received = receive_request(requester, request.data(), request.size());
         // Nothing waiting, an error or a datagram too short to be a request: each ends this call.
         const std::size_t length = received > 0 ? static_cast<std::size_t>(received) : 0;
         if (!answer_request(publisher, request.data(), length, to_requester)) {

@@ -4,8 +4,10 @@
 #include "output/number_text.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -38,6 +40,16 @@ char* put_levels(char* out, const PriceLevels& levels) {
     return out;
 }
 
+// Never waits for a FIFO's reader; a regular file is not affected by O_NONBLOCK.
+int open_temporary(const std::string& path) {
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
+}
+
+bool is_regular_file(int fd) {
+    struct stat found {};
+    return fstat(fd, &found) == 0 && S_ISREG(found.st_mode);
+}
+
 bool write_all(int fd, const std::string& text) {
     std::size_t written = 0;
     while (written < text.size()) {
@@ -52,19 +64,33 @@ bool write_all(int fd, const std::string& text) {
 
 }  // namespace
 
-void replace_file(const std::string& path, const std::string& text) {
-    const std::string twin = path + ".tmp";
-    const int fd = open(twin.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd >= 0) {
-        const bool whole = write_all(fd, text);
-        close(fd);
-        if (!whole) {
-            // A full disk: the observers keep the old file, and the room goes back.
-            unlink(twin.c_str());
-            return;
-        }
+void open_reserve(ReserveDescriptor& reserve) {
+    if (reserve.fd < 0) {
+        reserve.fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
-    static_cast<void>(std::rename(twin.c_str(), path.c_str()));
+}
+
+void replace_file(const std::string& path, const std::string& text, ReserveDescriptor& reserve) {
+    const std::string temporary_path = path + ".tmp";
+    int fd = open_temporary(temporary_path);
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE) && reserve.fd >= 0) {
+        close(reserve.fd);
+        reserve.fd = -1;
+        fd = open_temporary(temporary_path);
+    }
+    // A FIFO that nobody reads is refused with ENXIO.
+    bool written = fd >= 0 || errno != ENXIO;
+    if (fd >= 0) {
+        written = is_regular_file(fd) && write_all(fd, text);
+        close(fd);
+    }
+    open_reserve(reserve);
+    if (!written) {
+        // A full disk: the observers keep the old file, and the room goes back.
+        unlink(temporary_path.c_str());
+        return;
+    }
+    static_cast<void>(std::rename(temporary_path.c_str(), path.c_str()));
 }
 
 void append_book_member(std::string& text, const Instrument& instrument) {

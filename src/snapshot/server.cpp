@@ -343,14 +343,19 @@ LoginRequest read_login(std::span<const unsigned char> payload) {
 
 bool open_listener(SnapshotServer& server, std::uint16_t port, std::string& error) {
     server.listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(server.listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (bind(server.listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        listen(server.listener, listen_backlog) != 0) {
+    // Each call only when those before it succeeded, so that errno is that of the first failure.
+    bool listening = server.listener >= 0;
+    if (listening) {
+        const int on = 1;
+        setsockopt(server.listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_ANY);
+        listening = bind(server.listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                    listen(server.listener, listen_backlog) == 0;
+    }
+    if (!listening) {
         error = "tessel: cannot listen on Snap-Shot port " + std::to_string(port) + ": " +
                 std::strerror(errno) + "\n";
         return false;

@@ -1,11 +1,10 @@
 """Hostile and unlucky clients of the Snap-Shot service: the feed lives, ticks, and keeps its memory."""
 
+import json
 import os
 import random
-import resource
 import socket
 import subprocess
-import sys
 import time
 
 import pytest
@@ -258,38 +257,81 @@ def test_connection_number_1000_and_later_are_accepted_and_their_logins_rejected
 
 
 class LimitedFeed(Feed):
-    """A feed that may have 64 descriptors open."""
+    """A feed that may have so few descriptors open that a handful of connections uses them up."""
+
+    LIMIT = 16
 
     def command(self):
-        return [sys.executable, "-c",
-                "import os, resource, sys\n"
-                "resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))\n"
-                "os.execv(sys.argv[1], sys.argv[1:])", *super().command()]
+        return ["prlimit", f"--nofile={self.LIMIT}:{self.LIMIT}", *super().command()]
 
 
-def test_out_of_descriptors_the_feed_ticks_without_spinning_and_recovers(tmp_path):
-    assert resource.getrlimit(resource.RLIMIT_NOFILE)[0] > 200
-    with LimitedFeed(tmp_path, "--quiet", interval_ms=20, book=True) as feed:
+def book_time_ns(feed):
+    return json.loads(feed.book_path.read_text())["ts_ns"]
+
+
+def test_idle_connections_take_every_descriptor_the_feed_ticks_writes_its_files_and_recovers(tmp_path):
+    with LimitedFeed(tmp_path, "--quiet", interval_ms=20, book=True, bbo=True) as feed:
         feed.wait_for_messages(100)
         clients = []
         try:
-            while descriptors(feed) < 64:
+            while descriptors(feed) < feed.LIMIT:
                 clients.append(socket.create_connection(("127.0.0.1", feed.snapshot_port)))
                 let_it_accept(feed)
             for _ in range(4):  # these wait in the listener's queue
                 clients.append(socket.create_connection(("127.0.0.1", feed.snapshot_port)))
-            cpu = cpu_seconds(feed)
+            let_it_accept(feed)
+            cpu, begin = cpu_seconds(feed), time.monotonic()
             number = feed.next_seq()
-            time.sleep(2)
+            for _ in range(4):
+                now = time.time_ns()
+                wait_until(lambda: book_time_ns(feed) > now, what="a new book")
+                bbo = feed.bbo_path.stat().st_mtime_ns
+                wait_until(lambda: feed.bbo_path.stat().st_mtime_ns > bbo, what="a new BBO file")
             assert feed.next_seq() > number
-            # A loop that never rests would use two whole seconds.
-            assert cpu_seconds(feed) - cpu < 1.0
+            # A loop that never rests would use all of the time.
+            assert cpu_seconds(feed) - cpu < 0.7 * (time.monotonic() - begin)
+            assert descriptors(feed) == feed.LIMIT
         finally:
             for sock in clients:
                 sock.close()
-        wait_until(lambda: descriptors(feed) < 20, what="the connections' end")
+        wait_until(lambda: descriptors(feed) < feed.LIMIT - 2, what="the connections' end")
         assert_goes_on(feed)
         assert feed.stop() == 0
+
+
+class BarelyLimitedFeed(Feed):
+    """A feed with a limit on its descriptors, 0 to 2 included."""
+
+    limit = 0
+
+    def command(self):
+        return ["prlimit", f"--nofile={self.limit}:{self.limit}", *super().command()]
+
+
+def run_with_descriptors(tmp_path, limit):
+    """Starts a feed that may open so many: (exit status or None when it runs, its lines)."""
+    feed = BarelyLimitedFeed(tmp_path, truth=False)
+    feed.limit = limit
+    with feed.make_process() as child:
+        wait_until(lambda: not child.running() or any("UQDF+UTDF" in line for line in child.stderr),
+                   what="the start or the end")
+        status = None if child.running() else child.wait()
+        return status, child.stderr, feed.snapshot_port
+
+
+def test_no_descriptor_for_the_snapshot_port_at_start_is_reported_as_such(tmp_path):
+    # 0 to 2, the feed's, the retransmission service's and the control channel's socket.
+    status, lines, port = run_with_descriptors(tmp_path, 6)
+    assert status == 1
+    assert lines[-1] == f"tessel: cannot listen on Snap-Shot port {port}: Too many open files"
+    assert not any("control port" in line for line in lines)
+
+
+def test_no_descriptor_for_the_control_port_at_start_is_reported_as_such(tmp_path):
+    status, lines, port = run_with_descriptors(tmp_path, 5)
+    assert status == 1
+    assert "tessel: control port: Too many open files" in lines
+    assert lines[-1] == f"tessel: cannot listen on Snap-Shot port {port}: Too many open files"
 
 
 def test_ports_stay_usable_after_the_feed_was_killed_with_a_client_logged_in(tmp_path):

@@ -315,6 +315,70 @@ TEST(RetransmissionService, EmptyDatagram_EndsTheCall) {
     EXPECT_EQ(service.received(), "1+10");
 }
 
+// Requests for as much as there is: the call ends with the one that reaches the limit, and the next goes on
+// in order.
+TEST(RetransmissionService, RequestsForMoreThanTheLimit_TheRestWaitsForTheNextCallInOrder) {
+    constexpr std::size_t message_bytes = 1400;
+    constexpr std::uint16_t asked = 6000;
+    constexpr int requests = 5;
+    Service service;
+    service.test.add_many(asked, message_bytes);
+    for (std::uint16_t request = 0; request < requests; ++request) {
+        // Each asks from another number on, so that what comes shows whose answer it is.
+        service.send(request_for("UTPBENCH01", 1 + request, asked));
+    }
+    // The replies overflow the requester's buffer; what comes first of each answer is there, once it is read.
+    for (std::uint64_t request = 1; request <= requests; ++request) {
+        serve_retransmissions(service.test.publisher);
+        EXPECT_EQ(service.test.publisher.retrans_served, request);
+        EXPECT_EQ(service.received().substr(0, 3), std::to_string(request) + "+1");
+    }
+    serve_retransmissions(service.test.publisher);
+    EXPECT_EQ(service.test.publisher.retrans_served, 5u);
+}
+
+TEST(RetransmissionService, RequestsBelowTheLimit_AllAnsweredInOneCall) {
+    constexpr std::size_t reply_bytes = 20 + 2 + 1400;
+    constexpr std::size_t below = retrans_reply_bytes_max / reply_bytes / 4;
+    Service service;
+    service.test.add_many(below, 1400);
+    for (int request = 0; request < 5; ++request) {
+        service.send(request_for("UTPBENCH01", 1, below));
+    }
+    serve_retransmissions(service.test.publisher);
+    EXPECT_EQ(service.test.publisher.retrans_served, 5u);
+}
+
+// 127.0.0.0/8 is all this machine's: a service on every address, and requesters that ask it by two of them
+// over connected sockets, which receive from that address only.
+TEST(RetransmissionService, AskedBySeveralAddresses_EachReplyLeavesFromTheAddressThatWasAsked) {
+    TestPublisher test;
+    test.add_many(10);
+    test.publisher.retrans_socket = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    const int on = 1;
+    ASSERT_EQ(setsockopt(test.publisher.retrans_socket, IPPROTO_IP, IP_PKTINFO, &on, sizeof on), 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    socklen_t bytes = sizeof address;
+    ASSERT_EQ(bind(test.publisher.retrans_socket, reinterpret_cast<sockaddr*>(&address), bytes), 0);
+    ASSERT_EQ(getsockname(test.publisher.retrans_socket, reinterpret_cast<sockaddr*>(&address), &bytes), 0);
+    for (const std::uint32_t asked : {0x7f000001u, 0x7f000002u, 0x7f010203u}) {
+        address.sin_addr.s_addr = htonl(asked);
+        const int requester = socket(AF_INET, SOCK_DGRAM, 0);
+        ASSERT_EQ(connect(requester, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        const Bytes request = request_for("UTPBENCH01", 3, 4);
+        ASSERT_EQ(send(requester, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+        serve_retransmissions(test.publisher);
+        Bytes packet(2000);
+        const ssize_t length = recv(requester, packet.data(), packet.size(), MSG_DONTWAIT);
+        ASSERT_GT(length, 0) << "asked as 127." << (asked >> 16 & 255) << ".x." << (asked & 255);
+        packet.resize(static_cast<std::size_t>(length));
+        EXPECT_EQ(TestPublisher::summary({packet}), "3+4");
+        close(requester);
+    }
+    close(test.publisher.retrans_socket);
+}
+
 TEST(RetransmissionService, LongDatagram_OnlyItsRequestCounts) {
     Service service;
     service.test.add_many(10);

@@ -26,6 +26,13 @@ using testing::read_file;
 using testing::TempFolder;
 using testing::TestMarket;
 
+// The files without a reserve: these tests are not short of descriptors.
+void replace_file(const std::string& path, const std::string& text) {
+    ReserveDescriptor none;
+    tessel::replace_file(path, text, none);
+    close(none.fd);
+}
+
 std::string book(const TestMarket& market, std::uint64_t now_ns = 42) {
     std::string text;
     format_book(text, market.engine.instruments, now_ns);
@@ -186,6 +193,7 @@ TEST(ReplaceFile, WriteThatEndsHalfwayKeepsTheOldFile) {
     replace_file(path, "old\n");
     const pid_t child = fork();
     if (child == 0) {
+        // The feed ignores the signal; without that it would end here.
         signal(SIGXFSZ, SIG_IGN);
         const rlimit limit{1000, 1000};
         setrlimit(RLIMIT_FSIZE, &limit);
@@ -207,6 +215,67 @@ TEST(ReplaceFile, FailedOpenStillRenamesAnOlderTwin) {
     replace_file(path, "new\n");
     EXPECT_TRUE(std::filesystem::is_directory(path));
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+}
+
+// With nobody at the other end of the FIFO, opening it for writing would wait for ever.
+TEST(ReplaceFile, TemporaryIsAFifoThatNobodyReads_ReturnsAndKeepsTheOldFile) {
+    const TempFolder folder;
+    const std::string path = folder.path("book.json");
+    replace_file(path, "old\n");
+    ASSERT_EQ(mkfifo((path + ".tmp").c_str(), 0600), 0);
+    replace_file(path, "new\n");
+    EXPECT_EQ(read_file(path), "old\n");
+    replace_file(path, "newer\n");
+    EXPECT_EQ(read_file(path), "newer\n");
+}
+
+TEST(ReplaceFile, TemporaryIsAFifoWithAReader_NothingIsWrittenAndTheOldFileStays) {
+    const TempFolder folder;
+    const std::string path = folder.path("book.json");
+    replace_file(path, "old\n");
+    ASSERT_EQ(mkfifo((path + ".tmp").c_str(), 0600), 0);
+    const int reader = open((path + ".tmp").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    // Far more than a FIFO holds: writing it would wait, or be cut off.
+    replace_file(path, std::string(1'000'000, 'x'));
+    EXPECT_EQ(read_file(path), "old\n");
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, 1), 0) << "the end of file: nobody has it open and nothing came";
+    close(reader);
+}
+
+// A stale .tmp may be longer than what replaces it.
+TEST(ReplaceFile, LongerStaleTemporary_IsCutToTheNewText) {
+    const TempFolder folder;
+    const std::string path = folder.path("book.json");
+    std::ofstream(path + ".tmp") << std::string(1000, 'x');
+    replace_file(path, "new\n");
+    EXPECT_EQ(read_file(path), "new\n");
+}
+
+// In a process of its own, which then has no descriptor left.
+TEST(ReplaceFile, OutOfDescriptors_WrittenInPlaceOfTheReserveEachTime) {
+    const TempFolder folder;
+    const std::string path = folder.path("book.json");
+    const pid_t child = fork();
+    if (child == 0) {
+        ReserveDescriptor reserve;
+        open_reserve(reserve);
+        const rlimit limit{64, 64};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        while (open("/dev/null", O_RDONLY) >= 0) {}
+        for (const char* text : {"one\n", "two\n", "three\n"}) {
+            tessel::replace_file(path, text, reserve);
+            if (reserve.fd < 0 || open("/dev/null", O_RDONLY) >= 0) {
+                _exit(1);  // the reserve is open again, and nothing else is free
+            }
+        }
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(read_file(path), "three\n");
 }
 
 TEST(ReplaceFile, FolderThatDisappearsAndComesBackIsSurvived) {
