@@ -1,7 +1,9 @@
 # Shared by the scripts beside it: the tree's root, messages, packages, builds. Sourced, never run.
 # shellcheck shell=bash disable=SC2034
 
-ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# With CDPATH set, cd looks elsewhere first and prints where it went.
+unset CDPATH
+ROOT=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
 export ROOT
 
 # Build products do not depend on where the tree lies, so a compiler cache may be shared between trees.
@@ -33,8 +35,20 @@ as_root() {
     fi
 }
 
+# Whether packages can be installed here at all. If not, prints what the caller has to install.
+can_install() {
+    if ! command -v apt-get >/dev/null; then
+        say "missing: $*; there is no apt-get here: install them in your system's way"
+        return 1
+    fi
+    if [ "$(id -u)" != 0 ] && ! command -v sudo >/dev/null; then
+        say "missing: $*; neither root nor sudo here: have root run apt-get install $*"
+        return 1
+    fi
+}
+
 # Installs the packages named that are not there yet, and says which. When all are there it does nothing and
-# asks for no rights.
+# asks for no rights. When some cannot be installed it says which to install, and returns 1.
 install_missing() {
     local missing=() package
     for package in "$@"; do
@@ -45,14 +59,22 @@ install_missing() {
     if [ "${#missing[@]}" = 0 ]; then
         return 0
     fi
+    can_install "${missing[@]}" || return 1
     say "installing with apt: ${missing[*]}"
-    as_root apt-get -q -y update >/dev/null
+    # One package source that does not answer is no reason to stop: the others may have what is missing.
+    if ! as_root apt-get -q -y update >/dev/null; then
+        say "a package source could not be read; going on with the others"
+    fi
     # The capture tool asks whether users may capture; it must not ask here.
     if command -v debconf-set-selections >/dev/null; then
-        echo 'wireshark-common wireshark-common/install-setuid boolean false' | as_root debconf-set-selections
+        echo 'wireshark-common wireshark-common/install-setuid boolean false' |
+            as_root debconf-set-selections || true
     fi
-    as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get -q -y install --no-install-recommends "${missing[@]}" >/dev/null
+    if ! as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -y install --no-install-recommends "${missing[@]}" >/dev/null; then
+        say "not installed: ${missing[*]}; see apt's messages above, then install them by hand"
+        return 1
+    fi
 }
 
 # The same for node and npm, which may have come from elsewhere.
@@ -62,13 +84,26 @@ install_node() {
     fi
 }
 
+# own_folder FOLDER: makes the folder, or checks that it and build/ above it are the caller's. In a folder of
+# another user's (built as root, say) some files could be replaced and others not, in the middle of a build.
+own_folder() {
+    local folder=$1 each
+    for each in "$ROOT/build" "$folder"; do
+        if [ -e "$each" ] && ! { [ -O "$each" ] && [ -w "$each" ]; }; then
+            say "$each belongs to $(stat -L -c %U -- "$each"), not to you: remove it, or build as that user"
+            return 1
+        fi
+    done
+    mkdir -p -- "$folder"
+}
+
 # configure PRESET [cmake options]: quiet unless it fails.
 configure() {
     local preset=$1 log
     shift
-    mkdir -p "$ROOT/build/$preset"
+    own_folder "$ROOT/build/$preset" || return 1
     log=$ROOT/build/$preset/configure.log
-    if ! (cd "$ROOT" && cmake --preset "$preset" "$@") >"$log" 2>&1; then
+    if ! (cd -- "$ROOT" && cmake --preset "$preset" "$@") >"$log" 2>&1; then
         cat "$log" >&2
         return 1
     fi
@@ -94,16 +129,29 @@ has_target() {
     ninja -C "$ROOT/build/$1" -t query "$2" >/dev/null 2>&1
 }
 
+# How much longer than on an idle machine things may take: TESSEL_TIME_SCALE, or the number of processes that
+# wait for each processor now; a whole number from 1 to 10.
+time_scale() {
+    local scale=${TESSEL_TIME_SCALE:-}
+    if [ -z "$scale" ]; then
+        scale=$(awk -v jobs="$JOBS" '{ print $1 / jobs }' /proc/loadavg)
+    fi
+    awk -v scale="$scale" 'BEGIN {
+        whole = int(scale); if (whole < scale) ++whole
+        print whole < 1 ? 1 : whole > 10 ? 10 : whole
+    }'
+}
+
 # run_ctest PRESET [ctest options]: runs the tests of a build, prints what failed and the count of single
-# cases.
+# cases. An entry that has not ended after 240 seconds times the scale has failed.
 run_ctest() {
     local preset=$1 dir status=0
     shift
     dir=$ROOT/build/$preset
     rm -rf "$dir/junit" "$dir/ctest.xml"
     mkdir -p "$dir/junit"
-    ctest --test-dir "$dir" -j 4 --output-on-failure --output-junit "$dir/ctest.xml" "$@" \
-        >"$dir/ctest.log" 2>&1 || status=1
+    ctest --test-dir "$dir" -j 4 --timeout "$((240 * $(time_scale)))" --output-on-failure \
+        --output-junit "$dir/ctest.xml" "$@" >"$dir/ctest.log" 2>&1 || status=1
     if [ "$status" != 0 ]; then
         grep -v ' Passed \|^ *Start ' "$dir/ctest.log" | tail -n 200 >&2
     fi
