@@ -133,19 +133,8 @@ void print_summary_when_due(Feed& feed, std::uint64_t now_ms) {
 }
 
 // Waits for input, at most wait_ms. What it finds is not looked at: the next pass asks every socket anyway.
-// The feed's and the retransmission socket are not waited for.
 void wait_for_input(Feed& feed) {
-    feed.poll_set.clear();
-    // Without descriptors for it the listener would stay readable, and the loop would never rest; -1 is
-    // passed over.
-    feed.poll_set.push_back({feed.snapshot.accept_failing ? -1 : feed.snapshot.listener, POLLIN, 0});
-    if (feed.control_socket >= 0) {
-        feed.poll_set.push_back({feed.control_socket, POLLIN, 0});
-    }
-    for (const SnapshotConnection& connection : feed.snapshot.connections) {
-        assert(connection.fd >= 0);
-        feed.poll_set.push_back({connection.fd, POLLIN, 0});
-    }
+    list_inputs(feed);
     // A signal ends the wait early; the next pass sees what it asked for.
     poll(feed.poll_set.data(), feed.poll_set.size(), wait_ms);
 }
@@ -217,6 +206,20 @@ bool run_one_pass(Feed& feed, std::uint64_t now_ms) {
         print_summary_when_due(feed, now_ms);
     }
     return true;
+}
+
+void list_inputs(Feed& feed) {
+    feed.poll_set.clear();
+    // Without descriptors for it the listener would stay readable, and the loop would never rest; -1 is
+    // passed over.
+    feed.poll_set.push_back({feed.snapshot.accept_failing ? -1 : feed.snapshot.listener, POLLIN, 0});
+    if (feed.control_socket >= 0) {
+        feed.poll_set.push_back({feed.control_socket, POLLIN, 0});
+    }
+    for (const SnapshotConnection& connection : feed.snapshot.connections) {
+        assert(connection.fd >= 0);
+        feed.poll_set.push_back({connection.fd, POLLIN, 0});
+    }
 }
 
 std::uint64_t next_due_ms(const Feed& feed) {

@@ -57,6 +57,10 @@ bool start_feed(Feed& feed, ExitStatus& status, std::string& error);
 // False: the control channel has been asked to stop, and nothing else was done.
 bool run_one_pass(Feed& feed, std::uint64_t now_ms);
 
+// Fills feed.poll_set with what ends the wait between two passes: the listener, the control channel and every
+// Snap-Shot connection. The feed's and the retransmission socket are not waited for.
+void list_inputs(Feed& feed);
+
 // The steady time at which the next pass finds something to do by itself: a tick, a heartbeat, a scripted
 // event, a Snap-Shot connection's timer. UINT64_MAX: never. It may be in the past: due now.
 std::uint64_t next_due_ms(const Feed& feed);
