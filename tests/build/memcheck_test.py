@@ -10,6 +10,7 @@ from pathlib import Path
 from feed import Feed, Process, program
 from mold import Requester
 from soup import SoupClient, letters, packet
+from time_scale import scaled
 
 ERROR_STATUS = 99
 MEMCHECK = ["valgrind", "--quiet", "--leak-check=full", "--errors-for-leak-kinds=definite,indirect,possible",
@@ -28,7 +29,8 @@ def built(name):
 
 
 def run_under_memcheck(*command):
-    done = subprocess.run([*MEMCHECK, *command], capture_output=True, text=True, check=False, timeout=200)
+    done = subprocess.run([*MEMCHECK, *command], capture_output=True, text=True, check=False,
+                          timeout=scaled(200))
     assert done.returncode == 0, done.stdout[-4000:] + done.stderr[-4000:]
     return done.stdout
 

@@ -10,6 +10,7 @@ import time
 from feed import Feed, Process, program
 from mold import Listener
 from soup import SoupClient, login_request
+from time_scale import scaled
 from vitals import descriptors, longest_pause, resident_bytes
 
 STOPPED_SECONDS = 3
@@ -78,7 +79,7 @@ def send_commands(feed, commands):
     begin = time.monotonic()
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
         client.connect(("127.0.0.1", feed.control_port))
-        client.settimeout(30)
+        client.settimeout(scaled(30))
         sent = 0
         while len(answers) < len(commands):
             while sent < len(commands) and sent - len(answers) < UNANSWERED_MAX:

@@ -9,6 +9,7 @@ import pytest
 from feed import Feed, Process, program, wait_until
 from mold import Listener
 from soup import SoupClient, letters
+from time_scale import scaled
 from vitals import longest_pause, peak_resident_bytes
 
 # Of a feed with 8,000 instruments that ticks ten times a second. Measured: a pause of 0.23 s,
@@ -164,7 +165,7 @@ def test_retransmission_port_taken_leaves_requests_unanswered(tmp_path):
             feed.wait_for_messages(100)
             with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
                 client.sendto(b"hello", ("127.0.0.1", feed.retrans_port))
-            other.settimeout(30)
+            other.settimeout(scaled(30))
             assert other.recv(100) == b"hello"
             feed.wait_for_messages(feed.next_seq() + 50)
     assert feed.exit_code == 0

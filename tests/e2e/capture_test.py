@@ -11,6 +11,7 @@ import pytest
 from capture import (Capture, listen_to_capture, read_fields, read_messages, run_tshark, shown_by_listener,
                      soup_packet)
 from feed import Feed, program
+from time_scale import scaled
 
 # Everything that can happen, often, with no fault injected.
 SCENARIO = ("name=capture,halt_after=1,halt_secs=1,pause_after=1,pause_secs=1,trf_every=3,cancel_every=7,"
@@ -54,7 +55,7 @@ def wait_for_heartbeat(feed):
         listener.bind((feed.group, feed.port))
         listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                             socket.inet_aton(feed.group) + socket.inet_aton(feed.iface))
-        listener.settimeout(60)
+        listener.settimeout(scaled(60))
         while listener.recv(2048)[18:] != b"\0\0":
             pass
 
@@ -70,7 +71,7 @@ class Run:
             with feed:
                 feed.wait_for_messages(1500)
                 with socket.create_connection(("127.0.0.1", feed.snapshot_port), 30) as connection:
-                    connection.settimeout(60)
+                    connection.settimeout(scaled(60))
                     self.first_spin = log_in(connection, feed.session)
                     stir(feed)
                     self.second_spin = log_in(connection, feed.session)
@@ -181,6 +182,6 @@ def test_judge_finds_the_captured_run_to_be_the_truth(run, tmp_path):
     output.write_text("\n".join(listen_to_capture(run.path, *run.feed.receiver_args())) + "\n")
     done = subprocess.run([program("tessel-judge"), run.feed.truth_path, output], capture_output=True,
                           text=True,
-                          timeout=120, check=False)
+                          timeout=scaled(120), check=False)
     assert done.returncode == 0, done.stdout + done.stderr
     assert json.loads(output.read_text().splitlines()[0])["seq"] == run.truth[0]["seq"]

@@ -5,13 +5,14 @@ import subprocess
 from pathlib import Path
 
 from feed import program
+from time_scale import scaled
 
 DEMO = Path(__file__).resolve().parents[2] / "scripts" / "demo"
 
 
 def run(*args):
     env = dict(os.environ, TESSEL_BIN=str(Path(program("tessel")).parent))
-    return subprocess.run([DEMO, *args], capture_output=True, text=True, timeout=200, env=env)
+    return subprocess.run([DEMO, *args], capture_output=True, text=True, timeout=scaled(200), env=env)
 
 
 def test_demo_prints_two_good_verdicts_and_ends_with_0():

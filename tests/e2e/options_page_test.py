@@ -8,6 +8,7 @@ from pathlib import Path
 
 import pytest
 from feed import Feed, free_port, program, wait_until
+from time_scale import scaled
 
 PAGE = Path(__file__).resolve().parents[2] / "docs" / "options.md"
 
@@ -104,7 +105,7 @@ def test_shared_retransmission_port_is_answered_by_the_feed_started_last(tmp_pat
             Feed(folder(tmp_path, "b"), "--retrans-port", port, session="SECOND") as second:
         assert banner(first) and banner(second)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-            client.settimeout(30)
+            client.settimeout(scaled(30))
             # Asked in this order, an answer to the first request would come first.
             for session in (b"FIRST     ", b"SECOND    "):
                 client.sendto(session + struct.pack("!QH", 1, 1), ("127.0.0.1", port))
@@ -117,7 +118,7 @@ def test_shared_control_port_is_obeyed_by_the_feed_started_last(tmp_path):
             Feed(folder(tmp_path, "b"), "--control-port", port) as second:
         assert banner(first) and banner(second)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-            client.settimeout(30)
+            client.settimeout(scaled(30))
             client.sendto(b"mark here", ("127.0.0.1", port))
             assert client.recv(2048).startswith(b"ok mark here")
         assert second.wait_for_line("bench: mark here")
@@ -128,7 +129,7 @@ def test_taken_snapshot_port_ends_the_second_feed(tmp_path):
     with Feed(tmp_path) as feed:
         done = subprocess.run([program("tessel"), "--snapshot-port", str(feed.snapshot_port), "--port",
                                str(free_port()), "--retrans-port", str(free_port())],
-                              capture_output=True, text=True, timeout=60, check=False)
+                              capture_output=True, text=True, timeout=scaled(60), check=False)
         assert done.returncode == 1
         assert "tessel: cannot listen on Snap-Shot port" in done.stderr
 

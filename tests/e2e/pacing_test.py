@@ -9,6 +9,7 @@ import time
 import pytest
 from feed import Feed, Process, program, wait_until
 from mold import Listener
+from time_scale import scaled
 
 STATS = r"bench: stats quotes=\d+ .*snapshot_rejects=\d+ next_seq=\d+"
 FAULTS = r"tessel faults: sent \d+ dropped \d+ duplicated \d+ reordered \d+"
@@ -44,7 +45,7 @@ def test_interval_minus_one_no_ticks_but_heartbeats_files_snap_shot_and_control_
         for path in (feed.book_path, feed.bbo_path):
             written = path.stat().st_mtime_ns
             wait_until(lambda: path.stat().st_mtime_ns > written, what=f"{path.name} written again")
-        with socket.create_connection(("127.0.0.1", feed.snapshot_port), timeout=30) as client:
+        with socket.create_connection(("127.0.0.1", feed.snapshot_port), timeout=scaled(30)) as client:
             client.sendall(struct.pack(">Hc", 47, b"L") + b"LATE  " + b" " * 10 + b" " * 10 + b" " * 20)
             assert client.recv(3)[2:3] == b"A"
     assert feed.exit_code == 0
@@ -88,7 +89,7 @@ def test_interval_zero_ticks_in_every_pass(tmp_path):
         # Busy sockets make the passes, and with them the ticks, come faster.
         ticks = len(tick_times(listener))
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-            client.settimeout(30)
+            client.settimeout(scaled(30))
             for _ in range(200):
                 client.sendto(b"stats", ("127.0.0.1", feed.control_port))
                 client.recv(4096)
@@ -162,7 +163,7 @@ def test_stop_command_replies_prints_the_faults_summary_alone_and_ends_with_0(tm
     with Feed(tmp_path, interval_ms=10) as feed:
         feed.wait_for_messages(100)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-            client.settimeout(30)
+            client.settimeout(scaled(30))
             client.sendto(b"stop\n", ("127.0.0.1", feed.control_port))
             client.sendto(b"mark behind\n", ("127.0.0.1", feed.control_port))
             assert client.recv(100) == b"ok stopping"  # without a line feed

@@ -6,6 +6,7 @@ import sys
 from pathlib import Path
 
 from feed import Feed
+from time_scale import scaled
 
 PAGE = Path(__file__).resolve().parents[2] / "docs" / "receiving.md"
 
@@ -19,7 +20,8 @@ def test_the_pages_receiver_joins_late_and_recovers_what_is_dropped(tmp_path):
         code = code.replace(old, str(new))
     with feed:
         feed.wait_for_messages(500)
-        result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+        result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
+                                timeout=scaled(120))
         stats = feed.stats()
         truth = {line["seq"]: line for line in feed.truth() if "mark" not in line}
     assert result.returncode == 0, result.stderr

@@ -1,5 +1,5 @@
-"""The retransmission service of a running feed: where its replies come from, and what a flood of requests cannot
-hold up."""
+"""The retransmission service of a running feed: where its replies come from, and what a flood of requests
+cannot hold up."""
 
 import signal
 import socket

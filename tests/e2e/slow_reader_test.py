@@ -9,6 +9,7 @@ import termios
 import time
 
 from feed import Feed, wait_until
+from time_scale import scaled
 
 SMALL_PIPE_BYTES = 4096
 LONGEST_LINE_BYTES = 1024  # the line that does not fit any more may be a long one
@@ -36,7 +37,7 @@ def test_line_that_waits_for_its_reader_survives_an_interrupt(tmp_path):
         child.send_signal(signal.SIGINT)
         time.sleep(0.2)  # the signal comes while the line waits
         lines = child.stderr.read().decode().splitlines()
-        assert child.wait(60) == 0
+        assert child.wait(scaled(60)) == 0
     finally:
         child.kill()
         child.wait()

@@ -8,6 +8,7 @@ from pathlib import Path
 
 import pytest
 from feed import Feed, wait_until
+from time_scale import scaled
 
 PAGE = Path(__file__).resolve().parents[2] / "docs" / "steering.md"
 
@@ -42,7 +43,8 @@ def test_the_pages_own_shell_function_talks_to_the_feed(tmp_path):
     function = re.search(r"^tell\(\).*$", PAGE.read_text(), re.M).group(0)
     with Feed(tmp_path) as feed:
         script = function.replace("25180", str(feed.control_port)) + "\ntell drop 2\ntell stop\n"
-        done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=60, check=True)
+        done = subprocess.run(["bash", "-c", script], capture_output=True, text=True,
+                              timeout=scaled(60), check=True)
         assert done.stdout == "ok drop 2\nok stopping"
         assert feed.wait() == 0
 

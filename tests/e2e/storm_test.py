@@ -8,6 +8,7 @@ import string
 import pytest
 from feed import Feed, wait_until
 from mold import HEADER, Requester, split_packet
+from time_scale import scaled
 
 # What a storm may add to the resident memory: some hundred kB as measured, most of it the history of the
 # messages made meanwhile. 10,000 datagrams that each left 450 bytes behind would break it.
@@ -109,7 +110,7 @@ def test_10000_random_datagrams_to_the_retransmission_port(tmp_path):
 
 def raw_reply(feed, data):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-        client.settimeout(30)
+        client.settimeout(scaled(30))
         client.sendto(data, ("127.0.0.1", feed.control_port))
         return client.recv(65536)
 
@@ -171,7 +172,8 @@ def test_storms_on_every_port_at_once_end_in_a_clean_stop(tmp_path):
             control.sendto(random_bytes(chooser, 600), ("127.0.0.1", feed.control_port))
             noise.send_bytes(chooser.randbytes(64))
             if number % 100 == 0:
-                with socket.create_connection(("127.0.0.1", feed.snapshot_port), timeout=30) as client:
+                with socket.create_connection(("127.0.0.1", feed.snapshot_port),
+                                              timeout=scaled(30)) as client:
                     client.sendall(chooser.randbytes(300))
                 assert feed.control("stats").startswith("ok quotes=")
         wait_until(lambda: feed.control("band AAPL") == "ok band AAPL", what="an answer")

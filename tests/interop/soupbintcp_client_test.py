@@ -8,6 +8,7 @@ from pathlib import Path
 import pytest
 from feed import Feed
 from soup import SoupClient, end_of_snapshot, letters
+from time_scale import scaled
 
 NPM = Path(__file__).resolve().parent / "npm"
 CLIENT_SECONDS = 120
@@ -18,13 +19,14 @@ def library():
     """The pinned library, installed when it is not there yet."""
     assert shutil.which("node"), "node is needed"
     if not (NPM / "node_modules" / "soupbintcp" / "package.json").exists():
-        subprocess.run(["npm", "ci", "--no-audit", "--no-fund"], cwd=NPM, check=True, timeout=300)
+        subprocess.run(["npm", "ci", "--no-audit", "--no-fund"], cwd=NPM, check=True, timeout=scaled(300))
 
 
 def run_client(feed, user="NODE", session="", sequence="0", heartbeats=1):
     """What client.js saw."""
     words = ["node", "client.js", str(feed.snapshot_port), user, session, sequence, str(heartbeats)]
-    done = subprocess.run(words, cwd=NPM, capture_output=True, text=True, timeout=CLIENT_SECONDS, check=False)
+    done = subprocess.run(words, cwd=NPM, capture_output=True, text=True,
+                          timeout=scaled(CLIENT_SECONDS), check=False)
     assert done.returncode == 0, done.stdout + done.stderr
     seen = json.loads(done.stdout)
     seen["messages"] = [bytes.fromhex(message) for message in seen["messages"]]

@@ -11,6 +11,7 @@ import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 from feed import Process, free_port, program, wait_until
+from time_scale import scaled
 
 SOURCE = Path(os.environ.get("TESSEL_SOURCE") or Path(__file__).resolve().parents[2])
 DISSECTOR = SOURCE / "tools" / "wireshark" / "tessel.lua"
@@ -81,7 +82,7 @@ def run_tshark(*args, dissector=True, seconds=240):
     """tshark's standard output. A script error or a refused option fails."""
     script = ["-X", f"lua_script:{DISSECTOR}"] if dissector else []
     done = subprocess.run(["tshark", *script, *map(str, args)], capture_output=True, text=True,
-                          errors="replace", timeout=seconds,
+                          errors="replace", timeout=scaled(seconds),
                           check=False, env={**os.environ, "TZ": "UTC", "LC_ALL": "C"})
     assert done.returncode == 0, done.stderr
     assert "Lua" not in done.stderr and "Lua Error" not in done.stdout, done.stderr
@@ -150,7 +151,7 @@ def shown_by_listener(line):
 def listen_to_capture(path, *args):
     """The lines that tessel-listen writes about a capture."""
     done = subprocess.run([program("tessel-listen"), "--from-pcap", str(path), "--out", "-", *map(str, args)],
-                          capture_output=True, text=True, timeout=240, check=False)
+                          capture_output=True, text=True, timeout=scaled(240), check=False)
     assert done.returncode == 0, done.stderr
     return done.stdout.splitlines()
 

@@ -11,7 +11,6 @@ known before the feed starts: a receiver that has to see the first message is st
 The programs are looked for in the folder that the environment variable TESSEL_BIN names.
 """
 
-import fcntl
 import json
 import os
 import random
@@ -21,12 +20,13 @@ import signal
 import socket
 import struct
 import subprocess
-import tempfile
 import threading
 import time
 from pathlib import Path
 
-# Generous: the machine that runs the tests may be busy with others.
+from time_scale import scaled
+
+# On an idle machine; each is stretched by what this one is busy with.
 START_SECONDS = 60
 STOP_SECONDS = 60
 REPLY_SECONDS = 30
@@ -52,43 +52,49 @@ def program(name):
 
 
 def wait_until(condition, seconds=START_SECONDS, what="the condition"):
-    """Calls `condition` until it returns something true, which is returned; fails after `seconds`."""
-    end = time.monotonic() + seconds
+    """Calls `condition` until it returns something true, which is returned; fails after `seconds`, scaled."""
+    begin = time.monotonic()
     while True:
         result = condition()
         if result:
             return result
-        if time.monotonic() > end:
-            raise TimeoutError(f"waited {seconds} s for {what}")
+        elapsed = time.monotonic() - begin
+        if elapsed > scaled(seconds):
+            raise TimeoutError(f"waited {elapsed:.1f} s for {what}")
         time.sleep(0.01)
 
 
 class PortLease:
-    """One free port number, for TCP and UDP alike, that no other test takes while the lease is held."""
+    """One free port number, for TCP and UDP alike, that no other test takes while the lease is held.
+
+    The lease is a socket in the abstract namespace, bound to a name made of the number: the system lets one
+    process bind it, whoever that is, and takes it back when that process ends. Nothing is left on any disk.
+    Names and ports alike belong to a network namespace."""
 
     def __init__(self):
         for _ in range(1000):
             number = _chooser.randint(PORT_FIRST, PORT_LAST)
-            lock = os.open(os.path.join(tempfile.gettempdir(), f"tessel-test-port-{number}.lock"),
-                           os.O_CREAT | os.O_RDWR, 0o666)
+            lease = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
             try:
-                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                lease.bind(lease_name(number))
                 with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp, \
                         socket.socket(socket.AF_INET, socket.SOCK_STREAM) as tcp:
                     udp.bind(("", number))
                     tcp.bind(("", number))
             except OSError:
-                os.close(lock)
+                lease.close()
                 continue
             self.number = number
-            self._lock = lock
+            self._lease = lease
             return
         raise RuntimeError("no free port found")
 
     def release(self):
-        if self._lock is not None:
-            os.close(self._lock)
-            self._lock = None
+        self._lease.close()
+
+
+def lease_name(number):
+    return f"\0tessel-test-port-{number}"
 
 
 def free_port():
@@ -146,7 +152,7 @@ class Process:
         def matches(line):
             return pattern.search(line) if isinstance(pattern, re.Pattern) else pattern in line
 
-        end = time.monotonic() + seconds
+        begin = time.monotonic()
         seen = 0
         with self._changed:
             while True:
@@ -155,20 +161,21 @@ class Process:
                         return self._lines[seen]
                     seen += 1
                 ended = not self._reader.is_alive()
-                if ended or time.monotonic() > end:
+                elapsed = time.monotonic() - begin
+                if ended or elapsed > scaled(seconds):
                     text = "\n".join(self._lines[-40:])
-                    why = "it ended" if ended else f"{seconds} s passed"
+                    why = "it ended" if ended else f"{elapsed:.1f} s passed"
                     raise AssertionError(f"no line with {pattern!r}: {why}; its last lines:\n{text}")
                 self._changed.wait(0.05)
 
     def wait(self, seconds=STOP_SECONDS):
         """Waits for the process to end by itself and returns its exit status."""
         try:
-            code = self.process.wait(seconds)
+            code = self.process.wait(scaled(seconds))
         except subprocess.TimeoutExpired:
             self.kill()
             raise
-        self._reader.join(seconds)
+        self._reader.join(scaled(seconds))
         return code
 
     def stop(self, number=signal.SIGINT, seconds=STOP_SECONDS):
@@ -220,6 +227,7 @@ class Feed:
                          "--seed": seed, "--truth-out": self.truth_path, "--book-out": self.book_path,
                          "--bbo-out": self.bbo_path}
         self.exit_code = None
+        self.stop_seconds = STOP_SECONDS
         self._child = None
 
     def command(self):
@@ -250,20 +258,34 @@ class Feed:
     def __enter__(self):
         return self if self._child is not None else self.start()
 
-    def __exit__(self, *_):
+    def __exit__(self, kind=None, *_):
+        """Stops a feed that still runs. Fails when it does not end, or not well, unless the test has failed
+        already. One whose end the test has asked for, by stop() or wait(), is not judged again."""
         try:
             if self._child is not None and self.exit_code is None:
-                if self._child.running():
-                    self._child.process.send_signal(signal.SIGINT)
-                    try:
-                        self._child.process.wait(STOP_SECONDS)
-                    except subprocess.TimeoutExpired:
-                        pass
-                self._child.kill()
-                self.exit_code = self._child.process.returncode
+                self._end(expect_well=kind is None)
         finally:
             for lease in self._leases:
                 lease.release()
+
+    def _end(self, expect_well):
+        was_running = self._child.running()
+        hangs = False
+        if was_running:
+            self._child.process.send_signal(signal.SIGINT)
+            try:
+                self._child.process.wait(scaled(self.stop_seconds))
+            except subprocess.TimeoutExpired:
+                hangs = True
+        self._child.kill()
+        self.exit_code = self._child.process.returncode
+        if not expect_well:
+            return
+        last = "\n".join(self.stderr[-20:])
+        if hangs:
+            raise AssertionError(f"the feed did not end when it was interrupted; its last lines:\n{last}")
+        if was_running and self.exit_code != 0:
+            raise AssertionError(f"the feed ended with {self.exit_code}, not 0; its last lines:\n{last}")
 
     @property
     def process(self):
@@ -299,7 +321,7 @@ class Feed:
         A command is sent once only, because most of them are not safe to repeat."""
         data = command if isinstance(command, bytes) else command.encode()
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-            client.settimeout(REPLY_SECONDS)
+            client.settimeout(scaled(REPLY_SECONDS))
             client.connect(("127.0.0.1", self.control_port))
             client.send(data)
             return client.recv(65536).decode("utf-8", "replace").rstrip("\n")
@@ -338,7 +360,7 @@ class Feed:
         next number to be given. Commands still make messages afterwards; "rate" brings the ticks back."""
         with self.tap() as tap:
             self.control("rate 1000000")
-            end = time.monotonic() + seconds
+            end = time.monotonic() + scaled(seconds)
             while time.monotonic() < end:
                 tap.settimeout(max(0.01, end - time.monotonic()))
                 packet = tap.recv(2048)
