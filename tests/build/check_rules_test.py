@@ -93,7 +93,8 @@ def test_a_source_without_a_unit_test_is_found(tmp_path):
 
 
 def test_a_second_part_of_a_unit_test_needs_the_first_ones_source(tmp_path):
-    findings = findings_of(tmp_path, {"src/wire/a_b.cpp": "// text\n", "tests/unit/wire/a_b_test.cpp": "// text\n",
+    findings = findings_of(tmp_path, {"src/wire/a_b.cpp": "// text\n",
+                                      "tests/unit/wire/a_b_test.cpp": "// text\n",
                                       "tests/unit/wire/a_b_part_two_test.cpp": "// text\n",
                                       "tests/unit/wire/a_part_test.cpp": "// text\n"})
     assert findings == ["tests/unit/wire/a_part_test.cpp:1: no source: the file it tests would be "

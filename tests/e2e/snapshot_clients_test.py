@@ -292,7 +292,8 @@ def test_idle_connections_take_every_descriptor_the_feed_ticks_writes_its_files_
                 now = time.time_ns()
                 wait_until(lambda: is_newer(lambda: book_time_ns(feed), now), what="a new book")
                 bbo = feed.bbo_path.stat().st_mtime_ns
-                wait_until(lambda: is_newer(lambda: feed.bbo_path.stat().st_mtime_ns, bbo), what="a new BBO file")
+                wait_until(lambda: is_newer(lambda: feed.bbo_path.stat().st_mtime_ns, bbo),
+                           what="a new BBO file")
             assert feed.next_seq() > number
             # A loop that never rests would use all of the time.
             assert cpu_seconds(feed) - cpu < 0.7 * (time.monotonic() - begin)
