@@ -42,7 +42,7 @@ if(fuzz_files AND TARGET tessel_test_support)
       string(APPEND fuzz_rows "    {\"${name}\", fuzz_${name}},\n")
       add_test(NAME fuzz.${name} COMMAND fuzz_corpus ${name} ${corpus})
     endif()
-    set_tests_properties(fuzz.${name} PROPERTIES LABELS fuzz TIMEOUT 120 WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
+    set_tests_properties(fuzz.${name} PROPERTIES LABELS fuzz WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
   endforeach()
   if(NOT TESSEL_SANITIZE)
     file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/fuzz_wrappers/fuzz_targets.inc CONTENT

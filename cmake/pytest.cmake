@@ -14,8 +14,7 @@ function(tessel_pytest folder label)
     set_tests_properties(${label}.${stem} PROPERTIES
       ENVIRONMENT "TESSEL_BIN=${CMAKE_BINARY_DIR};TESSEL_BUILD=${CMAKE_BINARY_DIR};TESSEL_SOURCE=${PROJECT_SOURCE_DIR};PYTHONPATH=${PROJECT_SOURCE_DIR}/tests;PYTHONDONTWRITEBYTECODE=1"
       WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-      LABELS ${label}
-      TIMEOUT 240)
+      LABELS ${label})
   endforeach()
 endfunction()
 

@@ -54,8 +54,7 @@ function(tessel_gtest name label shards)
     set_tests_properties(${name}.${shard} PROPERTIES
       ENVIRONMENT "GTEST_TOTAL_SHARDS=${shards};GTEST_SHARD_INDEX=${shard};GTEST_OUTPUT=xml:${CMAKE_BINARY_DIR}/junit/${name}.${shard}.xml;TESSEL_BIN=${CMAKE_BINARY_DIR};TESSEL_BUILD=${CMAKE_BINARY_DIR};TESSEL_SOURCE=${PROJECT_SOURCE_DIR}"
       WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-      LABELS ${label}
-      TIMEOUT 240)
+      LABELS ${label})
   endforeach()
 endfunction()
 
@@ -98,4 +97,4 @@ endif()
 add_test(NAME simulator.runs COMMAND tessel_simulator --runs ${simulator_runs})
 add_test(NAME simulator.canaries
          COMMAND tessel_simulator --canaries --junit ${CMAKE_BINARY_DIR}/junit/simulator.canaries.xml)
-set_tests_properties(simulator.runs simulator.canaries PROPERTIES LABELS simulator TIMEOUT 240)
+set_tests_properties(simulator.runs simulator.canaries PROPERTIES LABELS simulator)

@@ -138,7 +138,9 @@ time_scale() {
     fi
     awk -v scale="$scale" 'BEGIN {
         whole = int(scale); if (whole < scale) ++whole
-        print whole < 1 ? 1 : whole > 10 ? 10 : whole
+        if (whole < 1) whole = 1
+        if (whole > 10) whole = 10
+        print whole
     }'
 }
 
