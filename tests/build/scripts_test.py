@@ -1,5 +1,5 @@
-"""The scripts on machines that are not as they expect: each test makes a small machine of stubs, with a copy of
-the tree's scripts in it, and looks at what a script says and which commands it runs. Nothing is built."""
+"""The scripts on machines that are not as they expect. Each test makes a small machine of stubs, with a copy
+of the scripts in it, and looks at what a script says and which commands it runs. Nothing is built."""
 
 import os
 import shutil
@@ -12,9 +12,8 @@ from time_scale import scaled
 ROOT = Path(os.environ.get("TESSEL_SOURCE", Path(__file__).resolve().parents[2]))
 
 # What the scripts use of a Debian machine before any package is installed.
-TOOLS = ["awk", "bash", "basename", "cat", "chmod", "cmp", "cp", "cut", "dirname", "env", "grep", "head", "id",
-         "ln", "mkdir", "mktemp", "nproc", "pwd", "readlink", "rm", "sed", "sleep", "stat", "tail", "touch", "tr",
-         "true"]
+TOOLS = """awk bash basename cat chmod cmp cp cut dirname env grep head id ln mkdir mktemp nproc pwd readlink
+rm sed sleep stat tail touch tr true""".split()
 
 # Each notes its command line in the file calls.
 STUBS = {

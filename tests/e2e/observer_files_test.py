@@ -5,11 +5,13 @@ import os
 import re
 import resource
 import shutil
+import signal
 import subprocess
 import threading
 import time
 
-from feed import Feed, wait_until
+from feed import Feed, Process, wait_until
+from time_scale import scaled
 
 # As fast as it can, for so long. The files are replaced four times a second.
 READER_SECONDS = 10
@@ -194,13 +196,46 @@ def test_truth_log_that_cannot_be_opened_is_not_an_end(tmp_path):
 
 
 class SizeLimitedFeed(Feed):
-    """A feed that may write no file beyond 20,000 bytes: what a full disk looks like to it."""
+    """A feed that may write no file beyond 20,000 bytes: a full disk, but for the signal that comes with it.
+    It is started without Python in between, which would have it ignored already."""
 
     def command(self):
-        return ["/usr/bin/python3", "-c",
-                "import os, resource, sys\n"
-                "resource.setrlimit(resource.RLIMIT_FSIZE, (20000, 20000))\n"
-                "os.execv(sys.argv[1], sys.argv[1:])", *super().command()]
+        return ["prlimit", "--fsize=20000:20000", *super().command()]
+
+
+def ignored_signals(pid):
+    """The set of signals that a process ignores."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        mask = next(int(line.split()[1], 16) for line in status if line.startswith("SigIgn:"))
+    return {number for number in range(1, 65) if mask >> (number - 1) & 1}
+
+
+def test_feed_ignores_the_signals_of_write_errors_by_itself(tmp_path):
+    """A child of these tests starts with the usual reaction to every signal, and the feed changes it."""
+    with Process(["sleep", "600"]) as other:
+        assert not ignored_signals(other.pid) & {signal.SIGPIPE, signal.SIGXFSZ}
+    with Feed(tmp_path) as feed:
+        assert {signal.SIGPIPE, signal.SIGXFSZ} <= ignored_signals(feed.pid)
+
+
+def test_reader_of_standard_error_that_goes_away_is_not_an_end(tmp_path):
+    feed = Feed(tmp_path, "--dup-every", "1", interval_ms=10)
+    child = subprocess.Popen(feed.command(), env=feed.environment(), stderr=subprocess.PIPE)
+    try:
+        for line in child.stderr:
+            if b"UQDF+UTDF" in line:
+                break
+        child.stderr.close()
+        # Every packet prints a line now, into a pipe that nobody has.
+        number = feed.next_seq()
+        feed.wait_for_messages(number + 200)
+        assert feed.stats()["duplicated"] > 10
+        child.send_signal(signal.SIGTERM)
+        assert child.wait(scaled(60)) == 0
+    finally:
+        child.kill()
+        child.wait()
+        feed.__exit__()
 
 
 def test_file_size_limit_ends_the_truth_log_in_whole_lines_or_a_cut_last_one_and_not_the_process(tmp_path):

@@ -19,6 +19,12 @@ def peak_resident_bytes(pid):
     return _status_bytes(pid, "VmHWM")
 
 
+def process_state(pid):
+    """The letter that the system gives for it: R running, S sleeping, T stopped and so on."""
+    with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
+        return stat.read().rsplit(")", 1)[1].split()[0]
+
+
 def descriptors(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
