@@ -76,6 +76,7 @@ void send_login_accepted(const SnapshotConnection& connection,
 // The spin on its way to one client. The limit on waits is the whole spin's.
 struct SpinSender {
     int fd = -1;
+    WaitForReader wait = nullptr;
     int waits = 0;
     bool given_up = false;
 };
@@ -96,8 +97,7 @@ void send_patiently(void* context, const unsigned char* bytes, std::size_t size)
             return;
         }
         ++sender.waits;
-        pollfd writable{sender.fd, POLLOUT, 0};
-        poll(&writable, 1, spin_wait_ms);
+        sender.wait(sender.fd, spin_wait_ms);
     }
 }
 
@@ -205,6 +205,7 @@ void serve_spin(SnapshotServer& server, SipEngine& engine, SnapshotConnection& c
     const std::uint64_t spin_time_ns = wall_ns(*engine.clock);
     SpinSender sender;
     sender.fd = connection.fd;
+    sender.wait = server.wait_for_reader;
     server.spin.sink = connection.peer != nullptr ? connection.peer->sink : SpinSink{send_patiently, &sender};
     build_spin(server.spin, engine, spin_time_ns);
     append_end_of_snapshot(server.spin, spin_time_ns, last_sequence(publisher));
@@ -339,6 +340,11 @@ LoginRequest read_login(std::span<const unsigned char> payload) {
     login.session = cut_field(payload, 16, session_bytes);
     login.sequence = std::strtoull(cut_field(payload, 26, sequence_bytes).c_str(), nullptr, 10);
     return login;
+}
+
+void wait_until_writable(int fd, int at_most_ms) {
+    pollfd writable{fd, POLLOUT, 0};
+    poll(&writable, 1, at_most_ms);
 }
 
 bool open_listener(SnapshotServer& server, std::uint16_t port, std::string& error) {

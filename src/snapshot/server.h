@@ -74,7 +74,12 @@ struct SnapshotConnection {
     std::vector<unsigned char> input;  // received, not parsed; at most soup_input_bytes_max
 };
 
+// Waits until the socket takes bytes again, at most so many milliseconds.
+using WaitForReader = void (*)(int fd, int at_most_ms);
+void wait_until_writable(int fd, int at_most_ms);
+
 struct SnapshotServer {
+    WaitForReader wait_for_reader = wait_until_writable;  // a test counts the waits instead
     int listener = -1;
     bool accept_failing = false;  // out of descriptors: the listener stays readable and is not waited for
     std::uint32_t connections_accepted = 0;       // of the run

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <cerrno>
 
 namespace tessel {
 namespace {
@@ -392,6 +393,23 @@ TEST(ControlChannel, OpeningNamesEveryCommand) {
               "| reorder_every N | rate MS | mark LABEL | stats | stop | halt SYM | resume SYM | luld_pause "
               "SYM | band "
               "SYM | mwcb LEVEL | trf N | cancel N | correct N | close SYM | asof SYM | wipeout MC)\n");
+}
+
+TEST(ControlChannel, Opened_BoundToTheLoopbackAddressOnly) {
+    const Channel channel;
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(channel.fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    EXPECT_EQ(ntohl(address.sin_addr.s_addr), INADDR_LOOPBACK);
+    // A command to any other address of this machine does not get there.
+    address.sin_addr.s_addr = htonl(0x7f000002);
+    const int client = socket(AF_INET, SOCK_DGRAM, 0);
+    EXPECT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), length), 0);
+    EXPECT_EQ(send(client, "pause", 5, 0), 5);
+    char reply[100];
+    EXPECT_EQ(recv(client, reply, sizeof reply, 0), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    close(client);
 }
 
 TEST(ControlChannel, EveryWaitingCommandIsAnsweredInOrder) {

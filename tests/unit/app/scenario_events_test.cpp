@@ -76,6 +76,13 @@ TEST(ScenarioEvents, PauseTakesTheSecondInstrument) {
     EXPECT_EQ(script.market.at(1).status, 'Q');
 }
 
+TEST(ScenarioEvents, PauseWithExactlyTwoInstruments_TakesTheSecond) {
+    Script script({.symbols = "A:10,B:20", .scenario = "pause_after=1"});
+    script.passes(10);
+    EXPECT_EQ(script.market.at(0).status, 'T');
+    EXPECT_EQ(script.market.at(1).status, 'P');
+}
+
 TEST(ScenarioEvents, PauseWithASingleInstrumentTakesThatOne) {
     Script script({.symbols = "IBM:100", .scenario = "pause_after=2"});
     script.passes(20);
