@@ -2,9 +2,10 @@
 // model and never by the program, so the program cannot agree with its own mistake. TESSEL_UPDATE_GOLDEN=1
 // rewrites it.
 
-#include "support/model/layout.h"
+#include "support/message_difference.h"
 #include "support/model/model.h"
 #include "support/test_market.h"
+#include "wire/layout.h"
 
 #include <gtest/gtest.h>
 
@@ -37,7 +38,7 @@ std::vector<std::string> model_messages() {
     }
     std::vector<std::string> messages;
     for (std::size_t i = 0; i < golden_messages; ++i) {
-        messages.push_back(model::without_times(feed.messages[i]));
+        messages.push_back(testing::without_times(feed.messages[i]));
     }
     return messages;
 }
@@ -50,7 +51,7 @@ std::vector<std::string> program_messages() {
     }
     std::vector<std::string> messages;
     for (const testing::Bytes& message : market.messages(1, golden_messages)) {
-        messages.push_back(model::without_times({message.begin(), message.end()}));
+        messages.push_back(testing::without_times({message.begin(), message.end()}));
     }
     return messages;
 }
@@ -72,7 +73,7 @@ std::vector<GoldenLine> read_golden() {
         GoldenLine line;
         std::string hex;
         std::istringstream(text) >> line.sequence >> line.type >> hex;
-        line.message = model::from_hex(hex);
+        line.message = testing::from_hex(hex);
         lines.push_back(line);
     }
     return lines;
@@ -85,7 +86,8 @@ void write_golden(const std::vector<std::string>& messages) {
          << "# sequence number, type, message in hexadecimal. Rewritten by TESSEL_UPDATE_GOLDEN=1 "
             "runs_tests.\n";
     for (std::size_t i = 0; i < messages.size(); ++i) {
-        file << i + 1 << ' ' << model::type_name(messages[i]) << ' ' << model::to_hex(messages[i]) << '\n';
+        file << i + 1 << ' ' << testing::type_name(messages[i]) << ' ' << testing::to_hex(messages[i])
+             << '\n';
     }
     ASSERT_TRUE(file.good()) << golden_path();
 }
@@ -96,8 +98,8 @@ void expect_golden(const std::vector<std::string>& messages) {
     ASSERT_EQ(messages.size(), golden_messages);
     for (std::size_t i = 0; i < golden_messages; ++i) {
         ASSERT_EQ(golden[i].sequence, i + 1);
-        ASSERT_EQ(golden[i].type, model::type_name(golden[i].message));
-        ASSERT_EQ(model::difference(golden[i].message, messages[i]), "") << "sequence " << i + 1;
+        ASSERT_EQ(golden[i].type, testing::type_name(golden[i].message));
+        ASSERT_EQ(testing::difference(golden[i].message, messages[i]), "") << "sequence " << i + 1;
     }
 }
 
@@ -113,27 +115,28 @@ TEST(Golden, DefaultSeed7_ProgramSendsTheFile) {
     expect_golden(program_messages());
 }
 
-// The comparison itself: a planted change is told as the field that it is in.
-TEST(Golden, PlantedDifference_IsToldAsTheField) {
+// The comparison itself: a planted change is reported as the field that it is in.
+TEST(Golden, PlantedDifference_IsReportedAsTheField) {
     const std::vector<GoldenLine> golden = read_golden();
     ASSERT_EQ(golden.size(), golden_messages);
     for (const GoldenLine& line : golden) {
-        const std::vector<model::Field> fields = model::fields_of(line.message);
-        ASSERT_EQ(fields.back().offset + fields.back().width, line.message.size())
+        std::vector<layout::LocatedField> fields;
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(line.message.data());
+        ASSERT_EQ(layout::locate_fields(fields, bytes, line.message.size()), line.message.size())
             << "sequence " << line.sequence;
-        ASSERT_STRNE(fields.back().name, "behind the end") << "sequence " << line.sequence;
-        for (const model::Field& field : fields) {
+        for (const layout::LocatedField& located : fields) {
             std::string changed = line.message;
-            changed[field.offset + field.width - 1] =
-                static_cast<char>(changed[field.offset + field.width - 1] ^ 1);
-            const std::string told = model::difference(line.message, changed);
-            ASSERT_NE(told.find(std::string(field.name) + " at offset " + std::to_string(field.offset)),
+            char& last = changed[located.offset + located.field->width - 1];
+            last = static_cast<char>(last ^ 1);
+            const std::string reported = testing::difference(line.message, changed);
+            ASSERT_NE(reported.find(std::string(located.field->name) + " at offset " +
+                                    std::to_string(located.offset)),
                       std::string::npos)
-                << told;
+                << reported;
         }
     }
     const std::string longer = golden[0].message + "x";
-    EXPECT_NE(model::difference(golden[0].message, longer).find("length: expected 29 bytes, got 30"),
+    EXPECT_NE(testing::difference(golden[0].message, longer).find("length: expected 29 bytes, got 30"),
               std::string::npos);
 }
 

@@ -8,8 +8,9 @@
 
 namespace tessel::testing {
 
-// Messages taken apart by offsets that stand here a second time, so that an encoder's mistake shows. Prices
-// are millionths of a dollar in every form; a part that the message does not carry keeps its default.
+// Messages as the typed decoder reads them, which shares nothing with the encoders, so that an encoder's
+// mistake shows. Prices are millionths of a dollar in every form; a part that the message does not carry
+// keeps its default.
 
 struct NbboPart {
     char condition = '-';
@@ -65,7 +66,7 @@ struct QuoteView {
     char best_ind = '-';
     char list_ind = '-';
     std::uint16_t entries = 0;
-    std::string mpids;  // eight letters behind an ADF quote, four in an MPID quote
+    std::string mpids;  // eight letters after an ADF quote, four in an MPID quote
     NbboPart nbbo;
     BestOddLotPart best;
     std::vector<OddLotPart> odd_lots;
@@ -111,7 +112,7 @@ struct TradeView {
 TradeView read_trade(const Bytes& message);
 
 // A message in a few words, which is how a test writes down the order of an event: "action H T1 1" (reason
-// and action number), "band D", "collar", "quote Q L" (center and condition, " E" behind it when the SIP made
+// and action number), "band D", "collar", "quote Q L" (center and condition, " E" after it when the SIP made
 // it), "mpid quote", "trade Q @5  ", "breaker 2", "wipe-out Q"; any other message is its letters.
 std::string brief(const Bytes& message);
 std::vector<std::string> briefs(const TestMarket& market, std::uint64_t first, std::uint64_t last);

@@ -6,7 +6,7 @@
 #include "engine/tick.h"
 #include "mold/message_history.h"
 #include "output/book_file.h"
-#include "support/model/layout.h"
+#include "support/message_difference.h"
 #include "support/model/model_wire.h"
 
 #include <unistd.h>
@@ -14,6 +14,10 @@
 #include <array>
 
 namespace tessel::model {
+
+using testing::difference;
+using testing::to_hex;
+using testing::type_name;
 
 namespace {
 
