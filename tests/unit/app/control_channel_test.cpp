@@ -400,7 +400,7 @@ TEST(ControlChannel, Opened_BoundToTheLoopbackAddressOnly) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     ASSERT_EQ(getsockname(channel.fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    EXPECT_EQ(ntohl(address.sin_addr.s_addr), INADDR_LOOPBACK);
+    ASSERT_EQ(ntohl(address.sin_addr.s_addr), INADDR_LOOPBACK);
     // A command to any other address of this machine does not get there.
     address.sin_addr.s_addr = htonl(0x7f000002);
     const int client = socket(AF_INET, SOCK_DGRAM, 0);
