@@ -20,7 +20,7 @@ Parsed parse(const std::vector<const char*>& arguments) {
     return parsed;
 }
 
-TEST(CommandLine, WithoutArgumentsEveryDefaultApplies) {
+TEST(CommandLine, NoArguments_EveryDefaultApplies) {
     const Parsed parsed = parse({});
     ASSERT_TRUE(parsed.good);
     const FeedConfig& config = parsed.config;
@@ -46,7 +46,7 @@ TEST(CommandLine, WithoutArgumentsEveryDefaultApplies) {
     EXPECT_FALSE(config.quiet);
 }
 
-TEST(CommandLine, EveryOptionReachesItsField) {
+TEST(CommandLine, EveryOption_SetsItsField) {
     const Parsed parsed = parse({"--mcast",         "239.1.2.3",
                                  "--port",          "1",
                                  "--iface",         "10.0.0.1",
@@ -91,25 +91,25 @@ TEST(CommandLine, EveryOptionReachesItsField) {
     EXPECT_TRUE(config.quiet);
 }
 
-TEST(CommandLine, SessionIsCutToTenCharacters) {
+TEST(CommandLine, LongSession_IsCutToTenCharacters) {
     EXPECT_EQ(parse({"--session", "ABCDEFGHIJKLMN"}).config.session, "ABCDEFGHIJ");
     EXPECT_EQ(parse({"--session", "ABC"}).config.session, "ABC") << "a short one is not padded";
     EXPECT_EQ(parse({"--session", ""}).config.session, "");
 }
 
-TEST(CommandLine, OptionAsLastArgumentNeedsAValue) {
+TEST(CommandLine, OptionAsLastArgument_NeedsAValue) {
     const Parsed parsed = parse({"--quiet", "--port"});
     EXPECT_FALSE(parsed.good);
     EXPECT_EQ(parsed.error, "--port needs a value\n");
 }
 
-TEST(CommandLine, QuietTakesNoValueSoTheNextWordIsUnknown) {
+TEST(CommandLine, WordAfterQuiet_IsUnknown) {
     const Parsed parsed = parse({"--quiet", "extra"});
     EXPECT_FALSE(parsed.good);
     EXPECT_EQ(parsed.error, "unknown flag extra\n");
 }
 
-TEST(CommandLine, HelpShortOptionsAndEqualsFormsAreUnknown) {
+TEST(CommandLine, HelpShortOptionsAndEqualsForms_AreUnknown) {
     for (const char* argument : {"--help", "-h", "--port=5", "--por", "--ports", "", "-port"}) {
         const Parsed parsed = parse({argument});
         EXPECT_FALSE(parsed.good);
@@ -117,30 +117,30 @@ TEST(CommandLine, HelpShortOptionsAndEqualsFormsAreUnknown) {
     }
 }
 
-TEST(CommandLine, ValueThatLooksLikeAnOptionIsTaken) {
+TEST(CommandLine, ValueThatLooksLikeAnOption_IsAccepted) {
     EXPECT_EQ(parse({"--session", "--quiet"}).config.session, "--quiet");
 }
 
-TEST(CommandLine, LaterOccurrenceWins) {
+TEST(CommandLine, RepeatedOption_TheLastOccurrenceWins) {
     EXPECT_EQ(parse({"--seed", "1", "--seed", "2"}).config.seed, 2u);
 }
 
-TEST(CommandLine, EmptyTextTurnsAPathOff) {
+TEST(CommandLine, EmptyPath_TurnsTheFileOff) {
     EXPECT_EQ(parse({"--truth-out", "t", "--truth-out", ""}).config.truth_out, "");
 }
 
-TEST(CommandLine, PortKeepsItsLow16BitsAndIgnoresTrailingText) {
+TEST(CommandLine, LargePortOrTrailingText_Low16BitsOfTheNumber) {
     EXPECT_EQ(parse({"--port", "65537"}).config.port, 1);
     EXPECT_EQ(parse({"--port", "12x"}).config.port, 12);
     EXPECT_EQ(parse({"--port", "-1"}).config.port, 65535);
 }
 
-TEST(CommandLine, CountsKeepTheirLow32Bits) {
+TEST(CommandLine, LargeCount_Low32BitsOfTheNumber) {
     EXPECT_EQ(parse({"--drop-every", "4294967298"}).config.drop_every, 2u);
     EXPECT_EQ(parse({"--dup-every", "-1"}).config.dup_every, 4294967295u);
 }
 
-TEST(CommandLine, BadNumberNamesOptionAndConversion) {
+TEST(CommandLine, BadNumber_LineNamesOptionAndConversion) {
     const struct {
         const char* option;
         const char* value;
@@ -165,7 +165,7 @@ TEST(CommandLine, BadNumberNamesOptionAndConversion) {
     }
 }
 
-TEST(DropBurst, SplitsAtTheFirstColon) {
+TEST(DropBurst, SeveralColons_SplitsAtTheFirst) {
     const struct {
         const char* text;
         std::uint64_t start;
@@ -188,7 +188,7 @@ TEST(DropBurst, SplitsAtTheFirstColon) {
     }
 }
 
-TEST(DropBurst, BadNumberNamesTheConversion) {
+TEST(DropBurst, BadNumber_LineNamesTheConversion) {
     std::uint64_t start = 0;
     std::uint32_t length = 0;
     std::string error;

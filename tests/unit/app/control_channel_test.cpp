@@ -44,7 +44,7 @@ struct Steered {
     std::int32_t interval_ms = 100;
 };
 
-TEST(Control, PauseAndResumeNameTheSameSequenceWhenNothingWasSentBetween) {
+TEST(Control, PauseAndResumeWithNothingSentBetween_NameTheSameSequence) {
     Steered steered;
     EXPECT_EQ(steered.reply("pause"), "ok pause\n");
     EXPECT_TRUE(steered.market.engine.paused);
@@ -57,7 +57,7 @@ TEST(Control, PauseAndResumeNameTheSameSequenceWhenNothingWasSentBetween) {
     EXPECT_GT(steered.market.last(), before);
 }
 
-TEST(Control, RateZeroAndRateOfAWordGiveAHundredMilliseconds) {
+TEST(Control, RateOfZeroOrOfAWord_IsAHundredMilliseconds) {
     Steered steered;
     const struct {
         const char* line;
@@ -73,7 +73,7 @@ TEST(Control, RateZeroAndRateOfAWordGiveAHundredMilliseconds) {
     }
 }
 
-TEST(Control, DropWithoutArgumentIsOnePacketAndDropEveryWithoutArgumentIsOff) {
+TEST(Control, FaultWithoutArgument_DropIsOnePacketAndDropEveryIsOff) {
     Steered steered;
     EXPECT_EQ(steered.reply("drop"), "ok drop\n");
     EXPECT_EQ(steered.faults().pending_drops, 1u);
@@ -90,7 +90,7 @@ TEST(Control, DropWithoutArgumentIsOnePacketAndDropEveryWithoutArgumentIsOff) {
     EXPECT_EQ(steered.market.packets.size(), sent + 1) << "exactly one";
 }
 
-TEST(Control, FaultCommandsReachTheirSettings) {
+TEST(Control, FaultCommand_SetsItsCount) {
     Steered steered;
     steered.reply("drop 3");
     steered.reply("dup 4");
@@ -115,7 +115,7 @@ TEST(Control, FaultCommandsReachTheirSettings) {
     EXPECT_EQ(steered.log.take(), "");
 }
 
-TEST(Control, TrfCancelAndCorrectAddWhileDropReplaces) {
+TEST(Control, RepeatedCommand_TrfCancelAndCorrectAddAndDropReplaces) {
     Steered steered;
     for (int twice = 0; twice < 2; ++twice) {
         steered.reply("trf 2");
@@ -137,7 +137,7 @@ TEST(Control, TrfCancelAndCorrectAddWhileDropReplaces) {
     EXPECT_EQ(steered.market.engine.pending_trf, 4u);
 }
 
-TEST(Control, UnknownSymbolIsNamedAndChangesNothing) {
+TEST(Control, UnknownSymbol_IsNamedAndChangesNothing) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     for (const char* word : {"halt", "resume", "luld_pause", "band", "close", "asof"}) {
@@ -148,7 +148,7 @@ TEST(Control, UnknownSymbolIsNamedAndChangesNothing) {
     EXPECT_EQ(steered.market.last(), before);
 }
 
-TEST(Control, SymbolCommandWithoutArgumentLooksUpTheEmptySymbol) {
+TEST(Control, SymbolCommandWithoutArgument_LooksUpTheEmptySymbol) {
     Steered steered;
     EXPECT_EQ(steered.reply("halt"), "err unknown symbol\n");
     EXPECT_EQ(steered.log.take(), "bench: unknown symbol ''\n");
@@ -157,7 +157,7 @@ TEST(Control, SymbolCommandWithoutArgumentLooksUpTheEmptySymbol) {
     EXPECT_EQ(with_empty.market.at(1).status, 'H');
 }
 
-TEST(Control, HaltHasReasonT1AndNoEnd) {
+TEST(Control, Halt_HasReasonT1AndNoEnd) {
     Steered steered;
     EXPECT_EQ(steered.reply("halt MSFT"), "ok halt MSFT\n");
     EXPECT_EQ(steered.market.at(1).status, 'H');
@@ -167,7 +167,7 @@ TEST(Control, HaltHasReasonT1AndNoEnd) {
     EXPECT_EQ(steered.market.publisher.packet_count, 0u);
 }
 
-TEST(Control, ResumeWalksFromHaltedOverQuotationToTrading) {
+TEST(Control, ResumeOfAHaltedInstrument_QuotationFirstThenTrading) {
     Steered steered;
     steered.reply("halt AAPL");
     steered.log.take();
@@ -186,7 +186,7 @@ TEST(Control, ResumeWalksFromHaltedOverQuotationToTrading) {
     EXPECT_EQ(steered.market.publisher.packet_count, 0u);
 }
 
-TEST(Control, ResumeOfAPausedInstrumentResumesQuotation) {
+TEST(Control, ResumeOfAPausedInstrument_ResumesQuotation) {
     Steered steered;
     EXPECT_EQ(steered.reply("luld_pause TSLA"), "ok luld_pause TSLA\n");
     EXPECT_EQ(steered.market.at(2).status, 'P');
@@ -197,7 +197,7 @@ TEST(Control, ResumeOfAPausedInstrumentResumesQuotation) {
     EXPECT_EQ(steered.market.at(2).halt_reason, "LUDP");
 }
 
-TEST(Control, ResumeOfATradingInstrumentChangesNothingAndEchoes) {
+TEST(Control, ResumeOfATradingInstrument_ChangesNothingAndEchoes) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     EXPECT_EQ(steered.reply("resume AAPL"), "ok resume AAPL\n");
@@ -206,7 +206,7 @@ TEST(Control, ResumeOfATradingInstrumentChangesNothingAndEchoes) {
     EXPECT_EQ(steered.log.take(), "");
 }
 
-TEST(Control, BandIsPublishedWithLetterCAndFlushed) {
+TEST(Control, Band_IsPublishedWithLetterCAndFlushed) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     EXPECT_EQ(steered.reply("band AAPL"), "ok band AAPL\n");
@@ -219,7 +219,7 @@ TEST(Control, BandIsPublishedWithLetterCAndFlushed) {
     EXPECT_EQ(steered.log.take(), "");
 }
 
-TEST(Control, BreakerWithoutALevelIsLevelOne) {
+TEST(Control, BreakerWithoutALevel_IsLevelOne) {
     Steered steered;
     EXPECT_EQ(steered.reply("mwcb"), "ok mwcb\n");
     EXPECT_EQ(steered.market.at(0).halt_reason, "MWC1");
@@ -229,7 +229,7 @@ TEST(Control, BreakerWithoutALevelIsLevelOne) {
     EXPECT_EQ(steered.stats().halts, 3u) << "a second breach halts nothing that is halted";
 }
 
-TEST(Control, ClosePrintsTheClosingCrossAndTheOfficialClose) {
+TEST(Control, Close_PrintsTheClosingCrossAndTheOfficialClose) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     const std::uint64_t crosses = steered.stats().cross_prints;
@@ -242,7 +242,7 @@ TEST(Control, ClosePrintsTheClosingCrossAndTheOfficialClose) {
     EXPECT_EQ(steered.market.publisher.packet_count, 0u);
 }
 
-TEST(Control, AsOfPrintsOneTradeOfYesterday) {
+TEST(Control, AsOf_PrintsOneTradeOfYesterday) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     EXPECT_EQ(steered.reply("asof MSFT"), "ok asof MSFT\n");
@@ -251,7 +251,7 @@ TEST(Control, AsOfPrintsOneTradeOfYesterday) {
     EXPECT_EQ(steered.market.publisher.packet_count, 0u);
 }
 
-TEST(Control, WipeoutNeedsExactlyOneLetter) {
+TEST(Control, WipeoutWithoutExactlyOneLetter_IsRefused) {
     Steered steered;
     const std::uint64_t before = steered.market.last();
     for (const char* line : {"wipeout", "wipeout QN", "wipeout  "}) {
@@ -263,7 +263,7 @@ TEST(Control, WipeoutNeedsExactlyOneLetter) {
     EXPECT_EQ(steered.log.take(), "bench: quote wipe-out of participant Q" + steered.at_last());
 }
 
-TEST(Control, MarkGoesIntoTheTruthAndOntoStandardError) {
+TEST(Control, Mark_IsWrittenToTheTruthLogAndStandardError) {
     Steered steered;
     EXPECT_EQ(steered.reply("mark here and there"), "ok mark here and there\n");
     const std::string last = std::to_string(steered.market.last());
@@ -271,13 +271,13 @@ TEST(Control, MarkGoesIntoTheTruthAndOntoStandardError) {
     EXPECT_EQ(steered.log.take(), "bench: mark here" + steered.at_last());
 }
 
-TEST(Control, MarkWithoutATruthLogStillPrintsItsLine) {
+TEST(Control, MarkWithoutATruthLog_StillPrintsItsLine) {
     Steered steered({.truth = false});
     EXPECT_EQ(steered.reply("mark x"), "ok mark x\n");
     EXPECT_EQ(steered.log.take(), "bench: mark x" + steered.at_last());
 }
 
-TEST(Control, StatsReplyGivesTheNextSequenceNumberAndTheFaults) {
+TEST(Control, Stats_ReplyHasTheNextSequenceNumberAndTheFaults) {
     Steered steered;
     EXPECT_EQ(steered.reply("stats"), "ok " + stats_line(steered.stats()) + " next_seq=" +
                                           std::to_string(steered.market.publisher.next_sequence) + " " +
@@ -285,7 +285,7 @@ TEST(Control, StatsReplyGivesTheNextSequenceNumberAndTheFaults) {
     EXPECT_EQ(steered.log.take(), "");
 }
 
-TEST(Control, UnknownWordIsNamedWithoutItsArgument) {
+TEST(Control, UnknownWord_IsNamedWithoutItsArgument) {
     Steered steered;
     EXPECT_EQ(steered.reply("frobnicate all"), "err unknown command 'frobnicate'\n");
     EXPECT_EQ(steered.reply("PAUSE"), "err unknown command 'PAUSE'\n");
@@ -293,14 +293,14 @@ TEST(Control, UnknownWordIsNamedWithoutItsArgument) {
     EXPECT_FALSE(steered.market.engine.paused);
 }
 
-TEST(Control, EmptyLineIsAnUnknownCommandWithoutAName) {
+TEST(Control, EmptyLine_IsAnUnknownCommandWithoutAName) {
     Steered steered;
     for (const char* line : {"", "\n", " ", " \r\n", "\t", "\v\f"}) {
         EXPECT_EQ(steered.reply(line), "err unknown command ''\n");
     }
 }
 
-TEST(Control, CarriageReturnAndLineFeedAreStrippedATrailingTabIsEchoed) {
+TEST(Control, TrailingWhiteSpace_LineEndsAreStrippedAndATabIsEchoed) {
     Steered steered;
     EXPECT_EQ(steered.reply("pause\r\n"), "ok pause\n");
     EXPECT_EQ(steered.reply("resume \r\n \n"), "ok resume\n");
@@ -310,7 +310,7 @@ TEST(Control, CarriageReturnAndLineFeedAreStrippedATrailingTabIsEchoed) {
     EXPECT_FALSE(steered.market.engine.paused);
 }
 
-TEST(Control, EveryKindOfWhiteSpaceSeparatesWords) {
+TEST(Control, EveryKindOfWhiteSpace_SeparatesWords) {
     Steered steered;
     for (const char* line :
          {"drop 5", "drop\t5", "drop\n5", "drop\v5", "drop\f5", "drop\r5", "drop \t 5 6 7"}) {
@@ -320,13 +320,13 @@ TEST(Control, EveryKindOfWhiteSpaceSeparatesWords) {
     }
 }
 
-TEST(Control, LineEndsAtTheFirstNul) {
+TEST(Control, NulInALine_EndsIt) {
     Steered steered;
     EXPECT_EQ(steered.reply(std::string_view("pause\0 junk", 11)), "ok pause\n");
     EXPECT_EQ(steered.reply(std::string_view("\0pause", 6)), "err unknown command ''\n");
 }
 
-TEST(Control, LineIsCutAt511Bytes) {
+TEST(Control, LongLine_IsCutAt511Bytes) {
     Steered steered;
     const std::string fits = "mark " + std::string(506, 'x');
     EXPECT_EQ(steered.reply(fits), "ok " + fits + "\n");
@@ -334,13 +334,13 @@ TEST(Control, LineIsCutAt511Bytes) {
     EXPECT_EQ(steered.reply(std::string(2000, 'z')), "err unknown command '" + std::string(511, 'z') + "'\n");
 }
 
-TEST(Control, BytesBeyondAsciiArePartOfWords) {
+TEST(Control, BytesBeyondAscii_ArePartOfWords) {
     Steered steered;
     EXPECT_EQ(steered.reply("\xff\x80 x"), "err unknown command '\xff\x80'\n");
     EXPECT_EQ(steered.reply("halt \xc3\xa4"), "err unknown symbol\n");
 }
 
-TEST(Control, StopAsksForTheEndAndItsReplyHasNoLineFeed) {
+TEST(Control, Stop_AsksForTheEndAndItsReplyHasNoLineFeed) {
     Steered steered;
     const ControlReply reply = steered.command("stop now");
     EXPECT_TRUE(reply.stop);
@@ -385,7 +385,7 @@ struct Channel {
     std::string opening;
 };
 
-TEST(ControlChannel, OpeningNamesEveryCommand) {
+TEST(ControlChannel, Opened_LineNamesEveryCommand) {
     const Channel channel;
     EXPECT_EQ(channel.opening,
               "bench: control on 127.0.0.1:0 (pause | resume | drop N | dup N | reorder N | drop_every N | "
@@ -412,7 +412,7 @@ TEST(ControlChannel, Opened_BoundToTheLoopbackAddressOnly) {
     close(client);
 }
 
-TEST(ControlChannel, EveryWaitingCommandIsAnsweredInOrder) {
+TEST(ControlChannel, SeveralWaitingCommands_AllAnsweredInOrder) {
     Channel channel;
     channel.send_line("drop 2");
     channel.send_line("nonsense");
@@ -427,7 +427,7 @@ TEST(ControlChannel, EveryWaitingCommandIsAnsweredInOrder) {
     EXPECT_EQ(channel.received(), "nothing");
 }
 
-TEST(ControlChannel, EmptyDatagramStopsTheDrainingUntilTheNextPass) {
+TEST(ControlChannel, EmptyDatagram_EndsTheDrainingUntilTheNextPass) {
     Channel channel;
     channel.send_line("drop 2");
     channel.send_line("");
@@ -440,7 +440,7 @@ TEST(ControlChannel, EmptyDatagramStopsTheDrainingUntilTheNextPass) {
     EXPECT_EQ(channel.received(), "ok dup 3\n");
 }
 
-TEST(ControlChannel, DatagramsOf511And512And2000BytesAreCut) {
+TEST(ControlChannel, DatagramsOf511And512And2000Bytes_AreCut) {
     Channel channel;
     for (const std::size_t length : {std::size_t{511}, std::size_t{512}, std::size_t{2000}}) {
         channel.send_line(std::string(length, 'a'));
@@ -449,7 +449,7 @@ TEST(ControlChannel, DatagramsOf511And512And2000BytesAreCut) {
     }
 }
 
-TEST(ControlChannel, PortInUseIsToldAndTheRunGoesOnWithout) {
+TEST(ControlChannel, PortInUse_IsReportedAndTheRunGoesOnWithout) {
     // Another socket without SO_REUSEADDR holds the port.
     const int holder = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in address{};

@@ -4,6 +4,7 @@
 #include "support/test_market.h"
 
 #include <gtest/gtest.h>
+
 #include <memory>
 
 namespace tessel {
@@ -48,7 +49,7 @@ struct OfflineFeed {
     testing::StderrCapture log;
 };
 
-TEST(OfflineFeed, StartsWithoutSocketsAndWithoutABanner) {
+TEST(OfflineFeed, Started_NoSocketsAndNoBanner) {
     OfflineFeed offline;
     ASSERT_TRUE(offline.start()) << offline.error;
     EXPECT_EQ(offline.feed->publisher.feed_socket, -1);
@@ -59,7 +60,7 @@ TEST(OfflineFeed, StartsWithoutSocketsAndWithoutABanner) {
     EXPECT_EQ(offline.log.take().find("participants"), std::string::npos);
 }
 
-TEST(OfflineFeed, TickFallsOnItsTimeAndWritesThroughTheSink) {
+TEST(OfflineFeed, TickDue_FallsOnItsTimeAndWritesThroughTheSink) {
     OfflineFeed offline;
     ASSERT_TRUE(offline.start());
     EXPECT_EQ(next_due_ms(*offline.feed), 1100u);
@@ -73,7 +74,7 @@ TEST(OfflineFeed, TickFallsOnItsTimeAndWritesThroughTheSink) {
     EXPECT_EQ(offline.truth.back(), '\n');
 }
 
-TEST(OfflineFeed, FrozenModelIsDueForItsHeartbeatAlone) {
+TEST(OfflineFeed, FrozenModel_IsDueForItsHeartbeatAlone) {
     OfflineFeed offline;
     offline.feed->config.interval_ms = -1;
     ASSERT_TRUE(offline.start());
@@ -87,7 +88,7 @@ TEST(OfflineFeed, FrozenModelIsDueForItsHeartbeatAlone) {
     EXPECT_EQ(next_due_ms(*offline.feed), 3000u);
 }
 
-TEST(OfflineFeed, ScriptedEventIsDueBeforeTheHeartbeat) {
+TEST(OfflineFeed, ScriptedEvent_IsDueBeforeTheHeartbeat) {
     OfflineFeed offline;
     offline.feed->config.interval_ms = 30'000;
     ASSERT_TRUE(offline.start());
@@ -99,7 +100,7 @@ TEST(OfflineFeed, ScriptedEventIsDueBeforeTheHeartbeat) {
     EXPECT_EQ(next_due_ms(*offline.feed), 6000u) << "a heartbeat, a second after the halt was sent";
 }
 
-TEST(OfflineFeed, PeriodicReportsAreLeftOut) {
+TEST(OfflineFeed, TwentySeconds_NoPeriodicReports) {
     OfflineFeed offline;
     ASSERT_TRUE(offline.start());
     offline.feed->scenario.trf_every = 1;  // which asks for the two-second line
@@ -110,7 +111,7 @@ TEST(OfflineFeed, PeriodicReportsAreLeftOut) {
     EXPECT_EQ(printed.find("[tessel] msgs"), std::string::npos);
 }
 
-TEST(OfflineFeed, BadPriceIsReportedAsByTheProgram) {
+TEST(OfflineFeed, BadPrice_IsReportedAsByTheProgram) {
     OfflineFeed offline("AAPL:x");
     EXPECT_FALSE(offline.start());
     EXPECT_EQ(offline.error.find("tessel: --symbols: "), 0u);

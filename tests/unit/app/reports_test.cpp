@@ -7,7 +7,7 @@
 namespace tessel {
 namespace {
 
-TEST(StatsLine, FreshRunIsAllZerosInPrintingOrder) {
+TEST(StatsLine, FreshRun_AllZerosInPrintingOrder) {
     EXPECT_EQ(
         stats_line(FeedStats{}),
         "quotes=0 adf_quotes=0 nbbo_changes=0 sip_generated=0 trades=0 exchange_prints=0 trf_prints=0 "
@@ -16,7 +16,7 @@ TEST(StatsLine, FreshRunIsAllZerosInPrintingOrder) {
         "snapshot_rejects=0");
 }
 
-TEST(StatsLine, EveryCounterStandsBehindItsOwnName) {
+TEST(StatsLine, DistinctCounters_EachFollowsItsOwnName) {
     FeedStats stats;
     std::uint64_t* const fields[] = {
         &stats.quotes,         &stats.adf_quotes,      &stats.nbbo_changes,  &stats.sip_generated,
@@ -38,13 +38,13 @@ TEST(StatsLine, EveryCounterStandsBehindItsOwnName) {
         "wipeouts=122 snapshots=123 snapshot_rejects=124");
 }
 
-TEST(StatsLine, LargestCountIsPrintedUnsigned) {
+TEST(StatsLine, LargestCount_IsPrintedUnsigned) {
     FeedStats stats;
     stats.quotes = 18446744073709551615u;
     EXPECT_EQ(stats_line(stats).substr(0, 27), "quotes=18446744073709551615");
 }
 
-TEST(FaultsSummary, FourZerosBeforeTheFirstPacket) {
+TEST(FaultsSummary, BeforeTheFirstPacket_FourZeros) {
     const testing::TestMarket market;
     EXPECT_EQ(faults_summary(market.publisher), "tessel faults: sent 0 dropped 0 duplicated 0 reordered 0");
     EXPECT_EQ(
@@ -52,7 +52,7 @@ TEST(FaultsSummary, FourZerosBeforeTheFirstPacket) {
         stats_line(FeedStats{}) + " next_seq=1 tessel faults: sent 0 dropped 0 duplicated 0 reordered 0");
 }
 
-TEST(FaultsSummary, EverySecondOfTenPacketsDroppedIsSentFiveDroppedFive) {
+TEST(FaultsSummary, EverySecondOfTenPacketsDropped_SentFiveDroppedFive) {
     testing::TestMarket market;
     testing::StderrCapture capture;
     market.publisher.faults.drop_every = 2;
@@ -65,7 +65,7 @@ TEST(FaultsSummary, EverySecondOfTenPacketsDroppedIsSentFiveDroppedFive) {
     EXPECT_EQ(market.packets.size(), 5u);
 }
 
-TEST(FaultsSummary, DoubledAndHeldPacketsCountAsSent) {
+TEST(FaultsSummary, DuplicatedAndHeldPackets_CountAsSent) {
     testing::TestMarket market;
     testing::StderrCapture capture;
     market.publisher.faults.pending_dups = 1;
@@ -78,7 +78,7 @@ TEST(FaultsSummary, DoubledAndHeldPacketsCountAsSent) {
     EXPECT_EQ(faults_summary(market.publisher), "tessel faults: sent 2 dropped 0 duplicated 1 reordered 1");
 }
 
-TEST(Blocks, SummaryAndStopAreLaidOutAsTheLogReadersExpect) {
+TEST(Blocks, SummaryAndStop_AreLaidOutAsLogReadersExpect) {
     testing::TestMarket market;
     FeedStats stats;
     stats.quotes = 11;

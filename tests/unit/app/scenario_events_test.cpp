@@ -37,7 +37,7 @@ struct Script {
     std::uint64_t start_ms = 0;
 };
 
-TEST(ScenarioEvents, HaltComesAfterItsSecondsAndLastsTheDefaultEight) {
+TEST(ScenarioEvents, HaltAfter_ComesAfterItsSecondsAndLastsTheDefaultEight) {
     Script script({.scenario = "halt_after=3"});
     script.passes(29);
     EXPECT_EQ(script.market.at(0).status, 'T');
@@ -55,7 +55,7 @@ TEST(ScenarioEvents, HaltComesAfterItsSecondsAndLastsTheDefaultEight) {
     EXPECT_EQ(script.market.scenario.stats.halts, 1u);
 }
 
-TEST(ScenarioEvents, ElapsedSecondsAreCountedFromTheLoopsStart) {
+TEST(ScenarioEvents, LateLoop_SecondsCountFromItsStart) {
     Script script({.scenario = "halt_after=3"});
     script.start_ms += 1;  // the loop was entered a millisecond later
     script.market.advance_ms(3000);
@@ -66,7 +66,7 @@ TEST(ScenarioEvents, ElapsedSecondsAreCountedFromTheLoopsStart) {
     EXPECT_EQ(script.market.at(0).status, 'H');
 }
 
-TEST(ScenarioEvents, PauseTakesTheSecondInstrument) {
+TEST(ScenarioEvents, PauseWithThreeInstruments_TakesTheSecond) {
     Script script({.scenario = "pause_after=2,pause_secs=1"});
     script.passes(20);
     EXPECT_EQ(script.market.at(0).status, 'T');
@@ -83,27 +83,27 @@ TEST(ScenarioEvents, PauseWithExactlyTwoInstruments_TakesTheSecond) {
     EXPECT_EQ(script.market.at(1).status, 'P');
 }
 
-TEST(ScenarioEvents, PauseWithASingleInstrumentTakesThatOne) {
+TEST(ScenarioEvents, PauseWithASingleInstrument_TakesThatOne) {
     Script script({.symbols = "IBM:100", .scenario = "pause_after=2"});
     script.passes(20);
     EXPECT_EQ(script.market.at(0).status, 'P');
 }
 
-TEST(ScenarioEvents, ZeroSecondsMeanNoAutomaticEnd) {
+TEST(ScenarioEvents, ZeroSeconds_NoAutomaticEnd) {
     Script script({.scenario = "halt_after=1,halt_secs=0,pause_after=1,pause_secs=0"});
     script.passes(600);
     EXPECT_EQ(script.market.at(0).status, 'H');
     EXPECT_EQ(script.market.at(1).status, 'P');
 }
 
-TEST(ScenarioEvents, BreakerAfterOneSecondAloneArmsNothing) {
+TEST(ScenarioEvents, BreakerTimeWithoutALevel_ArmsNothing) {
     Script script({.scenario = "mwcb_after=1"});
     script.passes(50);
     EXPECT_EQ(script.market.scenario.stats.mwcb, 0u);
     EXPECT_FALSE(script.marks.mwcb_fired);
 }
 
-TEST(ScenarioEvents, BreakerComesAfterTenSecondsByDefault) {
+TEST(ScenarioEvents, BreakerLevelAlone_ComesAfterTenSeconds) {
     Script script({.scenario = "mwcb_level=2"});
     script.passes(99);
     EXPECT_EQ(script.market.scenario.stats.mwcb, 0u);
@@ -115,13 +115,13 @@ TEST(ScenarioEvents, BreakerComesAfterTenSecondsByDefault) {
     }
 }
 
-TEST(ScenarioEvents, BreakerAfterZeroSecondsComesInTheFirstPass) {
+TEST(ScenarioEvents, BreakerAfterZeroSeconds_ComesInTheFirstPass) {
     Script script({.scenario = "mwcb_level=3,mwcb_after=0"});
     script.fire();
     EXPECT_EQ(script.market.scenario.stats.mwcb, 1u);
 }
 
-TEST(ScenarioEvents, EachFiresOnceInSixtySeconds) {
+TEST(ScenarioEvents, SixtySeconds_EachEventFiresOnce) {
     Script script(
         {.scenario = "halt_after=1,halt_secs=1,pause_after=1,pause_secs=1,mwcb_level=1,mwcb_after=20"});
     script.passes(600);
@@ -132,7 +132,7 @@ TEST(ScenarioEvents, EachFiresOnceInSixtySeconds) {
     EXPECT_EQ(script.market.scenario.stats.trade_resumes, 5u);
 }
 
-TEST(ScenarioEvents, BandTimesAreSeededOnceAndThenKeptByTheBandsThemselves) {
+TEST(ScenarioEvents, BandEvery_FirstTimeIsSetOnceAndThenByTheBands) {
     Script script({.scenario = "band_every=2"});
     // The start of day published a band for each instrument, which set its next time.
     for (Instrument& instrument : script.market.engine.instruments) {
@@ -152,7 +152,7 @@ TEST(ScenarioEvents, BandTimesAreSeededOnceAndThenKeptByTheBandsThemselves) {
     EXPECT_GE(script.market.scenario.stats.bands, before + 6) << "two periods, three instruments";
 }
 
-TEST(ScenarioEvents, WithoutInstrumentsHaltAndPauseOnlySetTheirMarks) {
+TEST(ScenarioEvents, NoInstruments_HaltAndPauseOnlySetTheirMarks) {
     Script script(
         {.symbols = "", .scenario = "halt_after=1,pause_after=1,mwcb_level=1,mwcb_after=1,band_every=1"});
     const std::uint64_t before = script.market.last();
@@ -165,7 +165,7 @@ TEST(ScenarioEvents, WithoutInstrumentsHaltAndPauseOnlySetTheirMarks) {
     EXPECT_EQ(script.market.letters_of(before + 1, script.market.last()), std::vector<std::string>{"ADE "});
 }
 
-TEST(ScenarioEvents, NextTimeIsThatOfTheEarliestNotYetFired) {
+TEST(ScenarioEvents, SeveralEventsToCome_NextTimeIsTheEarliest) {
     const Scenario none;
     ScenarioMarks marks;
     EXPECT_EQ(next_scenario_event_ms(none, marks, 500), UINT64_MAX);

@@ -91,7 +91,7 @@ const Row rows[] = {
     {"all periods: dropped", {2, 0, 2, 2, 0, 0, 0, 0}, 4, FaultDecision::drop, 0, 0, 0},
 };
 
-TEST(FaultDecisions, Table) {
+TEST(FaultDecisions, EachRowOfTheTable_DecidesAsItSays) {
     for (const Row& row : rows) {
         FaultInjector faults = row.faults;
         EXPECT_STREQ(name_of(decide_fault(faults, row.packet_number)), name_of(row.decision))
@@ -105,7 +105,7 @@ TEST(FaultDecisions, Table) {
     }
 }
 
-TEST(FaultDecisions, PendingCountsRunDownToZeroAndStay) {
+TEST(FaultDecisions, PendingCounts_RunDownToZeroAndStay) {
     FaultInjector faults;
     faults.pending_drops = 2;
     faults.pending_dups = 1;

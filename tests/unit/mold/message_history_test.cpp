@@ -145,7 +145,7 @@ TEST(RetransStore, NoRoomForTheNextBlock_CopiesNothingAndStays) {
     EXPECT_EQ(bytes, 62u);
 }
 
-TEST(RetransStore, CopyStopsAtTheEndAskedFor) {
+TEST(RetransStore, CopyWithAnEnd_StopsThere) {
     RetransStore store;
     fill(store, 50, 100);
     RetransCursor cursor = find_message(store, 10);

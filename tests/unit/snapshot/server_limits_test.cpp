@@ -22,7 +22,7 @@ namespace {
 
 using namespace testing;
 
-TEST(SnapshotServer, EveryOpenConnectionGetsAHeartbeatAfterASecondOfSilence) {
+TEST(SnapshotServer, SecondOfSilence_EveryOpenConnectionGetsAHeartbeat) {
     Service service;
     Client stranger(service.port);
     Client member(service.port);
@@ -43,7 +43,7 @@ TEST(SnapshotServer, EveryOpenConnectionGetsAHeartbeatAfterASecondOfSilence) {
     EXPECT_EQ(member.received, std::string("\0\1H\0\1H", 6));
 }
 
-TEST(SnapshotServer, SpinCountsAsSentForTheHeartbeat) {
+TEST(SnapshotServer, SpinJustSent_PutsTheHeartbeatOff) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.pass_until([&] { return service.server.connections.size() == 1; }));
@@ -55,7 +55,7 @@ TEST(SnapshotServer, SpinCountsAsSentForTheHeartbeat) {
     EXPECT_EQ(client.types(), "AS");
 }
 
-TEST(SnapshotServer, SilentConnectionIsTimedOutAfterFifteenSecondsALoginDoesNotProtectIt) {
+TEST(SnapshotServer, SilentConnection_IsTimedOutAfterFifteenSecondsLoggedInOrNot) {
     for (const bool logs_in : {false, true}) {
         Service service({.symbols = "A:1", .participants = "Q", .quiet = true});
         Client client(service.port);
@@ -75,7 +75,7 @@ TEST(SnapshotServer, SilentConnectionIsTimedOutAfterFifteenSecondsALoginDoesNotP
     }
 }
 
-TEST(SnapshotServer, AnyByteFromTheClientPutsTheTimeoutOff) {
+TEST(SnapshotServer, AnyByteFromTheClient_PutsTheTimeoutOff) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.pass_until([&] { return service.server.connections.size() == 1; }));
@@ -94,7 +94,7 @@ TEST(SnapshotServer, AnyByteFromTheClientPutsTheTimeoutOff) {
     EXPECT_TRUE(service.server.connections.empty());
 }
 
-TEST(SnapshotServer, QuietSuppressesTheConnectionAndLogoutLinesOnly) {
+TEST(SnapshotServer, Quiet_SuppressesTheConnectionAndLogoutLinesOnly) {
     Service service({.symbols = "A:1", .participants = "Q", .quiet = true});
     Client client(service.port);
     ASSERT_TRUE(service.logs_in(client));
@@ -105,7 +105,7 @@ TEST(SnapshotServer, QuietSuppressesTheConnectionAndLogoutLinesOnly) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
-TEST(SnapshotServer, ClosedRecordsLeaveTheListAndTheOthersKeepTheirOrder) {
+TEST(SnapshotServer, SomeConnectionsClosed_TheOthersKeepTheirOrder) {
     Service service;
     std::vector<std::unique_ptr<Client>> clients;
     for (int count = 1; count <= 5; ++count) {
@@ -127,7 +127,7 @@ TEST(SnapshotServer, ClosedRecordsLeaveTheListAndTheOthersKeepTheirOrder) {
     EXPECT_EQ(after, (std::vector<int>{before[0], before[2], before[4]}));
 }
 
-TEST(SnapshotServer, Connection999IsTheLastThatMayLogIn) {
+TEST(SnapshotServer, Connection999_IsTheLastThatMayLogIn) {
     Service service({.symbols = "", .participants = "", .quiet = true});
     service.server.connections_accepted = 998;
     Client last(service.port);
@@ -145,7 +145,7 @@ TEST(SnapshotServer, Connection999IsTheLastThatMayLogIn) {
 }
 
 // Over the limit whoever logs in is rejected, also one who connected before.
-TEST(SnapshotServer, OlderConnectionIsRejectedTooOnceTheLimitIsPassed) {
+TEST(SnapshotServer, LimitPassed_OlderConnectionsAreRejectedToo) {
     Service service({.symbols = "", .participants = "", .quiet = true});
     service.server.connections_accepted = 998;
     Client old(service.port);
@@ -172,7 +172,7 @@ void read_spin(Client& client) {
     }
 }
 
-TEST(SnapshotServer, SpinLargerThanTheWindowGoesOutWholeToASlowReader) {
+TEST(SnapshotServer, SlowReader_GetsAWholeSpinLargerThanTheWindow) {
     Service service(
         {.symbols = std::string(6000, ',') + "IBM", .participants = "QN", .quiet = true, .truth = false});
     Client client(service.port, 4096);
@@ -220,7 +220,7 @@ TEST(SnapshotServer, ClientThatNeverReads_SpinIsGivenUpAfter2000WaitsOf10Ms) {
     EXPECT_EQ(CountedWaits::waits, 2000);
 }
 
-TEST(SnapshotServer, ClientThatVanishesDuringTheSpinDoesNotHoldTheServer) {
+TEST(SnapshotServer, ClientThatVanishesDuringTheSpin_DoesNotHoldTheServer) {
     Service service(
         {.symbols = std::string(20'000, ',') + "IBM", .participants = "QN", .quiet = true, .truth = false});
     Client client(service.port, 4096);
@@ -243,7 +243,7 @@ TEST(SnapshotServer, ClientThatVanishesDuringTheSpinDoesNotHoldTheServer) {
     EXPECT_EQ(next.types(), "AS");
 }
 
-TEST(SnapshotServer, OutOfDescriptorsIsToldSoThatTheLoopDoesNotSpin) {
+TEST(SnapshotServer, OutOfDescriptors_IsReportedToTheLoop) {
     Service service({.symbols = "", .participants = "", .quiet = true});
     Client client(service.port);
     rlimit saved{};
@@ -260,7 +260,7 @@ TEST(SnapshotServer, OutOfDescriptorsIsToldSoThatTheLoopDoesNotSpin) {
     EXPECT_FALSE(service.server.accept_failing);
 }
 
-TEST(SnapshotServer, PortInUseIsReportedInOneLine) {
+TEST(SnapshotServer, ListenerPortInUse_IsReportedInOneLine) {
     const Service service;
     SnapshotServer second;
     std::string error;
@@ -270,7 +270,7 @@ TEST(SnapshotServer, PortInUseIsReportedInOneLine) {
     close(second.listener);
 }
 
-TEST(SnapshotServer, AcceptedSocketsAreNonBlockingAndUndelayed) {
+TEST(SnapshotServer, AcceptedSockets_AreNonBlockingAndUndelayed) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.pass_until([&] { return service.server.connections.size() == 1; }));
@@ -298,7 +298,7 @@ struct MemoryClient {
     std::string received;
 };
 
-TEST(SnapshotPeerInMemory, GetsTheSameBytesAsAClientWithASocket) {
+TEST(SnapshotPeerInMemory, SameRequests_SameBytesAsAClientWithASocket) {
     TestMarket market({.symbols = "AAPL:190", .participants = "QN", .wall_step_ns = 0});
     market.start_of_day();
     SnapshotServer server;
@@ -321,7 +321,7 @@ TEST(SnapshotPeerInMemory, GetsTheSameBytesAsAClientWithASocket) {
     EXPECT_EQ(next_snapshot_due_ms(server), UINT64_MAX);
 }
 
-TEST(SnapshotPeerInMemory, SecondClientIsRejectedAndSilenceEndsTheFirst) {
+TEST(SnapshotPeerInMemory, SecondClient_IsRejectedAndSilenceEndsTheFirst) {
     TestMarket market({.symbols = "AAPL:190", .participants = "QN"});
     SnapshotServer server;
     MemoryClient first;

@@ -13,7 +13,7 @@ using testing::field;
 using testing::login;
 using testing::packet;
 
-TEST(SoupParser, PacketIsWholeAtItsLastByteAndNotBefore) {
+TEST(SoupParser, PacketCutAnywhere_IsWholeAtItsLastByteOnly) {
     const std::string input = login("LATE", "UTPBENCH01", "1");
     ASSERT_EQ(input.size(), 49u);
     SoupPacket parsed;
@@ -27,7 +27,7 @@ TEST(SoupParser, PacketIsWholeAtItsLastByteAndNotBefore) {
     EXPECT_EQ(consumed, input.size());
 }
 
-TEST(SoupParser, BytesBehindAPacketStayForTheNext) {
+TEST(SoupParser, BytesAfterAPacket_StayForTheNext) {
     const std::string input = packet('R') + packet('O') + std::string("\0", 1);
     SoupPacket parsed;
     std::size_t consumed = 0;
@@ -39,7 +39,7 @@ TEST(SoupParser, BytesBehindAPacketStayForTheNext) {
     EXPECT_FALSE(next_soup_packet(as_bytes(input).subspan(6), parsed, consumed));
 }
 
-TEST(SoupParser, LengthZeroNeverCompletes) {
+TEST(SoupParser, LengthZero_NeverCompletes) {
     const std::string input(1000, '\0');
     SoupPacket parsed;
     std::size_t consumed = 0;
@@ -50,7 +50,7 @@ TEST(SoupParser, LengthZeroNeverCompletes) {
     EXPECT_FALSE(is_blocked(as_bytes(packet('R'))));
 }
 
-TEST(SoupParser, LongestPacketIsTaken) {
+TEST(SoupParser, LongestPacket_IsAccepted) {
     const std::string input = packet('U', std::string(65534, 'x'));
     ASSERT_EQ(input.size(), soup_packet_bytes_max);
     SoupPacket parsed;
@@ -60,7 +60,7 @@ TEST(SoupParser, LongestPacketIsTaken) {
     EXPECT_EQ(consumed, input.size());
 }
 
-TEST(LoginFields, AreCutAndStripped) {
+TEST(LoginFields, PaddedFields_AreCutAndStripped) {
     const std::string payload =
         field("AB", 6) + field("pass", 10) + std::string("SESS\0\0 \0  ", 10) + field("1", 20);
     const LoginRequest request = read_login(as_bytes(payload));
@@ -69,7 +69,7 @@ TEST(LoginFields, AreCutAndStripped) {
     EXPECT_EQ(request.sequence, 1u);
 }
 
-TEST(LoginFields, FullWidthsAreKept) {
+TEST(LoginFields, FullWidths_AreKept) {
     const std::string payload = "ABCDEF" + field("", 10) + "UTPBENCH01" + "18446744073709551615";
     const LoginRequest request = read_login(as_bytes(payload));
     EXPECT_EQ(request.username, "ABCDEF");
@@ -77,7 +77,7 @@ TEST(LoginFields, FullWidthsAreKept) {
     EXPECT_EQ(request.sequence, 18446744073709551615u);
 }
 
-TEST(LoginFields, ShortPayloadGivesEmptyFields) {
+TEST(LoginFields, ShortPayload_GivesEmptyFields) {
     const std::string payload(45, 'A');
     const LoginRequest request = read_login(as_bytes(payload));
     EXPECT_EQ(request.username, "");
@@ -85,7 +85,7 @@ TEST(LoginFields, ShortPayloadGivesEmptyFields) {
     EXPECT_EQ(request.sequence, 0u);
 }
 
-TEST(LoginFields, SequenceIsReadAsStrtoullReadsIt) {
+TEST(LoginFields, AnySequenceText_IsReadAsStrtoullReadsIt) {
     const auto sequence_of = [](const std::string& text) {
         return read_login(as_bytes(field("U", 6) + field("", 20) + field(text, 20))).sequence;
     };

@@ -23,7 +23,7 @@ namespace {
 
 using namespace testing;
 
-TEST(SnapshotServer, LoginIsAnsweredByAcceptedSpinAndEndOfSnapshot) {
+TEST(SnapshotServer, Login_AnsweredByAcceptedSpinAndEndOfSnapshot) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.logs_in(client));
@@ -44,7 +44,7 @@ TEST(SnapshotServer, LoginIsAnsweredByAcceptedSpinAndEndOfSnapshot) {
     EXPECT_TRUE(service.server.connections.at(0).logged_in);
 }
 
-TEST(SnapshotServer, OpenPacketIsFlushedBeforeTheSpin) {
+TEST(SnapshotServer, OpenPacket_IsFlushedBeforeTheSpin) {
     Service service;
     Client client(service.port);
     const unsigned char message[4] = {1, 2, 3, 4};
@@ -56,7 +56,7 @@ TEST(SnapshotServer, OpenPacketIsFlushedBeforeTheSpin) {
     EXPECT_EQ(get_u64(Bytes(end.begin(), end.end()), 29), sequence);
 }
 
-TEST(SnapshotServer, ShortSessionIsPaddedInLoginAcceptedAndMatchedAsItIs) {
+TEST(SnapshotServer, ShortSession_IsPaddedInLoginAcceptedAndMatchedAsItIs) {
     Service service({.symbols = "A:1", .participants = "Q", .session = "AB"});
     Client client(service.port);
     client.say(login("LATE", "AB", "1"));
@@ -67,7 +67,7 @@ TEST(SnapshotServer, ShortSessionIsPaddedInLoginAcceptedAndMatchedAsItIs) {
     EXPECT_EQ(client.packets().at(0), (std::pair<char, std::string>{'A', "AB        " + field("1", 20)}));
 }
 
-TEST(SnapshotServer, LoginThatAsksForTooMuchIsRejectedWithS) {
+TEST(SnapshotServer, LoginThatAsksForTooMuch_IsRejectedWithS) {
     const struct {
         const char* session;
         const char* sequence;
@@ -94,7 +94,7 @@ TEST(SnapshotServer, LoginThatAsksForTooMuchIsRejectedWithS) {
     }
 }
 
-TEST(SnapshotServer, EmptySessionWithSequence0OrOursWithSequence1IsAccepted) {
+TEST(SnapshotServer, EmptySessionWithSequence0OrOursWithSequence1_IsAccepted) {
     const std::pair<const char*, const char*> rows[] = {
         {"", ""}, {"", "0"}, {"", "1"}, {"UTPBENCH01", "1"}, {"", "x"}};
     for (const auto& [session, sequence] : rows) {
@@ -109,7 +109,7 @@ TEST(SnapshotServer, EmptySessionWithSequence0OrOursWithSequence1IsAccepted) {
     }
 }
 
-TEST(SnapshotServer, LoginWithoutAUsernameIsRejectedWithA) {
+TEST(SnapshotServer, LoginWithoutAUsername_IsRejectedWithA) {
     Service service;
     for (const std::string& request : {login(""), packet('L'), packet('L', std::string(45, 'A'))}) {
         Client client(service.port);
@@ -124,7 +124,7 @@ TEST(SnapshotServer, LoginWithoutAUsernameIsRejectedWithA) {
     EXPECT_EQ(service.server.connections_accepted, 3u) << "rejected logins count as connections";
 }
 
-TEST(SnapshotServer, LongerLoginPayloadIsReadFromItsStart) {
+TEST(SnapshotServer, LongerLoginPayload_IsReadFromItsStart) {
     Service service;
     Client client(service.port);
     client.say(packet('L', field("LATE", 6) + field("", 40) + "more"));
@@ -135,7 +135,7 @@ TEST(SnapshotServer, LongerLoginPayloadIsReadFromItsStart) {
     EXPECT_EQ(client.packets().at(0).first, 'A');
 }
 
-TEST(SnapshotServer, SecondClientIsRejectedUntilTheFirstLogsOut) {
+TEST(SnapshotServer, SecondClient_IsRejectedUntilTheFirstLogsOut) {
     Service service;
     Client first(service.port);
     ASSERT_TRUE(service.logs_in(first, "FIRST"));
@@ -191,7 +191,7 @@ TEST(SnapshotServer, LoginAndALaterConnectionsLogoutInOnePass_TheLoginIsRejected
     EXPECT_TRUE(service.server.connections.empty());
 }
 
-TEST(SnapshotServer, LoggedInClientMayLogInAgainAndGetsAnotherSpin) {
+TEST(SnapshotServer, LoggedInClientLogsInAgain_GetsAnotherSpin) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.logs_in(client));
@@ -201,7 +201,7 @@ TEST(SnapshotServer, LoggedInClientMayLogInAgainAndGetsAnotherSpin) {
     EXPECT_EQ(service.stats().snapshots, 2u);
 }
 
-TEST(SnapshotServer, LoginsInOneBurstAreServedOneAPass) {
+TEST(SnapshotServer, LoginsInOneBurst_AreServedOneAPass) {
     Service service;
     Client client(service.port);
     client.say(login("LATE") + packet('R') + login("LATE") + login("LATE") + packet('O'));
@@ -214,7 +214,7 @@ TEST(SnapshotServer, LoginsInOneBurstAreServedOneAPass) {
     EXPECT_TRUE(service.server.connections.empty()) << "the logout behind the last of them";
 }
 
-TEST(SnapshotServer, LogoutSentWithTheLoginIsHeardInTheSamePass) {
+TEST(SnapshotServer, LogoutSentWithTheLogin_IsReceivedInTheSamePass) {
     Service service;
     Client client(service.port);
     client.say(login("LATE") + packet('O'));
@@ -223,7 +223,7 @@ TEST(SnapshotServer, LogoutSentWithTheLoginIsHeardInTheSamePass) {
     EXPECT_TRUE(service.server.connections.empty());
 }
 
-TEST(SnapshotServer, LoginThatWaitedIsServedThoughTheClientIsGoneByThen) {
+TEST(SnapshotServer, LoginThatWaited_IsServedThoughTheClientIsGoneByThen) {
     Service service;
     Client client(service.port);
     client.say(login("LATE") + login("LATE") + packet('O'));
@@ -239,7 +239,7 @@ TEST(SnapshotServer, LoginThatWaitedIsServedThoughTheClientIsGoneByThen) {
     EXPECT_TRUE(service.server.connections.empty());
 }
 
-TEST(SnapshotServer, LoginSplitAtEveryByteIsServedOnceComplete) {
+TEST(SnapshotServer, LoginSplitAtEveryByte_IsServedOnceComplete) {
     const std::string request = login("LATE", "UTPBENCH01", "1");
     for (std::size_t cut = 1; cut < request.size(); ++cut) {
         Service service;
@@ -254,7 +254,7 @@ TEST(SnapshotServer, LoginSplitAtEveryByteIsServedOnceComplete) {
     }
 }
 
-TEST(SnapshotServer, OtherPacketsAreConsumedAndIgnored) {
+TEST(SnapshotServer, OtherPackets_AreConsumedAndIgnored) {
     Service service;
     Client client(service.port);
     client.say(packet('R') + packet('U', "data") + packet('+', "debug") + packet('\0') + packet('A', "x") +
@@ -263,7 +263,7 @@ TEST(SnapshotServer, OtherPacketsAreConsumedAndIgnored) {
     EXPECT_EQ(service.stats().snapshot_rejects, 0u);
 }
 
-TEST(SnapshotServer, NothingBehindALengthOfZeroIsParsedAndNoByteOfItKept) {
+TEST(SnapshotServer, BytesAfterALengthOfZero_AreNeitherParsedNorKept) {
     Service service;
     Client client(service.port);
     client.say(packet('R') + std::string("\0\0", 2) + login("LATE"));
@@ -281,7 +281,7 @@ TEST(SnapshotServer, NothingBehindALengthOfZeroIsParsedAndNoByteOfItKept) {
     EXPECT_EQ(service.server.connections.size(), 1u) << "its bytes still show that it lives";
 }
 
-TEST(SnapshotServer, LargestPacketIsBufferedAndNoMore) {
+TEST(SnapshotServer, LargestPacket_IsBufferedAndNoMore) {
     Service service;
     Client client(service.port);
     const std::string big = packet('U', std::string(65534, 'x'));
@@ -294,7 +294,7 @@ TEST(SnapshotServer, LargestPacketIsBufferedAndNoMore) {
     ASSERT_TRUE(service.pass_until([&] { return service.stats().snapshots == 1; }));
 }
 
-TEST(SnapshotServer, FastSenderIsReadAtMostItsShareAPass) {
+TEST(SnapshotServer, FastSender_IsReadAtMostItsShareAPass) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.pass_until([&] { return service.server.connections.size() == 1; }));
@@ -317,7 +317,7 @@ TEST(SnapshotServer, FastSenderIsReadAtMostItsShareAPass) {
     sender.join();
 }
 
-TEST(SnapshotServer, EndOfStreamInTheSamePassAsALoginClosesBeforeItIsParsed) {
+TEST(SnapshotServer, EndOfStreamInTheSamePassAsALogin_ClosesBeforeItIsParsed) {
     Service service;
     Client client(service.port);
     client.say(login("LATE"));
@@ -331,7 +331,7 @@ TEST(SnapshotServer, EndOfStreamInTheSamePassAsALoginClosesBeforeItIsParsed) {
     EXPECT_TRUE(service.server.connections.empty());
 }
 
-TEST(SnapshotServer, ResetIsAnEndLikeAnyOther) {
+TEST(SnapshotServer, Reset_IsAnEndLikeAnyOther) {
     Service service;
     Client client(service.port);
     ASSERT_TRUE(service.logs_in(client));
