@@ -19,7 +19,7 @@ FEW_TICKS, MANY_TICKS = 20, 60
 
 
 def counted(program, ticks, truth):
-    """Instructions and messages of a run of so many ticks."""
+    """Instructions and messages of a run of this many ticks."""
     command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", str(program),
                str(INSTRUMENTS), str(ticks)]
     done = subprocess.run(command + ([truth] if truth else []), capture_output=True, text=True, check=True)

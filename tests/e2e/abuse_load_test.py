@@ -23,7 +23,7 @@ UNANSWERED_MAX = 100  # so that no datagram is lost to a full socket buffer
 FLOOD_PAUSE_MAX_S = 2.0
 FLOOD_GROWTH_MAX = 16 * 1024 * 1024
 
-# A spin of so many symbols is more than the sockets' buffers hold.
+# A spin of this many symbols is more than the sockets' buffers hold.
 MANY_SYMBOLS = ",".join(f"S{number:04d}:100" for number in range(8000))
 
 

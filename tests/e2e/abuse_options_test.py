@@ -1,4 +1,4 @@
-"""Options that nobody in his senses would give: the feed starts and goes on, or says why it cannot."""
+"""Options with extreme values: the feed starts and keeps running, or says why it cannot."""
 
 import json
 import math
@@ -22,8 +22,8 @@ PRICE_MAX = 1e10
 
 
 def hear_all(tmp_path, messages, *args, **options):
-    """Runs a feed with these options for so many messages and a receiver beside it. The receiver's lines are
-    those of the truth log, which is returned parsed."""
+    """Runs a feed with these options for this many messages and a receiver beside it. The receiver's lines
+    are those of the truth log, which is returned parsed."""
     feed = Feed(tmp_path, *args, interval_ms=5, **options)
     out = tmp_path / "heard.jsonl"
     receiver = Process([program("tessel-listen"), *feed.receiver_args(), *feed.retrans_args(), "--out", out])

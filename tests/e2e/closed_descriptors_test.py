@@ -18,7 +18,7 @@ class FeedWithClosedDescriptors(Feed):
     def command(self):
         return ["/bin/sh", "-c", f'exec "$@" {self.closed}', "sh", *super().command()]
 
-    def start_unheard(self):
+    def start_without_banner(self):
         """Starts it without waiting for the banner, which nobody can read."""
         # pylint: disable=attribute-defined-outside-init
         self._child = self.make_process()
@@ -29,7 +29,7 @@ class FeedWithClosedDescriptors(Feed):
 @pytest.mark.parametrize("closed", ["2>&-", "0<&- 2>&-", "1>&- 2>&-", "0<&- 1>&- 2>&-"])
 def test_standard_error_closed_truth_log_and_packets_hold_nothing_else(tmp_path, closed):
     feed = FeedWithClosedDescriptors(tmp_path, closed)
-    with Listener(feed) as listener, feed.start_unheard():
+    with Listener(feed) as listener, feed.start_without_banner():
         feed.wait_for_messages(200)
         assert feed.control("mark here") == "ok mark here"
         for number in range(3):

@@ -15,11 +15,11 @@ def freeze(feed):
 
 def wait_for_final_heartbeat(listener, last):
     wait_until(lambda: any(sequence == last + 1 for _, sequence in listener.heartbeats()),
-               what="the heartbeat that tells the last number")
+               what="the heartbeat that carries the last number")
 
 
 def fault_lines(feed, kind, expected):
-    """How many lines of standard error tell of that fault, once the expected number has been read."""
+    """How many lines of standard error report that fault, once the expected number has been read."""
     def count():
         return sum(f"tessel fault: {kind} seq" in line for line in feed.stderr)
 
@@ -27,7 +27,7 @@ def fault_lines(feed, kind, expected):
     return count()
 
 
-def test_every_third_dropped_fifth_doubled_fourth_held_and_a_burst_lost_ends_complete(tmp_path):
+def test_every_third_dropped_fifth_duplicated_fourth_held_and_a_burst_lost_ends_complete(tmp_path):
     feed = Feed(tmp_path, "--drop-every", "3", "--dup-every", "5", "--reorder-every", "4",
                 "--drop-burst", "40:7", interval_ms=5)
     with Listener(feed) as listener, feed:
@@ -53,7 +53,7 @@ def test_every_third_dropped_fifth_doubled_fourth_held_and_a_burst_lost_ends_com
             # All of it once more from the history: the same bytes under the same numbers.
             assert requester.fetch(1, last) == complete
 
-        # What standard error told about each fault agrees with the counts.
+        # What standard error reported about each fault agrees with the counts.
         for kind in ("dropped", "duplicated", "reordered"):
             assert fault_lines(feed, kind, stats[kind]) == stats[kind]
     assert feed.exit_code == 0
@@ -137,7 +137,7 @@ def test_messages_not_sent_yet_are_answered(tmp_path):
 
 @pytest.fixture(scope="module")
 def still_feed(tmp_path_factory):
-    """A feed with a few hundred messages whose model stands still."""
+    """A feed with a few hundred messages whose model is frozen."""
     with Feed(tmp_path_factory.mktemp("still"), interval_ms=10) as feed:
         feed.wait_for_messages(300)
         freeze(feed)
@@ -189,7 +189,7 @@ def test_wrong_session_gets_no_answer(still_feed):
         assert answers(requester, HEADER.pack(b"OTHER     ", 1, 10), HEADER.pack(b"utpbench01", 1, 10)) == []
 
 
-def test_bytes_behind_the_request_are_ignored(still_feed):
+def test_bytes_after_the_request_are_ignored(still_feed):
     with Requester(still_feed) as requester:
         assert answers(requester, HEADER.pack(b"UTPBENCH01", 3, 2) + b"\xff" * 3000) == [(3, 2)]
 

@@ -1,4 +1,4 @@
-"""Receivers that join late stand where one stands who heard everything, whatever state the market was in."""
+"""A receiver that joins late has the state of one that received everything, whatever the market was in."""
 
 import re
 
@@ -32,7 +32,7 @@ def sequence_of(line):
 
 
 @pytest.mark.parametrize("faults", [(), FAULTS],
-                         ids=["every packet", "packets lost, doubled and out of order"])
+                         ids=["every packet", "packets lost, duplicated and out of order"])
 def test_five_late_joins_write_what_the_first_receiver_writes(tmp_path, faults):
     feed = Feed(tmp_path, *faults, scenario=BUSY, interval_ms=5,
                 symbols="AAPL:190.00,MSFT:410.00,BRK:700.00,CHEAP:0.02,LONGNAMES:5")

@@ -13,7 +13,7 @@ import time
 from feed import Feed, Process, wait_until
 from time_scale import scaled
 
-# As fast as it can, for so long. The files are replaced four times a second.
+# As fast as it can, for this long. The files are replaced four times a second.
 READER_SECONDS = 10
 
 BOOK_MEMBERS = ["bid", "ask", "last", "volume", "status"]
@@ -75,7 +75,7 @@ def test_reader_that_polls_as_fast_as_it_can_never_sees_a_part(tmp_path):
     # It did read while the files changed, and far more often than they did.
     assert len(seen["book"]) > 5
     assert reads > 10 * len(seen["book"])
-    # No twin is left behind by the last good write. (One may stand there for the moment of a write.)
+    # The last good write leaves no .tmp file. (One may exist for the moment of a write.)
     assert feed.exit_code == 0
     left = sorted(path.name for path in tmp_path.iterdir())
     assert [name for name in left if not name.endswith(".tmp")] == ["bbo.txt", "book.json"]
@@ -105,7 +105,7 @@ def test_book_and_bbo_agree_with_the_truth_log_once_the_model_stands_still(tmp_p
         still = time.time_ns()
         wait_until(lambda: stamp(feed) > still, what="a book of the frozen market")
         book = assert_is_a_book(feed.book_path.read_text(), ["AAPL", "MSFT", "BRK"])
-        wait_until(lambda: stamp(feed) > book["ts_ns"], what="the next book, behind the BBO of this one")
+        wait_until(lambda: stamp(feed) > book["ts_ns"], what="the book after the BBO of this one")
         bbo = feed.bbo_path.read_text().splitlines()
         truth = feed.truth()
     for symbol, line in zip(book["symbols"], bbo):
@@ -150,7 +150,7 @@ def test_file_that_cannot_be_written_whole_leaves_the_old_one(tmp_path):
     feed = Feed(tmp_path, book=True, bbo=True)
     start_and_wait_for_files(feed)
     with feed:
-        # From now on the twin is the device that is always full, again as often as the feed takes it away.
+        # From now on the .tmp file is the device that is always full, as often as the feed removes it.
         stop = threading.Event()
         twin = tmp_path / "book.json.tmp"
 
@@ -216,6 +216,16 @@ def test_feed_ignores_the_signals_of_write_errors_by_itself(tmp_path):
         assert not ignored_signals(other.pid) & {signal.SIGPIPE, signal.SIGXFSZ}
     with Feed(tmp_path) as feed:
         assert {signal.SIGPIPE, signal.SIGXFSZ} <= ignored_signals(feed.pid)
+
+
+def test_first_write_already_beyond_the_file_size_limit_is_not_an_end(tmp_path):
+    """A write that ends short at the limit brings no signal; one that begins there does."""
+    feed = SizeLimitedFeed(tmp_path, interval_ms=10)
+    feed.truth_path.write_bytes(b"\n" * 20000)
+    with feed:
+        feed.wait_for_messages(300)
+    assert feed.exit_code == 0
+    assert feed.truth_path.stat().st_size == 20000
 
 
 def test_reader_of_standard_error_that_goes_away_is_not_an_end(tmp_path):

@@ -165,11 +165,11 @@ def test_stop_command_replies_prints_the_faults_summary_alone_and_ends_with_0(tm
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
             client.settimeout(scaled(30))
             client.sendto(b"stop\n", ("127.0.0.1", feed.control_port))
-            client.sendto(b"mark behind\n", ("127.0.0.1", feed.control_port))
+            client.sendto(b"mark after\n", ("127.0.0.1", feed.control_port))
             assert client.recv(100) == b"ok stopping"  # without a line feed
         assert feed.wait() == 0
         assert re.fullmatch(FAULTS, feed.stderr[-1])
-        assert not any("stopped" in line or "mark behind" in line for line in feed.stderr)
+        assert not any("stopped" in line or "mark after" in line for line in feed.stderr)
 
 
 # ------------------------------------------------------------------------------------------ start-up failures

@@ -9,12 +9,12 @@ import pytest
 from feed import Feed, wait_until
 from mold import HEADER, Listener, is_heartbeat, split_packet
 
-# The start of day of so many instruments is more messages than one request can ask for.
+# The start of day of this many instruments is more messages than one request can ask for.
 SYMBOLS = ",".join(f"S{number:04d}:100" for number in range(8000))
 
 
 @pytest.mark.parametrize("address", ["127.0.0.1", "127.0.0.2", "127.1.2.3"])
-def test_connected_requester_hears_replies_from_the_address_that_it_asked(tmp_path, address):
+def test_connected_requester_receives_replies_from_the_address_that_it_asked(tmp_path, address):
     with Feed(tmp_path, interval_ms=20) as feed:
         feed.wait_for_messages(50)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:

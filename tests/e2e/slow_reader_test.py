@@ -45,5 +45,5 @@ def test_line_that_waits_for_its_reader_survives_an_interrupt(tmp_path):
     assert lines[-1] == "[tessel] stopped"
     counted = next(int(re.search(r"duplicated (\d+)", line).group(1)) for line in reversed(lines)
                    if line.startswith("tessel faults: "))
-    told = [line for line in lines if re.fullmatch(r"tessel fault: duplicated seq \d+", line)]
-    assert len(told) == counted > 40
+    reported = [line for line in lines if re.fullmatch(r"tessel fault: duplicated seq \d+", line)]
+    assert len(reported) == counted > 40

@@ -50,8 +50,8 @@ def assert_goes_on(feed):
 
 def let_it_accept(feed):
     """Waits until every connection made so far is accepted. The listener's queue is short, and a connection
-    that does not fit tries again only a second later: who makes many gives the feed time after every few."""
-    # A pass answers commands before it accepts: the second answer comes from behind an accept.
+    that does not fit tries again only a second later: callers that make many wait after every few."""
+    # A pass answers commands before it accepts: the second answer is sent after an accept.
     for _ in range(2):
         feed.control("stats")
 
@@ -178,7 +178,7 @@ def test_500_times_connect_and_reset(feed):
     assert_goes_on(feed)
 
 
-# A spin of so many symbols is some twelve megabytes, more than the sockets' buffers hold.
+# A spin of this many symbols is some twelve megabytes, more than the sockets' buffers hold.
 MANY_SYMBOLS = ",".join(f"S{number:04d}:100" for number in range(8000))
 
 
@@ -316,7 +316,7 @@ class BarelyLimitedFeed(Feed):
 
 
 def run_with_descriptors(tmp_path, limit):
-    """Starts a feed that may open so many: (exit status or None when it runs, its lines)."""
+    """Starts a feed with this limit: (exit status or None when it runs, its lines)."""
     feed = BarelyLimitedFeed(tmp_path, truth=False)
     feed.limit = limit
     with feed.make_process() as child:

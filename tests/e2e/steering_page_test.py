@@ -1,4 +1,4 @@
-"""The examples of the steering page: every command gives the reply that stands there, every scenario and
+"""The examples of the steering page: every command gives the reply that the page shows, every scenario and
 fault does what its table says."""
 
 import os

@@ -1,4 +1,4 @@
-"""Rubbish from outside: the feed goes on, its truth log stays well formed and its memory flat."""
+"""Random bytes from outside: the feed keeps running, its truth log stays well formed and its memory flat."""
 
 import os
 import random
@@ -14,12 +14,12 @@ from time_scale import scaled
 # messages made meanwhile. 10,000 datagrams that each left 450 bytes behind would break it.
 MEMORY_GROWTH_MAX = 4 * 1024 * 1024
 DATAGRAMS = 10_000
-BATCH = 50  # sent before the feed is heard from again, so that no datagram is lost to a full socket buffer
+BATCH = 50  # sent before the next reply is awaited, so that no datagram is lost to a full socket buffer
 
 
 @pytest.fixture(autouse=True)
 def small_quarantine(monkeypatch):
-    """A program built with the address sanitizer keeps freed memory back, 256 MB of it unless told otherwise,
+    """A program built with the address sanitizer keeps freed memory back, 256 MB of it by default,
     which would look like growth. Other builds do not read the variable."""
     options = os.environ.get("ASAN_OPTIONS")
     small = "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"
@@ -125,7 +125,7 @@ def test_lines_of_511_512_and_2000_bytes(tmp_path):
                 assert raw_reply(feed, b"x" * length) == b"err unknown command '" + b"x" * kept + b"'\n"
                 line = b"mark " + b"L" * (length - 5)
                 assert raw_reply(feed, line) == b"ok " + line[:kept] + b"\n"
-                # A command word behind the cut is not seen; one before it is.
+                # A command word after the cut is not seen; one before it is.
                 assert raw_reply(feed, b" " * length + b"stop") == (
                     b"err unknown command ''\n" if length > 510 else b"err unknown command 's'\n")
         marks = [line["mark"] for line in feed.truth() if "mark" in line]

@@ -159,7 +159,7 @@ def listen_to_capture(path, *args):
 class Capture:
     """tshark writing what passes on the loopback interface to a file, from when `start` returns until `stop`.
 
-    `start` sends datagrams to a port of its own, which the filter lets through too, until the first is in the
+    `start` sends datagrams to another port, which the filter passes too, until the first is in the
     file: only then is it certain that nothing that follows is missed."""
 
     def __init__(self, path, capture_filter, seconds=60):

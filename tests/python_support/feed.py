@@ -6,7 +6,7 @@
         ...
     assert feed.exit_code == 0
 
-Every feed gets a multicast group and ports of its own, so tests may run side by side. The addresses are
+Every feed gets its own multicast group and ports, so tests may run side by side. The addresses are
 known before the feed starts: a receiver that has to see the first message is started before `start()`.
 The programs are looked for in the folder that the environment variable TESSEL_BIN names.
 """
@@ -198,7 +198,7 @@ class Process:
 
 
 class Feed:
-    """One run of the feed with addresses of its own.
+    """One run of the feed with its own addresses.
 
     folder        where its files go: truth.jsonl, book.json, bbo.txt
     args          further command-line arguments; they come last, so they win
@@ -356,7 +356,7 @@ class Feed:
         return tap
 
     def fall_silent(self, seconds=START_SECONDS):
-        """Stops the ticks and waits for the heartbeat that tells every receiver the last number. Returns the
+        """Stops the ticks and waits for the heartbeat that carries the last number. Returns the
         next number to be given. Commands still make messages afterwards; "rate" brings the ticks back."""
         with self.tap() as tap:
             self.control("rate 1000000")
@@ -370,16 +370,16 @@ class Feed:
         raise TimeoutError("the feed sent no heartbeat")
 
     def truth_lines(self):
-        """The truth log as it stands: complete lines as texts."""
+        """The truth log so far: complete lines as texts."""
         text = self.truth_path.read_text()
         return text[:text.rfind("\n") + 1].splitlines()
 
     def truth(self):
-        """The truth log as it stands, every complete line parsed."""
+        """The truth log so far, every complete line parsed."""
         return [json.loads(line) for line in self.truth_lines()]
 
     def receiver_args(self):
-        """The options with which tessel-listen hears this feed."""
+        """The options with which tessel-listen receives this feed."""
         return ["--mcast", self.group, "--port", str(self.port), "--iface", self.iface,
                 "--session", self.session]
 

@@ -1,4 +1,4 @@
-"""Hears a feed's multicast packets and asks its retransmission service, in plain Python.
+"""Receives a feed's multicast packets and asks its retransmission service, in plain Python.
 
     with Listener(feed) as listener:        # before feed.start(), to hear the first packet
         with feed:
@@ -44,7 +44,7 @@ def split_packet(packet):
         assert at + length <= len(packet), "a block goes over the packet's end"
         messages.append(packet[at:at + length])
         at += length
-    assert at == len(packet), "bytes behind the last block"
+    assert at == len(packet), "bytes after the last block"
     return session, sequence, messages
 
 
@@ -103,7 +103,7 @@ class Listener:
         return [(when, split_packet(packet)[1]) for when, packet in self.packets() if is_heartbeat(packet)]
 
     def messages(self):
-        """{sequence number: bytes} of everything heard."""
+        """{sequence number: bytes} of everything received."""
         found = {}
         for _, packet in self.packets():
             add_packet(found, packet)

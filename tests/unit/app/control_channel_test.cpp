@@ -132,7 +132,7 @@ TEST(Control, RepeatedCommand_TrfCancelAndCorrectAddAndDropReplaces) {
     EXPECT_EQ(steered.faults().pending_dups, 2u);
     EXPECT_EQ(steered.faults().pending_reorders, 2u);
     steered.reply("trf -1");
-    EXPECT_EQ(steered.market.engine.pending_trf, 3u) << "a minus takes away";
+    EXPECT_EQ(steered.market.engine.pending_trf, 3u) << "a negative number subtracts";
     steered.reply("trf");
     EXPECT_EQ(steered.market.engine.pending_trf, 4u);
 }
@@ -174,7 +174,7 @@ TEST(Control, ResumeOfAHaltedInstrument_QuotationFirstThenTrading) {
     EXPECT_EQ(steered.reply("resume AAPL"), "ok resume AAPL\n");
     EXPECT_EQ(steered.market.at(0).status, 'Q');
     EXPECT_EQ(steered.log.take(), "bench: AAPL quotation resumption" + steered.at_last());
-    EXPECT_EQ(steered.market.publisher.packet_count, 0u) << "it goes out at once";
+    EXPECT_EQ(steered.market.publisher.packet_count, 0u) << "it is sent immediately";
     const std::uint64_t crosses = steered.stats().cross_prints;
     EXPECT_EQ(steered.reply("resume AAPL"), "ok resume AAPL\n");
     EXPECT_EQ(steered.market.at(0).status, 'T');

@@ -80,7 +80,7 @@ const Row rows[] = {
     {"reorder_every misses", {0, 0, 0, 4, 0, 0, 0, 0}, 9, FaultDecision::send, 0, 0, 0},
     {"pending reorder", {0, 0, 0, 0, 0, 0, 2, 0}, 1, FaultDecision::hold, 0, 0, 1},
     {"pending reorder used up by reorder_every", {0, 0, 0, 1, 0, 0, 2, 0}, 1, FaultDecision::hold, 0, 0, 1},
-    {"held and doubled: held, the pending dup is gone",
+    {"held and duplicated: held, the pending dup is gone",
      {0, 0, 0, 0, 0, 2, 1, 0},
      1,
      FaultDecision::hold,

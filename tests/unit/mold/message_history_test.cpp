@@ -10,7 +10,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// A message whose bytes tell its number; lengths vary so that chunks end at odd places.
+// A message whose bytes show its number; lengths vary so that chunks end at odd places.
 Bytes message_of(std::uint64_t index) {
     Bytes message(29 + index % 120);
     for (std::size_t at = 0; at < message.size(); ++at) {

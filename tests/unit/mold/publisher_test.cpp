@@ -343,7 +343,7 @@ TEST(PublisherFaults, DropEvery3DupEvery5ReorderEvery4_WholeHistoryOfTwentyPacke
     test.publisher.faults.dup_every = 5;
     test.publisher.faults.reorder_every = 4;
     test.flush_packets(20);
-    // 3 6 9 12 15 18 dropped; 4 8 16 20 held; 5 10 doubled; the held go behind the next that is sent.
+    // 3 6 9 12 15 18 dropped; 4 8 16 20 held; 5 10 duplicated; held ones follow the next that is sent.
     EXPECT_EQ(test.sent(), "1+1 2+1 5+1 5+1 4+1 7+1 10+1 10+1 8+1 11+1 13+1 14+1 17+1 16+1 19+1");
     EXPECT_EQ(test.publisher.faults_dropped, 6u);
     EXPECT_EQ(test.publisher.faults_duplicated, 2u);
@@ -361,7 +361,7 @@ TEST(PublisherFaults, LineNamesTheFirstMessage_AlsoBehindASkippedNumber) {
 
 // ------------------------------------------------------------------------------------------------ sockets
 
-// A UDP socket on a free loopback port: the publisher takes a unicast address for its group as well.
+// A UDP socket on a free loopback port: the publisher accepts a unicast address as its group.
 struct Receiver {
     int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
     std::uint16_t port = 0;

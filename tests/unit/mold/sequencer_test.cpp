@@ -299,7 +299,7 @@ TEST(Sequencer, GiveUpAll_HandsOutEverythingThatIsThere) {
     EXPECT_TRUE(nothing_missing(bench.sequencer));
 }
 
-// Goal: whatever is lost, doubled or turned around, everything comes out once and in order.
+// Goal: whatever is lost, duplicated or reordered, everything comes out once and in order.
 // Method: a generator with a fixed seed damages a stream; a service answers each request, losing some
 // answers.
 TEST(Sequencer, RandomLossDuplicationAndReordering_Seeds1To20) {

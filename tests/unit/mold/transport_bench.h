@@ -29,7 +29,7 @@ struct TestPublisher {
         static_cast<TestPublisher*>(context)->packets.emplace_back(packet, packet + length);
     }
 
-    // Appends a message of this length whose bytes tell its sequence number; gives that number back.
+    // Appends a message of this length whose bytes show its sequence number; returns that number.
     std::uint64_t add(std::size_t length = 22) {
         const Bytes message = message_with(publisher.next_sequence, length);
         return append_message(publisher, message.data(), message.size());
