@@ -13,14 +13,14 @@ JOBS=$(nproc)
 export JOBS
 
 # What each job needs from the distribution. The program itself needs the first line only.
-BUILD_PACKAGES=(g++ cmake ninja-build)
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config)
 # The libraries that cmake/packages.cmake looks for.
 mapfile -t TOOL_PACKAGES < <(
     sed -n 's/^tessel_package(.* DEBIAN \([^ )]*\).*/\1/p' "$ROOT/cmake/packages.cmake"
 )
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
 TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest mypy tshark
-    chromium valgrind jq procps iproute2 pkg-config)
+    chromium valgrind jq procps iproute2 pkg-config zstd)
 LINT_PACKAGES=(clang-format clang-tidy cppcheck shellcheck git python3)
 
 say() {

@@ -14,6 +14,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr std::string_view seq_head = R"({"seq":)";
 constexpr std::string_view mark_head = R"({"mark":")";
 constexpr std::string_view mark_tail = R"(","seq":)";
 
@@ -25,8 +26,8 @@ bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// Walks over one line. Every function leaves `at` behind what it took and returns false without a promise
-// about `at` when the text is not what it looks for.
+// Walks over one line. Every function moves `at` past what it accepted; when the text is not what it looks
+// for it returns false and `at` is unspecified.
 struct Scanner {
     const char* begin;
     const char* at;
@@ -46,7 +47,7 @@ struct Scanner {
         return true;
     }
 
-    // A string of plain ASCII without escapes; `content` is what stands between the quotes.
+    // A string of plain ASCII without escapes; `content` is the text between the quotes.
     bool take_string(std::string_view& content) {
         if (!take('"')) {
             return false;
@@ -183,16 +184,31 @@ bool too_deep(std::string_view text) {
     return deepest > nesting_max;
 }
 
-bool fail(std::string* error, std::string reason) {
-    if (error != nullptr) {
-        *error = std::move(reason);
-    }
+bool fail(std::string& error, std::string reason) {
+    error = std::move(reason);
     return false;
+}
+
+// Empties a line but keeps its memory.
+void clear_line(Line& line) {
+    line.seq = 0;
+    line.mark = false;
+    line.members = {};
+    line.unknown_members.clear();
+    line.rewritten.clear();
+}
+
+// Adds a text to the rewritten line.
+Span append(Line& line, std::string_view text) {
+    const Span span{static_cast<std::uint32_t>(line.rewritten.size()),
+                    static_cast<std::uint32_t>(text.size())};
+    line.rewritten += text;
+    return span;
 }
 
 // Parses with the library. A member given twice is watched for here, since the parsed object keeps only one
 // of them; members that are never compared may be given as often as a handler likes.
-bool parse_object(std::string_view text, Json& object, std::string* error) {
+bool parse_object(std::string_view text, Json& object, std::string& error) {
     std::set<std::string> names;
     std::string twice;
     const auto watch = [&](int depth, Json::parse_event_t event, Json& parsed) {
@@ -224,11 +240,10 @@ bool parse_object(std::string_view text, Json& object, std::string* error) {
 }  // namespace
 
 bool peek_sequence(std::string_view text, std::uint64_t& seq) {
-    constexpr std::string_view head = R"({"seq":)";
-    if (text.substr(0, head.size()) != head) {
+    if (text.substr(0, seq_head.size()) != seq_head) {
         return false;
     }
-    text.remove_prefix(head.size());
+    text.remove_prefix(seq_head.size());
     if (!text.empty() && text.front() == ' ') {
         text.remove_prefix(1);
     }
@@ -275,8 +290,11 @@ bool read_line_quickly(std::string_view text, Line& out) {
                                   static_cast<std::uint32_t>(length)};
         } else if (name == "mark") {
             return false;
-        } else if (out.foreign.empty()) {
-            out.foreign = name;
+        } else {
+            out.unknown_members.push_back(
+                {{static_cast<std::uint32_t>(name.data() - scan.begin),
+                  static_cast<std::uint32_t>(name.size())},
+                 {static_cast<std::uint32_t>(first - scan.begin), static_cast<std::uint32_t>(length)}});
         }
         scan.skip_blanks();
     } while (scan.take(','));
@@ -287,9 +305,13 @@ bool read_line_quickly(std::string_view text, Line& out) {
     return has_seq && scan.at == scan.end;
 }
 
-bool read_line_fully(std::string_view text, Line& out, std::string* error) {
+bool read_line_fully(std::string_view text, Line& out, std::string& error) {
     if (too_deep(text)) {
         return fail(error, fmt::format("nested deeper than {}", nesting_max));
+    }
+    // The library takes a NUL for the end of its input.
+    if (const std::size_t place = text.find('\0'); place != std::string_view::npos) {
+        return fail(error, fmt::format("not JSON: broken at byte {}", place + 1));
     }
     Json object;
     if (!parse_object(text, object, error)) {
@@ -303,46 +325,66 @@ bool read_line_fully(std::string_view text, Line& out, std::string* error) {
         return fail(error, "member 'seq' is not a whole number from 0 up");
     }
     out.seq = seq->get<std::uint64_t>();
-    out.rewritten = "{}";  // never empty, so that spans are known to stand here
+    out.rewritten = "{}";  // not empty, which says that the spans refer to it
     for (const auto& [name, value] : object.items()) {
         const std::size_t index = member_index(name);
         if (name == "mark") {
             out.mark = true;
         } else if (index != member_count) {
-            const std::string written = value.dump(-1, ' ', false, Json::error_handler_t::replace);
-            out.members[index] = {static_cast<std::uint32_t>(out.rewritten.size()),
-                                  static_cast<std::uint32_t>(written.size())};
-            out.rewritten += written;
-        } else if (name != "seq" && out.foreign.empty()) {
-            out.foreign = name;
+            out.members[index] = append(out, value.dump(-1, ' ', false, Json::error_handler_t::replace));
+        } else if (name != "seq") {
+            const Span name_span = append(out, name);
+            out.unknown_members.push_back(
+                {name_span, append(out, value.dump(-1, ' ', false, Json::error_handler_t::replace))});
         }
     }
     return true;
 }
 
-bool read_line(std::string_view text, Line& out, std::string* error) {
-    out = Line{};
+bool read_line(std::string_view text, Line& out, std::string& error) {
+    clear_line(out);
     if (text.size() > line_bytes_max) {
         return fail(error, fmt::format("line longer than {} bytes", line_bytes_max));
     }
     if (read_line_quickly(text, out)) {
         return true;
     }
-    out = Line{};
+    clear_line(out);
     if (read_mark(text, out)) {
         return true;
     }
-    out = Line{};
+    clear_line(out);
     return read_line_fully(text, out, error);
+}
+
+std::size_t find_line_after_torn(std::string_view text) {
+    constexpr std::size_t attempts_max = 16;  // bounds the time that one long bad line can take
+    Line line;
+    std::string error;
+    std::size_t place = 1;
+    for (std::size_t attempt = 0; attempt != attempts_max; ++attempt) {
+        const std::size_t message = text.find(seq_head, place);
+        const std::size_t mark = text.find(mark_head, place);
+        place = std::min(message, mark);
+        if (place == std::string_view::npos) {
+            return 0;
+        }
+        if (read_line(text.substr(place), line, error)) {
+            return place;
+        }
+        ++place;
+    }
+    return 0;
+}
+
+std::string_view span_text(const Line& line, std::string_view text, Span span) {
+    const std::string_view base = line.rewritten.empty() ? text : std::string_view(line.rewritten);
+    return base.substr(span.offset, span.length);
 }
 
 std::string_view member_text(const Line& line, std::string_view text, std::size_t member) {
     const Span span = line.members[member];
-    if (span.length == 0) {
-        return {};
-    }
-    const std::string_view base = line.rewritten.empty() ? text : std::string_view(line.rewritten);
-    return base.substr(span.offset, span.length);
+    return span.length == 0 ? std::string_view() : span_text(line, text, span);
 }
 
 }  // namespace tessel::judge

@@ -26,6 +26,11 @@ std::uint64_t total(const Bucket& bucket) {
     return bucket.missing + bucket.mismatched + bucket.unexpected;
 }
 
+// span * index / count, without leaving 64 bits; index is at most count, which is small.
+std::uint64_t part_of(std::uint64_t span, std::size_t index, std::size_t count) {
+    return span / count * index + span % count * index / count;
+}
+
 void add_value_axis(std::string& svg, std::uint64_t top) {
     for (std::uint64_t step = 0; step <= value_steps; ++step) {
         const double y = plot_bottom - (plot_bottom - plot_top) * static_cast<double>(step) / value_steps;
@@ -42,12 +47,11 @@ void add_value_axis(std::string& svg, std::uint64_t top) {
 
 void add_sequence_axis(std::string& svg, const Run& truth) {
     const std::uint64_t span = truth.highest - truth.lowest;
-    const std::size_t labels =
-        span + 1 < sequence_labels ? static_cast<std::size_t>(span) + 1 : sequence_labels;
+    const std::size_t labels = span < sequence_labels ? static_cast<std::size_t>(span) + 1 : sequence_labels;
     for (std::size_t index = 0; index != labels; ++index) {
         const double share = labels == 1 ? 0.0 : static_cast<double>(index) / static_cast<double>(labels - 1);
         const double x = plot_left + (plot_right - plot_left) * share;
-        const auto seq = truth.lowest + static_cast<std::uint64_t>(static_cast<double>(span) * share);
+        const std::uint64_t seq = truth.lowest + part_of(span, index, std::max<std::size_t>(labels - 1, 1));
         const std::string_view anchor = index == 0 ? "start" : index + 1 == labels ? "end" : "middle";
         svg += fmt::format(R"(<line class="axis" x1="{0:.1f}" x2="{0:.1f}" y1="{1}" y2="{2}"/>)", x,
                            plot_bottom, plot_bottom + 5);
@@ -63,9 +67,8 @@ void add_bar(std::string& svg, const RunResult& run, std::size_t index, std::uin
     const auto count = static_cast<double>(run.buckets.size());
     const double step = (plot_right - plot_left) / count;
     const double x = plot_left + step * static_cast<double>(index);
-    const double span = static_cast<double>(run.truth.highest - run.truth.lowest) + 1;
-    const auto first =
-        run.truth.lowest + static_cast<std::uint64_t>(span * static_cast<double>(index) / count);
+    const std::uint64_t span = run.truth.highest - run.truth.lowest;
+    const std::uint64_t first = run.truth.lowest + part_of(span, index, run.buckets.size());
     svg += fmt::format("<g><title>from sequence {}: {} missing, {} mismatched, {} unexpected</title>",
                        grouped(first), grouped(bucket.missing), grouped(bucket.mismatched),
                        grouped(bucket.unexpected));
@@ -91,6 +94,9 @@ std::uint64_t axis_top(std::uint64_t most) {
     std::uint64_t power = 1;
     while (power <= most / 10) {
         power *= 10;
+    }
+    if (power > UINT64_MAX / 12) {
+        return UINT64_MAX - UINT64_MAX % value_steps;
     }
     for (const std::uint64_t factor : {1U, 2U, 4U, 8U}) {  // all but the first divide by the axis' four steps
         const std::uint64_t top = factor * power;

@@ -1,3 +1,4 @@
+#include "judge/markup.h"
 #include "judge/report.h"
 #include "judge/report_chart.h"
 
@@ -13,11 +14,11 @@ namespace {
 constexpr std::string_view style = R"css(
 :root { color-scheme: light dark; --page: #f4f6f8; --card: #ffffff; --ink: #18212b; --soft: #5b6875;
   --line: #d9dfe5;
-  --agrees: #17703f; --differs: #b3261e;
+  --agrees: #17703f; --differs: #b3261e; --nothing: #8a5a00;
   --missing: #d9480f; --mismatched: #6741d9; --unexpected: #1971c2; }
 @media (prefers-color-scheme: dark) {
   :root { --page: #12171c; --card: #1b2229; --ink: #e8edf2; --soft: #9aa7b4; --line: #333d47;
-    --agrees: #1f7a48; --differs: #b73a32; --missing: #ff8c42; --mismatched: #9f85ff;
+    --agrees: #1f7a48; --differs: #b73a32; --nothing: #8f640f; --missing: #ff8c42; --mismatched: #9f85ff;
     --unexpected: #5aa9f0; } }
 * { box-sizing: border-box; }
 body { margin: 0; background: var(--page); color: var(--ink);
@@ -29,6 +30,8 @@ h3 { font-size: 14px; margin: 12px 0 4px; color: var(--soft); font-weight: 600; 
 p { margin: 6px 0 0; }
 .verdict { border-radius: 12px; padding: 22px 26px; color: #ffffff; }
 .verdict.agrees { background: var(--agrees); } .verdict.differs { background: var(--differs); }
+.verdict.nothing { background: var(--nothing); } .about { color: var(--soft); margin: 0 0 12px; }
+.notes { border-left: 4px solid var(--nothing); }
 .verdict p { font-size: 16px; }
 .tiles { display: grid; grid-template-columns: repeat(auto-fit, minmax(148px, 1fr)); gap: 12px;
   margin: 16px 0; }
@@ -59,63 +62,47 @@ details summary { cursor: pointer; color: var(--soft); }
 footer { color: var(--soft); font-size: 13px; margin-top: 18px; }
 )css";
 
-std::string escaped(std::string_view text) {
-    std::string safe;
-    safe.reserve(text.size());
-    for (const char c : text) {
-        switch (c) {
-            case '&': safe += "&amp;"; break;
-            case '<': safe += "&lt;"; break;
-            case '>': safe += "&gt;"; break;
-            case '"': safe += "&quot;"; break;
-            case '\'': safe += "&#39;"; break;
-            default:  // control characters are no text: a page with them would not be well-formed
-                safe += static_cast<unsigned char>(c) < 0x20 && c != '\t' ? ' ' : c;
-        }
-    }
-    return safe;
-}
-
 void add_tile(std::string& page, std::string_view name, std::uint64_t number, std::string_view color,
               const std::string& note = "") {
-    page += fmt::format(R"(<div class="tile {}"><span>{}</span><b>{}</b>{}</div>)", number == 0 ? "" : color,
-                        name, grouped(number), note.empty() ? "" : "<small>" + escaped(note) + "</small>");
+    page +=
+        fmt::format(R"(<div class="tile {}"><span>{}</span><b>{}</b>{}</div>)", number == 0 ? "" : color,
+                    name, grouped(number), note.empty() ? "" : "<small>" + escaped_markup(note) + "</small>");
 }
 
 void add_tiles(std::string& page, const Options& options, const Result& result) {
-    const Figures& figures = result.figures;
+    const Totals& totals = result.totals;
     page += R"(<div class="tiles">)";
-    add_tile(page, "truth lines", figures.truth_lines, "",
-             options.from_first || options.to_last ? grouped(figures.left_out) + " left out" : "");
-    add_tile(page, "output lines", figures.output_lines, "");
-    add_tile(page, "matched", figures.matched, "");
-    add_tile(page, "mismatched", figures.mismatched, "mismatched");
-    add_tile(page, "missing", figures.missing, "missing",
-             figures.longest_missing == 0
+    add_tile(page, "truth lines", totals.truth_lines, "",
+             options.from_first || options.to_last ? grouped(totals.left_out) + " left out" : "");
+    add_tile(page, "output lines", totals.output_lines, "");
+    add_tile(page, "matched", totals.matched, "");
+    add_tile(page, "mismatched", totals.mismatched, "mismatched");
+    add_tile(page, "missing", totals.missing, "missing",
+             totals.longest_missing == 0
                  ? ""
-                 : fmt::format("longest gap {}: {} to {}", grouped(figures.longest_missing),
-                               figures.longest_missing_first, figures.longest_missing_last));
-    add_tile(page, "unexpected", figures.unexpected, "unexpected",
-             figures.repeated == 0 ? "" : grouped(figures.repeated) + " repeated");
+                 : fmt::format("longest gap {}: {} to {}", grouped(totals.longest_missing),
+                               totals.longest_missing_first, totals.longest_missing_last));
+    add_tile(page, "unexpected", totals.unexpected, "unexpected",
+             totals.repeated == 0 ? "" : grouped(totals.repeated) + " repeated");
     page += "</div>\n";
 }
 
-void add_legend(std::string& page, const Figures& figures) {
+void add_legend(std::string& page, const Totals& totals) {
     page += R"(<div class="legend">)";
     const auto add_key = [&](std::string_view name, std::uint64_t lines) {
         if (lines != 0) {
             page += fmt::format(R"(<i class="key {0}"></i><span>{0} ({1})</span>)", name, grouped(lines));
         }
     };
-    add_key("missing", figures.missing);
-    add_key("mismatched", figures.mismatched);
-    add_key("unexpected", figures.unexpected);
+    add_key("missing", totals.missing);
+    add_key("mismatched", totals.mismatched);
+    add_key("unexpected", totals.unexpected);
     page += "</div>";
 }
 
 void add_charts(std::string& page, const Result& result) {
     page += "<section><h2>Over the run</h2>";
-    add_legend(page, result.figures);
+    add_legend(page, result.totals);
     std::size_t uncharted = 0;
     for (const RunResult& run : result.runs) {
         if (run.buckets.empty()) {
@@ -133,22 +120,22 @@ void add_charts(std::string& page, const Result& result) {
     page += "</section>\n";
 }
 
-void add_runs(std::string& page, const Result& result) {
+void add_runs(std::string& page, const Options& options, const Result& result) {
     if (result.truth_runs < 2 && result.runs.size() < 2) {
         return;
     }
     page += fmt::format(
-        "<section><h2>Runs</h2><p>The truth log holds {}, the output {}.</p>"
+        "<section><h2>Runs</h2><p>The truth log holds {}, the output {}.</p><p>{}.</p>"
         R"(<table><tr><th>run</th><th class="number">first sequence</th><th class="number">last</th>)"
         R"(<th class="number">truth lines</th><th class="number">mismatched</th>)"
         R"(<th class="number">missing</th><th class="number">unexpected</th></tr>)",
-        result.truth_runs, result.output_runs);
+        result.truth_runs, result.output_runs, escaped_markup(runs_note(options, result)));
     for (const RunResult& run : result.runs) {
         page += fmt::format(R"(<tr><td>{}</td>)",
                             run.truth_run == 0 ? "not in the truth log" : grouped(run.truth_run));
         for (const std::uint64_t number :
-             {run.truth.lowest, run.truth.highest, run.figures.truth_lines, run.figures.mismatched,
-              run.figures.missing, run.figures.unexpected}) {
+             {run.truth.lowest, run.truth.highest, run.totals.truth_lines, run.totals.mismatched,
+              run.totals.missing, run.totals.unexpected}) {
             page += fmt::format(R"(<td class="number">{}</td>)", grouped(number));
         }
         page += "</tr>";
@@ -168,8 +155,24 @@ void add_members(std::string& page, const Result& result) {
         }
     }
     page += "</table>";
-    for (const std::string& name : result.foreign) {
-        page += fmt::format("<p>Not compared: <code>{}</code>, which no truth line has.</p>", escaped(name));
+    page += "</section>\n";
+}
+
+// What a reader must not miss: members that were not compared, lines that were left out.
+void add_notes(std::string& page, const Result& result) {
+    if (result.unknown_members.empty() && result.torn_lines.empty()) {
+        return;
+    }
+    page += R"(<section class="notes"><h2>Not compared</h2>)";
+    for (const std::string& name : result.unknown_members) {
+        page += fmt::format("<p>Member <code>{}</code>, {}.</p>", escaped_markup(name),
+                            escaped_markup(unknown_member_note(name)));
+    }
+    if (result.more_unknown_members) {
+        page += "<p>Further members that no truth line has.</p>";
+    }
+    for (const TornLineAt& torn : result.torn_lines) {
+        page += fmt::format("<p>{}.</p>", escaped_markup(torn_line_note(torn)));
     }
     page += "</section>\n";
 }
@@ -179,10 +182,11 @@ std::string what(const Difference& difference) {
         case DifferenceKind::missing:
             return difference.lines == 1 ? "missing"
                                          : fmt::format("missing, {} lines", grouped(difference.lines));
-        case DifferenceKind::unexpected: return escaped("unexpected: " + difference.reason);
+        case DifferenceKind::unexpected: return escaped_markup("unexpected: " + difference.reason);
         case DifferenceKind::mismatched: break;
     }
-    return "mismatched in " + member_list(difference.members);
+    return "mismatched in " + member_list(difference.members) +
+           (difference.in_gap ? ", inside an open gap" : "");
 }
 
 void add_values(std::string& page, const Difference& difference) {
@@ -193,8 +197,8 @@ void add_values(std::string& page, const Difference& difference) {
             page += fmt::format(
                 "<tr><td><code>{}</code></td><td>truth <code>{}</code></td>"
                 "<td>output <code>{}</code></td></tr>",
-                member_names[member], escaped(expected.empty() ? "has none" : expected),
-                escaped(shown_value(difference.output_text, member)));
+                member_names[member], escaped_markup(expected.empty() ? "has none" : expected),
+                escaped_markup(shown_value(difference.output_text, member)));
         }
     }
     page += "</table>";
@@ -202,8 +206,8 @@ void add_values(std::string& page, const Difference& difference) {
 
 void add_line(std::string& page, std::string_view name, std::uint64_t line, const std::string& text) {
     if (line != 0) {
-        page +=
-            fmt::format(R"(<pre><span class="where">{} line {}</span> {}</pre>)", name, line, escaped(text));
+        page += fmt::format(R"(<pre><span class="where">{} line {}</span> {}</pre>)", name, line,
+                            escaped_markup(text));
     }
 }
 
@@ -211,10 +215,11 @@ void add_differences(std::string& page, const Result& result) {
     if (result.differences_found == 0) {
         return;
     }
-    page += fmt::format(R"(<section><h2>Differences</h2><p class="where">The first {} of {}; )"
-                        "missing lines in a row are one.</p>"
-                        R"(<table><tr><th>run</th><th>sequence</th><th>what</th></tr>)",
-                        result.differences.size(), grouped(result.differences_found));
+    page += fmt::format(
+        R"(<section><h2>Differences</h2><p class="where">The first {} of {}; )"
+        "missing lines in a row are one, mismatches are shown by one example a member and symbol.</p>"
+        R"(<table><tr><th>run</th><th>sequence</th><th>what</th></tr>)",
+        result.differences.size(), grouped(result.differences_found));
     for (const Difference& difference : result.differences) {
         page += fmt::format(
             "<tr><td>{}</td><td>{}{}</td><td>{}", difference.run, difference.seq,
@@ -231,25 +236,42 @@ void add_differences(std::string& page, const Result& result) {
     page += "</table></section>\n";
 }
 
+std::string_view title_of(Verdict decided) {
+    switch (decided) {
+        case Verdict::agrees: return "Agrees";
+        case Verdict::differs: return "Differs";
+        case Verdict::nothing_compared: break;
+    }
+    return "Nothing compared";
+}
+
 }  // namespace
 
 std::string html_report(const Options& options, const Result& result) {
-    const bool good = agrees(result);
+    const Verdict decided = verdict(result);
+    const std::string_view word = title_of(decided);
+    const std::string_view look = decided == Verdict::agrees    ? "agrees"
+                                  : decided == Verdict::differs ? "differs"
+                                                                : "nothing";
     std::string page =
         "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">";
-    page += fmt::format("<title>{}: {}</title><style>{}</style></head>\n<body><main>\n",
-                        good ? "Agrees" : "Differs", escaped(options.output_path), style);
-    page += fmt::format("<div class=\"verdict {}\"><h1>{}</h1><p>{}</p></div>\n", good ? "agrees" : "differs",
-                        good ? "Agrees" : "Differs", escaped(verdict_sentence(result)));
+    page += fmt::format("<title>{}: {}</title><style>{}</style></head>\n<body><main>\n", word,
+                        escaped_markup(options.output_path), style);
+    for (const std::string& about : options.about) {
+        page += fmt::format("<p class=\"about\">{}</p>\n", escaped_markup(about));
+    }
+    page += fmt::format("<div class=\"verdict {}\"><h1>{}</h1><p>{}</p></div>\n", look, word,
+                        escaped_markup(verdict_sentence(result)));
+    add_notes(page, result);
     add_tiles(page, options, result);
     add_charts(page, result);
-    add_runs(page, result);
+    add_runs(page, options, result);
     add_members(page, result);
     add_differences(page, result);
     page +=
         fmt::format("<footer>truth <code>{}</code>, output <code>{}</code></footer>\n</main></body></html>\n",
-                    escaped(options.truth_path), escaped(options.output_path));
+                    escaped_markup(options.truth_path), escaped_markup(options.output_path));
     return page;
 }
 

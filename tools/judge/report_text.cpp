@@ -1,3 +1,4 @@
+#include "common/nearest_word.h"
 #include "judge/report.h"
 
 #include <fmt/format.h>
@@ -8,35 +9,33 @@ namespace tessel::judge {
 
 namespace {
 
-std::string runs_note(const Options& options, const Result& result) {
-    if (result.truth_runs < 2 && result.output_runs < 2) {
-        return "";
-    }
-    std::string note = fmt::format("TRUTH holds {} run{}, OUTPUT {}; ", result.truth_runs,
-                                   result.truth_runs == 1 ? "" : "s", result.output_runs);
-    if (options.run != 0) {
-        return note + fmt::format("judged run {} as asked", options.run);
-    }
-    std::size_t first = 0;
-    std::size_t without = 0;
-    for (const RunResult& run : result.runs) {
-        without += run.truth_run == 0 ? 1 : 0;
-        first = first == 0 ? run.truth_run : first;
-    }
-    note += first == result.truth_runs ? fmt::format("judged run {}", first)
-                                       : fmt::format("judged runs {} to {}", first, result.truth_runs);
-    return without == 0 ? note : note + fmt::format(", {} of OUTPUT without a run in TRUTH", without);
-}
-
 void add_row(std::string& text, std::string_view name, const std::string& value) {
     text += fmt::format("{:<12} {}\n", name, value);
 }
 
-std::string unexpected_row(const Figures& figures) {
-    std::string row = grouped(figures.unexpected);
-    if (figures.unexpected != 0) {
+// What is said of OUTPUT's runs when it has more than the truth.
+std::string output_runs_note(const Result& result) {
+    if (result.output_run == 0) {
+        const auto without = std::count_if(result.runs.begin(), result.runs.end(),
+                                           [](const RunResult& run) { return run.truth_run == 0; });
+        return without == 0 ? "" : fmt::format(", {} of OUTPUT without a run in TRUTH", without);
+    }
+    std::string note = fmt::format(", which is run {} of OUTPUT", result.output_run);
+    const std::size_t repeats = result.runs.size() - 1;
+    if (repeats != 0) {
+        note += fmt::format(", {} of OUTPUT the same again", repeats);
+    }
+    if (result.output_runs_not_judged != 0) {
+        note += fmt::format(", {} of OUTPUT not judged", result.output_runs_not_judged);
+    }
+    return note;
+}
+
+std::string unexpected_row(const Totals& totals) {
+    std::string row = grouped(totals.unexpected);
+    if (totals.unexpected != 0) {
         row += fmt::format(" ({} repeated, {} with a sequence number that no truth line has, {} too late)",
-                           grouped(figures.repeated), grouped(figures.unknown), grouped(figures.too_late));
+                           grouped(totals.repeated), grouped(totals.unknown), grouped(totals.too_late));
     }
     return row;
 }
@@ -54,6 +53,7 @@ void add_members(std::string& text, const Result& result) {
 void add_difference(std::string& text, const Options& options, std::size_t number,
                     const Difference& difference) {
     const std::string place = fmt::format("{:>2}. run {} seq {}", number, difference.run, difference.seq);
+    const std::string_view gap = difference.in_gap ? " (inside an open gap)" : "";
     switch (difference.kind) {
         case DifferenceKind::missing:
             text += difference.lines == 1 ? fmt::format("{}: missing\n", place)
@@ -64,7 +64,7 @@ void add_difference(std::string& text, const Options& options, std::size_t numbe
             text += fmt::format("{}: unexpected ({})\n", place, difference.reason);
             break;
         case DifferenceKind::mismatched:
-            text += fmt::format("{}: mismatched in {}\n", place, member_list(difference.members));
+            text += fmt::format("{}: mismatched in {}{}\n", place, member_list(difference.members), gap);
             break;
     }
     if (difference.truth_line != 0) {
@@ -86,6 +86,46 @@ void add_difference(std::string& text, const Options& options, std::size_t numbe
 }
 
 }  // namespace
+
+std::string runs_note(const Options& options, const Result& result) {
+    if (result.truth_runs < 2 && result.output_runs < 2) {
+        return "";
+    }
+    std::string note = fmt::format("TRUTH holds {} run{}, OUTPUT {}; ", result.truth_runs,
+                                   result.truth_runs == 1 ? "" : "s", result.output_runs);
+    std::size_t first = 0;
+    std::size_t last = 0;
+    for (const RunResult& run : result.runs) {
+        first = first == 0 ? run.truth_run : first;
+        last = std::max(last, run.truth_run);
+    }
+    if (options.run != 0) {
+        note += fmt::format("judged run {} as asked", options.run);
+    } else {
+        note += first == last ? fmt::format("judged run {}", first)
+                              : fmt::format("judged runs {} to {}", first, last);
+    }
+    return note + output_runs_note(result);
+}
+
+std::string_view verdict_word(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::agrees: return "AGREES";
+        case Verdict::differs: return "DIFFERS";
+        case Verdict::nothing_compared: break;
+    }
+    return "NOTHING COMPARED";
+}
+
+std::string unknown_member_note(const std::string& name) {
+    return "which no truth line has" + common::did_you_mean(name, member_names);
+}
+
+std::string torn_line_note(const TornLineAt& torn) {
+    std::string note = fmt::format("torn: {}:{}: {} bytes of a line that was never finished are left out",
+                                   torn.file, torn.line.line_number, torn.line.bytes);
+    return torn.line.seq == 0 ? note : note + fmt::format(" (seq {})", torn.line.seq);
+}
 
 std::string grouped(std::uint64_t number) {
     std::string digits = std::to_string(number);
@@ -109,54 +149,73 @@ std::string member_list(std::uint32_t members) {
 
 std::string shown_value(const std::string& text, std::size_t member) {
     Line line;
-    if (!read_line(text, line, nullptr)) {
+    std::string reason;
+    if (!read_line(text, line, reason)) {
         return "(line cut)";
     }
     return std::string(member_text(line, text, member));
 }
 
 std::string verdict_sentence(const Result& result) {
-    const Figures& figures = result.figures;
-    if (agrees(result)) {
+    const Totals& totals = result.totals;
+    if (verdict(result) == Verdict::nothing_compared) {
+        return fmt::format(
+            "OUTPUT gives no member that truth lines have; {} of {} truth lines have a line there.",
+            grouped(totals.matched), grouped(totals.truth_lines));
+    }
+    if (verdict(result) == Verdict::agrees) {
         return fmt::format("All {} truth lines have their line in OUTPUT, and every member given agrees.",
-                           grouped(figures.truth_lines));
+                           grouped(totals.truth_lines));
     }
     return fmt::format(
         "Of {} truth lines {} are matched, {} mismatched and {} missing; unexpected lines in OUTPUT: {}.",
-        grouped(figures.truth_lines), grouped(figures.matched), grouped(figures.mismatched),
-        grouped(figures.missing), grouped(figures.unexpected));
+        grouped(totals.truth_lines), grouped(totals.matched), grouped(totals.mismatched),
+        grouped(totals.missing), grouped(totals.unexpected));
 }
 
 std::string text_report(const Options& options, const Result& result) {
-    const Figures& figures = result.figures;
-    std::string text =
-        fmt::format("{}: {}\n\n", agrees(result) ? "AGREES" : "DIFFERS", verdict_sentence(result));
-    add_row(text, "truth lines", grouped(figures.truth_lines));
-    add_row(text, "output lines", grouped(figures.output_lines));
-    add_row(text, "matched", grouped(figures.matched));
-    add_row(text, "mismatched", grouped(figures.mismatched));
-    add_members(text, result);
-    add_row(text, "missing", grouped(figures.missing));
-    if (figures.longest_missing != 0) {
-        add_row(text, "longest gap",
-                fmt::format("{} truth lines in a row, sequence {} to {}", grouped(figures.longest_missing),
-                            figures.longest_missing_first, figures.longest_missing_last));
+    const Totals& totals = result.totals;
+    std::string text;
+    for (const std::string& about : options.about) {
+        text += fmt::format("about: {}\n", about);
     }
-    add_row(text, "unexpected", unexpected_row(figures));
+    text += fmt::format("{}: {}\n", verdict_word(verdict(result)), verdict_sentence(result));
+    for (const std::string& name : result.unknown_members) {
+        text += fmt::format("not compared: member '{}', {}\n", name, unknown_member_note(name));
+    }
+    if (result.more_unknown_members) {
+        text += "not compared: further members that no truth line has\n";
+    }
+    for (const TornLineAt& torn : result.torn_lines) {
+        text += torn_line_note(torn) + "\n";
+    }
+    text += "\n";
+    add_row(text, "truth lines", grouped(totals.truth_lines));
+    add_row(text, "output lines", grouped(totals.output_lines));
+    add_row(text, "matched", grouped(totals.matched));
+    add_row(text, "mismatched", grouped(totals.mismatched));
+    add_members(text, result);
+    add_row(text, "missing", grouped(totals.missing));
+    if (totals.longest_missing != 0) {
+        add_row(text, "longest gap",
+                fmt::format("{} truth lines in a row, sequence {} to {}", grouped(totals.longest_missing),
+                            totals.longest_missing_first, totals.longest_missing_last));
+    }
+    add_row(text, "unexpected", unexpected_row(totals));
     if (options.from_first || options.to_last) {
         add_row(text, "left out",
-                fmt::format("{} truth lines {}", grouped(figures.left_out),
-                            options.from_first && options.to_last ? "before OUTPUT's first or behind its last"
+                fmt::format("{} truth lines {}", grouped(totals.left_out),
+                            options.from_first && options.to_last ? "before OUTPUT's first or after its last"
                             : options.from_first                  ? "before OUTPUT's first"
-                                                                  : "behind OUTPUT's last"));
+                                                                  : "after OUTPUT's last"));
     }
     std::uint64_t compared = 0;
     for (const MemberCount& count : result.members) {
         compared += count.compared;
     }
     add_row(text, "compared", fmt::format("{} members", grouped(compared)));
-    for (const std::string& name : result.foreign) {
-        add_row(text, "not compared", fmt::format("member '{}': no truth line has one", name));
+    if (totals.torn != 0) {
+        add_row(text, "torn", fmt::format("{} output lines for torn truth lines", grouped(totals.torn)));
     }
     if (const std::string note = runs_note(options, result); !note.empty()) {
         add_row(text, "runs", note);

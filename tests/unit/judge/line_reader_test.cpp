@@ -32,10 +32,18 @@ std::string value(const Line& line, std::string_view text, Member member) {
     return std::string(member_text(line, text, static_cast<std::size_t>(member)));
 }
 
+std::vector<std::string> unknown_names(const Line& line, std::string_view text) {
+    std::vector<std::string> names;
+    for (const UnknownMember& member : line.unknown_members) {
+        names.emplace_back(span_text(line, text, member.name));
+    }
+    return names;
+}
+
 std::string reason_for(std::string_view text) {
     Line line;
     std::string error;
-    EXPECT_FALSE(read_line(text, line, &error)) << text;
+    EXPECT_FALSE(read_line(text, line, error)) << text;
     return error;
 }
 
@@ -45,7 +53,7 @@ void expect_same_reading(std::string_view text) {
     Line full;
     ASSERT_TRUE(read_line_quickly(text, quick)) << text;
     std::string error;
-    ASSERT_TRUE(read_line_fully(text, full, &error)) << text << ": " << error;
+    ASSERT_TRUE(read_line_fully(text, full, error)) << text << ": " << error;
     EXPECT_EQ(quick.seq, full.seq);
     for (std::size_t member = 0; member != member_count; ++member) {
         const std::string_view one = member_text(quick, text, member);
@@ -60,7 +68,8 @@ TEST(LineReader, EveryKindOfTruthLineIsReadTheQuickWay) {
         expect_same_reading(text);
     }
     Line line;
-    ASSERT_TRUE(read_line(quote_line, line, nullptr));
+    std::string error;
+    ASSERT_TRUE(read_line(quote_line, line, error));
     EXPECT_EQ(line.seq, 812U);
     EXPECT_FALSE(line.mark);
     EXPECT_EQ(value(line, quote_line, Member::bid), "[[190.0100,300],[190.0000,500]]");
@@ -73,7 +82,8 @@ TEST(LineReader, SpacesAndOrderOfMembersDoNotMatter) {
         "  { \"status\" : \"T\", \"nbbo\" : [ 190.01, 300 , 0, 0 ] ,\t\"seq\": 7 }\r";
     expect_same_reading(text);
     Line line;
-    ASSERT_TRUE(read_line(text, line, nullptr));
+    std::string error;
+    ASSERT_TRUE(read_line(text, line, error));
     EXPECT_EQ(line.seq, 7U);
     EXPECT_EQ(value(line, text, Member::nbbo), "[ 190.01, 300 , 0, 0 ]");
 }
@@ -82,16 +92,20 @@ TEST(LineReader, OddLinesGoTheLongWay) {
     Line line;
     const std::string_view escaped = R"({"s\u0065q":9,"symbol":"A\u0042C","note":{"deep":[true,null]}})";
     EXPECT_FALSE(read_line_quickly(escaped, line));
-    ASSERT_TRUE(read_line(escaped, line, nullptr));
+    std::string error;
+    ASSERT_TRUE(read_line(escaped, line, error));
     EXPECT_EQ(line.seq, 9U);
     EXPECT_EQ(value(line, escaped, Member::symbol), "\"ABC\"");
-    EXPECT_EQ(line.foreign, "note");
+    EXPECT_EQ(unknown_names(line, escaped), std::vector<std::string>{"note"});
 }
 
-TEST(LineReader, MembersThatNoTruthLineHasAreNamed) {
+TEST(LineReader, MembersThatNoTruthLineHas_AreAllNamed) {
+    const std::string_view text = R"({"seq":1,"latency_ns":5,"statsu":"T","latency_ns":6,"x":true})";
     Line line;
-    ASSERT_TRUE(read_line_quickly(R"({"seq":1,"latency_ns":5,"latency_ns":6,"x":true})", line));
-    EXPECT_EQ(line.foreign, "latency_ns");
+    ASSERT_TRUE(read_line_quickly(text, line));
+    const std::vector<std::string> expected = {"latency_ns", "statsu", "latency_ns", "x"};
+    EXPECT_EQ(unknown_names(line, text), expected);
+    EXPECT_EQ(span_text(line, text, line.unknown_members[1].value), "\"T\"");
     expect_same_reading(R"({"seq":1,"latency_ns":5,"latency_ns":6,"status":null})");
 }
 
@@ -100,12 +114,13 @@ TEST(LineReader, MarkIsKnownByItsEndsWhateverItsLabel) {
                                         R"({"mark":"a"b\","seq":1}","seq":41})"}) {
         Line line;
         std::string error;
-        ASSERT_TRUE(read_line(text, line, &error)) << text << ": " << error;
+        ASSERT_TRUE(read_line(text, line, error)) << text << ": " << error;
         EXPECT_TRUE(line.mark) << text;
         EXPECT_EQ(line.seq, 41U) << text;
     }
     Line line;
-    ASSERT_TRUE(read_line(R"({"seq":41, "mark":"open"})", line, nullptr));
+    std::string error;
+    ASSERT_TRUE(read_line(R"({"seq":41, "mark":"open"})", line, error));
     EXPECT_TRUE(line.mark);
 }
 
@@ -126,6 +141,25 @@ TEST(LineReader, ReasonTellsWhatIsWrong) {
     EXPECT_EQ(reason_for(std::string(line_bytes_max + 1, ' ')), "line longer than 1048576 bytes");
     EXPECT_NE(reason_for("{\"seq\":1,\"symbol\":\"\xff\"}").find("not JSON"), std::string::npos);
     EXPECT_NE(reason_for(R"({"seq":1,"id":01})").find("not JSON"), std::string::npos);
+}
+
+TEST(LineReader, BytesAfterANul_AreAnError) {
+    using namespace std::literals;
+    EXPECT_EQ(reason_for("{\"seq\":1}\0"sv), "not JSON: broken at byte 10");
+    EXPECT_EQ(reason_for("{\"seq\":1,\"status\":\"T\"}\0{\"seq\":2}"sv), "not JSON: broken at byte 23");
+    EXPECT_EQ(reason_for("\0{\"seq\":1}"sv), "not JSON: broken at byte 1");
+}
+
+TEST(LineReader, WholeLineAfterATornOne_IsFound) {
+    const std::string whole = R"({"seq":6,"symbol":"AAPL","status":"T"})";
+    const std::string before = R"({"seq":812,"symbol":"AA)";
+    for (std::size_t torn = 1; torn != before.size(); ++torn) {
+        EXPECT_EQ(find_line_after_torn(before.substr(0, torn) + whole), torn) << torn;
+    }
+    EXPECT_EQ(find_line_after_torn(before + R"({"mark":"x","seq":5})"), before.size());
+    EXPECT_EQ(find_line_after_torn(before + R"({"seq":6,"sym{"seq":7})"), before.size() + 13);
+    EXPECT_EQ(find_line_after_torn(before), 0U);
+    EXPECT_EQ(find_line_after_torn(""), 0U);
 }
 
 TEST(LineReader, SequenceIsPeekedOnlyWhereItIsPlain) {
@@ -158,7 +192,7 @@ TEST(LineReader, DamagedLines_Seed11_QuickNeverAcceptsWhatFullRefuses) {
         }
         Line line;
         std::string error;
-        const bool read = read_line(text, line, &error);
+        const bool read = read_line(text, line, error);
         EXPECT_EQ(read, error.empty()) << text;
         Line quick;
         // A number too large for a double is JSON by its grammar, but not for the library.
