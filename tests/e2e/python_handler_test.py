@@ -9,6 +9,7 @@ from pathlib import Path
 
 import pytest
 from feed import Feed, Process, program, wait_until
+from time_scale import scaled
 
 ROOT = Path(os.environ.get("TESSEL_SOURCE", Path(__file__).resolve().parents[2]))
 EVENTS = "trf_every=7,cancel_every=20,correct_every=25,asof_every=40,band_every=1,odd_lot_every=2"
@@ -40,7 +41,7 @@ def catch_up(feed, out):
 
 def verdict(feed, out, *args):
     done = subprocess.run([program("tessel-judge"), feed.truth_path, out, *args], capture_output=True,
-                          text=True, timeout=120, check=False)
+                          text=True, timeout=scaled(120), check=False)
     assert done.returncode == 0 and "AGREES" in done.stdout, done.stdout[:3000]
     return done.stdout
 
@@ -130,7 +131,7 @@ def test_silent_retransmission_service_is_given_up(tmp_path):
 @pytest.mark.parametrize("args", [["--retrans", "nowhere"], ["--port", "x"], ["--frobnicate"]])
 def test_bad_command_line_ends_with_2(args):
     done = subprocess.run([sys.executable, ROOT / "examples" / "python" / "handler.py", *args],
-                          capture_output=True, text=True, timeout=60, check=False)
+                          capture_output=True, text=True, timeout=scaled(60), check=False)
     assert done.returncode == 2 and args[-1] in done.stderr
 
 
@@ -146,6 +147,6 @@ def test_commands_of_the_page_end_in_agreement(tmp_path):
     script = script.replace(f"{name} --out", f"{ROOT}/{name} {handler_options}")
     script = script.replace("tessel --truth-out", f"tessel {feed_options}")
     script = script.replace("build/release/", f"{os.environ['TESSEL_BIN']}/")
-    done = subprocess.run(["bash", "-c", script], cwd=tmp_path, capture_output=True, text=True, timeout=120,
-                          check=False)
+    done = subprocess.run(["bash", "-c", script], cwd=tmp_path, capture_output=True, text=True,
+                          timeout=scaled(120), check=False)
     assert "AGREES" in done.stdout, done.stdout + done.stderr

@@ -8,6 +8,7 @@ from pathlib import Path
 import pytest
 
 from feed import program
+from time_scale import scaled
 
 SOURCE = Path(os.environ["TESSEL_SOURCE"])
 VERSION = re.search(r"project\(tessel VERSION ([0-9.]+) ", (SOURCE / "CMakeLists.txt").read_text()).group(1)
@@ -24,7 +25,7 @@ def companions():
 
 
 def run(*command):
-    return subprocess.run(command, capture_output=True, text=True, check=False, timeout=60)
+    return subprocess.run(command, capture_output=True, text=True, check=False, timeout=scaled(60))
 
 
 @pytest.mark.parametrize("name", companions())

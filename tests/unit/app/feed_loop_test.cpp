@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
 #include <filesystem>
@@ -134,8 +135,7 @@ std::size_t count_of(const std::string& text, const std::string& part) {
     return count;
 }
 
-// ------------------------------------------------------------------------------------------------ when what
-// is due
+// ------------------------------------------------------------------------------------ when what is due
 
 TEST(FeedLoop, PassEveryMillisecond_TicksAtTheInterval) {
     LoopFeed loop({.interval_ms = 30});
@@ -232,8 +232,7 @@ TEST(FeedLoop, NeitherSteeredNorScripted_SummaryButNoStatsLine) {
     EXPECT_EQ(count_of(text, "[tessel] msgs "), 1u);
 }
 
-// ------------------------------------------------------------------------------------------------------- the
-// files
+// ------------------------------------------------------------------------------------------- the files
 
 std::uint64_t inode_of(const std::string& path) {
     struct stat found {};
@@ -289,8 +288,35 @@ TEST(FeedLoop, BookFileAlone_IsWrittenAndNoBbo) {
     EXPECT_FALSE(std::filesystem::exists(folder.path("bbo.txt")));
 }
 
-// ------------------------------------------------------------------------------------------------ order in a
-// pass
+// In a process of its own: a start with sockets also changes what signals do. The result is its exit status.
+int reserve_after_start(const std::string& book_out, const std::string& bbo_out) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const auto feed = std::make_unique<Feed>();
+        feed->config.mcast = "127.0.0.1";
+        feed->config.retrans_port = 0;
+        feed->config.snapshot_port = 0;
+        feed->config.book_out = book_out;
+        feed->config.bbo_out = bbo_out;
+        ExitStatus status = ExitStatus::stopped;
+        std::string error;
+        _exit(!start_feed(*feed, status, error) ? 10 : feed->reserve.fd >= 0 ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The first pass accepts connections before it writes the files: they must not find the last descriptor free.
+TEST(FeedStart, BookOrBboFileAskedFor_ReserveIsOpenBeforeTheFirstPass) {
+    const TempFolder folder;
+    StderrCapture log;
+    EXPECT_EQ(reserve_after_start(folder.path("book.json"), ""), 1);
+    EXPECT_EQ(reserve_after_start("", folder.path("bbo.txt")), 1);
+    EXPECT_EQ(reserve_after_start("", ""), 0);
+}
+
+// ------------------------------------------------------------------------------------- order in a pass
 
 TEST(FeedLoop, ScenarioHaltAndTickDueInOnePass_TheHaltComesFirst) {
     const TempFolder folder;
@@ -329,8 +355,7 @@ TEST(FeedLoop, CommandAndTickDueInOnePass_TheCommandComesFirst) {
     close(client);
 }
 
-// --------------------------------------------------------------------------------------- what the loop waits
-// for
+// ----------------------------------------------------------------------------- what the loop waits for
 
 TEST(FeedLoop, Wait_ListenerControlAndEveryConnectionArePolled) {
     LoopFeed loop({.interval_ms = -1, .with_control = true});
