@@ -1,5 +1,8 @@
 #include "mold/sequencer.h"
 
+#include "mold/gap_requests.h"
+#include "mold/packet.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -13,24 +16,10 @@ struct PacketRange {
     std::uint64_t end = 0;
 };
 
-std::uint64_t big_endian(const unsigned char* p, std::size_t width) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < width; ++i) {
-        value = (value << 8) | p[i];
-    }
-    return value;
-}
-
-void put_big_endian(unsigned char* p, std::uint64_t value, std::size_t width) {
-    for (std::size_t i = width; i-- > 0; value >>= 8) {
-        p[i] = static_cast<unsigned char>(value & 0xffu);
-    }
-}
-
 // Session 10, sequence number 8, message count 2, then blocks of length 2 and bytes.
 bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t length) {
-    range.first = big_endian(bytes + 10, 8);
-    std::size_t count = big_endian(bytes + 18, 2);
+    range.first = read_big_endian(bytes + 10, 8);
+    std::size_t count = read_big_endian(bytes + 18, 2);
     if (count == mold_end_of_session_count) {
         count = 0;  // says, like a heartbeat, which number would be next
     }
@@ -44,7 +33,7 @@ bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t len
         if (length - offset < 2) {
             return false;
         }
-        const std::size_t block = big_endian(bytes + offset, 2);
+        const std::size_t block = read_big_endian(bytes + offset, 2);
         if (length - offset - 2 < block) {
             return false;
         }
@@ -55,39 +44,33 @@ bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t len
 
 // Hands out the packet's messages from `next` on. The packet holds that number or only earlier ones.
 void deliver(Sequencer& sequencer, const unsigned char* bytes) {
-    std::uint64_t sequence = big_endian(bytes + 10, 8);
-    const std::uint64_t end = sequence + big_endian(bytes + 18, 2);
+    std::uint64_t sequence = read_big_endian(bytes + 10, 8);
+    const std::uint64_t end = sequence + read_big_endian(bytes + 18, 2);
     const unsigned char* block = bytes + mold_header_bytes;
     for (; sequence < end; ++sequence) {
-        const std::size_t length = big_endian(block, 2);
+        const std::size_t length = read_big_endian(block, 2);
         if (sequence == sequencer.next) {
             ++sequencer.next;
             ++sequencer.counters.delivered;
+            remember_message(sequencer.detector, sequence, block + 2, length);
             sequencer.sinks.message(sequence, block + 2, length);
         }
         block += 2 + length;
     }
 }
 
-// Hands out what is no longer behind a gap, and steps over gaps in front that are given up.
-void drain(Sequencer& sequencer) {
-    for (;;) {
-        if (!sequencer.gaps.empty() && sequencer.gaps.front().first == sequencer.next &&
-            sequencer.gaps.front().abandoned) {
-            const Gap gap = sequencer.gaps.front();
-            sequencer.gaps.pop_front();
-            sequencer.next = gap.end;
-            sequencer.counters.lost += gap.end - gap.first;
-            sequencer.sinks.lost(gap.first, gap.end - gap.first);
-        } else if (!sequencer.waiting.empty() && sequencer.waiting.begin()->first <= sequencer.next) {
-            const auto packet = sequencer.waiting.begin();
-            deliver(sequencer, packet->second.data());
-            sequencer.waiting_bytes -= packet->second.size();
-            sequencer.waiting.erase(packet);
-        } else {
-            return;
-        }
+// Passes over the abandoned gaps at the front: those that follow each other are one loss.
+void drop_front_gaps(Sequencer& sequencer) {
+    const std::uint64_t first = sequencer.next;
+    while (!sequencer.gaps.empty() && sequencer.gaps.front().first == sequencer.next &&
+           sequencer.gaps.front().abandoned) {
+        sequencer.next = sequencer.gaps.front().end;
+        sequencer.gaps.pop_front();
     }
+    const std::uint64_t count = sequencer.next - first;
+    forget_messages(sequencer.detector, first, count);
+    sequencer.counters.lost += count;
+    sequencer.sinks.lost(first, count);
 }
 
 // Takes [first, end) out of the gaps and returns how many numbers that closed. What is left of a gap keeps
@@ -161,64 +144,106 @@ void keep_waiting(Sequencer& sequencer, const PacketRange& range, const unsigned
                   std::size_t length) {
     // Of two packets with one first number the one with more messages holds the other's too.
     std::vector<unsigned char>& kept = sequencer.waiting[range.first];
-    if (kept.empty() || big_endian(kept.data() + 18, 2) < range.end - range.first) {
+    if (kept.empty() || read_big_endian(kept.data() + 18, 2) < range.end - range.first) {
         sequencer.waiting_bytes -= kept.size();
         sequencer.waiting_bytes += length;
         kept.assign(bytes, bytes + length);
     }
 }
 
-void send_request(Sequencer& sequencer, Gap& gap, std::int64_t now_ms) {
-    unsigned char request[mold_header_bytes];
-    std::memcpy(request, sequencer.settings.session.data(), mold_session_bytes);
-    put_big_endian(request + 10, gap.first, 8);
-    put_big_endian(request + 18, gap.end - gap.first, 2);
-    gap.requested_ms = now_ms;
-    ++gap.requests_sent;
-    ++sequencer.counters.requests;
-    sequencer.sinks.request(request, sizeof request);
+// The old run ends with what is there of it. The new one is fetched from its first message when it can be.
+void begin_new_run(Sequencer& sequencer, std::uint64_t first) {
+    abandon_gaps(sequencer);
+    ++sequencer.counters.restarts;
+    if (sequencer.sinks.restarted) {
+        sequencer.sinks.restarted(first);
+    }
+    const bool from_start = sequencer.settings.can_request || sequencer.settings.first_sequence == 1;
+    start_at(sequencer, from_start ? 1 : first);
+    sequencer.detector.reached = true;
 }
 
-// When this gap needs something done, and nothing before that.
-std::int64_t due_ms(const Sequencer& sequencer, const Gap& gap) {
-    if (!sequencer.settings.can_request) {
-        return gap.found_ms + sequencer.settings.abandon_ms;
+// The first packet after a silence: requests the last message again, to see whether it is still the same.
+void check_after_silence(Sequencer& sequencer, std::int64_t now_ms) {
+    const bool silent = sequencer.last_multicast_ms >= 0 &&
+                        now_ms - sequencer.last_multicast_ms >= sequencer.settings.silence_ms;
+    sequencer.last_multicast_ms = now_ms;
+    if (silent && sequencer.settings.can_request && sequencer.next > sequencer.detector.origin) {
+        sequencer.check_number = sequencer.next - 1;
+        sequencer.check_end_ms = now_ms + sequencer.settings.timeout_ms;
+        request_range(sequencer, sequencer.check_number, 1);
     }
-    return gap.requests_sent == 0 ? gap.found_ms + sequencer.settings.settle_ms
-                                  : gap.requested_ms + sequencer.settings.timeout_ms;
 }
 
-// Numbers asked for that have neither come nor run out of time.
-std::uint64_t outstanding_messages(const Sequencer& sequencer) {
-    std::uint64_t sum = 0;
-    for (const Gap& gap : sequencer.gaps) {
-        sum += gap.requests_sent != 0 && !gap.abandoned ? gap.end - gap.first : 0;
+// The reply to that request. What waits after a gap came after the silence, so it is of the new run already
+// and is requested again with it.
+void check_reply(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes) {
+    const std::uint64_t number = sequencer.check_number;
+    if (number == 0 || number < range.first || number >= range.end) {
+        return;
     }
-    return sum;
+    sequencer.check_number = 0;
+    if (compare_packet(sequencer.detector, bytes, range.first, range.end, sequencer.next) ==
+        PacketMemory::different) {
+        sequencer.gaps.clear();
+        sequencer.waiting.clear();
+        sequencer.waiting_bytes = 0;
+        begin_new_run(sequencer, 1);
+    }
 }
 
-bool buffer_is_full(const Sequencer& sequencer) {
-    return sequencer.waiting_bytes >= sequencer.settings.buffer_bytes_max;
-}
-
-// Cuts the gap at `index` so that its first part is one request; returns false when no more may be asked for
-// now.
-bool fit_request(Sequencer& sequencer, std::size_t index, std::uint64_t room) {
-    const std::uint64_t most = std::min(sequencer.settings.request_messages_max, room);
-    if (most == 0) {
-        return false;
+// Looks for signs of a new run in a multicast packet, and begins it.
+void detect_restart(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
+                    std::int64_t now_ms) {
+    check_after_silence(sequencer, now_ms);
+    RestartDetector& detector = sequencer.detector;
+    if (range.first == range.end) {
+        if (!detector.reached || range.first >= sequencer.highest) {
+            detector.heartbeat_fell = false;
+        } else {
+            ++sequencer.counters.sequence_resets;
+            if (heartbeat_proves_restart(detector)) {
+                begin_new_run(sequencer, range.first);
+            }
+        }
+    } else if (range.first < sequencer.next) {
+        const std::uint64_t first = find_restart(detector, bytes, range.first, range.end, sequencer.next);
+        if (first != 0) {
+            begin_new_run(sequencer, first);
+        }
+    } else {
+        detector.suspect_end = 0;
+        detector.heartbeat_fell = false;
     }
-    Gap& gap = sequencer.gaps[index];
-    if (gap.end - gap.first > most) {
-        Gap rest = gap;
-        rest.first = gap.first + most;
-        gap.end = rest.first;
-        sequencer.gaps.insert(sequencer.gaps.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest);
-    }
-    return true;
+    detector.reached = detector.reached || range.end >= sequencer.next;
 }
 
 }  // namespace
+
+void drain(Sequencer& sequencer) {
+    for (;;) {
+        if (!sequencer.gaps.empty() && sequencer.gaps.front().first == sequencer.next &&
+            sequencer.gaps.front().abandoned) {
+            drop_front_gaps(sequencer);
+        } else if (!sequencer.waiting.empty() && sequencer.waiting.begin()->first <= sequencer.next) {
+            const auto packet = sequencer.waiting.begin();
+            deliver(sequencer, packet->second.data());
+            sequencer.waiting_bytes -= packet->second.size();
+            sequencer.waiting.erase(packet);
+        } else {
+            return;
+        }
+    }
+}
+
+void request_range(Sequencer& sequencer, std::uint64_t first, std::uint64_t count) {
+    unsigned char request[mold_header_bytes];
+    std::memcpy(request, sequencer.settings.session.data(), mold_session_bytes);
+    write_big_endian(request + 10, first, 8);
+    write_big_endian(request + 18, count, 2);
+    ++sequencer.counters.requests;
+    sequencer.sinks.request(request, sizeof request);
+}
 
 std::string padded_session(const std::string& session) {
     std::string padded = session.substr(0, mold_session_bytes);
@@ -249,6 +274,9 @@ void start_at(Sequencer& sequencer, std::uint64_t sequence) {
     sequencer.gaps.clear();
     sequencer.waiting.clear();
     sequencer.waiting_bytes = 0;
+    sequencer.search.active = false;
+    sequencer.check_number = 0;
+    reset_detector(sequencer.detector, sequence);
 }
 
 void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length, std::int64_t now_ms,
@@ -260,10 +288,12 @@ void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t len
     if (!sequencer.started) {
         start_at(sequencer, range.first);
     }
-    if (range.first == range.end) {
-        ++sequencer.counters.heartbeats;
-        sequencer.counters.sequence_resets +=
-            range.first < sequencer.highest && source == PacketSource::multicast ? 1 : 0;
+    sequencer.counters.heartbeats += range.first == range.end ? 1 : 0;
+    if (source == PacketSource::multicast) {
+        detect_restart(sequencer, range, bytes, now_ms);
+    } else {
+        note_reply(sequencer.search, range.first, range.end, now_ms);
+        check_reply(sequencer, range, bytes);
     }
     learn_of(sequencer, range.first, now_ms);
     if (range.first == range.end || range.end <= sequencer.next) {
@@ -294,56 +324,6 @@ void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t len
         keep_waiting(sequencer, range, bytes, length);
     }
     drain(sequencer);
-}
-
-void on_timer(Sequencer& sequencer, std::int64_t now_ms) {
-    if (sequencer.gaps.empty()) {
-        return;
-    }
-    std::uint64_t outstanding = sequencer.settings.can_request ? outstanding_messages(sequencer) : 0;
-    for (std::size_t i = 0; i < sequencer.gaps.size(); ++i) {
-        Gap& gap = sequencer.gaps[i];
-        if (gap.abandoned || due_ms(sequencer, gap) > now_ms) {
-            continue;
-        }
-        if (!sequencer.settings.can_request || gap.requests_sent > sequencer.settings.retries) {
-            gap.abandoned = true;
-            continue;
-        }
-        // With a full buffer only the answer that goes straight through is of use.
-        if (buffer_is_full(sequencer) && i != 0) {
-            break;
-        }
-        const std::uint64_t again = gap.requests_sent != 0 ? gap.end - gap.first : 0;
-        const std::uint64_t others = outstanding > again ? outstanding - again : 0;
-        const std::uint64_t room = sequencer.settings.outstanding_messages_max > others
-                                       ? sequencer.settings.outstanding_messages_max - others
-                                       : 0;
-        if (!fit_request(sequencer, i, room)) {
-            break;
-        }
-        Gap& ready = sequencer.gaps[i];
-        outstanding = others + (ready.end - ready.first);
-        send_request(sequencer, ready, now_ms);
-    }
-    drain(sequencer);
-}
-
-std::int64_t next_timer_ms(const Sequencer& sequencer, std::int64_t now_ms) {
-    if (sequencer.gaps.empty()) {
-        return -1;
-    }
-    const std::uint64_t outstanding = sequencer.settings.can_request ? outstanding_messages(sequencer) : 0;
-    std::int64_t least = sequencer.settings.timeout_ms;
-    for (const Gap& gap : sequencer.gaps) {
-        // What has not been asked for because too much is outstanding waits for answers or their time-out.
-        const bool held_up = sequencer.settings.can_request && gap.requests_sent == 0 &&
-                             outstanding >= sequencer.settings.outstanding_messages_max;
-        if (!gap.abandoned && !held_up) {
-            least = std::min(least, due_ms(sequencer, gap) - now_ms);
-        }
-    }
-    return std::max<std::int64_t>(least, 0);
 }
 
 void abandon_gaps(Sequencer& sequencer) {

@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t receive_bytes = 256 * 1024;
 constexpr unsigned receives_a_step = 64;
 
-void give_up(SnapshotClient& client, std::string error) {
+void abandon_snapshot(SnapshotClient& client, std::string error) {
     close_snapshot(client);
     client.state = SnapshotState::failed;
     client.error = std::move(error);
@@ -27,7 +27,7 @@ void give_up(SnapshotClient& client, std::string error) {
 void try_again(SnapshotClient& client, const std::string& why, std::int64_t now_ms) {
     close_snapshot(client);
     if (client.attempts > client.settings.retries || client.messages != 0) {
-        give_up(client, why);
+        abandon_snapshot(client, why);
         return;
     }
     client.state = SnapshotState::idle;
@@ -35,7 +35,7 @@ void try_again(SnapshotClient& client, const std::string& why, std::int64_t now_
     client.next_attempt_ms = now_ms + client.settings.retry_ms;
 }
 
-// What is sent is a few bytes on an idle connection, so it fits the socket's buffer at once.
+// What is sent is a few bytes on an idle connection, so it fits the socket's buffer.
 bool send_packet(SnapshotClient& client, const std::string& packet, std::int64_t now_ms) {
     client.last_send_ms = now_ms;
     return send(client.fd, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
@@ -51,7 +51,7 @@ void begin(SnapshotClient& client, std::int64_t now_ms) {
         return;
     }
     client.state = SnapshotState::connecting;
-    client.last_receive_ms = now_ms;
+    client.last_progress_ms = now_ms;
 }
 
 void finish_connecting(SnapshotClient& client, std::int64_t now_ms) {
@@ -70,6 +70,7 @@ void finish_connecting(SnapshotClient& client, std::int64_t now_ms) {
         return;
     }
     client.state = SnapshotState::logged_out;
+    client.last_progress_ms = now_ms;
 }
 
 // Category A, type S, the number at offset 29.
@@ -79,6 +80,7 @@ bool is_end_of_snapshot(const SoupPacket& packet) {
 
 void take_message(SnapshotClient& client, const SoupPacket& packet, std::int64_t now_ms) {
     ++client.messages;
+    client.last_progress_ms = now_ms;
     client.message(packet.payload, packet.length);
     if (!is_end_of_snapshot(packet)) {
         return;
@@ -86,7 +88,7 @@ void take_message(SnapshotClient& client, const SoupPacket& packet, std::int64_t
     Message end;
     std::string error;
     if (!decode_message(end, packet.payload, packet.length, &error)) {
-        give_up(client, error);
+        abandon_snapshot(client, error);
         return;
     }
     client.snapshot_sequence = end.snapshot_sequence;
@@ -101,7 +103,7 @@ void take_rejection(SnapshotClient& client, const SoupPacket& packet, std::int64
         // The service has one client at a time, so this may pass.
         try_again(client, "login rejected (A: not authorized, or another client is logged in)", now_ms);
     } else {
-        give_up(client, std::string("login rejected (") + code + ": session not available)");
+        abandon_snapshot(client, std::string("login rejected (") + code + ": session not available)");
     }
 }
 
@@ -111,6 +113,7 @@ void take_packets(SnapshotClient& client, std::int64_t now_ms) {
     while (client.fd >= 0 && soup_next(client.input, packet, &broken)) {
         if (packet.type == soup_login_accepted && client.state == SnapshotState::logged_out) {
             client.state = SnapshotState::waiting;
+            client.last_progress_ms = now_ms;
         } else if (packet.type == soup_login_rejected) {
             take_rejection(client, packet, now_ms);
         } else if (packet.type == soup_sequenced_data && client.state == SnapshotState::waiting) {
@@ -118,7 +121,7 @@ void take_packets(SnapshotClient& client, std::int64_t now_ms) {
         }
     }
     if (broken) {
-        give_up(client, "the service sent a packet of length 0");
+        abandon_snapshot(client, "the service sent a packet of length 0");
     }
 }
 
@@ -127,7 +130,6 @@ void receive(SnapshotClient& client, std::int64_t now_ms) {
     for (unsigned i = 0; i < receives_a_step && client.fd >= 0; ++i) {
         const ssize_t count = recv(client.fd, buffer, sizeof buffer, MSG_DONTWAIT);
         if (count > 0) {
-            client.last_receive_ms = now_ms;
             soup_append(client.input, buffer, static_cast<std::size_t>(count));
             take_packets(client, now_ms);
         } else if (count == 0) {
@@ -155,8 +157,10 @@ void step_snapshot(SnapshotClient& client, std::int64_t now_ms) {
     if (client.fd < 0) {
         return;
     }
-    if (now_ms - client.last_receive_ms >= client.settings.timeout_ms) {
-        try_again(client, "the service is silent", now_ms);
+    if (snapshot_stall_ms(client, now_ms) >= client.settings.timeout_ms) {
+        // Another attempt would stall the same way, and the caller was promised this limit.
+        abandon_snapshot(client, std::string("waited ") + std::to_string(client.settings.timeout_ms / 1000) +
+                                     " s for " + snapshot_awaited(client));
     } else if (client.state != SnapshotState::connecting &&
                now_ms - client.last_send_ms >= client.settings.heartbeat_ms) {
         send_packet(client, soup_empty_packet(soup_client_heartbeat), now_ms);
@@ -169,6 +173,18 @@ short snapshot_events(const SnapshotClient& client) {
         case SnapshotState::logged_out:
         case SnapshotState::waiting: return POLLIN;
         default: return 0;
+    }
+}
+
+std::int64_t snapshot_stall_ms(const SnapshotClient& client, std::int64_t now_ms) {
+    return client.fd < 0 ? 0 : now_ms - client.last_progress_ms;
+}
+
+const char* snapshot_awaited(const SnapshotClient& client) {
+    switch (client.state) {
+        case SnapshotState::logged_out: return "the reply to the login";
+        case SnapshotState::waiting: return client.messages == 0 ? "the spin" : "the rest of the spin";
+        default: return "the connection";
     }
 }
 

@@ -22,8 +22,10 @@ struct SnapshotSettings {
     std::string password;
     std::string session;
     unsigned retries = 5;  // further attempts when the service is busy with another client or not there
-    std::int64_t retry_ms = 500;       // between attempts
-    std::int64_t timeout_ms = 30'000;  // without a byte from the service
+    std::int64_t retry_ms = 500;  // between attempts
+    // Without a step forward: a connection, an accepted login, a message of the spin. Heartbeats do not
+    // count.
+    std::int64_t timeout_ms = 30'000;
     std::int64_t heartbeat_ms = 1'000;
 };
 
@@ -35,7 +37,7 @@ struct SnapshotClient {
     int fd = -1;
     unsigned attempts = 0;
     std::int64_t next_attempt_ms = 0;
-    std::int64_t last_receive_ms = 0;
+    std::int64_t last_progress_ms = 0;  // the last step forward
     std::int64_t last_send_ms = 0;
     SoupReader input;
     std::uint64_t messages = 0;           // of the spin, the end-of-snapshot message included
@@ -48,6 +50,12 @@ void step_snapshot(SnapshotClient& client, std::int64_t now_ms);
 
 // What poll() has to look for on `fd`: POLLIN, POLLOUT or 0.
 short snapshot_events(const SnapshotClient& client);
+
+// Milliseconds since the service's last step forward; 0 while no connection is open.
+std::int64_t snapshot_stall_ms(const SnapshotClient& client, std::int64_t now_ms);
+
+// What the service is waited for: "the connection", "the reply to the login" or "the spin".
+const char* snapshot_awaited(const SnapshotClient& client);
 
 // True until it is done or has failed.
 bool snapshot_pending(const SnapshotClient& client);

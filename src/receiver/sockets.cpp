@@ -55,7 +55,7 @@ bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string& 
     const char* end = text.data() + text.size();
     if (colon == std::string::npos || colon == 0 ||
         std::from_chars(text.data() + colon + 1, end, port).ptr != end || port == 0 || port > 65535) {
-        error = "'" + text + "' is not HOST:PORT";
+        error = "'" + text + "' is not HOST:PORT with a port from 1 to 65535";
         return false;
     }
     addrinfo hints{};
@@ -68,8 +68,12 @@ bool parse_endpoint(sockaddr_in& address, const std::string& text, std::string& 
         return false;
     }
     std::memcpy(&address, found->ai_addr, sizeof address);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
     freeaddrinfo(found);
+    if (address.sin_addr.s_addr == 0) {
+        error = "'" + text + "' has the address 0.0.0.0, which is no destination";
+        return false;
+    }
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
     return true;
 }
 

@@ -1,12 +1,13 @@
 #include "listen/listener.h"
 
+#include "listen/report.h"
+#include "listen/stop_signals.h"
 #include "receiver/truth_line.h"
 #include "wire/message_json.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
 
 namespace tessel::listen {
 
@@ -16,15 +17,14 @@ using receiver::SequencerSinks;
 
 namespace {
 
-constexpr std::uint64_t complaints_max =
-    20;  // lines about single losses or messages; the summary counts them all
+// Lines about single losses, messages or runs; the summary counts them all.
+constexpr std::uint64_t notices_max = 20;
 
-void take_undecoded(Listener& listener, const unsigned char* bytes, std::size_t length,
-                    std::uint64_t sequence, const std::string& error) {
-    ++listener.market.undecoded;
-    listener.market.last_error = error;
-    if (listener.market.undecoded <= complaints_max) {
-        fmt::print(stderr, "tessel-listen: message {}: {}\n", sequence, error);
+void write_undecoded(Listener& listener, const unsigned char* bytes, std::size_t length,
+                     std::uint64_t sequence, const std::string& error) {
+    ++listener.undecoded;
+    if (listener.undecoded <= notices_max) {
+        report(fmt::format("message {}: {}", sequence, error));
     }
     if (listener.options.decode) {
         layout::append_undecoded_json(listener.output.buffer, bytes, length, sequence, error);
@@ -46,38 +46,95 @@ void write_line(Listener& listener, const unsigned char* bytes, std::size_t leng
     flush_when_large(listener.output);
 }
 
-void take_any(Listener& listener, const unsigned char* bytes, std::size_t length, std::uint64_t sequence) {
+void apply_and_write(Listener& listener, const unsigned char* bytes, std::size_t length,
+                     std::uint64_t sequence) {
     std::string error;
     if (!decode_message(listener.market.message, bytes, length, &error)) {
-        take_undecoded(listener, bytes, length, sequence, error);
+        write_undecoded(listener, bytes, length, sequence, error);
         return;
     }
     apply_decoded(listener.market, listener.market.message, sequence);
     write_line(listener, bytes, length, sequence);
 }
 
-void take_message(Listener& listener, std::uint64_t sequence, const unsigned char* bytes,
-                  std::size_t length) {
+void on_message(Listener& listener, std::uint64_t sequence, const unsigned char* bytes, std::size_t length) {
     if (listener.finished || sequence >= listener.end_sequence) {
         return;
     }
-    listener.first_taken = listener.messages == 0 ? sequence : listener.first_taken;
-    listener.last_taken = sequence;
+    RunCounters& run = listener.run;
+    run.first = run.messages == 0 ? sequence : run.first;
+    run.last = sequence;
+    ++run.messages;
     ++listener.messages;
-    take_any(listener, bytes, length, sequence);
+    apply_and_write(listener, bytes, length, sequence);
     listener.finished = listener.options.count != 0 && listener.messages >= listener.options.count;
 }
 
-void take_loss(Listener& listener, std::uint64_t first, std::uint64_t count) {
+void on_loss(Listener& listener, std::uint64_t first, std::uint64_t count) {
     if (listener.finished || first >= listener.end_sequence) {
         return;
     }
     const std::uint64_t counted = std::min(count, listener.end_sequence - first);
-    if (listener.lost < complaints_max) {
-        fmt::print(stderr, "tessel-listen: lost {} message{} from {} on\n", counted, counted == 1 ? "" : "s",
-                   first);
+    ++listener.losses;
+    if (listener.losses <= notices_max) {
+        report(fmt::format("lost {} message{} from {} on", counted, counted == 1 ? "" : "s", first));
     }
+    listener.run.lost += counted;
     listener.lost += counted;
+}
+
+void on_expired(Listener& listener, std::uint64_t first, std::uint64_t count) {
+    if (!listener.finished) {
+        report(
+            fmt::format("replies begin later than requested: {} messages from {} on are no longer in the "
+                        "history of the retransmission service",
+                        count, first));
+    }
+}
+
+void report_run(const Listener& listener) {
+    const RunCounters& run = listener.run;
+    report_summary(fmt::format("run {}: {} messages ({} to {}), {} lines, {} lost", listener.restarts + 1,
+                               run.messages, run.first, run.last, listener.output.lines - run.lines_before,
+                               run.lost));
+}
+
+void on_restart(Listener& listener, std::uint64_t first) {
+    if (listener.restarts < notices_max) {
+        report(
+            fmt::format("the feed was started again under the same session: after message {} a new run, "
+                        "received from {} on",
+                        listener.run.last, first));
+        report_run(listener);
+    }
+    ++listener.restarts;
+    listener.run = {};
+    listener.run.lines_before = listener.output.lines;
+    listener.market = {};
+    if (listener.after_restart) {
+        listener.after_restart();
+    }
+}
+
+// What a summary alone does not explain.
+void report_remarks(const Listener& listener) {
+    const SequencerCounters& counters = listener.sequencer.counters;
+    if (listener.kernel_drops != 0) {
+        report_kernel_drops(listener);
+    }
+    if (listener.restarts != 0) {
+        report(
+            fmt::format("the feed was started again {} time{}: the last messages of an earlier run may be "
+                        "missing",
+                        listener.restarts, listener.restarts == 1 ? "" : "s"));
+    }
+    if (counters.sequence_resets != 0) {
+        report(fmt::format("{} heartbeat{} fell back below a number received: the feed was started again",
+                           counters.sequence_resets, counters.sequence_resets == 1 ? "" : "s"));
+    }
+    if (!listener.output.error.empty()) {
+        report(listener.output.error);
+    }
 }
 
 }  // namespace
@@ -85,21 +142,26 @@ void take_loss(Listener& listener, std::uint64_t first, std::uint64_t count) {
 bool prepare_listener(Listener& listener, const Options& options,
                       std::function<void(const unsigned char*, std::size_t)> request) {
     listener.options = options;
-    if (!options.out.empty() && !open_output(listener.output, options.out)) {
-        fmt::print(stderr, "tessel-listen: {}\n", listener.output.error);
+    listener.output.abandon_write = [] { return stop_signals() > 1; };
+    if (!options.out.empty() && !open_output(listener.output, options.out, options.from_pcap)) {
+        report(listener.output.error);
         return false;
     }
     SequencerSettings settings;
     settings.session = options.session;
-    settings.first_sequence = static_cast<std::uint64_t>(options.first_sequence);
+    settings.first_sequence = options.first_sequence;
     settings.can_request = static_cast<bool>(request);
     settings.retries = options.retries;
     settings.timeout_ms = options.timeout_ms;
     SequencerSinks sinks;
     sinks.message = [&listener](std::uint64_t sequence, const unsigned char* bytes, std::size_t length) {
-        take_message(listener, sequence, bytes, length);
+        on_message(listener, sequence, bytes, length);
     };
-    sinks.lost = [&listener](std::uint64_t first, std::uint64_t count) { take_loss(listener, first, count); };
+    sinks.lost = [&listener](std::uint64_t first, std::uint64_t count) { on_loss(listener, first, count); };
+    sinks.expired = [&listener](std::uint64_t first, std::uint64_t count) {
+        on_expired(listener, first, count);
+    };
+    sinks.restarted = [&listener](std::uint64_t first) { on_restart(listener, first); };
     sinks.request = std::move(request);
     listener.sequencer = receiver::make_sequencer(std::move(settings), std::move(sinks));
     return true;
@@ -107,61 +169,52 @@ bool prepare_listener(Listener& listener, const Options& options,
 
 void take_spin_message(Listener& listener, const unsigned char* bytes, std::size_t length) {
     ++listener.spin_messages;
-    take_any(listener, bytes, length, 0);
+    apply_and_write(listener, bytes, length, 0);
 }
 
 void take_captured_spin_message(Listener& listener, const unsigned char* bytes, std::size_t length) {
     std::string error;
     ++listener.spin_messages;
     if (!decode_message(listener.market.message, bytes, length, &error)) {
-        take_undecoded(listener, bytes, length, 0, error);
+        write_undecoded(listener, bytes, length, 0, error);
         return;
     }
     write_line(listener, bytes, length, 0);
 }
 
 void report_kernel_drops(const Listener& listener) {
-    fmt::print(
-        stderr,
-        "tessel-listen: the kernel dropped {} packets because the socket buffer of {} bytes was full; raise "
-        "net.core.rmem_max, for example: sysctl -w net.core.rmem_max=134217728 (and --rcvbuf with it)\n",
-        listener.kernel_drops, listener.socket_buffer_bytes);
+    report(
+        fmt::format("the kernel dropped {} packets, the socket buffer of {} bytes was full: raise --rcvbuf "
+                    "and its limit, sysctl -w net.core.rmem_max=134217728",
+                    listener.kernel_drops, listener.socket_buffer_bytes));
 }
 
 ExitStatus finish_listener(Listener& listener) {
     close_output(listener.output);
-    const SequencerCounters& c = listener.sequencer.counters;
-    fmt::print(stderr,
-               "tessel-listen: {} messages ({} to {}), {} lines; {} packets, {} heartbeats, {} duplicate, {} "
-               "reordered, "
-               "{} of other sessions, {} malformed\n",
-               listener.messages, listener.first_taken, listener.last_taken, listener.output.lines, c.packets,
-               c.heartbeats, c.duplicate_packets, c.reordered_packets, c.other_session, c.malformed);
-    fmt::print(
-        stderr,
-        "tessel-listen: {} gaps of {} messages, {} requests, {} recovered, {} lost; {} kernel drops, {} "
-        "undecoded\n",
-        c.gaps, c.missed, c.requests, c.recovered, listener.lost, listener.kernel_drops,
-        listener.market.undecoded);
-    if (listener.kernel_drops != 0) {
-        report_kernel_drops(listener);
+    const SequencerCounters& counters = listener.sequencer.counters;
+    if (listener.restarts != 0) {
+        report_run(listener);
     }
-    if (c.sequence_resets != 0) {
-        fmt::print(stderr, "tessel-listen: the sequence fell back {} times: the feed was started again\n",
-                   c.sequence_resets);
+    report_summary(
+        fmt::format("{} messages ({} to {}), {} lines; {} packets, {} heartbeats, {} duplicate, {} "
+                    "reordered, {} of other sessions, {} malformed",
+                    listener.messages, listener.run.first, listener.run.last, listener.output.lines,
+                    counters.packets, counters.heartbeats, counters.duplicate_packets,
+                    counters.reordered_packets, counters.other_session, counters.malformed));
+    report_summary(
+        fmt::format("{} gaps of {} messages, {} requests, {} recovered, {} lost; {} kernel drops, "
+                    "{} undecoded",
+                    counters.gaps, counters.missed, counters.requests, counters.recovered, listener.lost,
+                    listener.kernel_drops, listener.undecoded));
+    report_remarks(listener);
+    if (counters.packets == 0 && listener.spin_messages == 0) {
+        report("no packets received");
+        return ExitStatus::something_missing;
     }
-    if (!listener.output.error.empty()) {
-        fmt::print(stderr, "tessel-listen: {}\n", listener.output.error);
-    }
-    const bool heard = c.packets != 0 || listener.spin_messages != 0;
-    if (!heard) {
-        fmt::print(stderr, "tessel-listen: nothing was heard\n");
-    }
-    const bool complete = heard && listener.lost == 0 && listener.market.undecoded == 0 &&
-                          listener.output.error.empty() && !listener.snapshot_failed;
-    if (heard) {
-        fmt::print(stderr, "tessel-listen: {}\n", complete ? "nothing missing" : "something is missing");
-    }
+    const bool complete = listener.lost == 0 && listener.undecoded == 0 && listener.restarts == 0 &&
+                          counters.sequence_resets == 0 && listener.output.error.empty() &&
+                          !listener.snapshot_failed;
+    report(complete ? "nothing missing" : "incomplete");
     return complete ? ExitStatus::nothing_missing : ExitStatus::something_missing;
 }
 

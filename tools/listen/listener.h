@@ -12,27 +12,43 @@
 // What the ways of receiving have in common: the sequencer's messages go into the market and out as lines.
 namespace tessel::listen {
 
+// One run of the feed, as far as it was received.
+struct RunCounters {
+    std::uint64_t messages = 0;  // applied in order
+    std::uint64_t first = 0;     // the first one's number
+    std::uint64_t last = 0;
+    std::uint64_t lost = 0;          // abandoned below end_sequence
+    std::uint64_t lines_before = 0;  // lines written before the run began
+};
+
 struct Listener {
     Options options;
     receiver::Market market;
     receiver::Sequencer sequencer;
     Output output;
 
-    // Messages from this number on are no longer taken: set when the end has come.
+    // Messages from this number on are no longer accepted: set when the end has come.
     std::uint64_t end_sequence = UINT64_MAX;
-    bool finished = false;          // --count is reached
-    std::uint64_t messages = 0;     // taken in order
-    std::uint64_t first_taken = 0;  // the first one's number
-    std::uint64_t last_taken = 0;
-    std::uint64_t lost = 0;  // given up below end_sequence
+    bool finished = false;  // --count is reached
+    RunCounters run;        // the current run
+    std::uint64_t restarts = 0;
+
+    // All runs together.
+    std::uint64_t messages = 0;
+    std::uint64_t lost = 0;
+    std::uint64_t losses = 0;  // stretches of lost messages
+    std::uint64_t undecoded = 0;
     std::uint64_t spin_messages = 0;
     std::uint64_t kernel_drops = 0;
     int socket_buffer_bytes = 0;
-    bool snapshot_failed = false;  // asked for and not there
+    bool snapshot_failed = false;  // requested and not received
+
+    // May be empty. Called when a new run has begun.
+    std::function<void()> after_restart;
 };
 
 // Sets up the sequencer with sinks that point at `listener`, which therefore must stay where it is. Requests
-// go to `request`, when that is set. Opens the output: false, with the reason printed, when that fails.
+// go to `request`, when that is set. Opens the output: false, with the reason reported, when that fails.
 bool prepare_listener(Listener& listener, const Options& options,
                       std::function<void(const unsigned char*, std::size_t)> request);
 
@@ -46,7 +62,7 @@ void take_captured_spin_message(Listener& listener, const unsigned char* bytes, 
 // Prints the summary, closes the output and returns the program's exit status.
 ExitStatus finish_listener(Listener& listener);
 
-// Says plainly that the kernel had no room for packets, and what to do about it.
+// Reports that the kernel had no room for packets, and what to do about it.
 void report_kernel_drops(const Listener& listener);
 
 // Receives from the network until the options' end, or until a signal; from a capture file until its end.

@@ -1,5 +1,7 @@
 #include "base/clock.h"
 #include "listen/listener.h"
+#include "listen/report.h"
+#include "listen/stop_signals.h"
 #include "listen/terminal_view.h"
 #include "receiver/snapshot_client.h"
 #include "receiver/sockets.h"
@@ -10,8 +12,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
 #include <deque>
 #include <vector>
 
@@ -30,24 +30,12 @@ constexpr std::size_t datagrams_a_pass = 1024;
 constexpr std::int64_t wait_max_ms = 50;
 constexpr std::int64_t flush_interval_ms = 200;
 constexpr std::int64_t view_interval_ms = 250;
-constexpr std::int64_t finish_max_ms = 60'000;      // for what is still missing at the end
+// For what is still missing at the end: after a signal, which a second one cuts short, and after --seconds.
+constexpr std::int64_t finish_max_ms = 60'000;
+constexpr std::int64_t finish_after_limit_ms = 1'000;
+constexpr std::int64_t stall_notice_ms = 5'000;     // without a step of the Snap-Shot service
 constexpr std::size_t held_bytes_max = 256u << 20;  // packets that come while the Snap-Shot is read
 constexpr int reply_buffer_bytes = 4 << 20;
-
-volatile std::sig_atomic_t stop_signals = 0;
-
-void on_stop_signal(int) {
-    stop_signals = stop_signals + 1;
-}
-
-void catch_signals() {
-    struct sigaction action {};
-    action.sa_handler = on_stop_signal;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, nullptr);
-}
 
 // Everything that one run from the network holds.
 struct Live {
@@ -59,6 +47,7 @@ struct Live {
     std::deque<std::vector<unsigned char>> held;
     std::size_t held_bytes = 0;
     bool drops_reported = false;
+    bool stall_reported = false;
     std::int64_t last_flush_ms = 0;
     std::int64_t last_view_ms = 0;
     std::uint64_t view_messages = 0;
@@ -78,18 +67,24 @@ void read_replies(Live& live, std::int64_t now_ms) {
     for (std::size_t i = 0; live.replies_fd >= 0 && i < datagrams_a_pass; ++i) {
         const ssize_t count = recv(live.replies_fd, bytes, sizeof bytes, MSG_DONTWAIT);
         if (count < 0) {
-            return;  // nothing waits, or the service is not there: then its answers time out
+            return;  // nothing waits, or the service is not there: then its replies time out
         }
         on_packet(live.listener.sequencer, bytes, static_cast<std::size_t>(count), now_ms,
                   PacketSource::retransmission);
     }
 }
 
-// The Snap-Shot is complete: go on behind what it covers, with the packets held first.
+// Replies to requests of the old run that wait in the socket must not fill gaps of the new one.
+void discard_replies(int fd) {
+    unsigned char bytes[2048];
+    while (fd >= 0 && recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) >= 0) {}
+}
+
+// The Snap-Shot is complete: go on after what it covers, with the packets held first.
 void leave_snapshot(Live& live, std::int64_t now_ms) {
     live.joining = false;
-    fmt::print(stderr, "tessel-listen: Snap-Shot of {} messages covers everything up to {}\n",
-               live.snapshot.messages, live.snapshot.snapshot_sequence);
+    report(fmt::format("Snap-Shot of {} messages covers everything up to {}", live.snapshot.messages,
+                       live.snapshot.snapshot_sequence));
     receiver::start_at(live.listener.sequencer, live.snapshot.snapshot_sequence + 1);
     for (const std::vector<unsigned char>& packet : live.held) {
         on_packet(live.listener.sequencer, packet.data(), packet.size(), now_ms, PacketSource::multicast);
@@ -103,7 +98,12 @@ void step_joining(Live& live, std::int64_t now_ms) {
     if (live.snapshot.state == SnapshotState::done) {
         leave_snapshot(live, now_ms);
     } else if (live.snapshot.state == SnapshotState::failed) {
-        fmt::print(stderr, "tessel-listen: Snap-Shot: {}\n", live.snapshot.error);
+        report("Snap-Shot: " + live.snapshot.error);
+    } else if (!live.stall_reported && snapshot_stall_ms(live.snapshot, now_ms) >= stall_notice_ms) {
+        live.stall_reported = true;
+        report(fmt::format("Snap-Shot: waiting for {} since {} s, at most {} s (--snapshot-timeout)",
+                           snapshot_awaited(live.snapshot), stall_notice_ms / 1000,
+                           live.listener.options.snapshot_timeout_seconds));
     }
 }
 
@@ -141,7 +141,7 @@ void update_view(Live& live, std::int64_t now_ms) {
     show_view(render_view(live.listener.market, live.listener.sequencer.counters, status, terminal_size()));
 }
 
-// One pass: wait, take everything that came, ask or give up, write.
+// One pass: wait, process everything that came, request or abandon what is missing, write.
 void run_one_pass(Live& live) {
     wait_for_input(live, static_cast<std::int64_t>(steady_ms()));
     const auto now_ms = static_cast<std::int64_t>(steady_ms());
@@ -152,7 +152,7 @@ void run_one_pass(Live& live) {
     if (live.joining) {
         step_joining(live, now_ms);
     } else {
-        // Behind the reads: what waits in the sockets must not be asked for.
+        // After the reads: what waits in the sockets must not be asked for.
         on_timer(live.listener.sequencer, now_ms);
     }
     live.listener.kernel_drops = live.multicast.kernel_drops;
@@ -163,36 +163,39 @@ void run_one_pass(Live& live) {
     if (now_ms - live.last_flush_ms >= flush_interval_ms) {
         live.last_flush_ms = now_ms;
         flush_output(live.listener.output);
+        check_output(live.listener.output);
     }
     update_view(live, now_ms);
 }
 
-// The end has come, and no packet of the feed will say so: what is known to exist by now is still fetched.
-void fetch_missing(Live& live) {
-    Sequencer& sequencer = live.listener.sequencer;
-    run_one_pass(live);  // what came before the signal may still wait in the socket
-    live.listener.end_sequence = sequencer.highest;
+// Shutting down. The feed sends no end-of-session packet, so first recover what is known to be missing, for
+// `most_ms` at most, or until one more signal than `signals`.
+void fetch_missing(Live& live, std::int64_t most_ms, int signals) {
+    Listener& listener = live.listener;
     const auto begin_ms = static_cast<std::int64_t>(steady_ms());
-    const int signals = stop_signals;
-    while (sequencer.next < live.listener.end_sequence && stop_signals == signals &&
-           static_cast<std::int64_t>(steady_ms()) - begin_ms < finish_max_ms) {
+    const std::uint64_t restarts = listener.restarts;
+    run_one_pass(live);  // what came before the end may still wait in the socket
+    listener.end_sequence = listener.sequencer.highest;
+    while (listener.sequencer.next < listener.end_sequence && stop_signals() <= signals &&
+           listener.restarts == restarts && listener.output.error.empty() &&
+           static_cast<std::int64_t>(steady_ms()) - begin_ms < most_ms) {
         run_one_pass(live);
     }
-    abandon_gaps(sequencer);
+    abandon_gaps(listener.sequencer);
 }
 
 bool open_sockets(Live& live, const Options& options) {
     std::string error;
     if (!receiver::open_multicast(live.multicast, options.group, options.port, options.iface,
                                   options.receive_buffer_bytes, error)) {
-        fmt::print(stderr, "tessel-listen: {}\n", error);
+        report(error);
         return false;
     }
     live.listener.socket_buffer_bytes = live.multicast.buffer_bytes;
     if (!options.retrans.empty()) {
         live.replies_fd = receiver::open_retransmission(options.retrans_address, reply_buffer_bytes, error);
         if (live.replies_fd < 0) {
-            fmt::print(stderr, "tessel-listen: {}\n", error);
+            report(error);
             return false;
         }
     }
@@ -207,6 +210,7 @@ void prepare_snapshot(Live& live, const Options& options) {
     settings.password = options.password;
     settings.session = options.session;
     settings.retries = options.retries;
+    settings.timeout_ms = options.snapshot_timeout_seconds * 1000;
     live.snapshot.message = [&live](const unsigned char* bytes, std::size_t length) {
         take_spin_message(live.listener, bytes, length);
     };
@@ -227,45 +231,60 @@ bool prepare_live(Live& live, const Options& options) {
     if (!prepare_listener(live.listener, options, std::move(request))) {
         return false;
     }
+    live.listener.after_restart = [&live] { discard_replies(live.replies_fd); };
     prepare_snapshot(live, options);
     return true;
+}
+
+bool is_over(const Live& live, std::int64_t end_ms) {
+    return stop_signals() != 0 || live.listener.finished || live.snapshot.state == SnapshotState::failed ||
+           !live.listener.output.error.empty() || static_cast<std::int64_t>(steady_ms()) >= end_ms;
+}
+
+void receive_until_end(Live& live) {
+    const Options& options = live.listener.options;
+    const auto limit_ms = static_cast<std::int64_t>(options.seconds * 1000.0);
+    const std::int64_t end_ms = limit_ms == 0 ? INT64_MAX : static_cast<std::int64_t>(steady_ms()) + limit_ms;
+    while (!is_over(live, end_ms)) {
+        run_one_pass(live);
+    }
+    live.listener.snapshot_failed = live.joining;
+    if (!live.joining && !live.listener.finished && live.listener.output.error.empty()) {
+        const int signals = stop_signals();
+        fetch_missing(live, signals != 0 ? finish_max_ms : finish_after_limit_ms, signals != 0 ? 1 : 0);
+    }
+}
+
+void close_live(Live& live) {
+    close_snapshot(live.snapshot);
+    close(live.multicast.fd);
+    if (live.replies_fd >= 0) {
+        close(live.replies_fd);
+    }
 }
 
 }  // namespace
 
 ExitStatus run_live(const Options& options) {
     if (options.view && isatty(STDOUT_FILENO) == 0) {
-        fmt::print(stderr, "tessel-listen: --view needs a terminal on standard output\n");
+        report("--view needs a terminal on standard output");
         return ExitStatus::bad_options;
     }
     Live live;
     if (!prepare_live(live, options)) {
         return ExitStatus::bad_options;
     }
-    catch_signals();
-    fmt::print(stderr, "tessel-listen: joined {}:{} on {}, session {}, socket buffer {} bytes\n",
-               options.group, options.port, options.iface, options.session, live.multicast.buffer_bytes);
+    catch_stop_signals();
+    report(fmt::format("joined {}:{} on {}, session {}, socket buffer {} bytes", options.group, options.port,
+                       options.iface, options.session, live.multicast.buffer_bytes));
     if (options.view) {
         open_view();
     }
-    const auto begin_ms = static_cast<std::int64_t>(steady_ms());
-    const auto limit_ms = static_cast<std::int64_t>(options.seconds * 1000.0);
-    while (stop_signals == 0 && !live.listener.finished && live.snapshot.state != SnapshotState::failed &&
-           (limit_ms == 0 || static_cast<std::int64_t>(steady_ms()) - begin_ms < limit_ms)) {
-        run_one_pass(live);
-    }
-    live.listener.snapshot_failed = live.joining;
-    if (!live.joining && !live.listener.finished) {
-        fetch_missing(live);
-    }
+    receive_until_end(live);
     if (options.view) {
         close_view();
     }
-    close_snapshot(live.snapshot);
-    close(live.multicast.fd);
-    if (live.replies_fd >= 0) {
-        close(live.replies_fd);
-    }
+    close_live(live);
     return finish_listener(live.listener);
 }
 

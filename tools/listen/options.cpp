@@ -1,91 +1,190 @@
 #include "listen/options.h"
 
 #include "base/version.h"
+#include "listen/report.h"
 #include "receiver/sockets.h"
 
 #include <CLI/CLI.hpp>
 
-#include <iostream>
+#include <arpa/inet.h>
+#include <charconv>
+#include <functional>
+#include <system_error>
 
 namespace tessel::listen {
 
 namespace {
 
-void declare(CLI::App& app, Options& o) {
-    app.set_version_flag("--version", version_line("tessel-listen"));
-    app.add_option("--mcast", o.group, "Multicast group")->capture_default_str();
-    app.add_option("--port", o.port, "UDP port of the group")->capture_default_str();
-    app.add_option("--iface", o.iface, "IPv4 address of the interface to join on")->capture_default_str();
-    app.add_option("--session", o.session, "MoldUDP64 session; other sessions are ignored")
+// The longest run that --seconds accepts: some 31 years.
+constexpr double seconds_max = 1e9;
+constexpr double seconds_min = 0.001;
+
+// An option's check: an empty text when the value is good, otherwise what would be.
+CLI::Validator checked(std::function<std::string(std::string&)> check) {
+    return CLI::Validator(std::move(check), "");
+}
+
+std::string check_text(std::string& text) {
+    return text.empty() ? "must not be empty" : "";
+}
+
+std::string check_port(std::string& text) {
+    unsigned port = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, port);
+    const bool good = error == std::errc() && stop == end && port >= 1 && port <= 65'535;
+    return good ? "" : "'" + text + "' is not a port from 1 to 65535";
+}
+
+std::string check_group(std::string& text) {
+    in_addr address{};
+    const bool good = inet_pton(AF_INET, text.c_str(), &address) == 1 && IN_MULTICAST(ntohl(address.s_addr));
+    return good ? "" : "'" + text + "' is not an IPv4 address of a multicast group (224.0.0.0 and up)";
+}
+
+std::string check_interface(std::string& text) {
+    in_addr address{};
+    const bool good = inet_pton(AF_INET, text.c_str(), &address) == 1 && address.s_addr != 0;
+    return good ? "" : "'" + text + "' is not an IPv4 address of an interface";
+}
+
+// Decimal digits alone: the library's own conversion turns -1 into a large number.
+std::string check_whole(std::string& text) {
+    std::uint64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    const bool good = error == std::errc() && stop == end;
+    return good ? "" : "'" + text + "' is not a whole number from 0 to 18446744073709551615";
+}
+
+std::string check_seconds(std::string& text) {
+    double value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    // Written so that "nan" is refused, too.
+    const bool good =
+        error == std::errc() && stop == end && (value == 0 || (value >= seconds_min && value <= seconds_max));
+    return good ? "" : "'" + text + "' is neither 0 (no limit) nor from 0.001 to 1000000000 seconds";
+}
+
+std::string check_endpoint(std::string& text) {
+    sockaddr_in address{};
+    std::string error;
+    return receiver::parse_endpoint(address, text, error) ? "" : error;
+}
+
+void declare_addresses(CLI::App& app, Options& options) {
+    app.add_option("--mcast", options.group, "Multicast group")
+        ->check(checked(check_group))
         ->capture_default_str();
-    app.add_option("--rcvbuf", o.receive_buffer_bytes, "Socket buffer to ask for, in bytes")
+    app.add_option("--port", options.port, "UDP port of the group")
+        ->check(checked(check_port))
+        ->capture_default_str();
+    app.add_option("--iface", options.iface, "IPv4 address of the interface to join on")
+        ->check(checked(check_interface))
+        ->capture_default_str();
+    app.add_option("--session", options.session, "MoldUDP64 session; other sessions are ignored")
+        ->check(checked(check_text))
+        ->capture_default_str();
+    app.add_option("--rcvbuf", options.receive_buffer_bytes, "Socket buffer to ask for, in bytes")
         ->check(CLI::Range(4096, 1 << 30))
         ->capture_default_str();
-    app.add_option("--retrans", o.retrans, "HOST:PORT to ask for missing messages (default: ask nowhere)");
-    app.add_option("--retries", o.retries, "Further attempts after one that brought nothing")
+    app.add_option("--retrans", options.retrans,
+                   "HOST:PORT to request missing messages from (default: none is requested)")
+        ->check(checked(check_endpoint));
+    app.add_option("--retries", options.retries, "Further attempts after one that brought nothing")
+        ->check(CLI::Range(0, 1'000'000))
         ->capture_default_str();
-    app.add_option("--timeout-ms", o.timeout_ms, "How long a request may go unanswered")
+    app.add_option("--timeout-ms", options.timeout_ms, "How long a request may go unanswered")
         ->check(CLI::Range(1, 600'000))
         ->capture_default_str();
-    app.add_option("--snapshot", o.snapshot,
-                   "HOST:PORT of the Snap-Shot service to start from (default: none)");
-    app.add_option("--user", o.user, "User name for the Snap-Shot login");
-    app.add_option("--password", o.password, "Password for the Snap-Shot login");
-    app.add_option(
-           "--from", o.first_sequence,
-           "Sequence number to begin with, 0 for the first one heard (default: 1 with --retrans and without "
-           "--snapshot, else 0)")
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("--out", o.out, "File to write lines to, - for standard output");
-    app.add_flag("--decode", o.decode, "Write every message with all its fields instead of truth lines");
-    app.add_flag("--view", o.view, "Show the market live in the terminal");
-    app.add_option("--count", o.count, "End after this many messages");
-    app.add_option("--seconds", o.seconds, "End after this many seconds")->check(CLI::NonNegativeNumber);
-    app.add_option("--from-pcap", o.from_pcap, "Read a capture (classic pcap) instead of the network");
+    app.add_option("--snapshot", options.snapshot,
+                   "HOST:PORT of the Snap-Shot service to start from (default: none)")
+        ->check(checked(check_endpoint));
+    app.add_option("--snapshot-timeout", options.snapshot_timeout_seconds,
+                   "Seconds that the Snap-Shot service may go without a message of the spin")
+        ->check(CLI::Range(1, 86'400))
+        ->capture_default_str();
+    app.add_option("--user", options.user, "User name for the Snap-Shot login")->check(checked(check_text));
+    app.add_option("--password", options.password, "Password for the Snap-Shot login");
+}
+
+void declare_run(CLI::App& app, Options& options) {
+    app.add_option("--from", options.first_sequence,
+                   "Sequence number to begin with, 0 for the first one received (default: 1 with --retrans "
+                   "and without --snapshot, otherwise 0)")
+        ->check(checked(check_whole));
+    app.add_option("--out", options.out, "File to write lines to, - for standard output")
+        ->check(checked(check_text));
+    app.add_flag("--decode", options.decode,
+                 "Write every message with all its fields instead of truth lines");
+    app.add_flag("--view", options.view, "Show the market live in the terminal");
+    app.add_option("--count", options.count, "End after this many messages, 0 for no limit")
+        ->check(checked(check_whole));
+    app.add_option("--seconds", options.seconds, "End after this many seconds, 0 for no limit")
+        ->check(checked(check_seconds));
+    app.add_option("--from-pcap", options.from_pcap, "Read a capture (classic pcap) instead of the network")
+        ->check(checked(check_text));
     app.footer("Ends with 0 when nothing is missing, 1 when something is, 2 for a bad command line.");
 }
 
-// What CLI11 cannot check by itself; empty when all is well.
-std::string check(Options& o) {
-    std::string error;
-    if (!o.retrans.empty() && !receiver::parse_endpoint(o.retrans_address, o.retrans, error)) {
-        return "--retrans: " + error;
-    }
-    if (!o.snapshot.empty() && !receiver::parse_endpoint(o.snapshot_address, o.snapshot, error)) {
-        return "--snapshot: " + error;
-    }
-    if (!o.snapshot.empty() && o.user.empty() && o.from_pcap.empty()) {
+// What goes together with what; an empty text when all is well.
+std::string check_combination(const Options& options) {
+    if (!options.snapshot.empty() && options.user.empty() && options.from_pcap.empty()) {
         return "--snapshot needs --user";
     }
-    if (o.snapshot.empty() && (!o.user.empty() || !o.password.empty())) {
+    if (options.snapshot.empty() && (!options.user.empty() || !options.password.empty())) {
         return "--user and --password need --snapshot";
     }
-    if (o.view && (o.decode || o.out == "-")) {
+    if (options.view && (options.decode || options.out == "-")) {
         return "--view needs standard output for itself: not with --decode or --out -";
     }
-    if (!o.snapshot.empty() && o.first_sequence > 0) {
+    if (!options.snapshot.empty() && options.first_sequence > 0) {
         return "--from does not go with --snapshot, which says where to begin";
     }
     return "";
+}
+
+// The checked texts as socket addresses. A name may resolve differently the second time, or no longer.
+std::string resolve_addresses(Options& options) {
+    std::string error;
+    if (!options.retrans.empty() &&
+        !receiver::parse_endpoint(options.retrans_address, options.retrans, error)) {
+        return "--retrans: " + error;
+    }
+    if (!options.snapshot.empty() &&
+        !receiver::parse_endpoint(options.snapshot_address, options.snapshot, error)) {
+        return "--snapshot: " + error;
+    }
+    return "";
+}
+
+int refuse(const std::string& reason) {
+    report(reason);
+    return static_cast<int>(ExitStatus::bad_options);
 }
 
 }  // namespace
 
 int parse_options(Options& options, int argc, const char* const* argv) {
     CLI::App app("Receives the feed, puts it in order and writes what it carries.", "tessel-listen");
+    app.set_version_flag("--version", version_line("tessel-listen"));
     app.option_defaults()->take_last();  // a later occurrence wins, as with the feed itself
-    declare(app, options);
+    declare_addresses(app, options);
+    declare_run(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitStatus::bad_options);
+        return error.get_exit_code() == 0 ? app.exit(error) : refuse(error.what());
     }
-    const std::string fault = check(options);
-    if (!fault.empty()) {
-        std::cerr << "tessel-listen: " << fault << '\n';
-        return static_cast<int>(ExitStatus::bad_options);
+    std::string reason = check_combination(options);
+    if (reason.empty()) {
+        reason = resolve_addresses(options);
     }
-    if (options.first_sequence < 0) {
+    if (!reason.empty()) {
+        return refuse(reason);
+    }
+    if (app.count("--from") == 0) {
         const bool from_start =
             !options.retrans.empty() && options.snapshot.empty() && options.from_pcap.empty();
         options.first_sequence = from_start ? 1 : 0;

@@ -14,19 +14,19 @@ struct Options {
     std::string session = "UTPBENCH01";
     int receive_buffer_bytes = 32 << 20;
 
-    std::string retrans;  // HOST:PORT; empty: nothing is asked for again
+    std::string retrans;  // HOST:PORT; empty: nothing is requested
     sockaddr_in retrans_address{};
     unsigned retries = 5;
     std::int64_t timeout_ms = 250;
 
     std::string snapshot;  // HOST:PORT; empty: no Snap-Shot
     sockaddr_in snapshot_address{};
+    std::int64_t snapshot_timeout_seconds = 30;
     std::string user;
     std::string password;
 
-    std::int64_t first_sequence =
-        -1;           // -1: 1 with a retransmission service and no Snap-Shot, else the first heard
-    std::string out;  // a path, "-" for standard output, empty for none
+    std::uint64_t first_sequence = 0;  // 0: the first one received
+    std::string out;                   // a path, "-" for standard output, empty for none
     bool decode = false;
     bool view = false;
     std::uint64_t count = 0;  // 0: no limit
@@ -37,7 +37,7 @@ struct Options {
 enum class ExitStatus : int { nothing_missing = 0, something_missing = 1, bad_options = 2 };
 
 // Reads the command line into `options`. Returns -1 to go on, or the status to end with: 0 after --help and
-// --version, 2 after a fault, which has been printed to standard error.
+// --version, 2 after an error, which has been reported.
 int parse_options(Options& options, int argc, const char* const* argv);
 
 }  // namespace tessel::listen

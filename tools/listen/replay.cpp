@@ -1,11 +1,11 @@
 #include "listen/listener.h"
 #include "listen/pcap_file.h"
+#include "listen/report.h"
 #include "soup/soup_packet.h"
 
 #include <fmt/format.h>
 
 #include <arpa/inet.h>
-#include <cstdio>
 #include <map>
 
 namespace tessel::listen {
@@ -40,7 +40,7 @@ ExitStatus run_replay(const Options& options) {
     Listener listener;
     in_addr group{};
     if (inet_pton(AF_INET, options.group.c_str(), &group) != 1) {
-        fmt::print(stderr, "tessel-listen: --mcast: '{}' is not an IPv4 address\n", options.group);
+        report(fmt::format("--mcast: '{}' is not an IPv4 address", options.group));
         return ExitStatus::bad_options;
     }
     if (!prepare_listener(listener, options, nullptr)) {
@@ -69,12 +69,11 @@ ExitStatus run_replay(const Options& options) {
     const bool complete = read_pcap(options.from_pcap, sinks, counters, &error);
     abandon_gaps(listener.sequencer);
     if (counters.cut_short != 0) {
-        fmt::print(stderr, "tessel-listen: {} records of the capture are cut short and left out\n",
-                   counters.cut_short);
+        report(fmt::format("{} records of the capture are cut short and left out", counters.cut_short));
     }
     const ExitStatus status = finish_listener(listener);
     if (!complete) {
-        fmt::print(stderr, "tessel-listen: {}\n", error);
+        report(error);
         return ExitStatus::bad_options;
     }
     return status;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::uint64_t millionths_per_share = 1'000'000;
 
-// Alternate screen with the cursor off, and back. Each picture starts at the top and clears behind each line.
+// Alternate screen with the cursor off, and back. Each picture starts at the top and clears after each line.
 constexpr std::string_view enter_screen = "\x1b[?1049h\x1b[?25l";
 constexpr std::string_view leave_screen = "\x1b[?25h\x1b[?1049l";
 constexpr std::string_view go_home = "\x1b[H";
@@ -63,7 +63,7 @@ void write_all(std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t count = write(STDOUT_FILENO, bytes.data(), bytes.size());
         if (count <= 0) {
-            return;  // a terminal that is gone cannot be told about it
+            return;  // the terminal is gone; nothing to report to
         }
         bytes.remove_prefix(static_cast<std::size_t>(count));
     }
