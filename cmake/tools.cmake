@@ -3,10 +3,11 @@
 #
 # tools_declared: every folder with a tool.cmake. tools_here: those whose packages are installed.
 
-# tessel_tool(PROGRAM [PACKAGES keys of cmake/packages.cmake] [LIBRARIES tessel_receiver ...] [TOOLS other folders]):
-# for tools/*/tool.cmake. TOOLS are the tools whose libraries this one uses. The folder's name is in `tool`.
+# tessel_tool(PROGRAM [PACKAGES keys of cmake/packages.cmake] [LIBRARIES tessel_receiver ...] [TOOLS other folders]
+# [PROGRAM_LIBRARIES ...]): for tools/*/tool.cmake. TOOLS are the tools whose libraries this one uses; PROGRAM_LIBRARIES
+# is for the program alone, not for its tests. The folder's name is in `tool`.
 macro(tessel_tool program)
-  cmake_parse_arguments(${tool} "" "" "PACKAGES;LIBRARIES;TOOLS" ${ARGN})
+  cmake_parse_arguments(${tool} "" "" "PACKAGES;LIBRARIES;PROGRAM_LIBRARIES;TOOLS" ${ARGN})
   set(${tool}_PROGRAM ${program})
 endmacro()
 
@@ -68,7 +69,7 @@ foreach(tool ${tools_here})
   endif()
   if(${tool}_PROGRAM)
     add_executable(${${tool}_PROGRAM} ${folder}/main.cpp)
-    target_link_libraries(${${tool}_PROGRAM} PRIVATE tessel_${tool}_lib)
+    target_link_libraries(${${tool}_PROGRAM} PRIVATE tessel_${tool}_lib ${${tool}_PROGRAM_LIBRARIES})
     install(TARGETS ${${tool}_PROGRAM} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   endif()
   # Reading a command line need not be fast, and the option parser takes long to optimize.

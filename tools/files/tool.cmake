@@ -1,0 +1,2 @@
+tessel_tool_library(
+  PACKAGES zstd)
