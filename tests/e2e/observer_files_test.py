@@ -12,6 +12,7 @@ import time
 
 from feed import Feed, Process, wait_until
 from time_scale import scaled
+from vitals import signals
 
 # As fast as it can, for this long. The files are replaced four times a second.
 READER_SECONDS = 10
@@ -203,19 +204,12 @@ class SizeLimitedFeed(Feed):
         return ["prlimit", "--fsize=20000:20000", *super().command()]
 
 
-def ignored_signals(pid):
-    """The set of signals that a process ignores."""
-    with open(f"/proc/{pid}/status", encoding="ascii") as status:
-        mask = next(int(line.split()[1], 16) for line in status if line.startswith("SigIgn:"))
-    return {number for number in range(1, 65) if mask >> (number - 1) & 1}
-
-
 def test_feed_ignores_the_signals_of_write_errors_by_itself(tmp_path):
     """A child of these tests starts with the usual reaction to every signal, and the feed changes it."""
     with Process(["sleep", "600"]) as other:
-        assert not ignored_signals(other.pid) & {signal.SIGPIPE, signal.SIGXFSZ}
+        assert not signals(other.pid, "SigIgn") & {signal.SIGPIPE, signal.SIGXFSZ}
     with Feed(tmp_path) as feed:
-        assert {signal.SIGPIPE, signal.SIGXFSZ} <= ignored_signals(feed.pid)
+        assert {signal.SIGPIPE, signal.SIGXFSZ} <= signals(feed.pid, "SigIgn")
 
 
 def test_first_write_already_beyond_the_file_size_limit_is_not_an_end(tmp_path):

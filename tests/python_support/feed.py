@@ -25,6 +25,7 @@ import time
 from pathlib import Path
 
 from time_scale import scaled
+from vitals import has_reaction
 
 # On an idle machine; each is stretched by what this one is busy with.
 START_SECONDS = 60
@@ -253,6 +254,9 @@ class Feed:
         """Starts the program and waits for its banner: from then on every service answers."""
         self._child = self.make_process()
         self._child.wait_for_line("[tessel] UQDF+UTDF")
+        # The banner comes first: an interrupt right after it would end the program without its last lines.
+        wait_until(lambda: not self.running() or has_reaction(self.pid, signal.SIGINT),
+                   what="the feed to handle interrupts")
         return self
 
     def __enter__(self):

@@ -25,6 +25,18 @@ def process_state(pid):
         return stat.read().rsplit(")", 1)[1].split()[0]
 
 
+def signals(pid, member):
+    """A set of signal numbers: those that a process ignores (SigIgn) or handles (SigCgt)."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        mask = next(int(line.split()[1], 16) for line in status if line.startswith(member + ":"))
+    return {number for number in range(1, 65) if mask >> (number - 1) & 1}
+
+
+def has_reaction(pid, number):
+    """Whether a signal no longer has its usual effect on the process."""
+    return number in signals(pid, "SigCgt") | signals(pid, "SigIgn")
+
+
 def descriptors(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
