@@ -84,6 +84,15 @@ foreach(tool ${tools_here})
     LIBS tessel_test_support tessel_${tool}_lib)
 endforeach()
 
+# Makes the message reference, the test vectors and the dissector's tables from the layout table (scripts/generate);
+# the test fails when a file in the tree is stale.
+file(GLOB reference_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/reference/*.cpp)
+add_executable(tessel_reference ${reference_files})
+tessel_test_options(tessel_reference O1)
+target_link_libraries(tessel_reference PRIVATE tessel_test_support)
+add_test(NAME build.generated_files COMMAND tessel_reference --check ${PROJECT_SOURCE_DIR})
+set_tests_properties(build.generated_files PROPERTIES LABELS build)
+
 # The simulator is a program of its own: a seed and a length go in, the first violated invariant comes out.
 file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
 add_executable(tessel_simulator ${simulator_files})

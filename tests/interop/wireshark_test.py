@@ -1,12 +1,13 @@
 """The Wireshark dissector: every field of every message, filters, ports, segments and damage."""
 
+import json
 import random
 import struct
 
 import pytest
 
-from capture import (TcpConversation, listen_to_capture, mold_packet, read_fields, read_messages, run_tshark,
-                     shown_by_listener, soup_packet, udp_frame, write_pcap)
+from capture import (SOURCE, TcpConversation, listen_to_capture, mold_packet, read_fields, read_messages,
+                     run_tshark, shown_by_listener, soup_packet, udp_frame, write_pcap)
 
 # Fields in wire order. A kind says how many bytes a value takes and what Wireshark shows for it.
 LETTER, COUNT1, COUNT2, COUNT4, NUMBER, PRICE2, PRICE8, SHARES, TIME = range(9)
@@ -226,6 +227,26 @@ def test_listener_decodes_the_same_from_the_same_capture(feed_capture, tmp_path)
     lines = listen_to_capture(path, "--decode", "--snapshot", "127.0.0.1:25179")
     got = [[row for row in shown_by_listener(line) if row[0] != "seq"] for line in lines]
     assert got == [shown for _, shown in MESSAGES]
+
+
+def test_every_vector_is_shown_as_it_is_written(tmp_path):
+    files = sorted((SOURCE / "vectors").iterdir())
+    vectors = [json.loads(line) for file in files for line in file.read_text().splitlines()]
+    path = write_pcap(tmp_path / "vectors.pcap",
+                      [udp_frame(mold_packet(1 + number, [bytes.fromhex(vector["hex"])]), 25177)
+                       for number, vector in enumerate(vectors)])
+    got = read_messages(path)
+    assert len(got) == len(vectors)
+    for number, (shown, vector) in enumerate(zip(got, vectors)):
+        assert shown == shown_by_listener(json.dumps({"seq": 1 + number, **vector["message"]})), vector["hex"]
+
+
+def test_codes_are_shown_with_their_meanings(tmp_path):
+    path = write_pcap(tmp_path / "quote.pcap", [udp_frame(mold_packet(1, [MESSAGES[17][0]]), 25177)])
+    shown = run_tshark("-r", path, "-V")
+    for line in ("Quote Condition: R (regular, two-sided; counts for the NBBO)",
+                 "NBBO Appendage Indicator: 2 (the short NBBO appendage follows)", "Odd-Lot Side: A (ask)"):
+        assert line in shown, line
 
 
 @pytest.mark.parametrize("condition, count", [
