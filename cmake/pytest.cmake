@@ -6,6 +6,9 @@ function(tessel_pytest folder label)
     # Memcheck and the address sanitizer exclude each other.
     list(FILTER files EXCLUDE REGEX "/memcheck_test\\.py$")
   endif()
+  if(NOT TESSEL_HARDENING OR TESSEL_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "Debug")
+    list(FILTER files EXCLUDE REGEX "/hardening_test\\.py$")
+  endif()
   foreach(file ${files})
     get_filename_component(stem ${file} NAME_WE)
     add_test(NAME ${label}.${stem}

@@ -38,13 +38,10 @@ function(tessel_test_options name level)
   target_precompile_headers(${name} REUSE_FROM tessel_test_pch_${level})
 endfunction()
 
-# tessel_gtest(name label shards GLOBS ... LIBS ...): a test program from the globs, when they find something.
+# tessel_gtest(name label shards GLOBS ... LIBS ...): a test program from the globs.
 function(tessel_gtest name label shards)
   cmake_parse_arguments(PARSE_ARGV 3 arg "" "" "GLOBS;LIBS")
   file(GLOB files CONFIGURE_DEPENDS ${arg_GLOBS})
-  if(NOT files)
-    return()
-  endif()
   add_executable(${name} ${files})
   tessel_test_options(${name} O0)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main)

@@ -3,6 +3,8 @@
 #
 # Every build runs it, so the commit is never stale; the file is touched only when its text
 # changes. COMMIT is for a tree without git, such as a source package; with neither it is "unknown".
+cmake_minimum_required(VERSION 3.25)
+
 if(NOT COMMIT)
   execute_process(
     COMMAND git -c safe.directory=* describe --always --dirty --abbrev=10 --exclude *

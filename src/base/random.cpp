@@ -1,6 +1,7 @@
 #include "base/random.h"
 
-#include <emmintrin.h>
+#include "base/natural_log.h"
+
 #include <cmath>
 
 namespace tessel {
@@ -18,38 +19,11 @@ std::uint64_t twist(std::uint64_t high, std::uint64_t low) {
     return (joined >> 1) ^ ((0 - (joined & 1)) & twist_matrix);
 }
 
-__m128i load_words(const std::uint64_t* words) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
-}
-
-__m128i both(std::uint64_t word) {
-    return _mm_set1_epi64x(static_cast<long long>(word));
-}
-
-// The next count words of the state (an even number), each from itself, the next and the one `other` has for
-// it.
-void twist_words(std::uint64_t* state, const std::uint64_t* other, unsigned count) {
-    const __m128i one = both(1);
-    for (unsigned at = 0; at < count; at += 2) {
-        const __m128i joined = _mm_or_si128(_mm_and_si128(load_words(state + at), both(upper_bits)),
-                                            _mm_and_si128(load_words(state + at + 1), both(lower_bits)));
-        const __m128i odd = _mm_sub_epi64(_mm_setzero_si128(), _mm_and_si128(joined, one));
-        const __m128i twisted =
-            _mm_xor_si128(_mm_srli_epi64(joined, 1), _mm_and_si128(odd, both(twist_matrix)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(state + at),
-                         _mm_xor_si128(load_words(other + at), twisted));
-    }
-}
-
-void temper_words(std::uint64_t* out, const std::uint64_t* state, unsigned count) {
-    for (unsigned at = 0; at < count; at += 2) {
-        __m128i word = load_words(state + at);
-        word = _mm_xor_si128(word, _mm_and_si128(_mm_srli_epi64(word, 29), both(0x5555555555555555u)));
-        word = _mm_xor_si128(word, _mm_and_si128(_mm_slli_epi64(word, 17), both(0x71D67FFFEDA60000u)));
-        word = _mm_xor_si128(word, _mm_and_si128(_mm_slli_epi64(word, 37), both(0xFFF7EEE000000000u)));
-        word = _mm_xor_si128(word, _mm_srli_epi64(word, 43));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), word);
-    }
+std::uint64_t temper(std::uint64_t word) {
+    word ^= (word >> 29) & 0x5555555555555555u;
+    word ^= (word << 17) & 0x71D67FFFEDA60000u;
+    word ^= (word << 37) & 0xFFF7EEE000000000u;
+    return word ^ (word >> 43);
 }
 
 }  // namespace
@@ -63,16 +37,21 @@ void seed_random(Random& random, std::uint64_t seed) {
     random.used = Random::state_words;
 }
 
-// Two words at a time: the state's order of use leaves 156 words between a word and the ones it is made from.
+// Plain loops over the whole block, which compilers turn into vectors: a word is made from itself, the next
+// one and one that is 156 words away.
 void refill(Random& random) {
-    std::uint64_t* const state = random.state.data();
+    auto& state = random.state;
     constexpr unsigned words = Random::state_words;
-    twist_words(state, state + middle_word, words - middle_word);
-    twist_words(state + words - middle_word, state, middle_word - 2);
-    for (unsigned at = words - 2; at < words; ++at) {
-        state[at] = state[at + middle_word - words] ^ twist(state[at], state[(at + 1) % words]);
+    for (unsigned at = 0; at < words - middle_word; ++at) {
+        state[at] = state[at + middle_word] ^ twist(state[at], state[at + 1]);
     }
-    temper_words(random.block.data(), state, words);
+    for (unsigned at = words - middle_word; at < words - 1; ++at) {
+        state[at] = state[at + middle_word - words] ^ twist(state[at], state[at + 1]);
+    }
+    state[words - 1] = state[middle_word - 1] ^ twist(state[words - 1], state[0]);
+    for (unsigned at = 0; at < words; ++at) {
+        random.block[at] = temper(state[at]);
+    }
     random.used = 0;
 }
 
@@ -88,7 +67,7 @@ double normal_deviate(NormalDeviates& deviates, Random& random) {
         const double y = 2 * u2 - 1;
         const double s = x * x + y * y;
         if (s > 0 && s <= 1) {
-            const double factor = std::sqrt((-2 * std::log(s)) / s);
+            const double factor = std::sqrt((-2 * natural_log(s)) / s);
             deviates.saved = x * factor;
             deviates.has_saved = true;
             return y * factor;

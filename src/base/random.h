@@ -21,7 +21,8 @@ void seed_random(Random& random, std::uint64_t seed);
 void refill(Random& random);
 
 inline std::uint64_t next_u64(Random& random) {
-    if (random.used == Random::state_words) [[unlikely]] {
+    // >=, so that the compiler knows the index to be within the block.
+    if (random.used >= Random::state_words) [[unlikely]] {
         refill(random);
     }
     return random.block[random.used++];

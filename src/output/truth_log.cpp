@@ -102,8 +102,9 @@ struct LevelsText {
     char* end;
 };
 
+// Not checked indices, here and below: lots is a sum of at most eight centers' lots.
 char* put_level(char* out, std::int64_t cents, std::uint8_t lots) {
-    return put_short_text(put_cents4(out, static_cast<std::uint64_t>(cents)), lots_endings[lots]);
+    return put_short_text(put_cents4(out, static_cast<std::uint64_t>(cents)), lots_endings.data()[lots]);
 }
 
 // "190.0100,300],[190.0000,500],[", best first; step is from bucket to bucket, in cents.
@@ -116,7 +117,7 @@ LevelsText put_bucket_levels(char* out, const LevelBuckets& side, std::int64_t s
     char* end = first_end;
     for (std::uint64_t used = side.used & (side.used - 1); used != 0; used &= used - 1) {
         const int bucket = std::countr_zero(used);
-        end = put_level(end, side.best + step * bucket, side.lots[static_cast<std::size_t>(bucket)]);
+        end = put_level(end, side.best + step * bucket, side.lots.data()[bucket]);
     }
     return {out, first_end, end};
 }

@@ -1,5 +1,7 @@
 #include "base/random.h"
 
+#include "base/natural_log.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -207,7 +209,7 @@ TEST(NormalDeviates, TwoFromOnePair_TheSecondCoordinateFirst) {
             y = 2 * u2 - 1;
             s = x * x + y * y;
         } while (s <= 0 || s > 1);
-        const double factor = std::sqrt((-2 * std::log(s)) / s);
+        const double factor = std::sqrt((-2 * natural_log(s)) / s);
         ASSERT_EQ(normal_deviate(deviates, random), y * factor) << "pair " << i;
         ASSERT_TRUE(deviates.has_saved);
         ASSERT_EQ(normal_deviate(deviates, random), x * factor) << "pair " << i;
@@ -229,14 +231,14 @@ TEST(NormalDeviates, PointOutsideTheCircle_IsDrawnAgain) {
     Random random = with_draws({0, 0, std::uint64_t{3} << 62, std::uint64_t{1} << 63});
     NormalDeviates deviates;
     EXPECT_EQ(normal_deviate(deviates, random), 0.0);
-    EXPECT_EQ(normal_deviate(deviates, random), 0.5 * std::sqrt((-2 * std::log(0.25)) / 0.25));
+    EXPECT_EQ(normal_deviate(deviates, random), 0.5 * std::sqrt((-2 * natural_log(0.25)) / 0.25));
 }
 
 TEST(NormalDeviates, CenterOfTheCircle_IsDrawnAgain) {
     const std::uint64_t half = std::uint64_t{1} << 63;
     Random random = with_draws({half, half, half, std::uint64_t{3} << 62});
     NormalDeviates deviates;
-    EXPECT_EQ(normal_deviate(deviates, random), 0.5 * std::sqrt((-2 * std::log(0.25)) / 0.25));
+    EXPECT_EQ(normal_deviate(deviates, random), 0.5 * std::sqrt((-2 * natural_log(0.25)) / 0.25));
 }
 
 TEST(NormalDeviates, HundredThousand_HaveMeanZeroAndDeviationOne) {
