@@ -20,7 +20,7 @@ mapfile -t TOOL_PACKAGES < <(
 )
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
 TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest mypy tshark
-    chromium valgrind jq procps iproute2 pkg-config zstd wireshark-common tcpreplay)
+    chromium valgrind jq procps iproute2 nftables pkg-config zstd wireshark-common tcpreplay)
 LINT_PACKAGES=(clang-format clang-tidy cppcheck shellcheck git python3)
 
 say() {

@@ -54,6 +54,23 @@ SCENARIOS = {
     "never_off": "odd_lot_every=0,halt_after=1,halt_secs=0,pause_after=1,pause_secs=4294967295",
 }
 
+RUN_CONFIGS = {
+    "empty": "",
+    "everything": '[feed]\nmcast = "239.1.2.3"\nport = 30000\niface = "10.0.0.1"\nretrans_port = 1\n'
+                  'snapshot_port = 2\ncontrol_port = 3\nsession = "DAY"\nsymbols = ["AAPL:190.00", "X"]\n'
+                  'participants = "QN"\ninterval_ms = -1\nstep_bps = 0.5\nseed = 9\nbook_out = "b"\n'
+                  'bbo_out = "c"\ntruth_out = "t"\nquiet = true\n[faults]\ndrop_every = 10\n'
+                  'drop_burst = "500:3"\ndup_every = 0\nreorder_every = 4294967295\n[scenario]\n'
+                  'name = "a=b"\nhalt_after = 5\nmwcb_level = 3\n',
+    "unknown": "[feed]\nintervall_ms = 5\nport = 70000\n[fedd]\n[faults]\nhalt_after = 1\n",
+    "kinds": "[feed]\nport = 1.5\nquiet = 1979-05-27\nsymbols = [1, 2]\nseed = [[]]\nsession = {a = 1}\n",
+    "numbers": "[feed]\nstep_bps = inf\nseed = 0xff\ninterval_ms = -9223372036854775808\nport = 1_000\n",
+    "dotted": 'feed.port = 1\nfaults.drop_burst = 3\n"feed".seed = 2\n',
+    "broken": "[feed\nport = = 3\n",
+    "odd_texts": '[feed]\nsession = "\\u0000"\ntruth_out = "\\u0000"\n'
+                 'symbols = ["", ":", "A:nan", "A:1,B:2"]\n',
+}
+
 TIMELINES = {
     "empty": "",
     "by_time": "# a day\n+2.5s halt AAPL\n+1m0.5s resume AAPL # again\n+90 pause\n+1h2m3s4ms stop\n",
@@ -193,6 +210,7 @@ def lines(rows):
 def main():
     write("command_line", lines(COMMAND_LINES))
     write("scenario", {name: text.encode() for name, text in SCENARIOS.items()})
+    write("run_config", {name: text.encode() for name, text in RUN_CONFIGS.items()})
     write("timeline", {name: text.encode() for name, text in TIMELINES.items()})
     write("control", lines(CONTROL))
     write("retransmission", RETRANSMISSION)

@@ -53,7 +53,7 @@ std::string_view take_word(std::string_view& text) {
     return word;
 }
 
-std::string quoted(std::string_view text) {
+std::string in_quotes(std::string_view text) {
     return "'" + std::string(text.substr(0, quoted_bytes_max)) + "'";
 }
 
@@ -84,11 +84,11 @@ std::string argument_error(const ControlCommand& command, std::string_view argum
         return needed ? "'" + std::string(command.word) + "' needs an argument" + usage : "";
     }
     if (command.argument == Argument::none) {
-        return "'" + std::string(command.word) + "' takes no argument, not " + quoted(argument);
+        return "'" + std::string(command.word) + "' takes no argument, not " + in_quotes(argument);
     }
     if (command.argument == Argument::optional_number && !is_number(argument)) {
         return "'" + std::string(command.word) + "' takes a whole number of at most 32 bits, not " +
-               quoted(argument);
+               in_quotes(argument);
     }
     return "";
 }
@@ -128,15 +128,15 @@ bool check_control_command(std::string_view line, std::string& error) {
         for (const ControlCommand& each : commands) {
             words.push_back(each.word);
         }
-        error = "unknown command " + quoted(word) + did_you_mean(word, words);
+        error = "unknown command " + in_quotes(word) + did_you_mean(word, words);
         return false;
     }
     error = argument_error(*command, argument);
     if (error.empty()) {
         const std::string_view further = take_word(rest);
         if (!further.empty()) {
-            error =
-                "'" + std::string(word) + "' takes one argument at most, not " + quoted(further) + " as well";
+            error = "'" + std::string(word) + "' takes one argument at most, not " + in_quotes(further) +
+                    " as well";
         }
     }
     return error.empty();

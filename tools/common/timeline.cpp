@@ -44,7 +44,7 @@ struct Parser {
     std::uint32_t line = 0;
 };
 
-std::string quoted(std::string_view text) {
+std::string in_quotes(std::string_view text) {
     return "'" + std::string(text.substr(0, quoted_bytes_max)) + "'";
 }
 
@@ -105,13 +105,13 @@ bool take_moment(std::string_view& text, Clock around, Clock& clock, std::uint64
         return parse_time(word.substr(1), moment, error);
     }
     if (word != "at" || take_word(text) != "seq") {
-        error = "a line begins with +TIME or 'at seq N', not " + quoted(word);
+        error = "a line begins with +TIME or 'at seq N', not " + in_quotes(word);
         return false;
     }
     const std::string_view number = take_word(text);
     clock = Clock::sequence;
     if (!parse_whole(number, sequence_max, moment)) {
-        error = quoted(number) + " is no sequence number: write 'at seq N COMMAND' with a whole number";
+        error = in_quotes(number) + " is no sequence number: write 'at seq N COMMAND' with a whole number";
         return false;
     }
     return true;
@@ -123,8 +123,8 @@ bool read_loop(std::string_view text, OpenLoop& loop, std::string& error) {
     const std::string_view every = take_word(text);
     const std::string_view period = take_word(text);
     const char* form = loop.clock == Clock::time ? "'loop 3 every 20s'" : "'at seq 1000 loop 3 every 500'";
-    if (!parse_whole(count, rounds_max, loop.node.rounds) || every != "every" || period.empty() ||
-        !text.empty()) {
+    const bool complete = every == "every" && !period.empty() && text.empty();
+    if (!complete || !parse_whole(count, rounds_max, loop.node.rounds)) {
         error = std::string("a loop has a count of at most ") + std::to_string(rounds_max) +
                 " and a period: write it as " + form;
         return false;
@@ -133,7 +133,7 @@ bool read_loop(std::string_view text, OpenLoop& loop, std::string& error) {
         return parse_time(period, loop.node.period, error);
     }
     if (!parse_whole(period, sequence_max, loop.node.period)) {
-        error = quoted(period) + " is no number of messages: write the loop as " + form;
+        error = in_quotes(period) + " is no number of messages: write the loop as " + form;
         return false;
     }
     return true;
@@ -149,7 +149,8 @@ void put(Parser& parser, Clock clock, Node node) {
 
 bool end_loop(Parser& parser, std::string_view rest, std::string& error) {
     if (!rest.empty() || parser.open.empty()) {
-        error = rest.empty() ? "'end' without a loop" : "'end' is followed by nothing, not " + quoted(rest);
+        error =
+            rest.empty() ? "'end' without a loop" : "'end' is followed by nothing, not " + in_quotes(rest);
         return false;
     }
     OpenLoop loop = std::move(parser.open.back());
