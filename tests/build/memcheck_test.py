@@ -42,7 +42,7 @@ def test_memcheck_sees_a_planted_error(tmp_path):
     subprocess.run([compiler, "-O0", "-o", tmp_path / "planted", source], check=True)
     done = subprocess.run([*MEMCHECK, tmp_path / "planted"], capture_output=True, text=True, check=False)
     assert done.returncode == ERROR_STATUS
-    assert "uninitialized" in done.stderr and "definitely lost" in done.stderr
+    assert "uninitialised" in done.stderr and "definitely lost" in done.stderr
 
 
 def test_unit_tests():
