@@ -42,6 +42,7 @@ void catch_stop_signals() {
 void ignore_write_signals() {
     handle(SIGPIPE, SIG_IGN);
     handle(SIGXFSZ, SIG_IGN);
+    handle(SIGIO, SIG_IGN);
 }
 
 int stop_signals() {

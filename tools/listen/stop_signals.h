@@ -8,7 +8,8 @@ namespace tessel::listen {
 // signal came just before the call.
 void catch_stop_signals();
 
-// A write to a closed pipe or beyond the file size limit fails instead of ending the program.
+// A write to a closed pipe or beyond the file size limit fails instead of ending the program. Nor does it end
+// when somebody opens the file of --out during the moment in which it is looked at (SIGIO).
 void ignore_write_signals();
 
 // How many came so far. The first asks for an orderly end, which may wait for what is missing; the second
