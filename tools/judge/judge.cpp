@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
+#include <thread>
+#include <utility>
 
 namespace tessel::judge {
 
@@ -114,15 +117,49 @@ bool select_run(const Options& options, const LineSource& truth, JudgedRuns& run
     return true;
 }
 
+// Scans OUTPUT in a thread of its own while the truth is scanned.
+struct OutputScan {
+    SingleRun single;
+    std::string error;
+    bool good = false;
+};
+
+void scan_output(LineSource& output, OutputScan& scan) {
+    try {
+        scan.good = scan_single_run(output, scan.single, scan.error);
+    } catch (const std::exception& fault) {  // no memory
+        scan.error = fault.what();
+    }
+}
+
 bool find_runs(const Options& options, LineSource& truth, LineSource& output, JudgedRuns& runs,
                Result& result, std::string& error) {
-    if (!start_source(truth, error) || !start_source(output, error) ||
-        !find_truth_runs(truth, runs.truth, error)) {
+    if (!start_source(truth, error) || !start_source(output, error)) {
         return false;
     }
+    OutputScan scan;
+    bool good = false;
+    if (options.jobs > 1) {
+        std::thread thread([&] { scan_output(output, scan); });
+        good = find_truth_runs(truth, runs.truth, error);
+        thread.join();
+    } else {
+        good = find_truth_runs(truth, runs.truth, error);
+        scan.single.possible = false;
+        scan.good = true;
+    }
     result.truth_runs = runs.truth.runs.size();
-    if (!select_run(options, truth, runs, error) ||
-        !find_output_runs(output, runs.truth.runs, runs.output, error)) {
+    if (!good || !select_run(options, truth, runs, error)) {
+        return false;
+    }
+    if (!scan.good) {
+        error = scan.error;
+        return false;
+    }
+    if (is_single_run(scan.single, runs.truth.runs)) {
+        runs.output = std::move(scan.single.found);
+    } else if (!start_source(output, error) ||
+               !find_output_runs(output, runs.truth.runs, runs.output, error)) {
         return false;
     }
     result.output_runs = runs.output.runs.size();

@@ -59,6 +59,23 @@ void end_runs(FileRuns& found, const LineSource& source) {
     std::erase_if(found.runs, [](const Run& run) { return run.lines + run.outside == 0; });
 }
 
+// How far OUTPUT's sequence must fall for a new run to be possible.
+std::uint64_t least_fall(const std::vector<Run>& truth) {
+    std::uint64_t least = restart_fall;
+    for (const Run& run : truth) {
+        least = std::min(least, (run.highest - run.lowest) / 2 + 1);
+    }
+    return least;
+}
+
+std::uint64_t highest_of(const std::vector<Run>& truth) {
+    std::uint64_t highest = 0;
+    for (const Run& run : truth) {
+        highest = std::max(highest, run.highest);
+    }
+    return highest;
+}
+
 // A fall of the sequence in OUTPUT that may be the beginning of a run: the lines from it on, until they
 // decide.
 struct Candidate {
@@ -232,16 +249,46 @@ bool find_truth_runs(LineSource& source, FileRuns& found, std::string& error) {
     return result == ReadResult::end;
 }
 
+bool scan_single_run(LineSource& source, SingleRun& scan, std::string& error) {
+    Record record;
+    Line scratch;
+    ReadResult result = ReadResult::line;
+    while ((result = next_record(source, record, scratch, error)) == ReadResult::line) {
+        if (scan.found.runs.empty()) {
+            scan.found.runs.push_back(run_starting_at(source, record));
+        }
+        note_torn(scan.found, record);
+        Run& run = scan.found.runs.back();
+        if (record.mark) {
+            continue;
+        }
+        if (run.lines != 0 && record.seq < run.highest) {
+            const std::uint64_t fall = run.highest - record.seq;
+            if (fall > restart_fall_always) {
+                scan.possible = false;
+                return true;
+            }
+            scan.deepest_fall = std::max(scan.deepest_fall, record.seq <= run.first ? fall : 0);
+        }
+        count_line(run, record.seq);
+    }
+    end_runs(scan.found, source);
+    return result == ReadResult::end;
+}
+
+bool is_single_run(const SingleRun& scan, const std::vector<Run>& truth) {
+    const bool in_range = scan.found.runs.empty() || scan.found.runs.back().highest <= highest_of(truth);
+    return scan.possible && in_range && scan.deepest_fall < least_fall(truth);
+}
+
 bool find_output_runs(LineSource& source, const std::vector<Run>& truth, FileRuns& found,
                       std::string& error) {
     OutputScan scan;
     scan.found = &found;
     scan.source = &source;
     scan.truth = &truth;
-    for (const Run& run : truth) {
-        scan.fall = std::min(scan.fall, (run.highest - run.lowest) / 2 + 1);
-        scan.truth_highest = std::max(scan.truth_highest, run.highest);
-    }
+    scan.fall = least_fall(truth);
+    scan.truth_highest = highest_of(truth);
     Record record;
     Line scratch;
     ReadResult result = ReadResult::line;

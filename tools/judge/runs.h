@@ -51,6 +51,19 @@ inline constexpr std::uint64_t restart_fall_always = 16'384;
 // False with file, line and reason in `error` at the first line that is not a truth line.
 bool find_truth_runs(LineSource& source, FileRuns& found, std::string& error);
 
+// What a scan of OUTPUT that does not know the truth yet finds: usually all lines are one run.
+struct SingleRun {
+    FileRuns found;
+    bool possible = true;            // false: the sequence falls too far, and the scan ended there
+    std::uint64_t deepest_fall = 0;  // to the run's first number or below
+};
+
+// Scans OUTPUT while the truth is being scanned by another thread.
+bool scan_single_run(LineSource& source, SingleRun& scan, std::string& error);
+
+// Whether find_output_runs would find the same.
+bool is_single_run(const SingleRun& scan, const std::vector<Run>& truth);
+
 // Finds the runs of OUTPUT by the rule above. Numbers above every run of the truth have no influence.
 bool find_output_runs(LineSource& source, const std::vector<Run>& truth, FileRuns& found, std::string& error);
 
