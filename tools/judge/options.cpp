@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <span>
+#include <thread>
 
 namespace tessel::judge {
 
@@ -33,8 +33,10 @@ void declare(CLI::App& app, ProgramOptions& options) {
                    "The handler's file: JSON lines with a seq and any of the truth line's members")
         ->required();
     app.add_option("--report", options.html_path, "Write the report as one HTML page to this file, too");
-    app.add_option("--json", options.json_path,
-                   "Write the result as JSON to this file; - for standard output, in place of the text");
+    app.add_option(
+           "--json", options.json_path,
+           "Write the result as JSON to this file; - or nothing for standard output, in place of the text")
+        ->expected(0, 1);
     app.add_option("--junit", options.junit_path, "Write the result as JUnit XML to this file, or -");
     app.add_option("--summary-md", options.markdown_path, "Write a summary in Markdown to this file, or -");
     app.add_option("--about", judged.about, "Text for the head of every report; may be repeated")
@@ -44,6 +46,9 @@ void declare(CLI::App& app, ProgramOptions& options) {
     app.add_option("--jobs", judged.jobs, "Threads that compare lines; the result does not depend on it")
         ->check(CLI::Range(std::size_t{1}, jobs_max))
         ->capture_default_str();
+    app.add_option(
+        "--channels", options.channels_path,
+        "Judge each channel of this list: TRUTH and OUTPUT are folders with a file NAME.jsonl a channel");
     app.add_option("--run", judged.run, "Judge against this run of the truth only; the first is 1")
         ->check(CLI::PositiveNumber);
     app.add_flag("--late,--from-first", judged.from_first,
@@ -64,6 +69,11 @@ std::string check(const ProgramOptions& options) {
     if (options.judged.truth_path == "-" && options.judged.output_path == "-") {
         return "TRUTH and OUTPUT are both -: standard input can only be one of them";
     }
+    const bool other_report =
+        !options.html_path.empty() || !options.junit_path.empty() || !options.markdown_path.empty();
+    if (!options.channels_path.empty() && other_report) {
+        return "--channels goes with --json and the text, not with --report, --junit and --summary-md";
+    }
     return "";
 }
 
@@ -75,6 +85,13 @@ int parse_options(ProgramOptions& options, int argc, const char* const* argv) {
     std::string error;
     try {
         app.parse(argc, argv);
+        if (app.count("--json") != 0 && options.json_path.empty()) {
+            options.json_path = "-";
+        }
+        // Channels are judged side by side even when nobody says how many.
+        if (!options.channels_path.empty() && app.count("--jobs") == 0) {
+            options.judged.jobs = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, jobs_max);
+        }
         error = check(options);
     } catch (const CLI::Success& wanted) {
         app.exit(wanted);

@@ -98,9 +98,7 @@ bool write_reports(const ProgramOptions& options, const Result& result, std::str
             write_report(options.markdown_path, markdown_report(options.judged, result), error));
 }
 
-}  // namespace
-
-int run_program(const ProgramOptions& options) {
+int judge_pair(const ProgramOptions& options) {
     LineSource truth;
     LineSource output;
     const std::array<Input*, 2> inputs = {&truth.input, &output.input};
@@ -116,6 +114,52 @@ int run_program(const ProgramOptions& options) {
         return status_bad_input;
     }
     return verdict(result) == Verdict::agrees ? status_agrees : status_differs;
+}
+
+// The channels' files may not be what the JSON is written to.
+bool check_channel_files(const ProgramOptions& options, const std::vector<std::string>& names,
+                         std::string& error) {
+    const std::vector<NamedFile> reports = report_files(options);
+    for (const std::string& name : names) {
+        for (const std::string& folder : {options.judged.truth_path, options.judged.output_path}) {
+            const std::string path = channel_file(folder, name);
+            struct stat facts {};
+            if (::stat(path.c_str(), &facts) != 0) {
+                continue;  // reported when it is opened
+            }
+            for (const NamedFile& report : reports) {
+                if (report.device == facts.st_dev && report.inode == facts.st_ino) {
+                    error = fmt::format("{} and {} are the same file", path, report.role);
+                    return false;
+                }
+            }
+        }
+    }
+    return true;
+}
+
+int judge_all_channels(const ProgramOptions& options) {
+    std::vector<std::string> names;
+    std::vector<Channel> channels;
+    std::string error;
+    const bool good =
+        read_channel_names(options.channels_path, names, error) &&
+        check_channel_files(options, names, error) &&
+        judge_channels(options.judged, names, channels, error) &&
+        (options.json_path == "-" || write_report("-", text_report(options.judged, channels), error)) &&
+        (options.json_path.empty() ||
+         write_report(options.json_path, json_report(options.judged, channels), error));
+    if (!good) {
+        print_error(error);
+        return status_bad_input;
+    }
+    return verdict(channels) == Verdict::agrees ? status_agrees : status_differs;
+}
+
+}  // namespace
+
+int run_program(const ProgramOptions& options) {
+    return options.channels_path.empty() ? judge_pair(options) : judge_all_channels(options);
 }
 
 }  // namespace tessel::judge

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "judge/channels.h"
 #include "judge/judge.h"
 
 #include <string>
@@ -17,6 +18,12 @@ std::string html_report(const Options& options, const Result& result);
 
 // The result for programs: one JSON object, its members as docs/judging.md lists them.
 std::string json_report(const Options& options, const Result& result);
+
+// The results of all channels: their sum, and an object for each.
+std::string json_report(const Options& options, const std::vector<Channel>& channels);
+
+// The results of all channels as text: the sum, and a line for each.
+std::string text_report(const Options& options, const std::vector<Channel>& channels);
 
 // The result as JUnit XML: a test case for missing lines, for unexpected lines, and for each member.
 std::string junit_report(const Options& options, const Result& result);

@@ -98,17 +98,21 @@ Json torn_lines_of(const Result& result) {
     return lines;
 }
 
-}  // namespace
-
-std::string json_report(const Options& options, const Result& result) {
+// What a single judgment and the sum of several have: the counts, after the verdict.
+Json counts_of(Verdict decided, const Result& result) {
     std::uint64_t compared = 0;
     for (const MemberCount& count : result.members) {
         compared += count.compared;
     }
-    Json report = {{"verdict", verdict_word(verdict(result))}};
+    Json report = {{"verdict", verdict_word(decided)}};
     report.update(totals_of(result.totals));
     report["compared_members"] = compared;
     report["members"] = members_of(result);
+    return report;
+}
+
+Json judgment_of(const Result& result) {
+    Json report = counts_of(verdict(result), result);
     report["unknown_members"] = result.unknown_members;
     report["differences"] = differences_of(result);
     report["more_differences"] = result.more_examples;
@@ -118,8 +122,31 @@ std::string json_report(const Options& options, const Result& result) {
     report["output_runs"] = result.output_runs;
     report["output_runs_not_judged"] = result.output_runs_not_judged;
     report["torn_lines"] = torn_lines_of(result);
-    report["about"] = options.about;
+    return report;
+}
+
+std::string text_of(const Json& report) {
     return report.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+std::string json_report(const Options& options, const Result& result) {
+    Json report = judgment_of(result);
+    report["about"] = options.about;
+    return text_of(report);
+}
+
+std::string json_report(const Options& options, const std::vector<Channel>& channels) {
+    Json report = counts_of(verdict(channels), add_up(channels));
+    report["channels"] = Json::array();
+    for (const Channel& channel : channels) {
+        Json entry = {{"name", channel.name}};
+        entry.update(judgment_of(channel.result));
+        report["channels"].push_back(std::move(entry));
+    }
+    report["about"] = options.about;
+    return text_of(report);
 }
 
 }  // namespace tessel::judge

@@ -173,6 +173,36 @@ std::string verdict_sentence(const Result& result) {
         grouped(totals.missing), grouped(totals.unexpected));
 }
 
+std::string text_report(const Options& options, const std::vector<Channel>& channels) {
+    const auto agreeing = std::count_if(channels.begin(), channels.end(), [](const Channel& channel) {
+        return verdict(channel.result) == Verdict::agrees;
+    });
+    std::string text;
+    for (const std::string& about : options.about) {
+        text += fmt::format("about: {}\n", about);
+    }
+    text += fmt::format("{}: {} of {} channels agree.\n\n", verdict_word(verdict(channels)), agreeing,
+                        channels.size());
+    const auto add = [&](std::string_view name, std::string_view word, const Totals& totals) {
+        text += fmt::format("{:<16} {:<16} {:>13} {:>13} {:>11} {:>11} {:>11}\n", name, word,
+                            grouped(totals.truth_lines), grouped(totals.matched), grouped(totals.mismatched),
+                            grouped(totals.missing), grouped(totals.unexpected));
+    };
+    text += fmt::format("{:<16} {:<16} {:>13} {:>13} {:>11} {:>11} {:>11}\n", "channel", "verdict",
+                        "truth lines", "matched", "mismatched", "missing", "unexpected");
+    for (const Channel& channel : channels) {
+        add(channel.name, verdict_word(verdict(channel.result)), channel.result.totals);
+    }
+    add("all", verdict_word(verdict(channels)), add_up(channels).totals);
+    for (const Channel& channel : channels) {
+        for (const std::string& name : channel.result.unknown_members) {
+            text += fmt::format("not compared: channel {}: member '{}', {}\n", channel.name, name,
+                                unknown_member_note(name));
+        }
+    }
+    return text;
+}
+
 std::string text_report(const Options& options, const Result& result) {
     const Totals& totals = result.totals;
     std::string text;
