@@ -10,7 +10,7 @@ namespace tessel {
 namespace {
 
 using testing::content;
-using testing::expect_layout;
+using testing::expect_message;
 using testing::header_layout;
 using testing::joined;
 using testing::Layout;
@@ -27,11 +27,11 @@ Layout admin_header(const std::string& letters) {
 TEST(ControlMessages, HeaderAlone_29Bytes) {
     MessageWriter writer = used_writer();
     build_start_of_day(writer, times);
-    expect_layout(writer, admin_header("1CIE "));
+    expect_message(writer, admin_header("1CIE "));
     build_session_open(writer, times, 'Z');
-    expect_layout(writer, admin_header("1COZ "));
+    expect_message(writer, admin_header("1COZ "));
     build_wipe_out(writer, times, 'K');
-    expect_layout(writer, admin_header("1CPK "));
+    expect_message(writer, admin_header("1CPK "));
     EXPECT_EQ(writer.size, 29u);
 }
 
@@ -39,9 +39,9 @@ TEST(DeclineLevels, 53BytesWithSevenThirteenAndTwentyPercentBelow5000) {
     MessageWriter writer = used_writer();
     build_decline_levels(writer, times);
     EXPECT_EQ(writer.size, 53u);
-    expect_layout(writer,
-                  joined(admin_header("1ACE "), {number(29, 8, 4'650'000'000), number(37, 8, 4'350'000'000),
-                                                 number(45, 8, 4'000'000'000)}));
+    expect_message(writer,
+                   joined(admin_header("1ACE "), {number(29, 8, 4'650'000'000), number(37, 8, 4'350'000'000),
+                                                  number(45, 8, 4'000'000'000)}));
 }
 
 DirectoryRecord some_directory() {
@@ -63,16 +63,17 @@ TEST(Directory, ShortForm_90Bytes) {
     MessageWriter writer = used_writer();
     encode_directory(writer, some_directory(), false);
     EXPECT_EQ(writer.size, 90u);
-    expect_layout(writer, short_directory_layout("1ABQ "));
+    expect_message(writer, short_directory_layout("1ABQ "));
 }
 
 TEST(Directory, LongForm_117BytesThatBeginLikeTheShortForm) {
     MessageWriter writer = used_writer();
     encode_directory(writer, some_directory(), true);
     EXPECT_EQ(writer.size, 117u);
-    expect_layout(writer, joined(short_directory_layout("1AFQ "),
-                                 {text(90, "N"), text(91, "0"), text(92, "3"), text(93, "T"),
-                                  text(94, "      "), text(100, "0"), number(101, 8, 0), number(109, 8, 0)}));
+    expect_message(writer,
+                   joined(short_directory_layout("1AFQ "),
+                          {text(90, "N"), text(91, "0"), text(92, "3"), text(93, "T"), text(94, "      "),
+                           text(100, "0"), number(101, 8, 0), number(109, 8, 0)}));
 }
 
 TEST(Directory, OfAHaltedInstrument_TellsStateReasonAndIndicator) {
@@ -99,16 +100,16 @@ TEST(Indicator, 41Bytes) {
     MessageWriter writer = used_writer();
     build_indicator(writer, times, "TSLA", '0');
     EXPECT_EQ(writer.size, 41u);
-    expect_layout(writer, joined(admin_header("1AVQ "), {text(29, "TSLA       "), text(40, "0")}));
+    expect_message(writer, joined(admin_header("1AVQ "), {text(29, "TSLA       "), text(40, "0")}));
 }
 
 TEST(TradingAction, 59Bytes) {
     MessageWriter writer = used_writer();
     build_trading_action(writer, times, "MSFT", 'H', 0x01020304, 1'700'000'000'000'000'009, "T1");
     EXPECT_EQ(writer.size, 59u);
-    expect_layout(writer, joined(admin_header("1AHQ "),
-                                 {text(29, "MSFT       "), text(40, "H"), number(41, 4, 0x01020304),
-                                  number(45, 8, 1'700'000'000'000'000'009), text(53, "T1    ")}));
+    expect_message(writer, joined(admin_header("1AHQ "),
+                                  {text(29, "MSFT       "), text(40, "H"), number(41, 4, 0x01020304),
+                                   number(45, 8, 1'700'000'000'000'000'009), text(53, "T1    ")}));
 }
 
 TEST(TradingAction, ReasonBeyondSixLettersIsCut) {
@@ -121,19 +122,20 @@ TEST(PriceBand, 65BytesLowerBandFirst) {
     MessageWriter writer = used_writer();
     build_price_band(writer, times, "AAPL", 'A', 1'700'000'000'000'000'009, 180'500'000, 199'500'000);
     EXPECT_EQ(writer.size, 65u);
-    expect_layout(writer,
-                  joined(admin_header("1APE "),
-                         {text(29, "AAPL       "), text(40, "A"), number(41, 8, 1'700'000'000'000'000'009),
-                          number(49, 8, 180'500'000), number(57, 8, 199'500'000)}));
+    expect_message(writer,
+                   joined(admin_header("1APE "),
+                          {text(29, "AAPL       "), text(40, "A"), number(41, 8, 1'700'000'000'000'000'009),
+                           number(49, 8, 180'500'000), number(57, 8, 199'500'000)}));
 }
 
 TEST(Collar, 69BytesReferenceThenUpperThenLower) {
     MessageWriter writer = used_writer();
     build_collar(writer, times, "AAPL", 3, 190'000'000, 199'500'000, 180'500'000);
     EXPECT_EQ(writer.size, 69u);
-    expect_layout(writer, joined(admin_header("1AEQ "),
-                                 {text(29, "AAPL       "), number(40, 4, 3), number(44, 8, 190'000'000),
-                                  number(52, 8, 199'500'000), number(60, 8, 180'500'000), number(68, 1, 0)}));
+    expect_message(writer,
+                   joined(admin_header("1AEQ "),
+                          {text(29, "AAPL       "), number(40, 4, 3), number(44, 8, 190'000'000),
+                           number(52, 8, 199'500'000), number(60, 8, 180'500'000), number(68, 1, 0)}));
 }
 
 TEST(CircuitBreakerStatus, LevelAsADigit_AboveThreeIsThree) {
@@ -143,7 +145,7 @@ TEST(CircuitBreakerStatus, LevelAsADigit_AboveThreeIsThree) {
         MessageWriter writer = used_writer();
         build_mwcb_status(writer, times, level);
         EXPECT_EQ(writer.size, 30u);
-        expect_layout(writer, joined(admin_header("1ADE "), {text(29, {digit})}));
+        expect_message(writer, joined(admin_header("1ADE "), {text(29, {digit})}));
     }
 }
 
@@ -151,8 +153,9 @@ TEST(EndOfSnapshot, 37BytesWithTheSpinTimeInBothStamps) {
     MessageWriter writer = used_writer();
     build_end_of_snapshot(writer, 1'700'000'000'000'000'555, 0x0102030405060708);
     EXPECT_EQ(writer.size, 37u);
-    expect_layout(writer, joined(header_layout("1ASE ", 1'700'000'000'000'000'555, 1'700'000'000'000'000'555),
-                                 {number(29, 8, 0x0102030405060708)}));
+    expect_message(writer,
+                   joined(header_layout("1ASE ", 1'700'000'000'000'000'555, 1'700'000'000'000'000'555),
+                          {number(29, 8, 0x0102030405060708)}));
 }
 
 }  // namespace

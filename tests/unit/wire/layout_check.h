@@ -1,5 +1,6 @@
 #pragma once
 
+#include "wire/layout.h"
 #include "wire/message_writer.h"
 
 #include <gtest/gtest.h>
@@ -19,6 +20,7 @@ struct Field {
     std::size_t offset = 0;
     std::size_t width = 0;
     std::string bytes;
+    bool is_number = false;
 };
 
 // A big-endian integer field.
@@ -27,12 +29,12 @@ inline Field number(std::size_t offset, std::size_t width, std::uint64_t value) 
     for (std::size_t at = width; at > 0; --at) {
         bytes.push_back(static_cast<char>(value >> (8 * (at - 1)) & 0xff));
     }
-    return {offset, width, bytes};
+    return {offset, width, bytes, true};
 }
 
 // A text field, written out in full with its padding.
 inline Field text(std::size_t offset, const std::string& value) {
-    return {offset, value.size(), value};
+    return {offset, value.size(), value, false};
 }
 
 using Layout = std::vector<Field>;
@@ -80,6 +82,28 @@ inline void expect_layout(const MessageWriter& writer, const Layout& rows) {
         at += row.width;
     }
     EXPECT_EQ(at, message.size());
+}
+
+// The same, and the layout table has fields at the same places: a number is one field, and a row of text is
+// one or more.
+inline void expect_message(const MessageWriter& writer, const Layout& rows) {
+    expect_layout(writer, rows);
+    std::vector<layout::LocatedField> fields;
+    EXPECT_EQ(layout::locate_fields(fields, writer.bytes.get(), writer.size), writer.size);
+    std::size_t next = 0;
+    for (const Field& row : rows) {
+        for (std::size_t at = row.offset; at < row.offset + row.width; ++next) {
+            ASSERT_LT(next, fields.size()) << "the layout table has no field at offset " << at;
+            EXPECT_EQ(fields[next].offset, at) << fields[next].field->name;
+            const bool is_text = fields[next].field->kind == layout::Kind::letter ||
+                                 fields[next].field->kind == layout::Kind::text ||
+                                 fields[next].field->kind == layout::Kind::conditions;
+            EXPECT_TRUE(!row.is_number || (!is_text && fields[next].field->width == row.width))
+                << fields[next].field->name;
+            at += fields[next].field->width;
+        }
+    }
+    EXPECT_EQ(next, fields.size());
 }
 
 // A writer that was used before, full of bytes that must not shine through.

@@ -14,7 +14,7 @@ namespace tessel {
 namespace {
 
 using testing::content;
-using testing::expect_layout;
+using testing::expect_message;
 using testing::header_layout;
 using testing::joined;
 using testing::Layout;
@@ -133,7 +133,7 @@ TEST(ShortQuote, NoAppendages_52Bytes) {
     MessageWriter writer = used_writer();
     build_quote(writer, full_quote(), 'C');
     EXPECT_EQ(writer.size, 52u);
-    expect_layout(writer, joined(quote_header('C'), short_body('0', '0', '0')));
+    expect_message(writer, joined(quote_header('C'), short_body('0', '0', '0')));
 }
 
 TEST(ShortQuote, AllAppendagesShort_NbboThenBestOddLotThenList) {
@@ -147,7 +147,7 @@ TEST(ShortQuote, AllAppendagesShort_NbboThenBestOddLotThenList) {
     expected = joined(expected, shifted(short_nbbo, 52));
     expected = joined(expected, shifted(short_best, 52 + 11));
     expected = joined(expected, shifted(short_list, 52 + 11 + 10));
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
     EXPECT_EQ(writer.size, 52u + 11u + 10u + 12u);
 }
 
@@ -161,7 +161,7 @@ TEST(LongQuote, NoAppendages_83Bytes) {
     MessageWriter writer = used_writer();
     build_quote(writer, full_quote(), 'D');
     EXPECT_EQ(writer.size, 83u);
-    expect_layout(writer, joined(quote_header('D'), long_body('0', ' ', '0', '0')));
+    expect_message(writer, joined(quote_header('D'), long_body('0', ' ', '0', '0')));
 }
 
 TEST(LongQuote, OfTheAdfWithLongNbboAndNoOddLots_118Bytes) {
@@ -173,7 +173,7 @@ TEST(LongQuote, OfTheAdfWithLongNbboAndNoOddLots_118Bytes) {
     Layout expected = joined(quote_header('D'), long_body('3', '2', '0', '0'));
     expected = joined(expected, shifted(long_nbbo, 83));
     expected = joined(expected, shifted(adf_mpids, 83 + 27));
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
     EXPECT_EQ(writer.size, 118u);
 }
 
@@ -190,7 +190,7 @@ TEST(LongQuote, AllAppendagesWithMpids_NbboThenAdfThenBestOddLotThenList) {
     expected = joined(expected, shifted(adf_mpids, 83 + 27));
     expected = joined(expected, shifted(mpid_best, 83 + 27 + 8));
     expected = joined(expected, shifted(mpid_list, 83 + 27 + 8 + 30));
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
 }
 
 TEST(LongQuote, LongOddLotForms_SizesStay16Bits) {
@@ -202,7 +202,7 @@ TEST(LongQuote, LongOddLotForms_SizesStay16Bits) {
     Layout expected = joined(quote_header('D'), long_body('0', ' ', '3', '3'));
     expected = joined(expected, shifted(long_best, 83));
     expected = joined(expected, shifted(long_list, 83 + 22));
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
 }
 
 TEST(LongQuote, PricesBeyondTheShortRangeAndBelowZero) {
@@ -216,7 +216,7 @@ TEST(LongQuote, PricesBeyondTheShortRangeAndBelowZero) {
     expected[2] = number(48, 8, static_cast<std::uint64_t>(-10'000));
     expected[4] = number(60, 8, 1'000'000'000'000);
     expected[5] = number(68, 4, 0xfffffffe);
-    expect_layout(writer, joined(quote_header('D'), expected));
+    expect_message(writer, joined(quote_header('D'), expected));
 }
 
 TEST(MpidQuote, 77BytesWithTheBidMpidAndNoAppendages) {
@@ -228,10 +228,10 @@ TEST(MpidQuote, 77BytesWithTheBidMpidAndNoAppendages) {
     MessageWriter writer = used_writer();
     build_quote(writer, record, 'M');
     EXPECT_EQ(writer.size, 77u);
-    expect_layout(writer, joined(quote_header('M'),
-                                 {number(29, 8, 1'699'999'999'999'999'999), text(37, "AAPL       "),
-                                  number(48, 8, 190'000'000), number(56, 4, 300), number(60, 8, 190'010'000),
-                                  number(68, 4, 65534), text(72, "R"), text(73, "ABCD")}));
+    expect_message(writer, joined(quote_header('M'),
+                                  {number(29, 8, 1'699'999'999'999'999'999), text(37, "AAPL       "),
+                                   number(48, 8, 190'000'000), number(56, 4, 300), number(60, 8, 190'010'000),
+                                   number(68, 4, 65534), text(72, "R"), text(73, "ABCD")}));
 }
 
 TEST(OddLotUpdate, ShortForm_39BytesThenBestOddLotAndList) {
@@ -245,7 +245,7 @@ TEST(OddLotUpdate, ShortForm_39BytesThenBestOddLotAndList) {
                                                  text(36, "2"), number(37, 2, 2)});
     expected = joined(expected, shifted(short_best, 39));
     expected = joined(expected, shifted(short_list, 39 + 10));
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
 }
 
 TEST(OddLotUpdate, LongForm_53BytesThenBestOddLotAndList) {
@@ -260,7 +260,7 @@ TEST(OddLotUpdate, LongForm_53BytesThenBestOddLotAndList) {
                                    text(48, "E"), text(49, "5"), text(50, "3"), number(51, 2, 2)});
     expected = joined(expected, shifted(mpid_best, 53));
     expected = joined(expected, shifted(long_list, 53 + 30));
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
 }
 
 TEST(QuoteAppendages, EveryIndicatorByteHasItsLength) {
@@ -294,7 +294,7 @@ TEST(QuoteAppendages, ListNotWritten_CountStillTellsTheEntries) {
     record.odd_list_ind = '4';
     MessageWriter writer = used_writer();
     build_quote(writer, record, 'C');
-    expect_layout(writer, joined(quote_header('C'), short_body('0', '0', '4')));
+    expect_message(writer, joined(quote_header('C'), short_body('0', '0', '4')));
 }
 
 TEST(QuoteAppendages, ListOfNoEntries_WritesNothing) {
@@ -306,7 +306,7 @@ TEST(QuoteAppendages, ListOfNoEntries_WritesNothing) {
     build_quote(writer, record, 'D');
     Layout expected = long_body('0', ' ', '0', '5');
     expected.back() = number(81, 2, 0);
-    expect_layout(writer, joined(quote_header('D'), expected));
+    expect_message(writer, joined(quote_header('D'), expected));
 }
 
 TEST(QuoteAppendages, LongListOfAThousandEntries_GrowsTheBuffer) {

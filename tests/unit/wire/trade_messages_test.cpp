@@ -9,7 +9,7 @@
 namespace tessel {
 namespace {
 
-using testing::expect_layout;
+using testing::expect_message;
 using testing::header_layout;
 using testing::joined;
 using testing::Layout;
@@ -48,7 +48,7 @@ TEST(TradeReport, ShortForm_67BytesWithAnEightByteSize) {
     MessageWriter writer = used_writer();
     build_trade(writer, some_trade(), true);
     EXPECT_EQ(writer.size, 67u);
-    expect_layout(
+    expect_message(
         writer, joined(header_layout("1TMDN", sip_time, participant_time),
                        {number(29, 8, participant_time), text(37, "MSFT "), number(42, 8, 0x0102030405060708),
                         number(50, 2, 65535), number(52, 8, 1'900'000'000), text(60, "@F I"), text(64, "X"),
@@ -62,7 +62,7 @@ TEST(TradeReport, LongForm_81Bytes) {
     MessageWriter writer = used_writer();
     build_trade(writer, report, false);
     EXPECT_EQ(writer.size, 81u);
-    expect_layout(
+    expect_message(
         writer,
         joined(header_layout("1TNDN", sip_time, participant_time),
                {number(29, 8, participant_time), text(37, "LONGSYMBOL1"), number(48, 8, 0x0102030405060708),
@@ -79,10 +79,10 @@ TEST(TradeReport, OfficialClose_SizeZeroAndBlankFlag) {
     report.conditions = "@  M";
     MessageWriter writer = used_writer();
     build_trade(writer, report, true);
-    expect_layout(writer,
-                  joined(header_layout("1TMQ ", sip_time, participant_time),
-                         {number(29, 8, 0), text(37, "A    "), number(42, 8, 1), number(50, 2, 1),
-                          number(52, 8, 0), text(60, "@  M"), text(64, " "), text(65, "0"), text(66, "0")}));
+    expect_message(writer,
+                   joined(header_layout("1TMQ ", sip_time, participant_time),
+                          {number(29, 8, 0), text(37, "A    "), number(42, 8, 1), number(50, 2, 1),
+                           number(52, 8, 0), text(60, "@  M"), text(64, " "), text(65, "0"), text(66, "0")}));
 }
 
 const StatisticsRecord consolidated_after = {191'000'000, 189'000'000, 190'500'000, 7'000'000'000};
@@ -105,14 +105,14 @@ TEST(CancelError, 146BytesWithBothStatistics) {
     MessageWriter writer = used_writer();
     build_cancel(writer, record);
     EXPECT_EQ(writer.size, 146u);
-    expect_layout(writer, joined(header_layout("1TODB", sip_time, participant_time),
-                                 {number(29, 8, participant_time), text(37, "TSLA       "), text(48, "E"),
-                                  number(49, 8, 4711), number(57, 8, 250'010'000), number(65, 8, 100'000'000),
-                                  text(73, "@   "), text(77, "X"), number(78, 2, 0),
-                                  number(80, 8, 191'000'000), number(88, 8, 189'000'000),
-                                  number(96, 8, 190'500'000), number(104, 8, 7'000'000'000), text(112, "7"),
-                                  text(113, "P"), number(114, 8, 190'900'000), number(122, 8, 189'100'000),
-                                  number(130, 8, 190'400'000), number(138, 8, 3'000'000'001)}));
+    expect_message(writer, joined(header_layout("1TODB", sip_time, participant_time),
+                                  {number(29, 8, participant_time), text(37, "TSLA       "), text(48, "E"),
+                                   number(49, 8, 4711), number(57, 8, 250'010'000),
+                                   number(65, 8, 100'000'000), text(73, "@   "), text(77, "X"),
+                                   number(78, 2, 0), number(80, 8, 191'000'000), number(88, 8, 189'000'000),
+                                   number(96, 8, 190'500'000), number(104, 8, 7'000'000'000), text(112, "7"),
+                                   text(113, "P"), number(114, 8, 190'900'000), number(122, 8, 189'100'000),
+                                   number(130, 8, 190'400'000), number(138, 8, 3'000'000'001)}));
 }
 
 TEST(CancelError, OfTheOnlyTrade_ZeroStatisticsAndBlankCenter) {
@@ -127,7 +127,7 @@ TEST(CancelError, OfTheOnlyTrade_ZeroStatisticsAndBlankCenter) {
                 number(65, 8, 0), text(73, "    "), text(77, " "), number(78, 2, 0)});
     expected = joined(expected, {text(80, std::string(32, '\0')), text(112, "7"), text(113, " "),
                                  text(114, std::string(32, '\0'))});
-    expect_layout(writer, expected);
+    expect_message(writer, expected);
 }
 
 TEST(Correction, 176BytesWithTheOldAndTheNewTrade) {
@@ -149,7 +149,7 @@ TEST(Correction, 176BytesWithTheOldAndTheNewTrade) {
     MessageWriter writer = used_writer();
     build_correction(writer, record);
     EXPECT_EQ(writer.size, 176u);
-    expect_layout(
+    expect_message(
         writer, joined(header_layout("1TPDQ", sip_time, participant_time), {number(29, 8, participant_time),
                                                                             text(37, "AAPL       "),
                                                                             number(48, 8, 10),
@@ -187,11 +187,11 @@ TEST(AsOfTrade, 88BytesWithoutAnIdAndWithItsFixedLetters) {
     MessageWriter writer = used_writer();
     build_as_of(writer, record);
     EXPECT_EQ(writer.size, 88u);
-    expect_layout(writer, joined(header_layout("1TQDQ", sip_time, participant_time),
-                                 {number(29, 8, participant_time), text(37, "MSFT       "), number(48, 8, 0),
-                                  number(56, 8, 409'970'000), number(64, 8, 300'000'000), text(72, "@   "),
-                                  text(76, " "), number(77, 2, 0), text(79, "A"),
-                                  number(80, 8, 1'699'913'600'000'000'001)}));
+    expect_message(writer, joined(header_layout("1TQDQ", sip_time, participant_time),
+                                  {number(29, 8, participant_time), text(37, "MSFT       "), number(48, 8, 0),
+                                   number(56, 8, 409'970'000), number(64, 8, 300'000'000), text(72, "@   "),
+                                   text(76, " "), number(77, 2, 0), text(79, "A"),
+                                   number(80, 8, 1'699'913'600'000'000'001)}));
 }
 
 }  // namespace
