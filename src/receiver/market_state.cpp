@@ -72,7 +72,11 @@ Instrument& add_instrument(Market& market, std::string_view symbol) {
     return market.instruments.back();
 }
 
+// Messages of one instrument often follow each other, so the latest one is looked at first.
 Instrument* known_instrument(Market& market, std::string_view symbol) {
+    if (market.latest < market.instruments.size() && market.instruments[market.latest].symbol == symbol) {
+        return &market.instruments[market.latest];
+    }
     const std::uint32_t* slot = find_slot(market, symbol);
     if (slot == nullptr || *slot == 0) {
         return nullptr;
