@@ -85,9 +85,9 @@ void BareSendto_Multicast(benchmark::State& state) {
     destination.sin_addr.s_addr = publisher.group_address;
     for (auto iteration : state) {
         static_cast<void>(iteration);
-        benchmark::DoNotOptimize(
-            sendto(publisher.feed_socket, publisher.packet.data(), publisher.packet_length, 0,
-                   reinterpret_cast<const sockaddr*>(&destination), sizeof destination));
+        benchmark::DoNotOptimize(sendto(publisher.feed_socket, publisher.packet.data(),
+                                        publisher.packet_length, 0,
+                                        reinterpret_cast<const sockaddr*>(&destination), sizeof destination));
     }
     count_messages(state);
     close(publisher.feed_socket);

@@ -14,7 +14,7 @@ constexpr std::array<OddLotQuote, 1> one_order{{{'Q', 'B', 189'900'000, 40, ""}}
 
 QuoteRecord quote(char nbbo, char best, char list) {
     QuoteRecord record;
-    record.header.mc = 'Q';
+    record.header.market_center = 'Q';
     record.header.sip_time = 1'700'000'000'000'000'000;
     record.header.participant_time = 1'700'000'000'000'000'000;
     record.symbol = "AAPL";
@@ -25,15 +25,15 @@ QuoteRecord quote(char nbbo, char best, char list) {
     record.condition = 'R';
     record.nbbo_ind = nbbo;
     record.nbbo_condition = 'A';
-    record.nbbo_bid_mc = 'P';
-    record.nbbo_ask_mc = 'Z';
+    record.nbbo_bid_market_center = 'P';
+    record.nbbo_ask_market_center = 'Z';
     record.nbbo_bid = 190'000'000;
     record.nbbo_ask = 190'010'000;
     record.nbbo_bid_size = 400;
     record.nbbo_ask_size = 500;
     record.odd_best_ind = best;
-    record.odd_bid_mc = 'K';
-    record.odd_ask_mc = 'V';
+    record.odd_bid_market_center = 'K';
+    record.odd_ask_market_center = 'V';
     record.odd_bid = 190'000'000;
     record.odd_ask = 190'010'000;
     record.odd_bid_size = 11;
@@ -87,7 +87,7 @@ BENCHMARK(LongQuote_NbboAndOddLots);
 
 void LongQuote_OfTheAdf(benchmark::State& state) {
     QuoteRecord record = quote('3', '5', '5');
-    record.header.mc = 'D';
+    record.header.market_center = 'D';
     record.adf_mpid_ind = '2';
     record.bid_mpid = "ABCD";
     record.ask_mpid = "EFGH";

@@ -12,7 +12,7 @@
 #include "market/quote_index.h"
 #include "mold/publisher.h"
 #include "output/book_file.h"
-#include "output/truth_log.h"
+#include "output/quote_line.h"
 
 #include <benchmark/benchmark.h>
 
@@ -61,7 +61,7 @@ struct Market {
             std::string name = "/dev/shm/tessel-bench-XXXXXX";
             const int file = mkstemp(name.data());
             open_truth_log(engine.truth, name);
-            if (file < 0 || !engine.truth.good) {
+            if (file < 0 || !engine.truth.enabled) {
                 std::abort();  // a silent truth log would be measured as a fast one
             }
             unlink(name.c_str());
@@ -149,14 +149,14 @@ void TruthQuoteLine_Written(benchmark::State& state) {
     for (auto iteration : state) {
         static_cast<void>(iteration);
         const Instrument& instrument = market->engine.instruments[static_cast<std::size_t>(lines) % 256];
-        write_quote_line(market->engine.truth, instrument, 1'000'000, {});
+        write_quote_line(market->engine.truth, instrument, 1'000'000);
         if (++lines % lines_before_emptying == 0) {
             state.PauseTiming();
             market->empty_truth();
             state.ResumeTiming();
         }
     }
-    if (!market->engine.truth.good) {
+    if (!market->engine.truth.enabled) {
         state.SkipWithError("the truth log cannot be written");
     }
 }
@@ -169,7 +169,7 @@ void TruthQuoteLine_ToNowhere(benchmark::State& state) {
     std::size_t at = 0;
     for (auto iteration : state) {
         static_cast<void>(iteration);
-        write_quote_line(market->engine.truth, market->engine.instruments[at++ % 256], 1'000'000, {});
+        write_quote_line(market->engine.truth, market->engine.instruments[at++ % 256], 1'000'000);
     }
 }
 BENCHMARK(TruthQuoteLine_ToNowhere);
@@ -211,7 +211,7 @@ void Tick(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<std::int64_t>(messages));
     state.counters["a_message"] =
         benchmark::Counter(messages, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-    if (state.range(1) != 0 && !market->engine.truth.good) {
+    if (state.range(1) != 0 && !market->engine.truth.enabled) {
         state.SkipWithError("the truth log cannot be written");
     }
 }

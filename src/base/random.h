@@ -77,6 +77,8 @@ constexpr std::uint64_t chance_threshold(double limit) {
     return above;
 }
 
+constexpr std::uint64_t half_chance = chance_threshold(0.5);
+
 // Standard normal deviates by the polar method, two at a time; the second waits here. One of these lives for
 // a tick.
 struct NormalDeviates {

@@ -3,6 +3,7 @@
 #include "engine/publication.h"
 #include "engine/quotes.h"
 #include "engine/trading_action.h"
+#include "output/quote_line.h"
 #include "wire/admin_messages.h"
 
 #include <array>
@@ -66,8 +67,7 @@ void send_band(SipEngine& engine, Instrument& instrument, char indicator, std::u
     if (engine.scenario->band_every != 0) {
         instrument.band_due_ms = steady_ms(*engine.clock) + engine.scenario->band_every * ms_per_second;
     }
-    const std::array<char, 9> extra{',', '"', 'a', 'p', '"', ':', '"', indicator, '"'};
-    write_quote_line(engine.truth, instrument, sequence, {extra.data(), extra.size()});
+    write_band_line(engine.truth, instrument, sequence, indicator);
 }
 
 bool band_is_stale(const Instrument& instrument) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "engine/sip_engine.h"
-#include "wire/quote_messages.h"
 
 #include <cstdint>
 
@@ -21,8 +20,5 @@ void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& 
 // Empties the quotes of every participant, letter by letter with repeats, with condition 'L', and sends each:
 // what a halt and an LULD pause do.
 void empty_all_quotes(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns);
-
-// The quote's odd-lot orders as records, bid first; returns their number (0 or 2).
-std::size_t list_odd_lots(const ParticipantQuote& quote, OddLotQuote (&list)[2]);
 
 }  // namespace tessel

@@ -35,7 +35,7 @@ void assign_slots(SipEngine& engine) {
         instrument.trade_stats = engine.trade_stats.data() + at * trading.size();
         instrument.trade_slots = trading.size();
         for (std::size_t slot = 0; slot < quoting.size(); ++slot) {
-            instrument.quotes[slot].mc = quoting[slot];
+            instrument.quotes[slot].market_center = quoting[slot];
         }
         for (std::size_t slot = 0; slot < trading.size(); ++slot) {
             instrument.trade_stats[slot].market_center = trading[slot];

@@ -10,9 +10,7 @@ namespace tessel {
 
 namespace {
 
-constexpr std::uint64_t half_threshold = chance_threshold(0.5);
 constexpr std::uint64_t halt_quote_threshold = chance_threshold(0.3);
-constexpr char adf = 'D';
 constexpr double basis_point = 0.0001;
 
 // A stopped instrument now and then shows a non-firm quote; the ADF does not.
@@ -22,7 +20,7 @@ void maybe_halt_quote(SipEngine& engine, Instrument& instrument, std::uint64_t n
         return;
     }
     const std::uint16_t slot = draw_participant(engine);
-    if (instrument.quotes[slot].mc != adf) {
+    if (instrument.quotes[slot].market_center != adf_market_center) {
         update_participant_quote(engine, instrument, slot, now_ns, 'N');
     }
 }
@@ -44,7 +42,7 @@ bool run_due_resumptions(SipEngine& engine, Instrument& instrument, std::uint64_
 
 void update_quotes(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) {
     const std::uint64_t draw = next_u64(*engine.rng);
-    const int updates = draw < half_threshold ? 3 : 2;
+    const int updates = draw < half_chance ? 3 : 2;
     if (engine.participant_slots.empty()) {
         return;
     }
@@ -127,9 +125,6 @@ void run_tick(SipEngine& engine, std::uint64_t now_ms) {
         }
         if (at + 1 < count) {
             prefetch_index(engine.instruments[at + 1]);
-            if (engine.truth.good) {
-                __builtin_prefetch(engine.instruments[at + 1].truth_head.data());
-            }
         }
         step_instrument(engine, engine.instruments[at], deviates, now_ns, now_ms, at == 0);
     }

@@ -8,13 +8,11 @@ namespace tessel {
 
 namespace {
 
-constexpr char adf = 'D';
-constexpr std::uint64_t half_threshold = chance_threshold(0.5);
-constexpr std::uint64_t correction_size_step = 100 * size_unit;  // 100 shares more
+constexpr std::uint64_t correction_size_step = round_lot * size_unit;
 constexpr std::uint64_t as_of_shares = 300;
 constexpr std::int64_t as_of_below_reference = 3 * cent;
 constexpr std::uint64_t day_ns = 86'400'000'000'000;
-constexpr std::uint64_t error_every = 4;  // every fourth cancel is told as an error
+constexpr std::uint64_t error_every = 4;  // every fourth cancel is reported as an error
 
 // Crosses, sweeps and the official close are never canceled; odd lots can be.
 bool can_cancel(const TradeRecord& trade) {
@@ -38,8 +36,8 @@ TradeRecord* newest_trade(Instrument& instrument, bool (*passes)(const TradeReco
 
 MessageHeader revision_header(SipEngine& engine, const TradeRecord& trade, std::uint64_t participant_time) {
     MessageHeader header;
-    header.mc = trade.market_center;
-    header.sub_mc = trade.sub_market_center;
+    header.market_center = trade.market_center;
+    header.sub_market_center = trade.sub_market_center;
     header.sip_time = wall_ns(*engine.clock);
     header.participant_time = participant_time;
     return header;
@@ -59,7 +57,7 @@ void cancel_trade(SipEngine& engine, Instrument& instrument, std::uint64_t parti
 
     CancelRecord record;
     record.header = revision_header(engine, *trade, participant_time);
-    record.trf_time = trade->market_center == adf ? participant_time : 0;
+    record.trf_time = trade->market_center == adf_market_center ? participant_time : 0;
     record.symbol = wire_symbol(instrument);
     record.function = is_error ? 'E' : 'C';
     record.trade_id = trade->trade_id;
@@ -88,9 +86,9 @@ void correct_trade(SipEngine& engine, Instrument& instrument, std::uint64_t part
                                        old_trade.market_center, old_trade.sub_market_center);
     Random& rng = *engine.rng;
     const std::uint64_t what = next_u64(rng);
-    if (what < half_threshold) {
+    if (what < half_chance) {
         const std::uint64_t direction = next_u64(rng);
-        new_trade.price += direction < half_threshold ? cent : -cent;
+        new_trade.price += direction < half_chance ? cent : -cent;
     } else {
         new_trade.size += correction_size_step;
     }
@@ -100,7 +98,7 @@ void correct_trade(SipEngine& engine, Instrument& instrument, std::uint64_t part
 
     CorrectionRecord record;
     record.header = revision_header(engine, old_trade, participant_time);
-    record.trf_time = old_trade.market_center == adf ? participant_time : 0;
+    record.trf_time = old_trade.market_center == adf_market_center ? participant_time : 0;
     record.symbol = wire_symbol(instrument);
     record.old_trade_id = old_trade.trade_id;
     record.old_price = old_trade.price;
@@ -123,8 +121,8 @@ void correct_trade(SipEngine& engine, Instrument& instrument, std::uint64_t part
 void emit_asof(SipEngine& engine, Instrument& instrument) {
     const std::uint64_t now_ns = wall_ns(*engine.clock);
     AsOfRecord record;
-    record.header.mc = adf;
-    record.header.sub_mc = 'Q';
+    record.header.market_center = adf_market_center;
+    record.header.sub_market_center = 'Q';
     record.header.sip_time = wall_ns(*engine.clock);
     record.header.participant_time = now_ns;
     record.trf_time = now_ns;

@@ -14,16 +14,12 @@ namespace tessel {
 namespace {
 
 constexpr std::string_view trf_letters = " NQB";  // the TRFs take turns
-constexpr char adf = 'D';
 constexpr char cross_market_center = 'Q';
-constexpr std::int64_t lot_shares = 100;
 constexpr std::int64_t exchange_lots_max = 5;
 constexpr std::int64_t trf_lots_max = 20;
-constexpr std::int64_t odd_lot_shares_max = 99;
 constexpr std::uint64_t reopening_shares = 3000;
 constexpr std::uint64_t closing_shares = 8000;
 constexpr std::uint64_t opening_shares = 5000;
-constexpr std::uint64_t half_threshold = chance_threshold(0.5);
 constexpr std::uint64_t odd_lot_threshold = chance_threshold(0.08);
 constexpr std::uint64_t sweep_threshold = chance_threshold(0.16);
 
@@ -100,11 +96,11 @@ void revise_after_trade(SipEngine& engine, Instrument& instrument, std::uint64_t
     }
     instrument.share_volume += shares;
 
-    report.header.mc = market_center;
-    report.header.sub_mc = sub_market_center;
+    report.header.market_center = market_center;
+    report.header.sub_market_center = sub_market_center;
     report.header.sip_time = wall_ns(*engine.clock);
     report.header.participant_time = participant_time;
-    report.trf_time = market_center == adf ? participant_time : 0;
+    report.trf_time = market_center == adf_market_center ? participant_time : 0;
     report.symbol = wire_symbol(instrument);
     report.price = price;
     report.size = size;
@@ -113,7 +109,7 @@ void revise_after_trade(SipEngine& engine, Instrument& instrument, std::uint64_t
     report.consolidated_change = change_indicator(before, consolidated_statistics(instrument));
     report.participant_change = change_indicator(participant_before, statistics_of(stats));
     const bool short_form =
-        instrument.short_symbol && price >= 0 && price <= short_price_max && conditions[0] != 'R';
+        has_short_symbol(instrument) && price >= 0 && price <= short_price_max && conditions[0] != 'R';
     build_trade(engine.writer, report, short_form);
     const std::uint64_t sequence = publish_message(engine);
     ++counters.trades;
@@ -139,19 +135,20 @@ void maybe_exchange_print(SipEngine& engine, Instrument& instrument, std::uint64
     Random& rng = *engine.rng;
     FeedStats& counters = engine.scenario->stats;
     const std::uint64_t trades = next_u64(rng);
-    if (trades >= half_threshold || instrument.nbbo_bid == 0 || instrument.nbbo_ask == 0) {
+    if (trades >= half_chance || instrument.nbbo.bid == 0 || instrument.nbbo.ask == 0) {
         return;
     }
     const std::uint64_t side = next_u64(rng);
-    const bool hits_bid = side < half_threshold;
-    const char market_center = hits_bid ? instrument.nbbo_bid_mc : instrument.nbbo_ask_mc;
-    const std::int64_t price = hits_bid ? instrument.nbbo_bid : instrument.nbbo_ask;
-    if (market_center == adf || market_center == ' ') {
+    const bool hits_bid = side < half_chance;
+    const char market_center =
+        hits_bid ? instrument.nbbo.bid_market_center : instrument.nbbo.ask_market_center;
+    const std::int64_t price = hits_bid ? instrument.nbbo.bid : instrument.nbbo.ask;
+    if (market_center == adf_market_center || market_center == ' ') {
         return;
     }
     const std::uint64_t kind = next_u64(rng);
     if (kind < odd_lot_threshold) {
-        const std::int64_t shares = uniform_int(rng, 1, odd_lot_shares_max);
+        const std::int64_t shares = uniform_int(rng, 1, odd_lot_max);
         record_trade(engine, instrument, market_center, ' ', price, static_cast<std::uint64_t>(shares),
                      "@  I", ' ', now_ns, TradeKind::exchange);
         ++counters.odd_lot_prints;
@@ -159,8 +156,8 @@ void maybe_exchange_print(SipEngine& engine, Instrument& instrument, std::uint64
         const bool sweep = kind < sweep_threshold;
         const std::int64_t lots = uniform_int(rng, 1, exchange_lots_max);
         record_trade(engine, instrument, market_center, ' ', price,
-                     static_cast<std::uint64_t>(lots * lot_shares), sweep ? "@F  " : "@   ",
-                     sweep ? 'X' : ' ', now_ns, TradeKind::exchange);
+                     static_cast<std::uint64_t>(lots * round_lot), sweep ? "@F  " : "@   ", sweep ? 'X' : ' ',
+                     now_ns, TradeKind::exchange);
         if (sweep) {
             ++counters.sweeps;
         }
@@ -172,16 +169,16 @@ void trf_print(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) 
     Random& rng = *engine.rng;
     FeedStats& counters = engine.scenario->stats;
     std::int64_t price = reference_price(instrument);
-    if (instrument.nbbo_bid != 0 && instrument.nbbo_ask != 0) {
+    if (instrument.nbbo.bid != 0 && instrument.nbbo.ask != 0) {
         // Stale quotes can cross the market; the print then lies between the two all the same.
-        const std::int64_t bid_cents = instrument.nbbo_bid / cent;
-        const std::int64_t ask_cents = instrument.nbbo_ask / cent;
+        const std::int64_t bid_cents = instrument.nbbo.bid / cent;
+        const std::int64_t ask_cents = instrument.nbbo.ask / cent;
         price = uniform_int(rng, std::min(bid_cents, ask_cents), std::max(bid_cents, ask_cents)) * cent;
     }
     const std::int64_t lots = uniform_int(rng, 1, trf_lots_max);
     const char sub_market_center = trf_letters[counters.trf_prints % trf_letters.size()];
-    record_trade(engine, instrument, adf, sub_market_center, price,
-                 static_cast<std::uint64_t>(lots * lot_shares), "@   ", ' ', now_ns, TradeKind::trf);
+    record_trade(engine, instrument, adf_market_center, sub_market_center, price,
+                 static_cast<std::uint64_t>(lots * round_lot), "@   ", ' ', now_ns, TradeKind::trf);
     ++counters.trf_prints;
 }
 
@@ -200,8 +197,8 @@ void closing_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_
 
 void opening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns) {
     // Only the bid is asked for: with a bid and no ask the "midpoint" is half the bid.
-    const std::int64_t price = instrument.nbbo_bid != 0
-                                   ? (instrument.nbbo_bid + instrument.nbbo_ask) / (2 * cent) * cent
+    const std::int64_t price = instrument.nbbo.bid != 0
+                                   ? (instrument.nbbo.bid + instrument.nbbo.ask) / (2 * cent) * cent
                                    : reference_price(instrument);
     record_trade(engine, instrument, cross_market_center, ' ', price, opening_shares, "@O  ", ' ', now_ns,
                  TradeKind::cross);

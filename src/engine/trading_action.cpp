@@ -1,6 +1,7 @@
 #include "engine/trading_action.h"
 
 #include "engine/publication.h"
+#include "output/quote_line.h"
 #include "wire/admin_messages.h"
 
 #include <string>
@@ -18,8 +19,7 @@ void send_trading_action(SipEngine& engine, Instrument& instrument, char action,
     build_trading_action(engine.writer, times, wire_symbol(instrument), action, instrument.action_seq,
                          time_ns, instrument.halt_reason);
     const std::uint64_t sequence = publish_message(engine);
-    const std::string extra = std::string(",\"ah\":\"") + action + "\",\"reason\":\"" + kept_reason + "\"";
-    write_quote_line(engine.truth, instrument, sequence, extra);
+    write_action_line(engine.truth, instrument, sequence, action, kept_reason);
 }
 
 }  // namespace tessel

@@ -10,7 +10,6 @@ namespace tessel {
 namespace {
 
 constexpr double price_when_none = 100.0;
-constexpr std::size_t short_symbol_max = 5;
 constexpr std::size_t wire_symbol_bytes = 11;
 
 bool make_instrument(std::string_view entry, std::size_t position, Instrument& instrument,
@@ -23,10 +22,10 @@ bool make_instrument(std::string_view entry, std::size_t position, Instrument& i
         return false;
     }
     instrument.secid = static_cast<std::uint16_t>(position + 1);
-    instrument.short_symbol = instrument.symbol.size() <= short_symbol_max;
+    instrument.symbol_length =
+        static_cast<std::uint8_t>(std::min<std::size_t>(instrument.symbol.size(), UINT8_MAX));
     instrument.padded_symbol.fill(' ');
     instrument.symbol.copy(instrument.padded_symbol.data(), wire_symbol_bytes);
-    make_truth_head(instrument);
     return true;
 }
 
@@ -47,13 +46,6 @@ std::int64_t price_to_cents(double price) {
     return whole + (rest >= 0.5 ? 1 : 0) - (rest <= -0.5 ? 1 : 0);
 }
 
-void make_truth_head(Instrument& instrument) {
-    std::string& head = instrument.truth_head;
-    head = ",\"secid\":" + std::to_string(instrument.secid) + ",\"symbol\":\"" + instrument.symbol + "\"";
-    instrument.truth_head_length = head.size();
-    head.resize(std::max(truth_head_bytes, head.size()));
-}
-
 bool build_instruments(std::string_view symbols_text, InstrumentList& instruments, std::string& error) {
     std::size_t start = 0;
     while (start < symbols_text.size()) {
@@ -72,17 +64,17 @@ bool build_instruments(std::string_view symbols_text, InstrumentList& instrument
     return true;
 }
 
-const ParticipantQuote* find_quote(const Instrument& instrument, char mc) {
+const ParticipantQuote* find_quote(const Instrument& instrument, char market_center) {
     for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
-        if (instrument.quotes[slot].mc == mc) {
+        if (instrument.quotes[slot].market_center == market_center) {
             return &instrument.quotes[slot];
         }
     }
     return nullptr;
 }
 
-ParticipantQuote* find_quote(Instrument& instrument, char mc) {
-    return const_cast<ParticipantQuote*>(find_quote(std::as_const(instrument), mc));
+ParticipantQuote* find_quote(Instrument& instrument, char market_center) {
+    return const_cast<ParticipantQuote*>(find_quote(std::as_const(instrument), market_center));
 }
 
 std::int64_t reference_price(const Instrument& instrument) {
@@ -90,8 +82,8 @@ std::int64_t reference_price(const Instrument& instrument) {
 }
 
 std::int64_t cross_price(const Instrument& instrument) {
-    if (instrument.nbbo_bid != 0 && instrument.nbbo_ask != 0) {
-        return (instrument.nbbo_bid + instrument.nbbo_ask) / (2 * cent) * cent;
+    if (instrument.nbbo.bid != 0 && instrument.nbbo.ask != 0) {
+        return (instrument.nbbo.bid + instrument.nbbo.ask) / (2 * cent) * cent;
     }
     return reference_price(instrument);
 }

@@ -1,13 +1,18 @@
 #pragma once
 
+#include "market/best_quotes.h"
 #include "market/instrument.h"
-#include "market/nbbo.h"
+#include "market/price_levels.h"
 #include "market/quote_block.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
 namespace tessel {
+
+// The indexed searches. Each gives what market/nbbo and market/price_levels give, in steps that don't depend
+// on which center is best, and turns to them where the index does not hold the whole of it.
 
 // A block of centers that don't count.
 QuoteBlock empty_quote_block();
@@ -15,22 +20,24 @@ QuoteBlock empty_quote_block();
 // Enters what the quote of one slot now counts with. To be called after every change of a quote.
 void index_quote(const ParticipantQuote& quote, QuoteBlock* blocks, std::size_t slot);
 
-// The best odd-lot orders inside the NBBO, over all centers, present or not. A size of 0 is a side without
-// one, with price 0 and a blank center.
-struct BestOddLot {
-    std::int64_t bid = 0;
-    std::int64_t ask = 0;
-    std::uint32_t sizes = 0;  // bid in the upper 16 bits, ask in the lower
-    char bid_mc = ' ';
-    char ask_mc = ' ';
-};
-
-struct BestQuotes {
-    Nbbo nbbo;  // as compute_nbbo gives it
-    BestOddLot odd_lot;
-};
-
-// Both from the index, in steps that don't depend on which center is best.
+// The NBBO and the best odd-lot orders inside it.
 BestQuotes find_best_quotes(const Instrument& instrument);
+
+// The levels of one side by their distance in cents from the best price; the buckets in use, a bit each, are
+// the levels in order, at most QuoteBlock::centers of them.
+struct LevelBuckets {
+    std::int64_t best;  // cents: the price of bucket 0, when there is one
+    std::uint64_t used;
+    std::array<std::uint8_t, 64> lots;  // of 100 shares, at most level_lots_max
+};
+
+constexpr std::size_t level_lots_max = QuoteBlock::centers * quote_lots_indexed;
+
+// The levels of both sides, as build_levels has them, from the index. False when it does not hold them: with
+// more than eight centers, odd conditions or sizes, or a quote far from the best.
+bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelBuckets& asks);
+
+// What build_levels gives for both sides, at most `most` levels each.
+void list_levels(const Instrument& instrument, std::size_t most, PriceLevels& bids, PriceLevels& asks);
 
 }  // namespace tessel

@@ -28,8 +28,8 @@ struct PacketSink {
 // Turns encoded messages into MoldUDP64 packets for one multicast group, gives each its sequence number and
 // keeps the last 400,000 for retransmission.
 struct MoldPublisher {
-    int feed_socket = -1;     // every downstream packet and heartbeat
-    int retrans_socket = -1;  // the retransmission service's; -1 when no port is configured
+    int feed_socket = -1;             // every downstream packet and heartbeat
+    int retrans_socket = -1;          // the retransmission service's; -1 when no port is configured
     std::uint32_t group_address = 0;  // where they go; both in network byte order
     std::uint16_t group_port = 0;
     std::array<char, mold_session_bytes> session{};  // padded with blanks

@@ -1,6 +1,6 @@
 #include "output/book_file.h"
 
-#include "market/nbbo.h"
+#include "market/quote_index.h"
 #include "output/number_text.h"
 
 #include <fcntl.h>
@@ -17,14 +17,9 @@ namespace tessel {
 
 namespace {
 
-// Both sides' levels with their brackets, and the members behind them.
+// Both sides' levels with their brackets, and the members after them.
 constexpr std::size_t member_bytes_max =
     2 * book_levels_max * (2 * text_number_bytes_max + 4) + 4 * text_number_bytes_max;
-
-char* put_text(char* out, std::string_view text) {
-    std::memcpy(out, text.data(), text.size());
-    return out + text.size();
-}
 
 char* put_levels(char* out, const PriceLevels& levels) {
     for (std::size_t at = 0; at < levels.count; ++at) {
@@ -136,9 +131,9 @@ void format_bbo(std::string& text, std::span<const Instrument> instruments) {
         std::array<char, 2 * text_number_bytes_max + 3> prices;
         char* out = prices.data();
         *out++ = ' ';
-        out = put_price_general(out, instrument.nbbo_bid);
+        out = put_price_general(out, instrument.nbbo.bid);
         *out++ = ' ';
-        out = put_price_general(out, instrument.nbbo_ask);
+        out = put_price_general(out, instrument.nbbo.ask);
         *out++ = '\n';
         text += instrument.symbol;
         text.append(prices.data(), static_cast<std::size_t>(out - prices.data()));

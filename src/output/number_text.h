@@ -1,15 +1,30 @@
 #pragma once
 
+#include "market/constants.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace tessel {
 
 // Room that any of these needs at most.
 constexpr int text_number_bytes_max = 32;
 
-// Each writes at out and returns the end; nothing is terminated. Bytes behind the end may be overwritten, so
+inline char* put_char(char* out, char letter) {
+    *out = letter;
+    return out + 1;
+}
+
+inline char* put_text(char* out, std::string_view text) {
+    if (!text.empty()) {  // an empty one may have no address
+        __builtin_memcpy(out, text.data(), text.size());
+    }
+    return out + text.size();
+}
+
+// Each writes at out and returns the end; no terminating NUL. Bytes after the end may be overwritten, so
 // there must always be room for text_number_bytes_max.
 char* put_unsigned(char* out, std::uint64_t value);
 char* put_signed(char* out, std::int64_t value);
@@ -35,7 +50,6 @@ inline constexpr std::array<LotsText, 100> lots_texts = make_lots_texts();
 
 // The same text as put_unsigned's, in fewer steps for what sizes mostly are: whole round lots below 10,000.
 inline char* put_shares(char* out, std::uint64_t shares) {
-    constexpr std::uint64_t round_lot = 100;
     const std::uint64_t lots = shares / round_lot;
     if (lots >= lots_texts.size() || lots * round_lot != shares) [[unlikely]] {
         return put_unsigned(out, shares);

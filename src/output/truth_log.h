@@ -28,7 +28,7 @@ struct TruthSink {
 };
 
 // The ground truth of what was published: one JSON object a line, each tied to a message's sequence number,
-// each written at once with one write. After the first failure no further line is ever written.
+// each written immediately with one write. After the first failure no further line is ever written.
 //
 // {"seq":812,"secid":1,"symbol":"AAPL","bid":[[190.0100,300],[190.0000,500]],"ask":[[190.0300,200]],
 //  "nbbo":[190.0100,300,190.0300,200],"band":[180.5000,199.5000],"status":"T"}       (one line)
@@ -40,8 +40,8 @@ struct TruthSink {
 // {"mark":"here","seq":817}
 struct TruthLog {
     int fd = -1;
-    bool good = false;
-    TruthSink sink;          // set together with `good`; lines then go here and not to fd
+    bool enabled = false;    // until the first failure
+    TruthSink sink;          // set together with `enabled`; lines then go here and not to fd
     std::vector<char> line;  // reused for every line
     // Texts kept from line to line, since an instrument's quotes mostly come in twos and threes.
     CountText sequence;
@@ -54,11 +54,22 @@ void open_truth_log(TruthLog& truth, const std::string& path);
 // Closes the file, if one is open.
 void close_truth_log(TruthLog& truth);
 
-// The quote line: after every quote, trading action (extra ,"ah":"H","reason":"T1") and price band (extra
-// ,"ap":"B").
-void write_quote_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
-                      std::string_view extra);
+// What every kind of line is made of: a line begins, is filled through the returned pointer, and ends.
 
+// The start of a line, with room for everything that follows and for text of the given length.
+char* begin_line(TruthLog& truth, std::size_t text_length);
+
+// The same with the members that every line of an instrument begins with:
+// {"seq":812,"secid":1,"symbol":"AAPL"
+char* begin_instrument_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
+                            std::size_t text_length);
+
+// One write a line: a line is in the file before the next message is made. A short write is a failure like
+// any other.
+void end_line(TruthLog& truth, const char* end);
+
+// The lines of the rarer kinds; the quote line is in output/quote_line.
+//
 // Prices in millionths of a dollar, shares whole. The texts are cut at 160, 200 and 220 bytes (line feed and
 // end included), which only a symbol of a hundred letters reaches.
 void write_trade_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,

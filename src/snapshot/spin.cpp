@@ -1,8 +1,8 @@
 #include "snapshot/spin.h"
 
 #include "engine/luld.h"
-#include "engine/quotes.h"
-#include "market/nbbo.h"
+#include "engine/quote_record.h"
+#include "market/luld_indicator.h"
 #include "market/symbol_directory.h"
 #include "wire/admin_messages.h"
 #include "wire/quote_messages.h"
@@ -76,70 +76,39 @@ void append_directory(SpinBuffer& spin, const Instrument& instrument, AdminTimes
                   put_indicator(next_message(spin), times, wire_symbol(instrument), instrument.indicator));
 }
 
-// What is the same in every quote of one instrument: the national best bid and offer as last told, and the
-// best odd-lot quote.
+// What is the same in every quote of one instrument: the national best bid and offer and the best odd-lot
+// quote as last published.
 QuoteRecord fill_instrument_part(const Instrument& instrument, std::uint64_t spin_time_ns) {
     QuoteRecord record;
     record.header.sip_time = spin_time_ns;
     record.header.participant_time = spin_time_ns;
     record.symbol = wire_symbol(instrument);
-    const Nbbo nbbo = stored_nbbo(instrument);
-    record.luld_nbbo = luld_nbbo_indicator(instrument, nbbo);
+    record.luld_nbbo = luld_nbbo_indicator(instrument, instrument.nbbo);
     record.nbbo_ind = '3';
-    record.nbbo_condition = nbbo.bid != 0 && nbbo.ask != 0 ? 'R' : 'Y';
-    record.nbbo_bid_mc = nbbo.bid_mc;
-    record.nbbo_ask_mc = nbbo.ask_mc;
-    record.nbbo_bid = nbbo.bid;
-    record.nbbo_ask = nbbo.ask;
-    record.nbbo_bid_size = nbbo.bid_size;
-    record.nbbo_ask_size = nbbo.ask_size;
-    if (instrument.adf_present != 0) {
-        const bool has_mpids = instrument.adf_bid_mc == 'D' || instrument.adf_ask_mc == 'D';
-        record.odd_best_ind = has_mpids ? '5' : '3';
-        record.odd_bid_mc = instrument.adf_bid_mc;
-        record.odd_ask_mc = instrument.adf_ask_mc;
-        record.odd_bid = instrument.adf_bid;
-        record.odd_ask = instrument.adf_ask;
-        record.odd_bid_size = static_cast<std::uint16_t>(instrument.adf_sizes >> 16);
-        record.odd_ask_size = static_cast<std::uint16_t>(instrument.adf_sizes & 0xFFFFu);
-        record.odd_bid_mpid = instrument.adf_bid_mc == 'D' ? adf_bid_mpid : std::string_view();
-        record.odd_ask_mpid = instrument.adf_ask_mc == 'D' ? adf_ask_mpid : std::string_view();
+    set_nbbo_part(record, instrument.nbbo);
+    if (instrument.has_best_odd_lot) {
+        record.odd_best_ind = has_mpids(instrument.best_odd_lot) ? '5' : '3';
+        set_best_odd_lot_part(record, instrument.best_odd_lot);
     }
     return record;
 }
 
-// How the quote tells the stored national best bid and offer: that there is none, that it is this quote
-// itself, or by an appendage.
+// The NBBO appendage indicator: there is none, this quote is the whole of it, or by appendage.
 char nbbo_indicator(const Instrument& instrument, const ParticipantQuote& quote) {
-    if (instrument.nbbo_bid == 0 && instrument.nbbo_ask == 0) {
+    if (is_none(instrument.nbbo)) {
         return '1';
     }
-    const bool is_whole = instrument.nbbo_bid != 0 && instrument.nbbo_ask != 0 &&
-                          instrument.nbbo_bid_mc == quote.mc && instrument.nbbo_ask_mc == quote.mc &&
-                          instrument.nbbo_bid == quote.bid && instrument.nbbo_ask == quote.ask &&
-                          instrument.nbbo_bid_size == quote.bid_size &&
-                          instrument.nbbo_ask_size == quote.ask_size;
-    return is_whole ? '4' : '3';
+    return is_whole_nbbo(quote, instrument.nbbo) ? '4' : '3';
 }
 
 void append_quote(SpinBuffer& spin, QuoteRecord& record, const LongQuoteForm& form,
                   const Instrument& instrument, const ParticipantQuote& quote) {
-    const bool is_adf = quote.mc == 'D';
-    record.header.mc = quote.mc;
-    record.adf_time = is_adf ? record.header.participant_time : 0;
-    record.adf_mpid_ind = is_adf ? '2' : ' ';
-    record.bid_mpid = quote.has_mpids ? adf_bid_mpid : std::string_view();
-    record.ask_mpid = quote.has_mpids ? adf_ask_mpid : std::string_view();
-    record.bid = quote.bid;
-    record.ask = quote.ask;
-    record.bid_size = quote.bid_size;
-    record.ask_size = quote.ask_size;
-    record.condition = quote.condition;
-    record.luld_bbo = luld_bbo_indicator(instrument, quote.bid, quote.ask);
-    OddLotQuote odd_lots[2];
-    record.odd_lot_count = quote.has_odd_lots ? list_odd_lots(quote, odd_lots) : 0;
-    record.odd_lots = odd_lots;
-    record.odd_list_ind = record.odd_lot_count == 0 ? '0' : (is_adf ? '5' : '3');
+    set_quote_part(record, instrument, quote, record.header.participant_time);
+    OddLotList odd_lots;
+    record.odd_lot_count = list_odd_lots(quote, odd_lots);
+    record.odd_lots = odd_lots.data();
+    record.odd_list_ind =
+        record.odd_lot_count == 0 ? '0' : (quote.market_center == adf_market_center ? '5' : '3');
     // Put in place: these are nine tenths of a spin.
     unsigned char* const out = next_message(spin);
     record.nbbo_ind = nbbo_indicator(instrument, quote);

@@ -5,19 +5,19 @@ namespace tessel {
 namespace {
 
 // The header letters are category, type and originator; the sub-market center is a blank and the token 0.
-MessageHeader admin_header(AdminTimes times, char category, char type, char mc) {
+MessageHeader admin_header(AdminTimes times, char category, char type, char market_center) {
     MessageHeader header;
     header.category = category;
     header.type = type;
-    header.mc = mc;
+    header.market_center = market_center;
     header.sip_time = times.sip_time;
     header.participant_time = times.participant_time;
     return header;
 }
 
-void begin_admin(MessageWriter& writer, AdminTimes times, char category, char type, char mc,
+void begin_admin(MessageWriter& writer, AdminTimes times, char category, char type, char market_center,
                  std::size_t bytes) {
-    begin_message(writer, admin_header(times, category, type, mc), bytes - common_header_bytes);
+    begin_message(writer, admin_header(times, category, type, market_center), bytes - common_header_bytes);
 }
 
 }  // namespace
@@ -27,12 +27,12 @@ void build_start_of_day(MessageWriter& writer, AdminTimes times) {
     begin_admin(writer, times, 'C', 'I', 'E', control_bytes);
 }
 
-void build_session_open(MessageWriter& writer, AdminTimes times, char mc) {
-    begin_admin(writer, times, 'C', 'O', mc, control_bytes);
+void build_session_open(MessageWriter& writer, AdminTimes times, char market_center) {
+    begin_admin(writer, times, 'C', 'O', market_center, control_bytes);
 }
 
-void build_wipe_out(MessageWriter& writer, AdminTimes times, char mc) {
-    begin_admin(writer, times, 'C', 'P', mc, control_bytes);
+void build_wipe_out(MessageWriter& writer, AdminTimes times, char market_center) {
+    begin_admin(writer, times, 'C', 'P', market_center, control_bytes);
 }
 
 void build_decline_levels(MessageWriter& writer, AdminTimes times) {

@@ -41,10 +41,11 @@ struct DirectoryRecord {
     char indicator = '0';
 };
 
-// Category, type and originator letters: "CI E" start of day, "CO <mc>" session open, "CP <mc>" wipe-out.
+// Category, type and originator letters: "CI E" start of day, "CO <market_center>" session open, "CP
+// <market_center>" wipe-out.
 void build_start_of_day(MessageWriter& writer, AdminTimes times);
-void build_session_open(MessageWriter& writer, AdminTimes times, char mc);
-void build_wipe_out(MessageWriter& writer, AdminTimes times, char mc);
+void build_session_open(MessageWriter& writer, AdminTimes times, char market_center);
+void build_wipe_out(MessageWriter& writer, AdminTimes times, char market_center);
 void build_decline_levels(MessageWriter& writer, AdminTimes times);
 void encode_directory(MessageWriter& writer, const DirectoryRecord& record, bool long_form);
 void build_indicator(MessageWriter& writer, AdminTimes times, std::string_view symbol, char indicator);

@@ -16,9 +16,9 @@ struct MessageHeader {
     char version = '1';
     char category = ' ';
     char type = ' ';
-    char mc = ' ';               // market center originator; 'E' on messages that the SIP itself makes
-    char sub_mc = ' ';           // sub-market center
-    std::uint64_t sip_time = 0;  // wall-clock ns: when the message was built
+    char market_center = ' ';      // market center originator; 'E' on messages that the SIP itself makes
+    char sub_market_center = ' ';  // sub-market center
+    std::uint64_t sip_time = 0;    // wall-clock ns: when the message was built
     std::uint64_t participant_time = 0;  // wall-clock ns: the participant's event
     std::uint64_t participant_token = 0;
 };
@@ -97,8 +97,8 @@ inline void put_header(unsigned char* message, const MessageHeader& header) {
     put_u8(message, 0, header.version);
     put_u8(message, 1, header.category);
     put_u8(message, 2, header.type);
-    put_u8(message, 3, header.mc);
-    put_u8(message, 4, header.sub_mc);
+    put_u8(message, 3, header.market_center);
+    put_u8(message, 4, header.sub_market_center);
     put_u64(message, 5, header.sip_time);
     put_u64(message, 13, header.participant_time);
     put_u64(message, 21, header.participant_token);

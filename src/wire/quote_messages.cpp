@@ -117,20 +117,20 @@ std::size_t put_nbbo(unsigned char* out, std::size_t at, const QuoteRecord& reco
     static_assert(23 + 4 == long_nbbo_bytes);
     if (record.nbbo_ind == '2') {
         put_u8(out, at + 0, record.nbbo_condition);
-        put_u8(out, at + 1, record.nbbo_bid_mc);
+        put_u8(out, at + 1, record.nbbo_bid_market_center);
         put_price_short(out, at + 2, record.nbbo_bid);
         put_size_short(out, at + 4, record.nbbo_bid_size);
-        put_u8(out, at + 6, record.nbbo_ask_mc);
+        put_u8(out, at + 6, record.nbbo_ask_market_center);
         put_price_short(out, at + 7, record.nbbo_ask);
         put_size_short(out, at + 9, record.nbbo_ask_size);
         return at + short_nbbo_bytes;
     }
     if (record.nbbo_ind == '3') {
         put_u8(out, at + 0, record.nbbo_condition);
-        put_u8(out, at + 1, record.nbbo_bid_mc);
+        put_u8(out, at + 1, record.nbbo_bid_market_center);
         put_price_long(out, at + 2, record.nbbo_bid);
         put_size_long(out, at + 10, record.nbbo_bid_size);
-        put_u8(out, at + 14, record.nbbo_ask_mc);
+        put_u8(out, at + 14, record.nbbo_ask_market_center);
         put_price_long(out, at + 15, record.nbbo_ask);
         put_size_long(out, at + 23, record.nbbo_ask_size);
         return at + long_nbbo_bytes;
@@ -155,10 +155,10 @@ std::size_t put_best_odd_lot(unsigned char* out, std::size_t at, const QuoteReco
     static_assert(26 + 4 == mpid_best_odd_lot_bytes);
     const char indicator = record.odd_best_ind;
     if (indicator == '2') {
-        put_u8(out, at + 0, record.odd_bid_mc);
+        put_u8(out, at + 0, record.odd_bid_market_center);
         put_price_short(out, at + 1, record.odd_bid);
         put_u16(out, at + 3, record.odd_bid_size);
-        put_u8(out, at + 5, record.odd_ask_mc);
+        put_u8(out, at + 5, record.odd_ask_market_center);
         put_price_short(out, at + 6, record.odd_ask);
         put_u16(out, at + 8, record.odd_ask_size);
         return at + short_best_odd_lot_bytes;
@@ -166,10 +166,10 @@ std::size_t put_best_odd_lot(unsigned char* out, std::size_t at, const QuoteReco
     if (indicator != '3' && indicator != '5') {
         return at;
     }
-    put_u8(out, at + 0, record.odd_bid_mc);
+    put_u8(out, at + 0, record.odd_bid_market_center);
     put_price_long(out, at + 1, record.odd_bid);
     put_u16(out, at + 9, record.odd_bid_size);
-    put_u8(out, at + 11, record.odd_ask_mc);
+    put_u8(out, at + 11, record.odd_ask_market_center);
     put_price_long(out, at + 12, record.odd_ask);
     put_u16(out, at + 20, record.odd_ask_size);
     if (indicator == '3') {
@@ -191,7 +191,7 @@ std::size_t put_odd_lots(unsigned char* out, std::size_t at, const QuoteRecord& 
     }
     for (std::size_t index = 0; index < record.odd_lot_count; ++index, at += entry_bytes) {
         const OddLotQuote& order = record.odd_lots[index];
-        put_u8(out, at + 0, order.mc);
+        put_u8(out, at + 0, order.market_center);
         put_u8(out, at + 1, order.side);
         if (entry_bytes == short_odd_lot_bytes) {
             put_price_short(out, at + 2, order.price);
@@ -250,7 +250,7 @@ std::size_t put_prepared_quote(unsigned char* out, const LongQuoteForm& form, co
     constexpr std::size_t behind_nbbo = long_quote_bytes + long_nbbo_bytes;
     static_assert(sizeof form.bytes + adf_mpid_bytes <= long_quote_bytes_max);
     __builtin_memcpy(out, form.bytes.data(), sizeof form.bytes);
-    put_u8(out, 3, record.header.mc);
+    put_u8(out, 3, record.header.market_center);
     put_price_long(out, 48, record.bid);
     put_size_long(out, 56, record.bid_size);
     put_price_long(out, 60, record.ask);

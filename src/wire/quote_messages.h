@@ -28,7 +28,7 @@ constexpr std::size_t mpid_odd_lot_bytes = layout::appendage_bytes("odd_lot_list
 
 // One odd-lot order shown inside a market center's quote.
 struct OddLotQuote {
-    char mc = ' ';
+    char market_center = ' ';
     char side = ' ';         // 'B' bid or 'A' ask
     std::int64_t price = 0;  // millionths of a dollar
     std::uint32_t size = 0;  // shares, 1 to 99
@@ -55,8 +55,8 @@ struct QuoteRecord {
     char odd_list_ind = '0';
     // NBBO appendage
     char nbbo_condition = ' ';
-    char nbbo_bid_mc = ' ';
-    char nbbo_ask_mc = ' ';
+    char nbbo_bid_market_center = ' ';
+    char nbbo_ask_market_center = ' ';
     std::int64_t nbbo_bid = 0;
     std::int64_t nbbo_ask = 0;
     std::uint32_t nbbo_bid_size = 0;
@@ -65,8 +65,8 @@ struct QuoteRecord {
     std::string_view bid_mpid;
     std::string_view ask_mpid;
     // best odd-lot appendage
-    char odd_bid_mc = ' ';
-    char odd_ask_mc = ' ';
+    char odd_bid_market_center = ' ';
+    char odd_ask_market_center = ' ';
     std::int64_t odd_bid = 0;
     std::int64_t odd_ask = 0;
     std::uint16_t odd_bid_size = 0;

@@ -116,7 +116,7 @@ void plant_in_instrument(Simulation& sim, Instrument& instrument) {
         instrument.high += cent;
     }
     if (plants(sim, "nbbo_size")) {
-        instrument.nbbo_bid_size += 100;
+        instrument.nbbo.bid_size += 100;
     }
     if (plants(sim, "band")) {
         instrument.luld_upper += cent;

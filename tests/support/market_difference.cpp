@@ -107,22 +107,22 @@ std::string instrument_difference(const receiver::Instrument& whole, const recei
 // The feed's own quote of a center in the listener's terms.
 receiver::CenterQuote told_quote(const ParticipantQuote& quote) {
     receiver::CenterQuote told;
-    told.center = quote.mc;
+    told.center = quote.market_center;
     told.present = quote.bid != 0 || quote.ask != 0;
     told.bid = quote.bid;
     told.ask = quote.ask;
     told.bid_size = quote.bid_size;
     told.ask_size = quote.ask_size;
     told.condition = quote.condition;
-    const bool is_adf = quote.mc == 'D';
+    const bool is_adf = quote.market_center == 'D';
     if (quote.has_mpids) {
         told.bid_mpid = adf_bid_mpid;
         told.ask_mpid = adf_ask_mpid;
     }
     if (quote.has_odd_lots) {
-        told.odd_lots.push_back({quote.mc, 'B', quote.odd_bid, quote.odd_bid_size,
+        told.odd_lots.push_back({quote.market_center, 'B', quote.odd_bid, quote.odd_bid_size,
                                  std::string(is_adf ? adf_bid_mpid : std::string_view())});
-        told.odd_lots.push_back({quote.mc, 'A', quote.odd_ask, quote.odd_ask_size,
+        told.odd_lots.push_back({quote.market_center, 'A', quote.odd_ask, quote.odd_ask_size,
                                  std::string(is_adf ? adf_ask_mpid : std::string_view())});
     }
     return told;
@@ -139,18 +139,23 @@ receiver::Instrument told_instrument(const Instrument& own) {
             told.quotes.push_back(told_quote(own.quotes[slot]));
         }
     }
-    told.nbbo = {own.nbbo_bid,      own.nbbo_ask,    own.nbbo_bid_size,
-                 own.nbbo_ask_size, own.nbbo_bid_mc, own.nbbo_ask_mc};
-    if (own.adf_present != 0) {
-        told.best_odd_lot = {true,
-                             own.adf_bid_mc,
-                             own.adf_ask_mc,
-                             own.adf_bid,
-                             own.adf_ask,
-                             static_cast<std::uint16_t>(own.adf_sizes >> 16),
-                             static_cast<std::uint16_t>(own.adf_sizes & 0xffffu),
-                             std::string(own.adf_bid_mc == 'D' ? adf_bid_mpid : std::string_view()),
-                             std::string(own.adf_ask_mc == 'D' ? adf_ask_mpid : std::string_view())};
+    told.nbbo = {own.nbbo.bid,
+                 own.nbbo.ask,
+                 own.nbbo.bid_size,
+                 own.nbbo.ask_size,
+                 own.nbbo.bid_market_center,
+                 own.nbbo.ask_market_center};
+    if (own.has_best_odd_lot) {
+        told.best_odd_lot = {
+            true,
+            own.best_odd_lot.bid_market_center,
+            own.best_odd_lot.ask_market_center,
+            own.best_odd_lot.bid,
+            own.best_odd_lot.ask,
+            static_cast<std::uint16_t>(own.best_odd_lot.bid_size),
+            static_cast<std::uint16_t>(own.best_odd_lot.ask_size),
+            std::string(own.best_odd_lot.bid_market_center == 'D' ? adf_bid_mpid : std::string_view()),
+            std::string(own.best_odd_lot.ask_market_center == 'D' ? adf_ask_mpid : std::string_view())};
     }
     told.band = {own.band_indicator, own.luld_lower, own.luld_upper};
     told.status = own.status;

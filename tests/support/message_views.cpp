@@ -73,7 +73,7 @@ QuoteView read_quote(const Bytes& message) {
     const receiver::QuoteFields& quote = record.quote;
     QuoteView view;
     view.type = record.header.type;
-    view.mc = record.header.market_center;
+    view.market_center = record.header.market_center;
     view.sip_time = record.header.sip_time_ns;
     view.participant_time = record.header.participant_time_ns;
     view.adf_time = quote.adf_time_ns;

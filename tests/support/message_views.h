@@ -14,8 +14,8 @@ namespace tessel::testing {
 
 struct NbboPart {
     char condition = '-';
-    char bid_mc = '-';
-    char ask_mc = '-';
+    char bid_market_center = '-';
+    char ask_market_center = '-';
     std::int64_t bid = -1;
     std::int64_t ask = -1;
     std::uint32_t bid_size = 0;
@@ -25,8 +25,8 @@ struct NbboPart {
 };
 
 struct BestOddLotPart {
-    char bid_mc = '-';
-    char ask_mc = '-';
+    char bid_market_center = '-';
+    char ask_market_center = '-';
     std::int64_t bid = -1;
     std::int64_t ask = -1;
     std::uint32_t bid_size = 0;
@@ -37,7 +37,7 @@ struct BestOddLotPart {
 };
 
 struct OddLotPart {
-    char mc = '-';
+    char market_center = '-';
     char side = '-';
     std::int64_t price = 0;
     std::uint32_t size = 0;
@@ -48,7 +48,7 @@ struct OddLotPart {
 
 struct QuoteView {
     char type = '-';  // C, D or M
-    char mc = '-';
+    char market_center = '-';
     std::uint64_t sip_time = 0;
     std::uint64_t participant_time = 0;
     std::uint64_t adf_time = 0;

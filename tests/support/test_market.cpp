@@ -52,7 +52,7 @@ TestMarket::TestMarket(const MarketOptions& options) {
                 options.quiet);
     if (options.truth) {
         engine.truth.fd = memfd_create("truth", MFD_CLOEXEC);
-        engine.truth.good = engine.truth.fd >= 0;
+        engine.truth.enabled = engine.truth.fd >= 0;
     }
     std::string error;
     if (!add_instruments(engine, options.symbols, error)) {

@@ -136,7 +136,7 @@ bool open_outputs(Capture& capture) {
             return false;
         }
         capture.feed.engine.truth.sink = {take_truth_line, &capture};
-        capture.feed.engine.truth.good = true;
+        capture.feed.engine.truth.enabled = true;
     }
     if (!options.plot.empty()) {
         begin_plot(capture.plot, static_cast<std::uint64_t>(options.duration_ns));

@@ -282,7 +282,7 @@ void Replay::compare_state() {
         const Instrument& m = model.instruments[i];
         const tessel::Instrument& in = market.at(i);
         const std::string stands = state_text(m, m.nbbo.bid, m.nbbo.ask, m.consolidated.volume);
-        const std::string found = state_text(in, in.nbbo_bid, in.nbbo_ask, in.volume);
+        const std::string found = state_text(in, in.nbbo.bid, in.nbbo.ask, in.volume);
         if (stands != found)
             note("instrument " + m.symbol + "\nexpected " + stands + "\ngot      " + found);
     }

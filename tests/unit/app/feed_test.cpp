@@ -22,7 +22,7 @@ struct OfflineFeed {
         feed->clock = {true, 1'700'000'000'000'000'000u, 10, 1000};
         feed->publisher.sink = {keep_packet, this};
         feed->engine.truth.sink = {keep_line, this};
-        feed->engine.truth.good = true;
+        feed->engine.truth.enabled = true;
     }
     static void keep_packet(void* context, const unsigned char* bytes, std::size_t length) {
         static_cast<OfflineFeed*>(context)->packets.emplace_back(bytes, bytes + length);

@@ -66,7 +66,7 @@ TEST(Halt, Messages_AreActionEmptiedQuotesInParticipantOrderAndBandD) {
     EXPECT_EQ(session.instrument().status, 'H');
     EXPECT_EQ(session.instrument().band_indicator, 'D');
     EXPECT_EQ(session.instrument().quote_resume_ms, 0u);
-    EXPECT_EQ(session.instrument().nbbo_bid, 0);
+    EXPECT_EQ(session.instrument().nbbo.bid, 0);
 }
 
 TEST(Halt, RepeatedLetters_QuoteAgainEachTime) {
@@ -175,7 +175,7 @@ TEST(Resume, TwiceAfterAHalt_QuotesThenTradesWithTheSameReason) {
     EXPECT_EQ(session.instrument().status, 'Q');
     EXPECT_EQ(session.instrument().quote_resume_ms, 0u);
     EXPECT_EQ(session.instrument().trade_resume_ms, session.market.clock.simulated_steady_ms + 2000);
-    EXPECT_GT(session.instrument().nbbo_bid, 0);
+    EXPECT_GT(session.instrument().nbbo.bid, 0);
     resume_trading(session.market.engine, session.instrument(), 78);
     EXPECT_EQ(session.sent(), (List{"action T T3 3", "trade Q @5  "}));
     EXPECT_EQ(session.errors.take(),
@@ -357,13 +357,13 @@ TEST(HaltTimers, StoppedInstrument_OnlyNonFirmQuotesAndNoTrades) {
         session.market.run_ticks(400);
         EXPECT_EQ(session.instrument().price, price);
         EXPECT_EQ(session.market.scenario.stats.trf_prints, 0u);
-        EXPECT_EQ(session.instrument().nbbo_bid, 0);
+        EXPECT_EQ(session.instrument().nbbo.bid, 0);
         int quotes = 0;
         for (std::uint64_t sequence = session.mark + 1; sequence <= session.market.last(); ++sequence) {
             const testing::QuoteView view =
                 read_quote(session.market.message(sequence));  // nothing but quotes
             ASSERT_EQ(view.condition, 'N');
-            ASSERT_NE(view.mc, 'D');
+            ASSERT_NE(view.market_center, 'D');
             ++quotes;
         }
         EXPECT_GT(quotes, 50);

@@ -43,20 +43,21 @@ struct Floor {
     FeedStats& stats() {
         return market.scenario.stats;
     }
-    ParticipantQuote& quote(char mc) {
-        return *find_quote(instrument(), mc);
+    ParticipantQuote& quote(char market_center) {
+        return *find_quote(instrument(), market_center);
     }
-    std::uint16_t slot(char mc) {
-        return static_cast<std::uint16_t>(&quote(mc) - instrument().quotes);
+    std::uint16_t slot(char market_center) {
+        return static_cast<std::uint16_t>(&quote(market_center) - instrument().quotes);
     }
     // Sends the center's quote as it stands.
-    const QuoteView& publish(char mc, char sip_flag = ' ', std::uint64_t now_ns = 5) {
-        return collect([&] { publish_quote(market.engine, instrument(), quote(mc), sip_flag, now_ns); });
+    const QuoteView& publish(char market_center, char sip_flag = ' ', std::uint64_t now_ns = 5) {
+        return collect(
+            [&] { publish_quote(market.engine, instrument(), quote(market_center), sip_flag, now_ns); });
     }
     // Sets a quote, prices in cents, and sends it.
-    const QuoteView& set(char mc, std::int64_t bid, std::uint32_t bid_size, std::int64_t ask,
+    const QuoteView& set(char market_center, std::int64_t bid, std::uint32_t bid_size, std::int64_t ask,
                          std::uint32_t ask_size, char condition = 'R') {
-        ParticipantQuote& stored = quote(mc);
+        ParticipantQuote& stored = quote(market_center);
         stored.quoted = true;
         stored.present = true;
         stored.bid = bid * cent;
@@ -64,12 +65,12 @@ struct Floor {
         stored.bid_size = bid_size;
         stored.ask_size = ask_size;
         stored.condition = condition;
-        return publish(mc);
+        return publish(market_center);
     }
     // Gives a center odd-lot orders; they go out with the next quote.
-    void set_odd_lots(char mc, std::int64_t bid, std::uint8_t bid_size, std::int64_t ask,
+    void set_odd_lots(char market_center, std::int64_t bid, std::uint8_t bid_size, std::int64_t ask,
                       std::uint8_t ask_size) {
-        ParticipantQuote& stored = quote(mc);
+        ParticipantQuote& stored = quote(market_center);
         stored.has_odd_lots = true;
         stored.odd_bid = bid * cent;
         stored.odd_ask = ask * cent;
@@ -77,11 +78,12 @@ struct Floor {
         stored.odd_ask_size = ask_size;
     }
     // A fresh quote from these draws, of which none may be left.
-    const QuoteView& draw(char mc, const std::vector<std::uint64_t>& draws, char condition = ' ',
+    const QuoteView& draw(char market_center, const std::vector<std::uint64_t>& draws, char condition = ' ',
                           std::uint64_t now_ns = 5) {
         script_draws(market.rng, draws);
-        const QuoteView& view = collect(
-            [&] { update_participant_quote(market.engine, instrument(), slot(mc), now_ns, condition); });
+        const QuoteView& view = collect([&] {
+            update_participant_quote(market.engine, instrument(), slot(market_center), now_ns, condition);
+        });
         EXPECT_EQ(draws_left(market.rng), 0u);
         return view;
     }
@@ -107,7 +109,7 @@ TEST(DrawnQuote, EveryDraw_IsTakenInItsOrder) {
     EXPECT_EQ(view.bid_size, 800u);
     EXPECT_EQ(view.ask_size, 200u);
     EXPECT_EQ(view.condition, 'R');
-    EXPECT_EQ(view.mc, 'B');
+    EXPECT_EQ(view.market_center, 'B');
     EXPECT_EQ(view.participant_time, 1234u);
     EXPECT_EQ(view.sip_flag, ' ');
     EXPECT_TRUE(floor.quote('B').quoted);
@@ -147,7 +149,7 @@ TEST(DrawnQuote, Override_IsTheConditionAndSavesItsDraws) {
     const QuoteView& view = floor.draw('A', draws, 'N');
     EXPECT_EQ(view.condition, 'N');
     EXPECT_EQ(view.nbbo_ind, '1');
-    EXPECT_EQ(floor.instrument().nbbo_bid, 0);
+    EXPECT_EQ(floor.instrument().nbbo.bid, 0);
 }
 
 TEST(DrawnQuote, ReferenceOfOneToThreeCents_BidMayBeZeroWithASizeOrNegative) {
@@ -163,8 +165,8 @@ TEST(DrawnQuote, ReferenceOfOneToThreeCents_BidMayBeZeroWithASizeOrNegative) {
         floor.draw('A', joined_draws({quote_draws(3, 1, 5, 1), {int_draw(1, 99, 7), int_draw(1, 99, 8)}}));
     EXPECT_EQ(negative.type, 'D');
     EXPECT_EQ(negative.bid, -20'000);
-    EXPECT_EQ(floor.instrument().nbbo_bid, 0);
-    EXPECT_EQ(floor.instrument().nbbo_ask, 20'000);
+    EXPECT_EQ(floor.instrument().nbbo.bid, 0);
+    EXPECT_EQ(floor.instrument().nbbo.ask, 20'000);
 }
 
 TEST(DrawnQuote, OddLotEveryThird_OrdersStandACentInsideAndGoWithTheNextUpdate) {
@@ -199,7 +201,7 @@ TEST(DrawnQuote, OddLotsWithAnEmptyAsk_StandAtTheReference) {
 TEST(NbboIndicator, FirstQuoteStillWithoutNbbo_IsToldOnceAndIsNoChange) {
     Floor floor;
     EXPECT_EQ(floor.set('A', 0, 0, 0, 0).nbbo_ind, '1');
-    EXPECT_TRUE(floor.instrument().nbbo_valid);
+    EXPECT_TRUE(floor.instrument().has_nbbo);
     EXPECT_EQ(floor.stats().nbbo_changes, 0u);
     EXPECT_EQ(floor.set('B', 0, 0, 0, 0).nbbo_ind, '0');
 }
@@ -255,7 +257,7 @@ TEST(NbboIndicator, NonFirmQuoteOfAHalt_IsPublishedAndChangesNothing) {
     const QuoteView& view = floor.set('B', 10000, 900, 10000, 900, 'N');
     EXPECT_EQ(view.nbbo_ind, '0');
     EXPECT_EQ(view.condition, 'N');
-    EXPECT_EQ(floor.instrument().nbbo_bid, 99'990'000);
+    EXPECT_EQ(floor.instrument().nbbo.bid, 99'990'000);
 }
 
 TEST(NbboIndicator, StaleQuotes_MayCrossTheMarketAndAreToldAsTheyAre) {
@@ -384,13 +386,14 @@ TEST(BestOddLot, FoundUnchangedGone_AreToldAs2And0And1) {
     EXPECT_EQ(found.best_ind, '2');
     EXPECT_EQ(found.best, (BestOddLotPart{'B', 'B', 100'000'000, 100'020'000, 5, 6, ""}));
     EXPECT_EQ(found.type, 'C');
-    EXPECT_EQ(floor.instrument().adf_present, 1);
-    EXPECT_EQ(floor.instrument().adf_sizes, 5u << 16 | 6u);
+    EXPECT_EQ(floor.instrument().has_best_odd_lot, true);
+    EXPECT_EQ(floor.instrument().best_odd_lot.bid_size, 5);
+    EXPECT_EQ(floor.instrument().best_odd_lot.ask_size, 6);
     EXPECT_EQ(floor.publish('A').best_ind, '0');
     floor.quote('B').has_odd_lots = false;
     EXPECT_EQ(floor.publish('B').best_ind, '1');
-    EXPECT_EQ(floor.instrument().adf_present, 0);
-    EXPECT_EQ(floor.instrument().adf_bid, 100'000'000);  // what was stored stays
+    EXPECT_EQ(floor.instrument().has_best_odd_lot, false);
+    EXPECT_EQ(floor.instrument().best_odd_lot.bid, 100'000'000);  // what was stored stays
     EXPECT_EQ(floor.publish('B').best_ind, '0');
     // The same again after it was gone is told again.
     floor.set_odd_lots('B', 10000, 5, 10002, 6);
@@ -400,7 +403,7 @@ TEST(BestOddLot, FoundUnchangedGone_AreToldAs2And0And1) {
 TEST(BestOddLot, OnlyOrdersInsideTheNbboCount_AndAnEmptySideLetsAnyCount) {
     struct Row {
         std::int64_t odd_bid, odd_ask;
-        char bid_mc, ask_mc;
+        char bid_market_center, ask_market_center;
         char indicator;
     };
     for (const Row& row : {Row{9999, 10003, ' ', ' ', '0'},
@@ -413,10 +416,11 @@ TEST(BestOddLot, OnlyOrdersInsideTheNbboCount_AndAnEmptySideLetsAnyCount) {
         const QuoteView& view = floor.set('B', 9998, 100, 10004, 100);
         EXPECT_EQ(view.best_ind, row.indicator) << row.odd_bid << ' ' << row.odd_ask;
         if (row.indicator == '2') {
-            EXPECT_EQ(view.best,
-                      (BestOddLotPart{row.bid_mc, row.ask_mc, row.bid_mc == 'B' ? row.odd_bid * cent : 0,
-                                      row.ask_mc == 'B' ? row.odd_ask * cent : 0, row.bid_mc == 'B' ? 5u : 0u,
-                                      row.ask_mc == 'B' ? 6u : 0u, ""}));
+            EXPECT_EQ(view.best, (BestOddLotPart{row.bid_market_center, row.ask_market_center,
+                                                 row.bid_market_center == 'B' ? row.odd_bid * cent : 0,
+                                                 row.ask_market_center == 'B' ? row.odd_ask * cent : 0,
+                                                 row.bid_market_center == 'B' ? 5u : 0u,
+                                                 row.ask_market_center == 'B' ? 6u : 0u, ""}));
         }
     }
     Floor empty("A");
@@ -435,8 +439,8 @@ TEST(BestOddLot, EqualOrders_TheFirstLetterKeepsTheSide_AndBetterOnesReplaceIt) 
     floor.set_odd_lots('C', 9999, 5, 10004, 6);
     floor.publish('A');
     floor.publish('B');
-    EXPECT_EQ(floor.instrument().adf_bid_mc, 'A');
-    EXPECT_EQ(floor.instrument().adf_ask_mc, 'B');
+    EXPECT_EQ(floor.instrument().best_odd_lot.bid_market_center, 'A');
+    EXPECT_EQ(floor.instrument().best_odd_lot.ask_market_center, 'B');
     EXPECT_EQ(floor.publish('C').best_ind, '0');
     floor.set_odd_lots('C', 10001, 5, 10003, 6);
     EXPECT_EQ(floor.publish('C').best, (BestOddLotPart{'C', 'C', 100'010'000, 100'030'000, 5, 6, ""}));
@@ -449,7 +453,7 @@ TEST(BestOddLot, OrdersOfACenterWhoseQuoteIsGone_StillStand) {
     floor.quote('B').present = false;
     EXPECT_EQ(floor.publish('B').best_ind, '2');
     EXPECT_EQ(floor.publish('A').best_ind, '0');
-    EXPECT_EQ(floor.instrument().adf_bid_mc, 'B');
+    EXPECT_EQ(floor.instrument().best_odd_lot.bid_market_center, 'B');
 }
 
 TEST(BestOddLot, OrderOfTheAdf_BringsItsMpidsAndTheLongForm) {
@@ -510,7 +514,7 @@ TEST(AdfQuote, EverySeventhQuote_IsFollowedByAnMpidQuoteOutsideBookAndTruth) {
         }
         const QuoteView& mpid = floor.sent[1];
         EXPECT_EQ(mpid.type, 'M');
-        EXPECT_EQ(mpid.mc, 'D');
+        EXPECT_EQ(mpid.market_center, 'D');
         EXPECT_EQ(mpid.symbol, "IBM        ");
         EXPECT_EQ(mpid.bid, quote.bid - 10'000);
         EXPECT_EQ(mpid.ask, quote.ask + 10'000);
@@ -521,7 +525,7 @@ TEST(AdfQuote, EverySeventhQuote_IsFollowedByAnMpidQuoteOutsideBookAndTruth) {
         EXPECT_EQ(mpid.participant_time, 1000u + static_cast<unsigned>(round));
         EXPECT_EQ(mpid.adf_time, mpid.participant_time);
         EXPECT_EQ(mpid.sip_time, quote.sip_time + 1);  // a reading of its own
-        EXPECT_EQ(floor.instrument().nbbo_bid, quote.bid);
+        EXPECT_EQ(floor.instrument().nbbo.bid, quote.bid);
     }
     EXPECT_EQ(floor.stats().quotes, 21u);
     EXPECT_EQ(floor.stats().adf_quotes, 21u);
@@ -607,45 +611,23 @@ TEST(EmptyAllQuotes, LetterByLetterWithRepeats_ConditionLAndNothingElseKept) {
         EXPECT_EQ(view.bid | view.ask | view.bid_size | view.ask_size, 0);
         EXPECT_EQ(view.participant_time, 99u);
         EXPECT_EQ(view.entries, 0);
-        if (view.mc == 'D') {
+        if (view.market_center == 'D') {
             EXPECT_EQ(view.mpids, "NITEGSCO");  // they stay
         }
     }
-    for (const char mc : std::string("QND")) {
-        EXPECT_TRUE(floor.quote(mc).present);
-        EXPECT_TRUE(floor.quote(mc).quoted);
-        EXPECT_EQ(floor.quote(mc).time, 99u);
-        EXPECT_EQ(floor.quote(mc).condition, 'L');
+    for (const char market_center : std::string("QND")) {
+        EXPECT_TRUE(floor.quote(market_center).present);
+        EXPECT_TRUE(floor.quote(market_center).quoted);
+        EXPECT_EQ(floor.quote(market_center).time, 99u);
+        EXPECT_EQ(floor.quote(market_center).condition, 'L');
     }
-    EXPECT_EQ(floor.instrument().nbbo_bid, 0);
+    EXPECT_EQ(floor.instrument().nbbo.bid, 0);
 }
 
 TEST(EmptyAllQuotes, AdfThatNeverQuoted_SendsBlankMpids) {
     Floor floor("D");
     EXPECT_EQ(floor.collect([&] { empty_all_quotes(floor.market.engine, floor.instrument(), 1); }).mpids,
               "        ");
-}
-
-TEST(ListOddLots, NoneOrTwo_BidFirst) {
-    ParticipantQuote quote;
-    quote.mc = 'D';
-    OddLotQuote list[2];
-    EXPECT_EQ(list_odd_lots(quote, list), 0u);
-    quote.has_odd_lots = true;
-    quote.odd_bid = 1;
-    quote.odd_ask = 2;
-    quote.odd_bid_size = 3;
-    quote.odd_ask_size = 4;
-    ASSERT_EQ(list_odd_lots(quote, list), 2u);
-    EXPECT_EQ(list[0].side, 'B');
-    EXPECT_EQ(list[0].price, 1);
-    EXPECT_EQ(list[0].size, 3u);
-    EXPECT_EQ(list[0].mpid, "NITE");
-    EXPECT_EQ(list[1].side, 'A');
-    EXPECT_EQ(list[1].mpid, "GSCO");
-    quote.mc = 'Q';
-    list_odd_lots(quote, list);
-    EXPECT_EQ(list[0].mpid, "");
 }
 
 // Whoever follows the indicators of the messages alone knows the NBBO and the best odd-lot quote after each.
@@ -673,7 +655,8 @@ TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentS
                 case '0': break;
                 case '1': nbbo = {'-', ' ', ' ', 0, 0, 0, 0}; break;
                 case '4':
-                    nbbo = {'-', view.mc, view.mc, view.bid, view.ask, view.bid_size, view.ask_size};
+                    nbbo = {'-',      view.market_center, view.market_center, view.bid,
+                            view.ask, view.bid_size,      view.ask_size};
                     break;
                 default: nbbo = view.nbbo; break;
             }
@@ -686,16 +669,18 @@ TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentS
             auto& [nbbo, best] = told[std::string(wire_symbol(instrument).substr(0, 2))];
             nbbo.condition = '-';
             ASSERT_EQ(nbbo,
-                      (NbboPart{'-', instrument.nbbo_bid_mc, instrument.nbbo_ask_mc, instrument.nbbo_bid,
-                                instrument.nbbo_ask, instrument.nbbo_bid_size, instrument.nbbo_ask_size}))
+                      (NbboPart{'-', instrument.nbbo.bid_market_center, instrument.nbbo.ask_market_center,
+                                instrument.nbbo.bid, instrument.nbbo.ask, instrument.nbbo.bid_size,
+                                instrument.nbbo.ask_size}))
                 << "round " << round << ' ' << instrument.symbol;
-            ASSERT_EQ(best.bid_mc != '-', instrument.adf_present == 1);
-            if (instrument.adf_present == 1) {
+            ASSERT_EQ(best.bid_market_center != '-', instrument.has_best_odd_lot);
+            if (instrument.has_best_odd_lot) {
                 best.mpids.clear();
-                ASSERT_EQ(best,
-                          (BestOddLotPart{instrument.adf_bid_mc, instrument.adf_ask_mc, instrument.adf_bid,
-                                          instrument.adf_ask, instrument.adf_sizes >> 16,
-                                          instrument.adf_sizes & 0xffff, ""}));
+                ASSERT_EQ(best, (BestOddLotPart{instrument.best_odd_lot.bid_market_center,
+                                                instrument.best_odd_lot.ask_market_center,
+                                                instrument.best_odd_lot.bid, instrument.best_odd_lot.ask,
+                                                instrument.best_odd_lot.bid_size,
+                                                instrument.best_odd_lot.ask_size, ""}));
             }
         }
         market.run_ticks(1);

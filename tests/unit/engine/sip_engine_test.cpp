@@ -20,7 +20,7 @@ using testing::TestMarket;
 std::string slot_letters(const Instrument& instrument) {
     std::string result;
     for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
-        result += instrument.quotes[slot].mc;
+        result += instrument.quotes[slot].market_center;
     }
     return result;
 }
@@ -80,13 +80,13 @@ TEST(DrawParticipant, RepeatedLetter_IsTwiceAsLikely) {
     script_draws(market.rng, {int_draw(0, 2, 0), int_draw(0, 2, 1), int_draw(0, 2, 2)});
     std::string drawn;
     for (int at = 0; at < 3; ++at) {
-        drawn += market.at(0).quotes[draw_participant(market.engine)].mc;
+        drawn += market.at(0).quotes[draw_participant(market.engine)].market_center;
     }
     EXPECT_EQ(drawn, "QQN");
     int q = 0;
     constexpr int draws = 30'000;
     for (int at = 0; at < draws; ++at) {
-        q += market.at(0).quotes[draw_participant(market.engine)].mc == 'Q' ? 1 : 0;
+        q += market.at(0).quotes[draw_participant(market.engine)].market_center == 'Q' ? 1 : 0;
     }
     EXPECT_NEAR(q, 20'000, 500);  // six standard deviations
 }

@@ -74,9 +74,9 @@ TEST(StartOfDay, OpeningTrades_AreAtTheMidpointOfTheOpeningQuotes) {
     market.start_of_day();
     for (std::size_t at = 0; at < 3; ++at) {
         const Instrument& instrument = market.at(at);
-        ASSERT_NE(instrument.nbbo_bid, 0);
+        ASSERT_NE(instrument.nbbo.bid, 0);
         const TradeView view = read_trade(market.message(market.last() - 2 + at));
-        EXPECT_EQ(view.price, (instrument.nbbo_bid + instrument.nbbo_ask) / 20000 * 10000);
+        EXPECT_EQ(view.price, (instrument.nbbo.bid + instrument.nbbo.ask) / 20000 * 10000);
         EXPECT_EQ(view.size, 5000 * size_unit);
         EXPECT_EQ(view.conditions, "@O  ");
         EXPECT_EQ(view.center, "Q ");

@@ -46,11 +46,11 @@ struct Tape {
                      trade_time, kind);
         return read_trade(market.message(sequence));
     }
-    void set_nbbo(std::int64_t bid, char bid_mc, std::int64_t ask, char ask_mc) {
-        instrument().nbbo_bid = bid * cent;
-        instrument().nbbo_ask = ask * cent;
-        instrument().nbbo_bid_mc = bid_mc;
-        instrument().nbbo_ask_mc = ask_mc;
+    void set_nbbo(std::int64_t bid, char bid_market_center, std::int64_t ask, char ask_market_center) {
+        instrument().nbbo.bid = bid * cent;
+        instrument().nbbo.ask = ask * cent;
+        instrument().nbbo.bid_market_center = bid_market_center;
+        instrument().nbbo.ask_market_center = ask_market_center;
     }
     // Runs the exchange print from these draws, all of which it must take; "" or the trade in short.
     std::string exchange_print(const std::vector<std::uint64_t>& draws) {

@@ -24,8 +24,8 @@ using testing::TestMarket;
 
 using List = std::vector<std::string>;
 
-void set_quote(TestMarket& market, std::size_t at, char mc, std::int64_t bid, std::int64_t ask) {
-    ParticipantQuote& quote = *find_quote(market.at(at), mc);
+void set_quote(TestMarket& market, std::size_t at, char market_center, std::int64_t bid, std::int64_t ask) {
+    ParticipantQuote& quote = *find_quote(market.at(at), market_center);
     quote.quoted = true;
     quote.present = true;
     quote.bid = bid * cent;
@@ -81,7 +81,7 @@ TEST(WipeOut, LetterThatQuotesNowhere_IsSentAndChangesNoQuote) {
         EXPECT_EQ(market.scenario.stats.wipeouts, 1u);
         EXPECT_EQ(market.scenario.stats.sip_generated, 0u);
         EXPECT_EQ(market.packets.size(), 1u);
-        EXPECT_EQ(market.at(0).nbbo_bid, 99'990'000);
+        EXPECT_EQ(market.at(0).nbbo.bid, 99'990'000);
     }
 }
 
@@ -117,7 +117,7 @@ TEST(WipeOut, OddLotsAndMpids_GoOutWithTheQuoteAndStay) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "DN", .scenario = "odd_lot_every=1"});
     update_participant_quote(market.engine, market.at(0), 0, 1, ' ');
-    ASSERT_EQ(market.at(0).quotes[0].mc, 'D');
+    ASSERT_EQ(market.at(0).quotes[0].market_center, 'D');
     const QuoteView quoted = read_quote(market.message(1));
     wipe_out(market.engine, 'D');
     const QuoteView gone = read_quote(market.message(market.last()));
@@ -127,7 +127,7 @@ TEST(WipeOut, OddLotsAndMpids_GoOutWithTheQuoteAndStay) {
     EXPECT_EQ(gone.odd_lots.size(), 2u);
     EXPECT_EQ(gone.condition, quoted.condition);
     EXPECT_EQ(gone.best_ind, '0');  // the orders are still the best there are
-    EXPECT_EQ(market.at(0).adf_present, 1);
+    EXPECT_EQ(market.at(0).has_best_odd_lot, true);
 }
 
 TEST(WipeOut, LetterQuotesAgain_OnItsNextRandomQuote) {

@@ -139,12 +139,12 @@ TEST(BuildInstruments, InitialValues_AreTradingWithoutNbboBandOrHistory) {
     EXPECT_EQ(instrument.status, 'T');
     EXPECT_EQ(instrument.band_indicator, ' ');
     EXPECT_EQ(instrument.indicator, '0');
-    EXPECT_EQ(instrument.nbbo_bid_mc, ' ');
-    EXPECT_EQ(instrument.nbbo_ask_mc, ' ');
-    EXPECT_EQ(instrument.adf_bid_mc, ' ');
+    EXPECT_EQ(instrument.nbbo.bid_market_center, ' ');
+    EXPECT_EQ(instrument.nbbo.ask_market_center, ' ');
+    EXPECT_EQ(instrument.best_odd_lot.bid_market_center, ' ');
     EXPECT_EQ(instrument.last_market_center, ' ');
-    EXPECT_FALSE(instrument.nbbo_valid);
-    EXPECT_EQ(instrument.nbbo_bid | instrument.nbbo_ask | instrument.luld_lower | instrument.luld_upper |
+    EXPECT_FALSE(instrument.has_nbbo);
+    EXPECT_EQ(instrument.nbbo.bid | instrument.nbbo.ask | instrument.luld_lower | instrument.luld_upper |
                   instrument.luld_ref | instrument.high | instrument.low | instrument.last,
               0);
     EXPECT_EQ(instrument.quote_resume_ms | instrument.trade_resume_ms | instrument.band_due_ms, 0u);
@@ -161,9 +161,9 @@ TEST(WireSymbol, ShortExactAndLong_IsElevenCharactersPaddedOrCut) {
     EXPECT_EQ(wire_symbol(list[1]), "ABCDE      ");
     EXPECT_EQ(wire_symbol(list[3]), "ABCDEFGHIJK");
     EXPECT_EQ(wire_symbol(list[4]), "ABCDEFGHIJK");
-    EXPECT_TRUE(list[0].short_symbol);
-    EXPECT_TRUE(list[1].short_symbol);
-    EXPECT_FALSE(list[2].short_symbol);
+    EXPECT_TRUE(has_short_symbol(list[0]));
+    EXPECT_TRUE(has_short_symbol(list[1]));
+    EXPECT_FALSE(has_short_symbol(list[2]));
     EXPECT_EQ(list[4].symbol, "ABCDEFGHIJKLMNOP");
 }
 
@@ -196,8 +196,8 @@ TEST(IsStopped, StatusHAndPOnly) {
 
 TEST(FindQuote, LetterWithASlotOrNot) {
     std::array<ParticipantQuote, 2> quotes;
-    quotes[0].mc = 'N';
-    quotes[1].mc = 'Q';
+    quotes[0].market_center = 'N';
+    quotes[1].market_center = 'Q';
     Instrument instrument;
     EXPECT_EQ(find_quote(instrument, 'Q'), nullptr);
     instrument.quotes = quotes.data();
@@ -222,8 +222,8 @@ TEST(CrossPrice, MidpointCutToCents_OrReferenceRounded) {
                           {-30'000, 20'000, 1.0, 0},  // toward zero
                           {-40'000, -10'000, 1.0, -20'000}}) {
         Instrument instrument;
-        instrument.nbbo_bid = row.bid;
-        instrument.nbbo_ask = row.ask;
+        instrument.nbbo.bid = row.bid;
+        instrument.nbbo.ask = row.ask;
         instrument.price = row.price;
         EXPECT_EQ(cross_price(instrument), row.expected) << row.bid << ' ' << row.ask;
     }

@@ -2,6 +2,7 @@
 
 #include "engine/halts.h"
 #include "market/quote_index.h"
+#include "output/quote_line.h"
 #include "output/truth_log.h"
 #include "support/test_market.h"
 
@@ -89,7 +90,7 @@ TEST(Book, DeepSidesShowFiveLevelsWhereTheTruthShowsMore) {
         "500]],"
         "\"ask\":[[100.01,100],[100.02,100],[100.03,100],[100.04,100],[100.05,100]],\"last\":0,\"volume\":0,"
         "\"status\":\"T\"}}}\n");
-    write_quote_line(market.engine.truth, market.at(0), 1, "");
+    write_quote_line(market.engine.truth, market.at(0), 1);
     EXPECT_NE(market.truth_text().find("[99.9200,800]"), std::string::npos);
 }
 
@@ -153,10 +154,10 @@ TEST(Book, LongestPossibleMemberFits) {
 
 TEST(Bbo, OneLineAnInstrumentWithSixDigitsAndZeroForNone) {
     TestMarket market({.symbols = "AAPL:190,GOOG:1,IBM:1"});
-    market.at(0).nbbo_bid = 190'050'000;
-    market.at(0).nbbo_ask = 190'100'000;
-    market.at(1).nbbo_bid = 1'234'560'000;
-    market.at(1).nbbo_ask = 12'345'670'000;
+    market.at(0).nbbo.bid = 190'050'000;
+    market.at(0).nbbo.ask = 190'100'000;
+    market.at(1).nbbo.bid = 1'234'560'000;
+    market.at(1).nbbo.ask = 12'345'670'000;
     std::string text = "left from last time";
     format_bbo(text, market.engine.instruments);
     EXPECT_EQ(text, "AAPL 190.05 190.1\nGOOG 1234.56 12345.7\nIBM 0 0\n");

@@ -45,13 +45,13 @@ std::vector<std::string> letters_of(const std::vector<Bytes>& messages) {
 }
 
 // The rebuilt quote of a center in the only instrument.
-Bytes quote_of(const std::vector<Bytes>& messages, char mc) {
+Bytes quote_of(const std::vector<Bytes>& messages, char market_center) {
     for (const Bytes& message : messages) {
-        if (message.at(1) == 'Q' && message.at(3) == mc) {
+        if (message.at(1) == 'Q' && message.at(3) == market_center) {
             return message;
         }
     }
-    ADD_FAILURE() << "no quote of " << mc;
+    ADD_FAILURE() << "no quote of " << market_center;
     return Bytes(long_quote_bytes, 0);
 }
 
@@ -225,27 +225,27 @@ TEST(Spin, QuotesStandInLetterOrderWithTheirConditionAndABlankSipFlag) {
 // Two centers whose quotes a test sets; the NBBO is what the test says it is.
 struct TwoCenters {
     TwoCenters() : market({.symbols = "A:10", .participants = "DQ"}) {
-        for (const char mc : {'D', 'Q'}) {
-            ParticipantQuote& quote = *find_quote(market.at(0), mc);
-            quote.mc = mc;
+        for (const char market_center : {'D', 'Q'}) {
+            ParticipantQuote& quote = *find_quote(market.at(0), market_center);
+            quote.market_center = market_center;
             quote.quoted = true;
             quote.present = true;
             quote.condition = 'R';
-            quote.has_mpids = mc == 'D';
+            quote.has_mpids = market_center == 'D';
         }
     }
-    ParticipantQuote& quote(char mc) {
-        return *find_quote(market.at(0), mc);
+    ParticipantQuote& quote(char market_center) {
+        return *find_quote(market.at(0), market_center);
     }
-    void set_nbbo(std::int64_t bid, std::int64_t ask, char bid_mc, char ask_mc) {
+    void set_nbbo(std::int64_t bid, std::int64_t ask, char bid_market_center, char ask_market_center) {
         Instrument& instrument = market.at(0);
-        instrument.nbbo_bid = bid;
-        instrument.nbbo_ask = ask;
-        instrument.nbbo_bid_size = bid == 0 ? 0 : 300;
-        instrument.nbbo_ask_size = ask == 0 ? 0 : 70'000;
-        instrument.nbbo_bid_mc = bid_mc;
-        instrument.nbbo_ask_mc = ask_mc;
-        instrument.nbbo_valid = true;
+        instrument.nbbo.bid = bid;
+        instrument.nbbo.ask = ask;
+        instrument.nbbo.bid_size = bid == 0 ? 0 : 300;
+        instrument.nbbo.ask_size = ask == 0 ? 0 : 70'000;
+        instrument.nbbo.bid_market_center = bid_market_center;
+        instrument.nbbo.ask_market_center = ask_market_center;
+        instrument.has_nbbo = true;
     }
     TestMarket market;
 };
@@ -261,8 +261,8 @@ TEST(SpinQuote, EveryQuoteCarriesTheStoredNationalBestInALongAppendage) {
     TwoCenters centers;
     centers.set_nbbo(9'990'000, 10'010'000, 'Q', 'D');
     const std::vector<Bytes> messages = spin_of(centers.market);
-    for (const char mc : {'D', 'Q'}) {
-        const Bytes quote = quote_of(messages, mc);
+    for (const char market_center : {'D', 'Q'}) {
+        const Bytes quote = quote_of(messages, market_center);
         EXPECT_EQ(quote.at(76), '3');
         EXPECT_EQ(quote.at(83), 'R');
         EXPECT_EQ(quote.at(84), 'Q');
@@ -327,12 +327,13 @@ TEST(SpinQuote, AdfQuoteCarriesItsMpids) {
 TEST(SpinQuote, EveryQuoteCarriesTheStoredBestOddLot) {
     TwoCenters centers;
     Instrument& instrument = centers.market.at(0);
-    instrument.adf_present = 1;
-    instrument.adf_bid_mc = 'Q';
-    instrument.adf_ask_mc = 'Z';
-    instrument.adf_bid = 10'000'000;
-    instrument.adf_ask = 10'020'000;
-    instrument.adf_sizes = 17u << 16 | 99u;
+    instrument.has_best_odd_lot = true;
+    instrument.best_odd_lot.bid_market_center = 'Q';
+    instrument.best_odd_lot.ask_market_center = 'Z';
+    instrument.best_odd_lot.bid = 10'000'000;
+    instrument.best_odd_lot.ask = 10'020'000;
+    instrument.best_odd_lot.bid_size = 17;
+    instrument.best_odd_lot.ask_size = 99;
     Bytes quote = quote_of(spin_of(centers.market), 'Q');
     EXPECT_EQ(quote.at(79), '3');
     ASSERT_EQ(quote.size(), long_quote_bytes + long_best_odd_lot_bytes);
@@ -343,19 +344,19 @@ TEST(SpinQuote, EveryQuoteCarriesTheStoredBestOddLot) {
     EXPECT_EQ(get_u64(quote, 95), 10'020'000u);
     EXPECT_EQ(get_u16(quote, 103), 99u);
 
-    instrument.adf_ask_mc = 'D';
+    instrument.best_odd_lot.ask_market_center = 'D';
     quote = quote_of(spin_of(centers.market), 'Q');
     EXPECT_EQ(quote.at(79), '5');
     EXPECT_EQ(get_text(quote, 105, 8), "    GSCO") << "only the ADF's side has an MPID";
 
-    instrument.adf_present = 0;
+    instrument.has_best_odd_lot = false;
     EXPECT_EQ(quote_of(spin_of(centers.market), 'Q').at(79), '0') << "one that has gone is not told";
 }
 
 TEST(SpinQuote, QuoteCarriesItsOwnOddLotList) {
     TwoCenters centers;
-    for (const char mc : {'D', 'Q'}) {
-        ParticipantQuote& quote = centers.quote(mc);
+    for (const char market_center : {'D', 'Q'}) {
+        ParticipantQuote& quote = centers.quote(market_center);
         quote.has_odd_lots = true;
         quote.odd_bid = 10'000'000;
         quote.odd_ask = 10'020'000;

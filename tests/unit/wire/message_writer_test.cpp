@@ -29,8 +29,8 @@ MessageHeader some_header() {
     MessageHeader header;
     header.category = 'Q';
     header.type = 'C';
-    header.mc = 'N';
-    header.sub_mc = 'B';
+    header.market_center = 'N';
+    header.sub_market_center = 'B';
     header.sip_time = 0x0102030405060708;
     header.participant_time = 0x1112131415161718;
     header.participant_token = 0x2122232425262728;

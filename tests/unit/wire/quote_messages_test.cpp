@@ -32,8 +32,8 @@ constexpr std::array<OddLotQuote, 2> two_orders{
 // A quote in which no two fields have the same value.
 QuoteRecord full_quote() {
     QuoteRecord record;
-    record.header.mc = 'D';
-    record.header.sub_mc = 'b';
+    record.header.market_center = 'D';
+    record.header.sub_market_center = 'b';
     record.header.sip_time = sip_time;
     record.header.participant_time = participant_time;
     record.header.participant_token = 77;
@@ -53,16 +53,16 @@ QuoteRecord full_quote() {
     record.odd_best_ind = '0';
     record.odd_list_ind = '0';
     record.nbbo_condition = 'n';
-    record.nbbo_bid_mc = 'P';
-    record.nbbo_ask_mc = 'Z';
+    record.nbbo_bid_market_center = 'P';
+    record.nbbo_ask_market_center = 'Z';
     record.nbbo_bid = 190'020'000;
     record.nbbo_ask = 190'030'000;
     record.nbbo_bid_size = 400;
     record.nbbo_ask_size = 500;
     record.bid_mpid = "ABCD";
     record.ask_mpid = "XY";
-    record.odd_bid_mc = 'K';
-    record.odd_ask_mc = 'V';
+    record.odd_bid_market_center = 'K';
+    record.odd_ask_market_center = 'V';
     record.odd_bid = 190'040'000;
     record.odd_ask = 190'050'000;
     record.odd_bid_size = 11;
@@ -388,19 +388,19 @@ TEST(PreparedLongQuote, WithEachCentersPart_IsThatCentersMessage) {
         record.odd_bid_mpid = "NITE";
         LongQuoteForm form;
         prepare_long_quote(form, record);
-        for (const char mc : {'Q', 'D', 'x'}) {
+        for (const char market_center : {'Q', 'D', 'x'}) {
             for (const char list : {'0', '3', '5'}) {
-                record.header.mc = mc;
-                record.adf_time = mc == 'D' ? participant_time : 0;
-                record.adf_mpid_ind = mc == 'D' ? '2' : ' ';
-                record.bid_mpid = mc == 'D' ? "NITE" : std::string_view();
-                record.ask_mpid = mc == 'D' ? "GSCO" : std::string_view();
+                record.header.market_center = market_center;
+                record.adf_time = market_center == 'D' ? participant_time : 0;
+                record.adf_mpid_ind = market_center == 'D' ? '2' : ' ';
+                record.bid_mpid = market_center == 'D' ? "NITE" : std::string_view();
+                record.ask_mpid = market_center == 'D' ? "GSCO" : std::string_view();
                 record.bid += 10'000;
                 record.ask += 20'000;
                 record.bid_size += 100;
                 record.ask_size += 200;
-                record.condition = static_cast<char>('A' + mc % 7);
-                record.luld_bbo = static_cast<char>('A' + mc % 3);
+                record.condition = static_cast<char>('A' + market_center % 7);
+                record.luld_bbo = static_cast<char>('A' + market_center % 3);
                 record.odd_list_ind = list;
                 record.odd_lots = two_orders.data();
                 record.odd_lot_count = list == '0' ? 0 : 2;
@@ -410,7 +410,7 @@ TEST(PreparedLongQuote, WithEachCentersPart_IsThatCentersMessage) {
                 ASSERT_EQ(put_prepared_quote(prepared.data(), form, record), length);
                 EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length),
                                        prepared.begin()))
-                    << best << mc << list;
+                    << best << market_center << list;
                 EXPECT_EQ(std::count(prepared.end() - 8, prepared.end(), 0xEE), 8) << "beyond the room";
             }
         }

@@ -20,10 +20,10 @@ using testing::used_writer;
 constexpr std::uint64_t sip_time = 1'700'000'000'123'456'789;
 constexpr std::uint64_t participant_time = 1'700'000'000'000'000'001;
 
-MessageHeader trade_header(char mc, char sub_mc) {
+MessageHeader trade_header(char market_center, char sub_market_center) {
     MessageHeader header;
-    header.mc = mc;
-    header.sub_mc = sub_mc;
+    header.market_center = market_center;
+    header.sub_market_center = sub_market_center;
     header.sip_time = sip_time;
     header.participant_time = participant_time;
     return header;
