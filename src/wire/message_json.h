@@ -12,7 +12,7 @@
 // Members are in the order of the bytes. Prices are whole numbers of millionths of a dollar in both forms of
 // a message, trade sizes millionths of a share, times nanoseconds since the epoch (their names end in "_ns").
 // Single letters and sale conditions keep their blanks; other text is without the blanks on its right.
-// Members that the form of the message does not have are left out; an appendage is an object of its own that
+// Members that the form of the message does not have are left out; an appendage is an object that
 // is there only when the message carries it.
 namespace tessel::layout {
 

@@ -37,7 +37,7 @@ void begin_message(MessageWriter& writer, const MessageHeader& header, std::size
 
 // The puts write at an offset from the start of the message, which begin_message has made room for;
 // integers are big-endian. They take the message's first byte, which a builder reads from its writer once:
-// bytes can be anything's, so behind each put through the writer the compiler would have to read it again.
+// a byte may alias anything, so after each put through the writer the compiler would have to read it again.
 // Inline, because a quote makes some twenty.
 inline void put_u8(unsigned char* message, std::size_t offset, char value) {
     message[offset] = static_cast<unsigned char>(value);

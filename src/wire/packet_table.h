@@ -6,7 +6,7 @@
 #include <string_view>
 
 // The packets that carry the messages, for the message reference and the dissector. The code that writes and
-// reads them (mold/, soup/) has sizes of its own.
+// reads them (mold/, soup/) has its own sizes.
 namespace tessel::layout {
 
 // clang-format off

@@ -217,7 +217,7 @@ unsigned char* begin_quote(MessageWriter& writer, const QuoteRecord& record, cha
     return out;
 }
 
-// Everything of a long quote behind the header but the odd lots; returns the offset after it.
+// A long quote without its odd-lot parts; returns the offset after it.
 std::size_t put_long_body(unsigned char* out, const QuoteRecord& record) {
     put_long_quote(out, record);
     const std::size_t at = put_nbbo(out, long_quote_bytes, record);

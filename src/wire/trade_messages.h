@@ -24,7 +24,7 @@ struct StatisticsRecord {
     std::uint64_t volume = 0;
 };
 
-// A trade as the messages tell it: price in millionths of a dollar, size in millionths of a share.
+// A trade as the messages carry it: price in millionths of a dollar, size in millionths of a share.
 struct TradeReport {
     MessageHeader header;
     std::uint64_t trf_time = 0;  // participant time for market center 'D', else 0

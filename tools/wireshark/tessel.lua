@@ -710,7 +710,7 @@ local function add_rows(rows, buffer, start, tree, values)
     end
 end
 
--- Adds the appendages of a quote from `start` on, each in a tree of its own. Returns where they end, nil when
+-- Adds the appendages of a quote from `start` on, each in its own tree. Returns where they end, nil when
 -- the message ends before they do.
 local function add_appendages(buffer, start, tree, values)
     for _, appendage in ipairs(appendages) do
@@ -824,7 +824,7 @@ message:register_heuristic("soupbintcp", function(buffer, pinfo, tree)
 end)
 
 -- MoldUDP64 packets, in both directions: downstream packets, and requests to the retransmission service,
--- which are a header whose count promises messages and nothing behind it.
+-- which are a header whose count promises messages and nothing after it.
 local mold_header_bytes = 20
 
 local function add_blocks(buffer, subtree, sequence, count)

@@ -14,7 +14,7 @@
 
 namespace tessel::testing {
 
-// One row of a layout table: offset, width and the bytes that must stand there, worked out here and not by
+// One row of a layout table: offset, width and the bytes that must be there, worked out here and not by
 // the encoder.
 struct Field {
     std::size_t offset = 0;

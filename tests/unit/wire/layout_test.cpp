@@ -65,7 +65,7 @@ TEST(Layout, Codes_FitTheirFieldsAndAreUnique) {
     }
 }
 
-// The typed decoder has offsets of its own; both must find the same numbers in each part of a message.
+// The typed decoder has its own offsets; both must find the same numbers in each part of a message.
 TEST(Layout, IntegersOfEachPart_AreThoseThatTheDecoderReads) {
     receiver::Message decoded;
     const std::string quote = one_of_each()[15].second;
