@@ -75,7 +75,7 @@ std::string end_of_snapshot(const TestMarket& market) {
 std::string odd_lot_update(char type, std::uint64_t sip_time) {
     const OddLotQuote orders[] = {{'Q', 'B', 190'010'000, 41, {}}, {'Q', 'A', 190'020'000, 7, {}}};
     QuoteRecord record;
-    record.header.mc = 'Q';
+    record.header.market_center = 'Q';
     record.header.sip_time = sip_time;
     record.header.participant_time = sip_time - 1;
     record.symbol = type == 'A' ? "AAPL" : "LONGSYMBOL";
