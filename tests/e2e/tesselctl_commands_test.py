@@ -118,6 +118,13 @@ def test_account_says_where_every_message_went(tmp_path):
         assert json.loads(reckoned.stdout)["sent"] == sent
 
 
+def test_a_full_standard_output_is_status_2():
+    with open("/dev/full", "w", encoding="utf-8") as full:
+        done = subprocess.run([program("tesselctl"), "--help"], stdout=full, stderr=subprocess.PIPE, text=True,
+                              timeout=60, check=False)
+    assert (done.returncode, done.stderr) == (2, "tesselctl: standard output: No space left on device\n")
+
+
 def test_help_lists_every_command_and_the_exit_status():
     done = ctl("--help")
     for word in ("run", "script", "stats", "doctor", "account", "halt", "wipeout", "--control", "--json",

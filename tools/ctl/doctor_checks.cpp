@@ -26,9 +26,14 @@ std::string group_text(const Facts& facts) {
 Check check_interface(const Facts& facts) {
     const std::string& text = facts.options.iface;
     if (!facts.address) {
+        std::string right = "127.0.0.1";
+        for (const Interface& each : facts.interfaces) {
+            right =
+                each.name == text ? address_text(each.address) : right;  // a name where its address is wanted
+        }
         return {"interface", problem,
                 "'" + text + "' is no IPv4 address; this host has " + interface_list(facts.interfaces),
-                "tesselctl doctor --iface 127.0.0.1"};
+                "tesselctl doctor --iface " + right};
     }
     const Interface* chosen = chosen_interface(facts);
     if (chosen == nullptr) {

@@ -133,8 +133,9 @@ void add_control_commands(CLI::App& app, CommandLine& line) {
         CLI::App* const command =
             add_command(app, std::string(each.word), std::string(each.effect), "Control commands");
         if (each.argument != common::Argument::none) {
-            const std::string usage(each.usage.substr(each.word.size() + 1));
-            command->add_option(usage, line.argument, "");
+            std::string name(each.usage.substr(each.word.size() + 1));
+            std::erase_if(name, [](char letter) { return letter == '[' || letter == ']'; });
+            command->add_option(name, line.argument, "");
         }
         command->footer("tesselctl [--control HOST:PORT] [--json] " + std::string(each.usage));
     }

@@ -64,6 +64,14 @@ TEST(DoctorChecks, EveryFinding_HasAFix) {
     EXPECT_EQ(check_of(facts, "firewall").result, "warning");
 }
 
+TEST(DoctorChecks, NameOfAnInterface_IsAnsweredWithItsAddress) {
+    Facts facts = healthy();
+    facts.options.iface = "eth0";
+    facts.address.reset();
+    EXPECT_EQ(check_of(facts, "interface").result, "problem");
+    EXPECT_EQ(check_of(facts, "interface").fix, "tesselctl doctor --iface 10.0.0.2");
+}
+
 TEST(DoctorChecks, SmallReceiveBuffer_IsAProblemBelowTheKernelsDefault) {
     Facts facts = healthy();
     facts.rmem_max = rmem_wanted_bytes - 1;
