@@ -271,4 +271,5 @@ def test_colors_are_for_a_terminal_without_no_color(tmp_path):
 def test_endpoints_that_are_none_are_status_2():
     for option in ("--retrans", "--snapshot"):
         done = ctl("doctor", option, "25178")
-        assert (done.returncode, done.stderr) == (2, f"tesselctl: {option}: '25178' is not HOST:PORT\n")
+        assert done.returncode == 2
+        assert done.stderr.startswith(f"tesselctl: {option}: '25178' is not HOST:PORT")
