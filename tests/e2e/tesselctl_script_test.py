@@ -38,24 +38,23 @@ def test_lines_are_played_at_their_moments_in_order(tmp_path):
 
 
 def test_lines_by_number_are_done_before_the_next_tick(tmp_path):
-    path = script(tmp_path, "at seq 300 mark later\nat seq 150 loop 3 every 40\nat seq 0 mark round\nend\n")
-    with Feed(tmp_path, interval_ms=100) as feed:
+    path = script(tmp_path, "at seq 130 mark later\nat seq 90 loop 3 every 10\nat seq 0 mark round\nend\n")
+    with Feed(tmp_path, interval_ms=400) as feed:
         done = play(feed, path, "--json")
         assert done.returncode == 0
         played = [json.loads(line) for line in done.stdout.splitlines()]
         assert [each["command"] for each in played] == ["mark round"] * 3 + ["mark later"]
         assert all(each["ok"] for each in played)
-        # A mark names the last number given before it. No tick lies between the pass that gave the number
-        # waited for and the mark.
+        # No tick lies between the pass that gave the number waited for and the mark. A tick steps the
+        # instruments in their order, so a second one would begin with a smaller secid.
         lines = feed.truth()
-        for wanted, mark in zip([150, 190, 230, 300], [each for each in lines if "mark" in each]):
-            at = lines.index(mark)
+        marks = [each for each in lines if "mark" in each]
+        assert len(marks) == 4
+        for wanted, mark in zip([90, 100, 110, 130], marks):
             assert mark["seq"] >= wanted - 1
-            first_of_tick = at
-            while lines[first_of_tick - 1].get("seq", 0) >= wanted and first_of_tick > 0:
-                first_of_tick -= 1
-            # one tick's messages, not those of two
-            assert mark["seq"] - lines[first_of_tick].get("seq", mark["seq"]) < 40
+            tick = [each["secid"] for each in lines[:lines.index(mark)]
+                    if "secid" in each and each["seq"] >= wanted]
+            assert tick == sorted(tick)
 
 
 def test_everything_is_checked_before_anything_is_done(tmp_path):
