@@ -93,6 +93,9 @@ bool enter_piece(Findings& findings, Piece& piece) {
     }
     result.more_unknown_members = result.more_unknown_members || found.more_unknown_members;
     result.known_members = result.known_members || found.known_members;
+    for (const LatencySample& sample : found.latencies) {
+        enter_sample(result.latencies, sample);
+    }
     enter_examples(findings, found);
     enter_differences(findings, piece);
     return true;

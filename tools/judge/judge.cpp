@@ -202,6 +202,17 @@ bool judge_sources(const Options& options, LineSource& truth, LineSource& output
     matcher.result = &result;
     matcher.workers = &workers;
     matcher.findings = &findings;
+    TimesFile times;
+    if (!options.latency_members.empty()) {
+        if (!open_times(times, options.times_path, runs.truth.runs, error)) {
+            return false;
+        }
+        matcher.times = &times;
+        result.latencies.resize(options.latency_members.size());
+        for (std::size_t member = 0; member != options.latency_members.size(); ++member) {
+            result.latencies[member].name = options.latency_members[member];
+        }
+    }
     start_workers(workers, options.jobs);
     for (RunResult& run : result.runs) {
         if (!judge_run(matcher, run)) {

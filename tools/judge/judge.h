@@ -1,5 +1,6 @@
 #pragma once
 
+#include "judge/latency.h"
 #include "judge/line_reader.h"
 #include "judge/line_source.h"
 #include "judge/runs.h"
@@ -44,7 +45,13 @@ struct Options {
     bool to_last = false;     // judge up to OUTPUT's highest sequence number (a handler that left early)
     std::size_t jobs = 1;     // threads that compare lines; the result does not depend on it
     std::vector<std::string> about;  // shown at the head of every report
+    // Members with times of the handler, and the file of SIP times that they are compared with; both or none.
+    std::vector<std::string> latency_members;
+    std::string times_path;
 };
+
+// Members that latencies are taken from at most.
+inline constexpr std::size_t latency_members_max = 8;
 
 struct MemberCount {
     std::uint64_t compared = 0;
@@ -139,6 +146,7 @@ struct Result {
     bool more_unknown_members = false;
     bool known_members = false;  // an OUTPUT line gives a member that truth lines have
     std::vector<TornLineAt> torn_lines;
+    std::vector<LatencyResult> latencies;  // in the order of Options::latency_members
 };
 
 enum class Verdict : std::uint8_t { agrees, differs, nothing_compared };

@@ -146,7 +146,7 @@ LineAt keep_held(Matcher& matcher, HeldLine held) {
 
 // A line that is not compared must be valid all the same.
 bool add_check(Matcher& matcher, std::uint64_t seq, const LineAt& output) {
-    return add_task(matcher, {{}, output, seq, false});
+    return add_task(matcher, {{}, output, seq, false, false, 0});
 }
 
 // The next OUTPUT line that is no mark.
@@ -158,7 +158,13 @@ ReadResult next_output(Matcher& matcher, Record& record) {
         }
     } while (record.mark);
     ++matcher.run->totals.output_lines;
+    matcher.highest_read = std::max(matcher.highest_read, record.seq);
     return ReadResult::line;
+}
+
+// Whether the line read last comes after one with a larger number.
+bool is_recovered(const Matcher& matcher, std::uint64_t seq) {
+    return seq < matcher.highest_read;
 }
 
 HeldLine take_held(Matcher& matcher) {
@@ -186,7 +192,8 @@ bool drop_held_below(Matcher& matcher, std::uint64_t seq) {
 bool put_aside(Matcher& matcher, std::uint64_t due, const Record& record) {
     const std::uint64_t highest = matcher.run->truth.highest;
     if (record.seq >= due && record.seq <= highest && !matcher.held.contains(record.seq)) {
-        matcher.held.emplace(record.seq, HeldLine{std::string(record.text), record.line_number});
+        matcher.held.emplace(record.seq, HeldLine{std::string(record.text), record.line_number,
+                                                  is_recovered(matcher, record.seq)});
         matcher.held_bytes += record.text.size();
         return true;
     }
@@ -203,8 +210,9 @@ bool put_aside(Matcher& matcher, std::uint64_t due, const Record& record) {
 
 // Searches OUTPUT for the line that is due; `output` stays empty when it is not there. False at an invalid
 // line.
-bool find_output(Matcher& matcher, std::uint64_t due, LineAt& output) {
+bool find_output(Matcher& matcher, std::uint64_t due, LineAt& output, bool& recovered) {
     if (!matcher.held.empty() && matcher.held.begin()->first == due) {
+        recovered = matcher.held.begin()->second.recovered;
         output = keep_held(matcher, take_held(matcher));
         return true;
     }
@@ -220,6 +228,7 @@ bool find_output(Matcher& matcher, std::uint64_t due, LineAt& output) {
             matcher.output_ended = true;
         } else if (record.seq == due) {
             output = keep_output(matcher, record);
+            recovered = is_recovered(matcher, due);
             return true;
         } else if (!put_aside(matcher, due, record)) {
             return false;
@@ -232,7 +241,10 @@ bool find_output(Matcher& matcher, std::uint64_t due, LineAt& output) {
 bool match_line(Matcher& matcher, const Record& truth) {
     LineAt output;
     const LineAt truth_at{truth.text, truth.line_number};
-    if (!drop_held_below(matcher, truth.seq) || !find_output(matcher, truth.seq, output)) {
+    bool recovered = false;
+    std::uint64_t sip_ns = 0;
+    if (!drop_held_below(matcher, truth.seq) || !find_output(matcher, truth.seq, output, recovered) ||
+        (matcher.times != nullptr && !find_time(*matcher.times, truth.seq, sip_ns, matcher.error))) {
         return false;
     }
     const bool found = output.line_number != 0;
@@ -247,7 +259,7 @@ bool match_line(Matcher& matcher, const Record& truth) {
     if (matcher.past.size() > window_lines_max) {
         matcher.past.pop_front();
     }
-    return add_task(matcher, {truth_at, output, truth.seq, in_gap});
+    return add_task(matcher, {truth_at, output, truth.seq, in_gap, recovered, sip_ns});
 }
 
 bool is_left_out(const Matcher& matcher, std::uint64_t seq) {
@@ -266,7 +278,7 @@ bool match_truth_lines(Matcher& matcher) {
         }
         if (is_left_out(matcher, truth.seq)) {
             ++matcher.run->totals.left_out;
-            if (!add_task(matcher, {{truth.text, truth.line_number}, {}, truth.seq, false})) {
+            if (!add_task(matcher, {{truth.text, truth.line_number}, {}, truth.seq, false, false, 0})) {
                 return false;
             }
             continue;
@@ -306,6 +318,11 @@ bool drain_output(Matcher& matcher) {
 bool match_run(Matcher& matcher) {
     const Run& truth = matcher.run->truth;
     const Run& output = matcher.run->output;
+    const std::size_t runs_from_end =
+        matcher.result->truth_runs - std::min(matcher.run->truth_run, matcher.result->truth_runs);
+    if (matcher.times != nullptr && !begin_times(*matcher.times, runs_from_end, matcher.error)) {
+        return false;
+    }
     if (!seek_source(*matcher.truth, truth.offset, truth.end_offset, truth.line_number, matcher.error) ||
         !seek_source(*matcher.output, output.offset, output.end_offset, output.line_number, matcher.error)) {
         return false;
@@ -329,8 +346,10 @@ bool judge_run(Matcher& matcher, RunResult& run) {
     matcher.gap.lines = 0;
     matcher.any_missing = false;
     matcher.latest_output_line = 0;
+    matcher.highest_read = 0;
     Piece& piece = current_piece(matcher);
     piece.run = &run;
+    piece.options = matcher.options;
     piece.truth_name = matcher.truth->input.name;
     piece.output_name = matcher.output->input.name;
     const bool good = match_run(matcher);

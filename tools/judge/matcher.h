@@ -2,6 +2,7 @@
 
 #include "judge/judge.h"
 #include "judge/record_reader.h"
+#include "judge/times_file.h"
 #include "judge/workers.h"
 
 #include <cstdint>
@@ -15,6 +16,7 @@ namespace tessel::judge {
 struct HeldLine {
     std::string text;
     std::uint64_t line_number = 0;
+    bool recovered = false;
 };
 
 // A truth line that had its turn, remembered for a while to distinguish a repeated OUTPUT line from one that
@@ -33,6 +35,7 @@ struct Matcher {
     Result* result = nullptr;
     Workers* workers = nullptr;
     Findings* findings = nullptr;
+    TimesFile* times = nullptr;  // nullptr: no latencies are wanted
 
     RunResult* run = nullptr;                // that is judged
     std::map<std::uint64_t, HeldLine> held;  // by sequence number, each above the truth line that is due
@@ -42,6 +45,7 @@ struct Matcher {
     Difference gap;             // the stretch of missing lines that is growing; lines = 0 when there is none
     bool any_missing = false;
     std::uint64_t latest_output_line = 0;  // of the OUTPUT lines found so far
+    std::uint64_t highest_read = 0;        // of OUTPUT's numbers so far
     Line scratch;
     std::string error;
 };

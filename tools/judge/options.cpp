@@ -49,6 +49,11 @@ void declare(CLI::App& app, ProgramOptions& options) {
     app.add_option(
         "--channels", options.channels_path,
         "Judge each channel of this list: TRUTH and OUTPUT are folders with a file NAME.jsonl a channel");
+    app.add_option(
+        "--latency", options.latency_names,
+        "Members of OUTPUT's lines with times, in nanoseconds since the epoch: A,B; needs --times");
+    app.add_option("--times", judged.times_path,
+                   "The messages' SIP times, a line a message: {\"seq\":N,\"sip\":NS}");
     app.add_option("--run", judged.run, "Judge against this run of the truth only; the first is 1")
         ->check(CLI::PositiveNumber);
     app.add_flag("--late,--from-first", judged.from_first,
@@ -57,6 +62,17 @@ void declare(CLI::App& app, ProgramOptions& options) {
                  "Judge up to OUTPUT's highest sequence number (a handler that left early)");
     app.set_version_flag("--version", version_line("tessel-judge"));
     app.footer(footer);
+}
+
+// The names in a list with commas.
+std::vector<std::string> split_names(const std::string& list) {
+    std::vector<std::string> names;
+    for (std::size_t place = 0; !list.empty() && place <= list.size();) {
+        const std::size_t end = std::min(list.find(',', place), list.size());
+        names.push_back(list.substr(place, end - place));
+        place = end + 1;
+    }
+    return names;
 }
 
 // What CLI11 cannot check by itself; "" when all is well.
@@ -68,6 +84,22 @@ std::string check(const ProgramOptions& options) {
     }
     if (options.judged.truth_path == "-" && options.judged.output_path == "-") {
         return "TRUTH and OUTPUT are both -: standard input can only be one of them";
+    }
+    const std::vector<std::string>& members = options.judged.latency_members;
+    if (members.empty() != options.judged.times_path.empty()) {
+        return "--latency and --times need each other";
+    }
+    if (members.size() > latency_members_max || std::count(members.begin(), members.end(), "") != 0) {
+        return "--latency takes one to eight names of members";
+    }
+    for (const std::string& name : members) {
+        if (name == "seq" || std::count(members.begin(), members.end(), name) != 1 ||
+            std::find(member_names.begin(), member_names.end(), name) != member_names.end()) {
+            return "--latency " + name + ": each member once, and none that truth lines have";
+        }
+    }
+    if (!members.empty() && !options.channels_path.empty()) {
+        return "--latency does not go with --channels";
     }
     const bool other_report =
         !options.html_path.empty() || !options.junit_path.empty() || !options.markdown_path.empty();
@@ -92,6 +124,7 @@ int parse_options(ProgramOptions& options, int argc, const char* const* argv) {
         if (!options.channels_path.empty() && app.count("--jobs") == 0) {
             options.judged.jobs = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, jobs_max);
         }
+        options.judged.latency_members = split_names(options.latency_names);
         error = check(options);
     } catch (const CLI::Success& wanted) {
         app.exit(wanted);

@@ -16,6 +16,7 @@ inline constexpr std::size_t error_bytes_max = 200;
 struct ProgramOptions {
     Options judged;
     std::string channels_path;  // of a channel list; TRUTH and OUTPUT are folders then
+    std::string latency_names;  // as given, with commas
     // Where reports go, "-" for standard output, "" for nowhere. The text goes to standard output unless one
     // of them takes it.
     std::string html_path;

@@ -26,10 +26,14 @@ bool read_or_fail(Piece& piece, const std::string& name, const LineAt& at, Line&
 }
 
 // Notes which members an OUTPUT line gives.
-void note_members(PieceFindings& found, const Line& line, std::string_view text) {
+void note_members(Piece& piece, const Line& line, std::string_view text) {
+    PieceFindings& found = piece.found;
+    const std::vector<std::string>& times = piece.options->latency_members;
     for (const UnknownMember& member : line.unknown_members) {
-        note_unknown_member(found.unknown_members, found.more_unknown_members,
-                            span_text(line, text, member.name));
+        const std::string_view name = span_text(line, text, member.name);
+        if (std::find(times.begin(), times.end(), name) == times.end()) {
+            note_unknown_member(found.unknown_members, found.more_unknown_members, name);
+        }
     }
     found.known_members =
         found.known_members || std::any_of(line.members.begin(), line.members.end(),
@@ -118,7 +122,7 @@ bool compare_task(Piece& piece, std::size_t index, Lines& lines) {
         for (std::size_t member = 0; member != member_count; ++member) {
             found.members[member].compared += lines.truth.members[member].length != 0 ? 1 : 0;
         }
-        note_members(found, lines.truth, task.truth.text);
+        note_members(piece, lines.truth, task.truth.text);
         ++found.matched;
         return true;
     }
@@ -128,9 +132,13 @@ bool compare_task(Piece& piece, std::size_t index, Lines& lines) {
     if (!read_or_fail(piece, piece.output_name, task.output, lines.output)) {
         return false;
     }
-    note_members(found, lines.output, task.output.text);
+    note_members(piece, lines.output, task.output.text);
     if (!has_truth) {
         return true;
+    }
+    if (task.sip_ns != 0) {
+        take_samples(lines.output, task.output.text, piece.options->latency_members, task.sip_ns,
+                     task.recovered, found.latencies);
     }
     const std::uint32_t members = compare_members(found, task, lines);
     if (members == 0) {

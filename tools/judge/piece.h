@@ -26,6 +26,8 @@ struct Task {
     LineAt output;
     std::uint64_t seq = 0;
     bool in_gap = false;
+    bool recovered = false;    // the OUTPUT line comes after one with a larger number
+    std::uint64_t sip_ns = 0;  // 0: not known
 };
 
 // A difference that needs no comparison, found before task number `task` of the piece.
@@ -45,6 +47,7 @@ struct PieceFindings {
     std::vector<std::string> unknown_members;
     bool more_unknown_members = false;
     bool known_members = false;
+    std::vector<LatencySample> latencies;
     std::string error;  // at the first invalid line; nothing after it has been compared
 };
 
@@ -52,6 +55,7 @@ struct PieceFindings {
 // enters its findings is one thread; only `compare_piece` runs in others.
 struct Piece {
     RunResult* run = nullptr;
+    const Options* options = nullptr;
     std::vector<Task> tasks;
     std::size_t bytes = 0;
     std::vector<Block*> blocks;         // that the tasks' texts are in, kept by their `users`

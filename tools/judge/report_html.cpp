@@ -43,6 +43,9 @@ p { margin: 6px 0 0; }
 section { padding: 18px 20px; margin-top: 16px; overflow-x: auto; }
 svg { display: block; width: 100%; height: auto; }
 svg text { font: 12px system-ui, "DejaVu Sans", sans-serif; fill: var(--soft); }
+svg .curve { fill: none; stroke-width: 2; } svg .dashed { stroke-dasharray: 5 4; }
+svg .c0 { stroke: var(--unexpected); } svg .c1 { stroke: var(--missing); }
+svg .c2 { stroke: var(--mismatched); }
 svg .grid { stroke: var(--line); } svg .axis { stroke: var(--soft); } svg .quiet { font-size: 14px; }
 svg .missing, .key.missing { fill: var(--missing); background: var(--missing); }
 svg .mismatched, .key.mismatched { fill: var(--mismatched); background: var(--mismatched); }
@@ -118,6 +121,36 @@ void add_charts(std::string& page, const Result& result) {
         page += fmt::format("<p>{} more, without a chart.</p>", uncharted);
     }
     page += "</section>\n";
+}
+
+void add_latencies(std::string& page, const Result& result) {
+    if (result.latencies.empty()) {
+        return;
+    }
+    page +=
+        R"(<section><h2>Latency</h2><p class="where">From the SIP time of a message to the time in the )"
+        R"(handler's line. Included: what waits in the feed's packet, the network, the handler. Messages )"
+        R"(that were recovered are apart.</p>)" +
+        latency_chart(result.latencies) +
+        R"(<table><tr><th>member</th><th class="number">messages</th><th class="number">p50</th>)"
+        R"(<th class="number">p90</th><th class="number">p99</th><th class="number">p99.9</th>)"
+        R"(<th class="number">max</th></tr>)";
+    const auto add = [&](const std::string& name, const LatencyHistogram& histogram) {
+        page += fmt::format(R"(<tr><td><code>{}</code></td><td class="number">{}</td>)", escaped_markup(name),
+                            grouped(histogram.total));
+        for (const double percent : {50.0, 90.0, 99.0, 99.9, 100.0}) {
+            page += fmt::format(R"(<td class="number">{}</td>)",
+                                readable_time(latency_percentile(histogram, percent)));
+        }
+        page += "</tr>";
+    };
+    for (const LatencyResult& latency : result.latencies) {
+        add(latency.name, latency.direct);
+        if (latency.recovered.total != 0) {
+            add(latency.name + " recovered", latency.recovered);
+        }
+    }
+    page += "</table></section>\n";
 }
 
 void add_runs(std::string& page, const Options& options, const Result& result) {
@@ -266,6 +299,7 @@ std::string html_report(const Options& options, const Result& result) {
     add_notes(page, result);
     add_tiles(page, options, result);
     add_charts(page, result);
+    add_latencies(page, result);
     add_runs(page, options, result);
     add_members(page, result);
     add_differences(page, result);

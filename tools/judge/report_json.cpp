@@ -111,6 +111,25 @@ Json counts_of(Verdict decided, const Result& result) {
     return report;
 }
 
+Json latency_of(const LatencyHistogram& histogram) {
+    return {{"count", histogram.total},
+            {"p50", latency_percentile(histogram, 50)},
+            {"p90", latency_percentile(histogram, 90)},
+            {"p99", latency_percentile(histogram, 99)},
+            {"p99_9", latency_percentile(histogram, 99.9)},
+            {"max", histogram.max}};
+}
+
+Json latencies_of(const Result& result) {
+    Json latencies = Json::object();
+    for (const LatencyResult& latency : result.latencies) {
+        latencies[latency.name] = latency_of(latency.direct);
+        latencies[latency.name]["before_sip"] = latency.before_sip;
+        latencies[latency.name + "_recovered"] = latency_of(latency.recovered);
+    }
+    return latencies;
+}
+
 Json judgment_of(const Result& result) {
     Json report = counts_of(verdict(result), result);
     report["unknown_members"] = result.unknown_members;
@@ -133,6 +152,9 @@ std::string text_of(const Json& report) {
 
 std::string json_report(const Options& options, const Result& result) {
     Json report = judgment_of(result);
+    if (!result.latencies.empty()) {
+        report["latency"] = latencies_of(result);
+    }
     report["about"] = options.about;
     return text_of(report);
 }

@@ -173,6 +173,29 @@ std::string verdict_sentence(const Result& result) {
         grouped(totals.missing), grouped(totals.unexpected));
 }
 
+void add_latencies(std::string& text, const Result& result) {
+    const auto add = [&](const std::string& name, const LatencyHistogram& histogram) {
+        add_row(
+            text, "latency",
+            fmt::format("{}: {} messages, p50 {}, p90 {}, p99 {}, p99.9 {}, max {}", name,
+                        grouped(histogram.total), readable_time(latency_percentile(histogram, 50)),
+                        readable_time(latency_percentile(histogram, 90)),
+                        readable_time(latency_percentile(histogram, 99)),
+                        readable_time(latency_percentile(histogram, 99.9)), readable_time(histogram.max)));
+    };
+    for (const LatencyResult& latency : result.latencies) {
+        add(latency.name, latency.direct);
+        if (latency.recovered.total != 0) {
+            add(latency.name + " recovered", latency.recovered);
+        }
+        if (latency.before_sip != 0) {
+            add_row(text, "latency",
+                    fmt::format("{}: {} times before the SIP time are not counted", latency.name,
+                                grouped(latency.before_sip)));
+        }
+    }
+}
+
 std::string text_report(const Options& options, const std::vector<Channel>& channels) {
     const auto agreeing = std::count_if(channels.begin(), channels.end(), [](const Channel& channel) {
         return verdict(channel.result) == Verdict::agrees;
@@ -247,6 +270,7 @@ std::string text_report(const Options& options, const Result& result) {
     if (totals.torn != 0) {
         add_row(text, "torn", fmt::format("{} output lines for torn truth lines", grouped(totals.torn)));
     }
+    add_latencies(text, result);
     if (const std::string note = runs_note(options, result); !note.empty()) {
         add_row(text, "runs", note);
     }

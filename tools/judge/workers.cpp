@@ -85,6 +85,7 @@ void hand_out(Workers& workers) {
     }
     const Piece& before = *workers.handed_out.back();
     workers.current->run = before.run;
+    workers.current->options = before.options;
     workers.current->truth_name = before.truth_name;
     workers.current->output_name = before.output_name;
 }
