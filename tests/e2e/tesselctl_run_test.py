@@ -132,6 +132,9 @@ def test_taken_ports_are_named_with_their_holder(tmp_path, ports):
             f"{path}:4: feed.retrans_port: port {ports.retrans}/udp {holder}",
             f"{path}:5: feed.snapshot_port: port {ports.snapshot}/tcp {holder}",
             f"{path}:6: feed.control_port: port {ports.control}/udp {holder}"]
+        done = ctl("run", "--config", path, "--dry-run")
+        assert len(refused(done)) == 3
+        assert shlex.split(done.stdout)[0] == program("tessel")  # the command is printed all the same
     path = config(tmp_path, ports.toml().replace(str(ports.control), str(ports.retrans)))
     assert refused(ctl("run", "--config", path)) == [
         f"{path}:6: feed.control_port: port {ports.retrans} is the retransmission port already"]
