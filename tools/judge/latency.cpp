@@ -65,7 +65,11 @@ void add_curve(std::string& svg, const LatencyHistogram& histogram, const std::s
     }
     svg += fmt::format(R"(<polyline class="curve c{}{}" points="{}"/>)", color % 3, dashed ? " dashed" : "",
                        points);
-    svg += fmt::format(R"(<text class="tick" x="{}" y="{:.1f}">{}</text>)", plot_right + 6, y + 4,
+    // The key: one row a curve, since the curves' ends lie close together.
+    const double row = plot_top + 16 * static_cast<double>(std::count(svg.begin(), svg.end(), '\n'));
+    svg += fmt::format(R"(<line class="curve c{0}{1}" x1="{2}" x2="{3}" y1="{4:.1f}" y2="{4:.1f}"/>)",
+                       color % 3, dashed ? " dashed" : "", plot_right + 6, plot_right + 22, row);
+    svg += fmt::format("<text class=\"tick\" x=\"{}\" y=\"{:.1f}\">{}</text>\n", plot_right + 27, row + 4,
                        escaped_markup(name.substr(0, 18)));
 }
 

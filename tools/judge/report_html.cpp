@@ -198,7 +198,7 @@ void add_notes(std::string& page, const Result& result) {
     }
     page += R"(<section class="notes"><h2>Not compared</h2>)";
     for (const std::string& name : result.unknown_members) {
-        page += fmt::format("<p>Member <code>{}</code>, {}.</p>", escaped_markup(name),
+        page += fmt::format("<p>Member <code>{}</code>, {}</p>", escaped_markup(name),
                             escaped_markup(unknown_member_note(name)));
     }
     if (result.more_unknown_members) {

@@ -54,7 +54,7 @@ std::string_view take_digits(std::string_view& text) {
     return digits;
 }
 
-// The exponent behind 'e', held to a range far outside any number that can be kept.
+// The exponent after 'e', held to a range far outside any number that can be kept.
 long take_exponent(std::string_view& text) {
     constexpr long limit = 1'000'000'000;
     if (text.empty() || (text.front() != 'e' && text.front() != 'E')) {
@@ -82,7 +82,7 @@ bool push_digit(std::uint64_t& number, unsigned digit) {
     return true;
 }
 
-// A price as a stream prints it that has been told nothing: six significant digits.
+// A price in a stream's default format: six significant digits.
 std::string six_digits(std::string_view number) {
     std::array<char, 48> printed{};
     std::snprintf(printed.data(), printed.size(), "%g", std::strtod(std::string(number).c_str(), nullptr));
@@ -93,7 +93,7 @@ bool continues_number(char c) {
     return is_digit(c) || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E';
 }
 
-// Takes the number at the start of both texts off the front when they are the same but for zeros behind the
+// Takes the number at the start of both texts off the front when they are the same but for zeros after the
 // decimals of one (the truth's 190.0100 and a handler's 190.01): most are, and need no arithmetic.
 bool take_alike(std::string_view& truth, std::string_view& output) {
     const std::size_t common_most = std::min(truth.size(), output.size());
@@ -103,15 +103,15 @@ bool take_alike(std::string_view& truth, std::string_view& output) {
         decimals = truth[common] == '.' || (decimals && is_digit(truth[common]));
         ++common;
     }
-    const auto zeros_behind = [&](std::string_view text) {
+    const auto zeros_after = [&](std::string_view text) {
         std::size_t place = common;
         while (place != text.size() && text[place] == '0') {
             ++place;
         }
         return place;
     };
-    const std::size_t truth_end = decimals ? zeros_behind(truth) : common;
-    const std::size_t output_end = decimals ? zeros_behind(output) : common;
+    const std::size_t truth_end = decimals ? zeros_after(truth) : common;
+    const std::size_t output_end = decimals ? zeros_after(output) : common;
     if ((truth_end != truth.size() && continues_number(truth[truth_end])) ||
         (output_end != output.size() && continues_number(output[output_end]))) {
         return false;
