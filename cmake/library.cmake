@@ -9,8 +9,8 @@ set(wire_headers
   wire/admin_messages.h wire/codes.h wire/field_table.h wire/layout.h wire/message_decoder.h
   wire/message_json.h wire/message_writer.h wire/quote_messages.h wire/trade_messages.h)
 set(receiver_headers
-  base/clock.h mold/history_search.h mold/packet.h mold/restart_detector.h mold/sequencer.h soup/soup_packet.h
-  receiver/market_state.h receiver/snapshot_client.h receiver/sockets.h receiver/truth_line.h)
+  base/clock.h mold/history_search.h mold/line_arbiter.h mold/packet.h mold/restart_detector.h mold/sequencer.h
+  soup/soup_packet.h receiver/market_state.h receiver/snapshot_client.h receiver/sockets.h receiver/truth_line.h)
 
 # In the installed headers every include of ours names the library: <tessel/wire/layout.h>.
 set(public_headers ${CMAKE_BINARY_DIR}/include/tessel)
@@ -26,6 +26,7 @@ file(GLOB wire_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/wire/*.cpp)
 file(GLOB receiver_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/receiver/*.cpp
      ${PROJECT_SOURCE_DIR}/src/soup/*.cpp)
 list(APPEND receiver_sources src/mold/sequencer.cpp src/mold/gap_requests.cpp src/mold/history_search.cpp
+     src/mold/line_arbiter.cpp
      src/mold/restart_detector.cpp src/base/clock.cpp)
 
 # tessel_installed_library(name sources...): libtessel-NAME.a, exported as tessel::NAME.

@@ -30,8 +30,23 @@ std::uint64_t outstanding_messages(const Sequencer& sequencer) {
     return sum;
 }
 
+// Whether the gap is one on every line.
+bool is_confirmed(const Sequencer& sequencer, const Gap& gap) {
+    return gap.first < sequencer.confirmed_below;
+}
+
 bool buffer_is_full(const Sequencer& sequencer) {
     return sequencer.waiting_bytes >= sequencer.settings.buffer_bytes_max;
+}
+
+// Cuts the gap at `index` in two when it goes past `end`, which is above its first number.
+void split_gap(Sequencer& sequencer, std::size_t index, std::uint64_t end) {
+    if (sequencer.gaps[index].end > end) {
+        Gap rest = sequencer.gaps[index];
+        rest.first = end;
+        sequencer.gaps[index].end = end;
+        sequencer.gaps.insert(sequencer.gaps.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest);
+    }
 }
 
 // Cuts the gap at `index` so that its first part is one request; returns false when no more may be requested
@@ -41,14 +56,34 @@ bool fit_request(Sequencer& sequencer, std::size_t index, std::uint64_t room) {
     if (most == 0) {
         return false;
     }
-    Gap& gap = sequencer.gaps[index];
+    const Gap& gap = sequencer.gaps[index];
     if (gap.end - gap.first > most) {
-        Gap rest = gap;
-        rest.first = gap.first + most;
-        gap.end = rest.first;
-        sequencer.gaps.insert(sequencer.gaps.begin() + static_cast<std::ptrdiff_t>(index) + 1, rest);
+        split_gap(sequencer, index, gap.first + most);
     }
     return true;
+}
+
+// Numbers that every line has passed are missing now, and so is everything when no packet can be kept any
+// more. The wait before the first request begins here.
+void confirm_gaps(Sequencer& sequencer, std::int64_t now_ms) {
+    const std::uint64_t end =
+        buffer_is_full(sequencer)
+            ? sequencer.highest
+            : passed_by_all(sequencer.arbiter, sequencer.highest, now_ms, sequencer.settings.patience_ms);
+    if (end <= sequencer.confirmed_below) {
+        return;
+    }
+    for (std::size_t at = 0; at < sequencer.gaps.size() && sequencer.gaps[at].first < end; ++at) {
+        if (sequencer.gaps[at].first < sequencer.confirmed_below) {
+            continue;
+        }
+        split_gap(sequencer, at, end);
+        Gap& gap = sequencer.gaps[at];
+        gap.found_ms = now_ms;
+        ++sequencer.counters.gaps;
+        sequencer.counters.missed += gap.end - gap.first;
+    }
+    sequencer.confirmed_below = end;
 }
 
 void send_probes(Sequencer& sequencer) {
@@ -61,12 +96,7 @@ void send_probes(Sequencer& sequencer) {
 std::uint64_t abandon_below(Sequencer& sequencer, std::uint64_t end) {
     std::uint64_t count = 0;
     for (std::size_t at = 0; at < sequencer.gaps.size() && sequencer.gaps[at].first < end; ++at) {
-        if (sequencer.gaps[at].end > end) {
-            Gap rest = sequencer.gaps[at];
-            rest.first = end;
-            sequencer.gaps[at].end = end;
-            sequencer.gaps.insert(sequencer.gaps.begin() + static_cast<std::ptrdiff_t>(at) + 1, rest);
-        }
+        split_gap(sequencer, at, end);
         sequencer.gaps[at].abandoned = true;
         count += sequencer.gaps[at].end - sequencer.gaps[at].first;
     }
@@ -109,7 +139,8 @@ void continue_search(Sequencer& sequencer, std::int64_t now_ms) {
 bool search_instead(Sequencer& sequencer, std::int64_t now_ms) {
     const std::deque<Gap>& gaps = sequencer.gaps;
     std::uint64_t end = gaps.front().end;
-    for (std::size_t at = 1; at < gaps.size() && gaps[at].first == end; ++at) {
+    for (std::size_t at = 1; at < gaps.size() && gaps[at].first == end && is_confirmed(sequencer, gaps[at]);
+         ++at) {
         end = gaps[at].end;
     }
     const std::uint64_t first = gaps.front().first;
@@ -138,12 +169,16 @@ void on_timer(Sequencer& sequencer, std::int64_t now_ms) {
         return;  // what is missing may be of another run
     }
     sequencer.check_number = 0;
+    confirm_gaps(sequencer, now_ms);
     if (sequencer.search.active) {
         continue_search(sequencer, now_ms);
     }
     std::uint64_t outstanding = sequencer.settings.can_request ? outstanding_messages(sequencer) : 0;
     for (std::size_t i = 0; i < sequencer.gaps.size(); ++i) {
         Gap& gap = sequencer.gaps[i];
+        if (!is_confirmed(sequencer, gap)) {
+            break;
+        }
         if (gap.abandoned || is_searched(sequencer, gap) || due_ms(sequencer, gap) > now_ms) {
             continue;
         }
@@ -187,6 +222,10 @@ std::int64_t next_timer_ms(const Sequencer& sequencer, std::int64_t now_ms) {
     }
     for (const Gap& gap : sequencer.gaps) {
         // What has not been requested because too much is outstanding waits for replies or their time-out.
+        if (!is_confirmed(sequencer, gap)) {
+            least = std::min(least, next_stall_ms(sequencer.arbiter, now_ms, sequencer.settings.patience_ms));
+            break;
+        }
         const bool held_up = sequencer.settings.can_request && gap.requests_sent == 0 &&
                              outstanding >= sequencer.settings.outstanding_messages_max;
         if (!gap.abandoned && !held_up && !is_searched(sequencer, gap)) {

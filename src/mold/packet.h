@@ -5,6 +5,9 @@
 
 namespace tessel {
 
+constexpr std::size_t mold_header_bytes = 20;  // session 10, sequence 8, message count 2
+constexpr std::size_t mold_session_bytes = 10;
+constexpr std::uint16_t mold_end_of_session_count = 0xffff;
 constexpr std::size_t block_prefix_bytes = 2;  // the big-endian length before each message
 
 // The width low bytes of value, most significant first; width is at most 8.

@@ -3,6 +3,7 @@
 #include "base/clock.h"
 #include "mold/fault_injector.h"
 #include "mold/message_history.h"
+#include "mold/packet.h"
 
 #include <array>
 #include <cstddef>
@@ -12,8 +13,6 @@
 
 namespace tessel {
 
-constexpr std::size_t mold_header_bytes = 20;  // session 10, sequence 8, message count 2
-constexpr std::size_t mold_session_bytes = 10;
 constexpr std::size_t packet_bytes_max = 1500;  // header included
 constexpr std::uint16_t packet_messages_max = 65534;
 constexpr std::size_t history_messages_max = 400'000;

@@ -6,12 +6,6 @@
 
 namespace tessel::receiver {
 
-namespace {
-
-constexpr std::size_t header_bytes = 20;
-
-}  // namespace
-
 void reset_detector(RestartDetector& detector, std::uint64_t origin) {
     detector = RestartDetector{};
     detector.fingerprints.assign(remembered_messages, 0);
@@ -27,7 +21,7 @@ void forget_messages(RestartDetector& detector, std::uint64_t first, std::uint64
 PacketMemory compare_packet(const RestartDetector& detector, const unsigned char* packet, std::uint64_t first,
                             std::uint64_t end, std::uint64_t next) {
     PacketMemory memory = PacketMemory::unknown;
-    const unsigned char* block = packet + header_bytes;
+    const unsigned char* block = packet + mold_header_bytes;
     for (std::uint64_t sequence = first; sequence < std::min(end, next); ++sequence) {
         const std::size_t length = read_big_endian(block, block_prefix_bytes);
         const unsigned char* message = block + block_prefix_bytes;
@@ -44,12 +38,12 @@ PacketMemory compare_packet(const RestartDetector& detector, const unsigned char
     return memory;
 }
 
-std::uint64_t find_restart(RestartDetector& detector, const unsigned char* packet, std::uint64_t first,
-                           std::uint64_t end, std::uint64_t next) {
-    const std::uint64_t suspect_first = detector.suspect_first;
-    const std::uint64_t suspect_end = detector.suspect_end;
-    detector.suspect_end = 0;
-    if (!detector.reached) {
+std::uint64_t find_restart(const RestartDetector& detector, RestartSigns& signs, const unsigned char* packet,
+                           std::uint64_t first, std::uint64_t end, std::uint64_t next) {
+    const std::uint64_t suspect_first = signs.suspect_first;
+    const std::uint64_t suspect_end = signs.suspect_end;
+    signs.suspect_end = 0;
+    if (!signs.reached) {
         return 0;
     }
     switch (compare_packet(detector, packet, first, end, next)) {
@@ -63,14 +57,14 @@ std::uint64_t find_restart(RestartDetector& detector, const unsigned char* packe
     if (first == 1 && next - first > restart_distance_min) {
         return first;
     }
-    detector.suspect_first = first;
-    detector.suspect_end = end;
+    signs.suspect_first = first;
+    signs.suspect_end = end;
     return 0;
 }
 
-bool heartbeat_proves_restart(RestartDetector& detector) {
-    const bool second = detector.heartbeat_fell;
-    detector.heartbeat_fell = true;
+bool heartbeat_proves_restart(RestartSigns& signs) {
+    const bool second = signs.heartbeat_fell;
+    signs.heartbeat_fell = true;
     return second;
 }
 

@@ -21,8 +21,12 @@ constexpr std::uint64_t restart_distance_min = 1024;
 struct RestartDetector {
     std::vector<std::uint32_t> fingerprints;  // by number modulo remembered_messages; 0: not received
     std::uint64_t origin = 0;                 // the number that reception began with
-    // The stream was heard at or above `origin`. Before that, packets below it only show that reception began
-    // ahead of the stream, as after a Snap-Shot.
+};
+
+// What one line has shown so far.
+struct RestartSigns {
+    // The line was received at or above `origin`. Before that, packets below it only show that reception
+    // began ahead of the stream, as after a Snap-Shot.
     bool reached = false;
     std::uint64_t suspect_first = 0;  // the last packet of unknown numbers below the next one, [first, end);
     std::uint64_t suspect_end = 0;    // 0: none
@@ -64,14 +68,14 @@ enum class PacketMemory : std::uint8_t {
 PacketMemory compare_packet(const RestartDetector& detector, const unsigned char* packet, std::uint64_t first,
                             std::uint64_t end, std::uint64_t next);
 
-// A multicast packet with messages that begins below `next`: the first number received of the new run that it
-// proves, 0 when it proves none. A single packet of unknown numbers may be one that was late before reception
-// began; two in succession, or number 1 far below, are not.
-std::uint64_t find_restart(RestartDetector& detector, const unsigned char* packet, std::uint64_t first,
-                           std::uint64_t end, std::uint64_t next);
+// A multicast packet with messages that begins below `next`, on the line whose signs these are: the first
+// number received of the new run that it proves, 0 when it proves none. A single packet of unknown numbers
+// may be one that was late before reception began; two in succession, or number 1 far below, are not.
+std::uint64_t find_restart(const RestartDetector& detector, RestartSigns& signs, const unsigned char* packet,
+                           std::uint64_t first, std::uint64_t end, std::uint64_t next);
 
 // A multicast heartbeat whose number is below `highest`, one past the highest number known to exist: true at
 // the second one in succession.
-bool heartbeat_proves_restart(RestartDetector& detector);
+bool heartbeat_proves_restart(RestartSigns& signs);
 
 }  // namespace tessel::receiver

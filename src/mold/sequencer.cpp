@@ -4,11 +4,14 @@
 #include "mold/packet.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 namespace tessel::receiver {
 
 namespace {
+
+constexpr std::int64_t nanoseconds_a_millisecond = 1'000'000;
 
 // What a packet's header says, once its blocks are known to fit.
 struct PacketRange {
@@ -112,8 +115,10 @@ void add_gap(Sequencer& sequencer, std::uint64_t first, std::uint64_t end, std::
     gap.end = end;
     gap.found_ms = now_ms;
     sequencer.gaps.push_back(gap);
-    ++sequencer.counters.gaps;
-    sequencer.counters.missed += end - first;
+    if (first < sequencer.confirmed_below) {
+        ++sequencer.counters.gaps;
+        sequencer.counters.missed += end - first;
+    }
 }
 
 // Whether the packet is one of ours and whole; counts it.
@@ -141,26 +146,27 @@ void learn_of(Sequencer& sequencer, std::uint64_t end, std::int64_t now_ms) {
 
 // Keeps a packet that is behind a gap.
 void keep_waiting(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
-                  std::size_t length) {
+                  std::size_t length, const PacketArrival& arrival) {
     // Of two packets with one first number the one with more messages holds the other's too.
-    std::vector<unsigned char>& kept = sequencer.waiting[range.first];
-    if (kept.empty() || read_big_endian(kept.data() + 18, 2) < range.end - range.first) {
-        sequencer.waiting_bytes -= kept.size();
+    WaitingPacket& kept = sequencer.waiting[range.first];
+    if (kept.bytes.empty() || read_big_endian(kept.bytes.data() + 18, 2) < range.end - range.first) {
+        sequencer.waiting_bytes -= kept.bytes.size();
         sequencer.waiting_bytes += length;
-        kept.assign(bytes, bytes + length);
+        kept.bytes.assign(bytes, bytes + length);
+        kept.arrival = arrival;
     }
 }
 
 // The old run ends with what is there of it. The new one is fetched from its first message when it can be.
-void begin_new_run(Sequencer& sequencer, std::uint64_t first) {
+void begin_new_run(Sequencer& sequencer, std::uint64_t first, std::int64_t now_ms) {
     abandon_gaps(sequencer);
     ++sequencer.counters.restarts;
+    end_run(sequencer.arbiter, sequencer.highest, now_ms + sequencer.settings.silence_ms);
     if (sequencer.sinks.restarted) {
         sequencer.sinks.restarted(first);
     }
     const bool from_start = sequencer.settings.can_request || sequencer.settings.first_sequence == 1;
     start_at(sequencer, from_start ? 1 : first);
-    sequencer.detector.reached = true;
 }
 
 // The first packet after a silence: requests the last message again, to see whether it is still the same.
@@ -177,7 +183,8 @@ void check_after_silence(Sequencer& sequencer, std::int64_t now_ms) {
 
 // The reply to that request. What waits after a gap came after the silence, so it is of the new run already
 // and is requested again with it.
-void check_reply(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes) {
+void check_reply(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
+                 std::int64_t now_ms) {
     const std::uint64_t number = sequencer.check_number;
     if (number == 0 || number < range.first || number >= range.end) {
         return;
@@ -188,34 +195,66 @@ void check_reply(Sequencer& sequencer, const PacketRange& range, const unsigned 
         sequencer.gaps.clear();
         sequencer.waiting.clear();
         sequencer.waiting_bytes = 0;
-        begin_new_run(sequencer, 1);
+        begin_new_run(sequencer, 1, now_ms);
+        for (Line& line : sequencer.arbiter.lines) {
+            line.old_passed = 0;  // no line brought anything in the silence
+            line.signs.reached = true;
+        }
     }
 }
 
-// Looks for signs of a new run in a multicast packet, and begins it.
-void detect_restart(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
+void begin_new_run_on(Sequencer& sequencer, Line& line, std::uint64_t first, std::int64_t now_ms) {
+    begin_new_run(sequencer, first, now_ms);
+    line.old_passed = 0;
+    line.signs.reached = true;
+}
+
+// Looks for signs of a new run in a multicast packet, and begins it. What goes on from where its line was is
+// none, however far another line is ahead.
+void detect_restart(Sequencer& sequencer, Line& line, const PacketRange& range, const unsigned char* bytes,
                     std::int64_t now_ms) {
     check_after_silence(sequencer, now_ms);
-    RestartDetector& detector = sequencer.detector;
+    const bool several = sequencer.arbiter.lines.size() > 1;
     if (range.first == range.end) {
-        if (!detector.reached || range.first >= sequencer.highest) {
-            detector.heartbeat_fell = false;
+        if (!line.signs.reached || range.first >= (several ? line.passed : sequencer.highest)) {
+            line.signs.heartbeat_fell = false;
         } else {
             ++sequencer.counters.sequence_resets;
-            if (heartbeat_proves_restart(detector)) {
-                begin_new_run(sequencer, range.first);
+            if (heartbeat_proves_restart(line.signs)) {
+                begin_new_run_on(sequencer, line, range.first, now_ms);
             }
         }
-    } else if (range.first < sequencer.next) {
-        const std::uint64_t first = find_restart(detector, bytes, range.first, range.end, sequencer.next);
+    } else if (range.first < sequencer.next && (!several || range.first < line.passed)) {
+        const std::uint64_t first =
+            find_restart(sequencer.detector, line.signs, bytes, range.first, range.end, sequencer.next);
         if (first != 0) {
-            begin_new_run(sequencer, first);
+            begin_new_run_on(sequencer, line, first, now_ms);
         }
     } else {
-        detector.suspect_end = 0;
-        detector.heartbeat_fell = false;
+        line.signs.suspect_end = 0;
+        line.signs.heartbeat_fell = false;
     }
-    detector.reached = detector.reached || range.end >= sequencer.next;
+    line.signs.reached = line.signs.reached || range.end >= (several ? line.passed : sequencer.next);
+}
+
+// After a restart: whether the packet of a slower line is still of the run before. Those go on where the line
+// was, or were overtaken there: they are above what is known of the new run, or hold other bytes.
+bool is_of_old_run(const Sequencer& sequencer, Line& line, const PacketRange& range,
+                   const unsigned char* bytes, std::int64_t now_ms) {
+    if (line.old_passed == 0 || now_ms >= line.old_end_ms) {
+        line.old_passed = 0;
+        return false;
+    }
+    if (range.first >= line.old_passed) {
+        line.old_passed = range.end;
+        return true;
+    }
+    if (range.first > sequencer.highest || compare_packet(sequencer.detector, bytes, range.first, range.end,
+                                                          sequencer.next) == PacketMemory::different) {
+        return true;
+    }
+    line.old_passed = 0;
+    return false;
 }
 
 }  // namespace
@@ -227,8 +266,9 @@ void drain(Sequencer& sequencer) {
             drop_front_gaps(sequencer);
         } else if (!sequencer.waiting.empty() && sequencer.waiting.begin()->first <= sequencer.next) {
             const auto packet = sequencer.waiting.begin();
-            deliver(sequencer, packet->second.data());
-            sequencer.waiting_bytes -= packet->second.size();
+            sequencer.delivering = packet->second.arrival;
+            deliver(sequencer, packet->second.bytes.data());
+            sequencer.waiting_bytes -= packet->second.bytes.size();
             sequencer.waiting.erase(packet);
         } else {
             return;
@@ -261,6 +301,7 @@ Sequencer make_sequencer(SequencerSettings settings, SequencerSinks sinks) {
     sequencer.settings.outstanding_messages_max =
         std::max<std::uint64_t>(sequencer.settings.outstanding_messages_max, 1);
     sequencer.sinks = std::move(sinks);
+    sequencer.arbiter = make_arbiter(sequencer.settings.lines);
     if (sequencer.settings.first_sequence != 0) {
         start_at(sequencer, sequencer.settings.first_sequence);
     }
@@ -277,27 +318,20 @@ void start_at(Sequencer& sequencer, std::uint64_t sequence) {
     sequencer.search.active = false;
     sequencer.check_number = 0;
     reset_detector(sequencer.detector, sequence);
+    begin_run(sequencer.arbiter, sequence);
+    sequencer.confirmed_below = sequencer.arbiter.lines.size() > 1 ? sequence : UINT64_MAX;
 }
 
-void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length, std::int64_t now_ms,
-               PacketSource source) {
-    PacketRange range;
-    if (!accept_packet(sequencer, range, bytes, length)) {
-        return;
-    }
-    if (!sequencer.started) {
-        start_at(sequencer, range.first);
-    }
-    sequencer.counters.heartbeats += range.first == range.end ? 1 : 0;
-    if (source == PacketSource::multicast) {
-        detect_restart(sequencer, range, bytes, now_ms);
-    } else {
-        note_reply(sequencer.search, range.first, range.end, now_ms);
-        check_reply(sequencer, range, bytes);
-    }
+namespace {
+
+// Delivers or keeps what the packet brings. `was_new_on_line`: it has a message that no packet of its line
+// had before.
+void take_messages(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
+                   std::size_t length, const PacketArrival& arrival, bool was_new_on_line) {
+    const std::int64_t now_ms = arrival.now_ms;
     learn_of(sequencer, range.first, now_ms);
     if (range.first == range.end || range.end <= sequencer.next) {
-        sequencer.counters.duplicate_packets += range.first == range.end ? 0 : 1;
+        sequencer.counters.duplicate_packets += range.first == range.end || was_new_on_line ? 0 : 1;
         return;
     }
     const bool in_order = range.first <= sequencer.next;
@@ -309,21 +343,60 @@ void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t len
     }
     const std::uint64_t filled = close_gaps(sequencer, range.first, range.end, now_ms);
     if (filled == 0 && range.end <= sequencer.highest) {
-        ++sequencer.counters.duplicate_packets;
+        sequencer.counters.duplicate_packets += was_new_on_line ? 0 : 1;
         return;
     }
     sequencer.highest = std::max(sequencer.highest, range.end);
-    if (source == PacketSource::retransmission) {
+    if (arrival.source == PacketSource::retransmission) {
         sequencer.counters.recovered += filled;
-    } else if (filled != 0) {
+    } else if (filled != 0 && (sequencer.arbiter.lines.size() == 1 ||
+                               range.first < sequencer.arbiter.lines[arrival.line].passed)) {
         ++sequencer.counters.reordered_packets;
     }
     if (in_order) {
+        sequencer.delivering = arrival;
         deliver(sequencer, bytes);
     } else {
-        keep_waiting(sequencer, range, bytes, length);
+        keep_waiting(sequencer, range, bytes, length, arrival);
     }
     drain(sequencer);
+}
+
+}  // namespace
+
+void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length,
+               const PacketArrival& arrival) {
+    PacketRange range;
+    if (!accept_packet(sequencer, range, bytes, length)) {
+        return;
+    }
+    if (!sequencer.started) {
+        start_at(sequencer, range.first);
+    }
+    sequencer.counters.heartbeats += range.first == range.end ? 1 : 0;
+    if (arrival.source == PacketSource::retransmission) {
+        note_reply(sequencer.search, range.first, range.end, arrival.now_ms);
+        check_reply(sequencer, range, bytes, arrival.now_ms);
+        take_messages(sequencer, range, bytes, length, arrival, false);
+        return;
+    }
+    LineArbiter& arbiter = sequencer.arbiter;
+    assert(arrival.line < arbiter.lines.size());
+    Line& line = arbiter.lines[arrival.line];
+    if (is_of_old_run(sequencer, line, range, bytes, arrival.now_ms)) {
+        ++sequencer.counters.old_run;
+        return;
+    }
+    detect_restart(sequencer, line, range, bytes, arrival.now_ms);
+    const bool several = arbiter.lines.size() > 1;
+    const std::int64_t stamp_ns =
+        arrival.stamp_ns != 0 ? arrival.stamp_ns : arrival.now_ms * nanoseconds_a_millisecond;
+    const bool was_new_on_line =
+        several && note_copies(arbiter, arrival.line, range.first, range.end, stamp_ns);
+    take_messages(sequencer, range, bytes, length, arrival, was_new_on_line);
+    if (several) {
+        note_progress(arbiter, line, range.end, sequencer.highest, arrival.now_ms);
+    }
 }
 
 void abandon_gaps(Sequencer& sequencer) {
@@ -331,6 +404,14 @@ void abandon_gaps(Sequencer& sequencer) {
         gap.abandoned = true;
     }
     drain(sequencer);
+}
+
+std::uint64_t missing_on_line(const Sequencer& sequencer, std::size_t line) {
+    const LineArbiter& arbiter = sequencer.arbiter;
+    const LineCounters& counters = arbiter.lines[line].counters;
+    const std::uint64_t known = arbiter.numbers_before + (sequencer.highest - arbiter.origin);
+    const std::uint64_t brought = counters.first + counters.second;
+    return known > brought ? known - brought : 0;
 }
 
 bool nothing_missing(const Sequencer& sequencer) {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "mold/history_search.h"
+#include "mold/line_arbiter.h"
+#include "mold/packet.h"
 #include "mold/restart_detector.h"
 
 #include <cstddef>
@@ -14,21 +16,22 @@
 // Puts the messages of MoldUDP64 packets in order: packets come in any order, twice or not at all; messages
 // are delivered in sequence, each once. What is missing is requested, and abandoned when that does not help.
 // A publisher that was started again under the same session begins a new run, numbered from 1.
+// Several lines may carry the same numbers: the first copy of each is delivered, and a number is missing when
+// no line has brought it, see line_arbiter.h.
 //
 // Pure: no socket and no clock. Packets and the time in steady milliseconds come in as arguments; messages,
 // losses and requests to be sent go out through the functions of SequencerSinks.
 namespace tessel::receiver {
 
-constexpr std::size_t mold_header_bytes = 20;
-constexpr std::size_t mold_session_bytes = 10;
-constexpr std::uint16_t mold_end_of_session_count = 0xffff;
-
 struct SequencerSettings {
     std::string session = "UTPBENCH01";  // padded with blanks or cut to ten characters; others are ignored
     std::uint64_t first_sequence = 0;    // the number to begin with; 0: the first one received
     bool can_request = false;            // whether requests may be made
-    unsigned retries = 5;                // further requests for what a request did not bring
-    std::int64_t timeout_ms = 250;       // how long a request may go without any reply
+    std::size_t lines = 1;               // that carry the same messages, 1 to lines_max
+    // Of several lines: how long one that brings nothing new keeps others' gaps open.
+    std::int64_t patience_ms = 100;
+    unsigned retries = 5;           // further requests for what a request did not bring
+    std::int64_t timeout_ms = 250;  // how long a request may go without any reply
     // How long a gap is left to close by itself: a packet that was only late is there in well under this.
     // Without requests the gap is abandoned after `abandon_ms`.
     std::int64_t settle_ms = 5;
@@ -61,9 +64,9 @@ struct SequencerCounters {
     std::uint64_t malformed = 0;  // packets whose blocks do not fit their length
     std::uint64_t other_session = 0;
     std::uint64_t delivered = 0;          // messages delivered
-    std::uint64_t duplicate_packets = 0;  // packets that brought nothing new
+    std::uint64_t duplicate_packets = 0;  // packets that brought nothing new, not even on their own line
     std::uint64_t reordered_packets = 0;  // multicast packets that came after a later one and closed a gap
-    std::uint64_t gaps = 0;               // times that numbers were found missing
+    std::uint64_t gaps = 0;               // times that numbers were found missing on every line
     std::uint64_t missed = 0;             // messages found missing
     std::uint64_t recovered = 0;          // messages brought by replies to requests
     std::uint64_t lost = 0;               // messages abandoned
@@ -72,9 +75,23 @@ struct SequencerCounters {
     std::uint64_t buffer_full = 0;      // packets dropped because too much is waiting already
     std::uint64_t sequence_resets = 0;  // heartbeats below a number received: the feed was started again
     std::uint64_t restarts = 0;         // new runs begun
+    std::uint64_t old_run = 0;  // packets of the run before that a slower line brought after a restart
 };
 
 enum class PacketSource : std::uint8_t { multicast, retransmission };
+
+// How a packet came.
+struct PacketArrival {
+    std::int64_t now_ms = 0;
+    PacketSource source = PacketSource::multicast;
+    std::size_t line = 0;       // below SequencerSettings::lines; of no meaning for replies
+    std::int64_t stamp_ns = 0;  // when it arrived, on a clock that all lines share; 0: at now_ms
+};
+
+struct WaitingPacket {
+    std::vector<unsigned char> bytes;
+    PacketArrival arrival;
+};
 
 // A run of missing numbers [first, end).
 struct Gap {
@@ -94,8 +111,12 @@ struct Sequencer {
     std::uint64_t next = 0;     // the number that is to be delivered next
     std::uint64_t highest = 0;  // one past the highest number known to exist
     std::deque<Gap> gaps;       // in order, apart from each other; what is missing below `highest`
-    std::map<std::uint64_t, std::vector<unsigned char>> waiting;  // packets after a gap, by first number
+    std::map<std::uint64_t, WaitingPacket> waiting;  // packets after a gap, by first number
     std::size_t waiting_bytes = 0;
+    LineArbiter arbiter;
+    // What is missing from this number on may still come on another line.
+    std::uint64_t confirmed_below = UINT64_MAX;
+    PacketArrival delivering;  // how the packet came whose message is being delivered
     RestartDetector detector;
     HistorySearch search;
     std::int64_t last_multicast_ms = -1;  // of our session; -1: none yet
@@ -110,8 +131,14 @@ Sequencer make_sequencer(SequencerSettings settings, SequencerSinks sinks);
 void start_at(Sequencer& sequencer, std::uint64_t sequence);
 
 // Processes a packet. Bytes that are no packet of our session only count.
-void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length, std::int64_t now_ms,
-               PacketSource source);
+void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length,
+               const PacketArrival& arrival);
+
+// The same for the only line.
+inline void on_packet(Sequencer& sequencer, const unsigned char* bytes, std::size_t length,
+                      std::int64_t now_ms, PacketSource source) {
+    on_packet(sequencer, bytes, length, PacketArrival{now_ms, source});
+}
 
 // Sends the requests that are due and abandons what is overdue. Called whenever time may have passed.
 void on_timer(Sequencer& sequencer, std::int64_t now_ms);
@@ -124,6 +151,9 @@ void abandon_gaps(Sequencer& sequencer);
 
 // True when every number known to exist was delivered or abandoned.
 bool nothing_missing(const Sequencer& sequencer);
+
+// Numbers of all runs so far that the line has not brought.
+std::uint64_t missing_on_line(const Sequencer& sequencer, std::size_t line);
 
 // The session text as the ten bytes of a packet's header.
 std::string padded_session(const std::string& session);

@@ -129,7 +129,7 @@ void follow_packets(Simulation& sim) {
     std::vector<Bytes>& packets = sim.market.packets;
     for (; sim.packets_seen < packets.size(); ++sim.packets_seen) {
         Bytes& packet = packets[sim.packets_seen];
-        const bool is_heartbeat = packet.size() == receiver::mold_header_bytes;
+        const bool is_heartbeat = packet.size() == mold_header_bytes;
         if (is_heartbeat && plants(sim, "heartbeat")) {
             packet[17] ^= 1;
         }

@@ -25,12 +25,18 @@ std::string texts(std::uint64_t first, std::uint64_t end, const std::string& run
 RestartDetector detector_of(std::uint64_t origin, std::uint64_t next) {
     RestartDetector detector;
     reset_detector(detector, origin);
-    detector.reached = true;
     for (std::uint64_t i = origin; i < next; ++i) {
         const std::string text = std::to_string(i);
         remember_message(detector, i, raw(text), text.size());
     }
     return detector;
+}
+
+// Of a line that was received where reception began.
+RestartSigns signs_reached() {
+    RestartSigns signs;
+    signs.reached = true;
+    return signs;
 }
 
 TEST(RestartDetector, Fingerprint_DependsOnTheFirst16BytesAndTheLength) {
@@ -67,25 +73,28 @@ TEST(RestartDetector, NumbersThatWereNeverReceivedOrAreTooOld_AreUnknown) {
 TEST(RestartDetector, LostNumbers_AreNotCompared) {
     RestartDetector detector = detector_of(1, 100);
     forget_messages(detector, 50, 10);
+    RestartSigns signs = signs_reached();
     const std::string other = texts(50, 60, "new");
     EXPECT_EQ(compare_packet(detector, raw(other), 50, 60, 100), PacketMemory::same);
-    EXPECT_EQ(find_restart(detector, raw(other), 50, 60, 100), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(other), 50, 60, 100), 0u);
 }
 
 TEST(RestartDetector, SuspectsThatDoNotFollowEachOther_ProveNothing) {
-    RestartDetector detector = detector_of(1000, 1100);
+    const RestartDetector detector = detector_of(1000, 1100);
+    RestartSigns signs = signs_reached();
     const std::string first = texts(500, 510);
     const std::string apart = texts(700, 710);
-    EXPECT_EQ(find_restart(detector, raw(first), 500, 510, 1100), 0u);
-    EXPECT_EQ(find_restart(detector, raw(apart), 700, 710, 1100), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(first), 500, 510, 1100), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(apart), 700, 710, 1100), 0u);
     const std::string following = texts(710, 720);
-    EXPECT_EQ(find_restart(detector, raw(following), 710, 720, 1100), 700u);
+    EXPECT_EQ(find_restart(detector, signs, raw(following), 710, 720, 1100), 700u);
 }
 
 TEST(RestartDetector, NumberOneNearby_IsNoProofByItself) {
-    RestartDetector detector = detector_of(21, 40);
+    const RestartDetector detector = detector_of(21, 40);
+    RestartSigns signs = signs_reached();
     const std::string start = texts(1, 21);
-    EXPECT_EQ(find_restart(detector, raw(start), 1, 21, 40), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(start), 1, 21, 40), 0u);
 }
 
 }  // namespace
