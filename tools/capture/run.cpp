@@ -299,7 +299,7 @@ void finish_exchanges(Capture& capture) {
     }
     const std::uint64_t limit_ns = capture.now_ns + tail_ns_max;
     while (capture.now_ns < limit_ns &&
-           (any_open_join(capture) || next_repair_ms(capture.repair) != INT64_MAX)) {
+           (any_open_join(capture) || !nothing_missing(capture.repair.sequencer))) {
         set_time(capture, capture.now_ns + overdue_wait_ns);
         service_snapshots(capture.feed.snapshot, capture.feed.engine,
                           static_cast<std::int64_t>(capture.feed.clock.simulated_steady_ms));

@@ -213,7 +213,7 @@ ExitStatus finish_listener(Listener& listener) {
     }
     const bool complete = listener.lost == 0 && listener.undecoded == 0 && listener.restarts == 0 &&
                           counters.sequence_resets == 0 && listener.output.error.empty() &&
-                          !listener.snapshot_failed;
+                          !listener.snapshot_failed && !listener.capture_damaged;
     report(complete ? "nothing missing" : "incomplete");
     return complete ? ExitStatus::nothing_missing : ExitStatus::something_missing;
 }

@@ -42,6 +42,7 @@ struct Listener {
     std::uint64_t kernel_drops = 0;
     int socket_buffer_bytes = 0;
     bool snapshot_failed = false;  // requested and not received
+    bool capture_damaged = false;  // a part of the capture could not be read
 
     // May be empty. Called when a new run has begun.
     std::function<void()> after_restart;

@@ -123,7 +123,8 @@ void declare_run(CLI::App& app, Options& options) {
         ->check(checked(check_whole));
     app.add_option("--seconds", options.seconds, "End after this many seconds, 0 for no limit")
         ->check(checked(check_seconds));
-    app.add_option("--from-pcap", options.from_pcap, "Read a capture (classic pcap) instead of the network")
+    app.add_option("--from-pcap", options.from_pcap,
+                   "Read a capture instead of the network: pcap or pcapng, also .zst; - for standard input")
         ->check(checked(check_text));
     app.footer("Ends with 0 when nothing is missing, 1 when something is, 2 for a bad command line.");
 }

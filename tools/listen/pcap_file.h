@@ -1,22 +1,16 @@
 #pragma once
 
+#include "listen/tcp_streams.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 
-// Reads a capture file in the classic pcap format and hands out what IPv4 packets in it carry.
+// Reads a capture file and hands out what IPv4 packets in it carry. The only place of tessel-listen that uses
+// libpcap.
 namespace tessel::listen {
-
-// Where a datagram or a piece of a TCP stream came from and went to. Addresses and ports in host order.
-struct PcapFlow {
-    std::uint32_t source = 0;
-    std::uint32_t destination = 0;
-    std::uint16_t source_port = 0;
-    std::uint16_t destination_port = 0;
-
-    auto operator<=>(const PcapFlow&) const = default;
-};
 
 struct PcapSinks {
     // A whole UDP datagram; `time_ns` is the capture's time.
@@ -24,17 +18,31 @@ struct PcapSinks {
     // The next bytes of one direction of a TCP connection whose beginning is in the capture: in order, each
     // once.
     std::function<void(const PcapFlow&, std::int64_t time_ns, const unsigned char*, std::size_t)> stream;
+    // Which directions `stream` is wanted for; others cost no memory.
+    std::function<bool(const PcapFlow&)> wants_stream;
 };
 
 struct PcapCounters {
-    std::uint64_t records = 0;
-    std::uint64_t cut_short = 0;  // captured with less than their length: left out
-    std::uint64_t other = 0;      // not IPv4 UDP or TCP, or fragments
+    std::uint64_t packets = 0;
+    std::uint64_t cut = 0;         // captured with less than their length: left out
+    std::uint64_t incomplete = 0;  // whose fragments never completed
+    std::uint64_t other = 0;       // not IPv4 with UDP or TCP
 };
 
-// Reads the whole file. False with the reason in `error` when it cannot be opened, is no classic pcap file,
-// has a link type other than Ethernet, loopback, raw IP or Linux cooked, or ends inside a record; what was
-// read until then has been handed out.
-bool read_pcap(const std::string& path, const PcapSinks& sinks, PcapCounters& counters, std::string* error);
+enum class PcapResult : std::uint8_t {
+    whole,
+    broken,   // ends inside a record, or a record is damaged: what is before it has been handed out
+    refused,  // cannot be opened, is no capture, or has a link type that is not known
+};
+
+// Reads the whole file: classic pcap of either byte order and precision, or pcapng; "-" is standard input;
+// compressed with zstd or not. Link types 0, 1, 12, 101, 108, 113, 228 and 276, with any VLAN tags. `error`
+// says in one line why the result is not `whole`.
+PcapResult read_pcap(const std::string& path, const PcapSinks& sinks, PcapCounters& counters,
+                     std::string& error);
+
+// The same from a stream, which is closed; `name` is for messages.
+PcapResult read_pcap(std::FILE* file, const std::string& name, const PcapSinks& sinks, PcapCounters& counters,
+                     std::string& error);
 
 }  // namespace tessel::listen

@@ -1,3 +1,4 @@
+#include "listen/capture_join.h"
 #include "listen/listener.h"
 #include "listen/pcap_file.h"
 #include "listen/report.h"
@@ -6,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <arpa/inet.h>
+#include <algorithm>
 #include <map>
 
 namespace tessel::listen {
@@ -17,66 +19,198 @@ using receiver::SoupReader;
 namespace {
 
 constexpr std::int64_t ns_per_ms = 1'000'000;
+constexpr std::int64_t begin_wait_ms = 1'500;  // of the capture's time, for replies about what came first
+constexpr std::int64_t reply_wait_ms = 1'000;  // beyond the last attempt of a receiver
+constexpr std::size_t decoded_sessions_max = 64;
 
-std::uint16_t port_of(const sockaddr_in& address) {
-    return ntohs(address.sin_port);
+// How far a receiver is that reads the capture.
+enum class Stage : std::uint8_t {
+    receiving,
+    beginning,  // with --retrans: replies may hold numbers before the first multicast packet
+    joining,    // with --snapshot: until a session is whole
+};
+
+struct Replay {
+    Options options;
+    Listener listener;
+    std::uint32_t group = 0;  // host order
+    Stage stage = Stage::receiving;
+    HeldPackets held;
+    CapturedSessions sessions;
+    std::map<PcapFlow, SoupReader> decoded;  // with --decode: every session's messages, as they come
+};
+
+bool is_from(const PcapFlow& flow, const sockaddr_in& address) {
+    return flow.source == ntohl(address.sin_addr.s_addr) && flow.source_port == ntohs(address.sin_port);
 }
 
-// The messages inside the Snap-Shot sessions of a capture, written as they come.
-void take_stream(Listener& listener, SoupReader& reader, const unsigned char* bytes, std::size_t length) {
+// Hands the held packets to the sequencer, each at its time.
+void release_packets(Replay& replay) {
+    replay.stage = Stage::receiving;
+    const HeldPackets held = std::move(replay.held);
+    replay.held = {};
+    for (const HeldPacket& packet : held.packets) {
+        on_packet(replay.listener.sequencer, packet.bytes.data(), packet.bytes.size(), packet.now_ms,
+                  packet.source);
+        on_timer(replay.listener.sequencer, packet.now_ms);
+    }
+}
+
+void begin_receiving(Replay& replay) {
+    const std::uint64_t first = first_number(replay.held, receiver::padded_session(replay.options.session));
+    if (first != 0) {
+        start_at(replay.listener.sequencer, first);
+    }
+    release_packets(replay);
+}
+
+void take_datagram(Replay& replay, const PcapFlow& flow, std::int64_t time_ns, const unsigned char* bytes,
+                   std::size_t length) {
+    const Options& options = replay.options;
+    const std::int64_t now_ms = time_ns / ns_per_ms;
+    PacketSource source = PacketSource::multicast;
+    if (flow.destination != replay.group || flow.destination_port != options.port) {
+        if (options.retrans.empty() || !is_from(flow, options.retrans_address)) {
+            return;
+        }
+        source = PacketSource::retransmission;
+    }
+    if (replay.stage == Stage::receiving) {
+        on_packet(replay.listener.sequencer, bytes, length, now_ms, source);
+        on_timer(replay.listener.sequencer, now_ms);
+        return;
+    }
+    if (replay.stage == Stage::beginning && !replay.held.packets.empty() &&
+        now_ms - replay.held.packets.front().now_ms > begin_wait_ms) {
+        begin_receiving(replay);
+        take_datagram(replay, flow, time_ns, bytes, length);
+        return;
+    }
+    hold_packet(replay.held, {source, now_ms, {bytes, bytes + length}});
+}
+
+// Whether a held packet brings nothing beyond what the Snap-Shot covers.
+bool is_covered(const HeldPacket& packet, std::uint64_t covered) {
+    const std::vector<unsigned char>& b = packet.bytes;
+    std::uint64_t end = 0;
+    for (std::size_t at = 10; b.size() >= receiver::mold_header_bytes && at < 18; ++at) {
+        end = end << 8 | b[at];
+    }
+    const std::uint64_t count =
+        b.size() >= receiver::mold_header_bytes ? std::uint64_t{b[18]} << 8 | b[19] : 0;
+    return end + (count == receiver::mold_end_of_session_count ? 0 : count) <= covered + 1;
+}
+
+// With --decode: the messages inside every Snap-Shot session, written as they come.
+void decode_stream(Replay& replay, const PcapFlow& flow, const unsigned char* bytes, std::size_t length) {
+    if (replay.decoded.find(flow) == replay.decoded.end() && replay.decoded.size() == decoded_sessions_max) {
+        replay.decoded.erase(replay.decoded.begin());
+    }
+    SoupReader& reader = replay.decoded[flow];
     soup_append(reader, bytes, length);
     SoupPacket packet;
     bool broken = false;
     while (soup_next(reader, packet, &broken)) {
         if (packet.type == receiver::soup_sequenced_data) {
-            take_captured_spin_message(listener, packet.payload, packet.length);
+            take_captured_spin_message(replay.listener, packet.payload, packet.length);
         }
     }
+}
+
+// Without: the first whole session is where a late receiver begins.
+void join_by_stream(Replay& replay, const PcapFlow& flow, const unsigned char* bytes, std::size_t length) {
+    std::uint64_t covered = 0;
+    const std::uint64_t before = replay.listener.spin_messages;
+    const auto message = [&replay](const unsigned char* text, std::size_t text_length) {
+        take_spin_message(replay.listener, text, text_length);
+    };
+    if (!add_session_bytes(replay.sessions, flow, bytes, length, message, covered)) {
+        return;
+    }
+    report(fmt::format("Snap-Shot of {} messages covers everything up to {}",
+                       replay.listener.spin_messages - before, covered));
+    start_at(replay.listener.sequencer, covered + 1);
+    std::erase_if(replay.held.packets,
+                  [covered](const HeldPacket& packet) { return is_covered(packet, covered); });
+    release_packets(replay);
+}
+
+PcapSinks make_sinks(Replay& replay) {
+    PcapSinks sinks;
+    sinks.datagram = [&replay](const PcapFlow& flow, std::int64_t time_ns, const unsigned char* bytes,
+                               std::size_t length) { take_datagram(replay, flow, time_ns, bytes, length); };
+    sinks.wants_stream = [&replay](const PcapFlow& flow) {
+        return !replay.options.snapshot.empty() && is_from(flow, replay.options.snapshot_address) &&
+               (replay.options.decode || replay.stage == Stage::joining);
+    };
+    sinks.stream = [&replay](const PcapFlow& flow, std::int64_t, const unsigned char* bytes,
+                             std::size_t length) {
+        if (replay.options.decode) {
+            decode_stream(replay, flow, bytes, length);
+        } else if (replay.stage == Stage::joining) {
+            join_by_stream(replay, flow, bytes, length);
+        }
+    };
+    return sinks;
+}
+
+// Says what the capture did not hold whole; true when there was such a thing.
+bool report_losses(const PcapCounters& counters) {
+    if (counters.cut != 0) {
+        report(fmt::format("{} packets cut", counters.cut));
+    }
+    if (counters.incomplete != 0) {
+        report(fmt::format("{} packets whose fragments never completed", counters.incomplete));
+    }
+    return counters.cut != 0 || counters.incomplete != 0;
 }
 
 }  // namespace
 
 ExitStatus run_replay(const Options& options) {
-    Listener listener;
+    Replay replay;
+    replay.options = options;
     in_addr group{};
     if (inet_pton(AF_INET, options.group.c_str(), &group) != 1) {
         report(fmt::format("--mcast: '{}' is not an IPv4 address", options.group));
         return ExitStatus::bad_options;
     }
+    replay.group = ntohl(group.s_addr);
+    Listener& listener = replay.listener;
     if (!prepare_listener(listener, options, nullptr)) {
         return ExitStatus::bad_options;
     }
-    PcapSinks sinks;
-    sinks.datagram = [&](const PcapFlow& flow, std::int64_t time_ns, const unsigned char* bytes,
-                         std::size_t length) {
-        const std::int64_t now_ms = time_ns / ns_per_ms;
-        if (flow.destination == ntohl(group.s_addr) && flow.destination_port == options.port) {
-            on_packet(listener.sequencer, bytes, length, now_ms, PacketSource::multicast);
-        } else if (!options.retrans.empty() && flow.source_port == port_of(options.retrans_address)) {
-            on_packet(listener.sequencer, bytes, length, now_ms, PacketSource::retransmission);
-        }
-        on_timer(listener.sequencer, now_ms);
-    };
-    std::map<PcapFlow, SoupReader> sessions;
-    sinks.stream = [&](const PcapFlow& flow, std::int64_t, const unsigned char* bytes, std::size_t length) {
-        if (options.decode && !options.snapshot.empty() &&
-            flow.source_port == port_of(options.snapshot_address)) {
-            take_stream(listener, sessions[flow], bytes, length);
-        }
-    };
+    if (!options.retrans.empty()) {
+        // As long as a live receiver would have asked for a reply.
+        receiver::SequencerSettings& settings = listener.sequencer.settings;
+        settings.abandon_ms = std::max(
+            settings.abandon_ms, (std::int64_t{options.retries} + 1) * options.timeout_ms + reply_wait_ms);
+    }
+    if (!options.snapshot.empty() && !options.decode) {
+        replay.stage = Stage::joining;
+    } else if (!options.retrans.empty() && options.first_sequence == 0) {
+        replay.stage = Stage::beginning;
+    }
     PcapCounters counters;
     std::string error;
-    const bool complete = read_pcap(options.from_pcap, sinks, counters, &error);
-    abandon_gaps(listener.sequencer);
-    if (counters.cut_short != 0) {
-        report(fmt::format("{} records of the capture are cut short and left out", counters.cut_short));
-    }
-    const ExitStatus status = finish_listener(listener);
-    if (!complete) {
+    const PcapResult result = read_pcap(options.from_pcap, make_sinks(replay), counters, error);
+    if (result == PcapResult::refused) {
         report(error);
+        close_output(listener.output);
         return ExitStatus::bad_options;
     }
-    return status;
+    if (replay.stage == Stage::joining) {
+        report(fmt::format("no whole Snap-Shot session of {} in the capture", options.snapshot));
+        listener.snapshot_failed = true;
+    } else if (replay.stage == Stage::beginning) {
+        begin_receiving(replay);
+    }
+    abandon_gaps(listener.sequencer);
+    listener.capture_damaged = report_losses(counters) || result == PcapResult::broken;
+    if (result == PcapResult::broken) {
+        report(error);
+    }
+    return finish_listener(listener);
 }
 
 }  // namespace tessel::listen

@@ -1,3 +1,4 @@
 tessel_tool(tessel-listen
-  PACKAGES CLI11 fmt
-  LIBRARIES tessel_receiver)
+  PACKAGES CLI11 fmt pcap
+  LIBRARIES tessel_receiver
+  TOOLS files)

@@ -52,7 +52,7 @@ struct Capture {
     std::int64_t time_ns = 0;
     PcapCounters counters;
     std::string error;
-    bool complete = false;
+    PcapResult result = PcapResult::refused;
 };
 
 Capture read_back(const std::string& content) {
@@ -70,7 +70,8 @@ Capture read_back(const std::string& content) {
         EXPECT_EQ(flow.source_port, 25179);
         seen.stream.append(reinterpret_cast<const char*>(p), n);
     };
-    seen.complete = read_pcap(path, sinks, seen.counters, &seen.error);
+    sinks.wants_stream = [](const PcapFlow&) { return true; };
+    seen.result = read_pcap(path, sinks, seen.counters, seen.error);
     std::filesystem::remove(path);
     return seen;
 }
@@ -81,6 +82,10 @@ TEST(ListenPcap, Datagrams_OfEveryLinkType) {
         {1, ethernet},
         {1, std::string(12, 'e') + std::string("\x81\0\0\1\x08\0", 6)},
         {0, little(2, 4)},
+        {0, std::string("\0\0\0\2", 4)},
+        {108, std::string("\0\0\0\2", 4)},
+        {12, ""},
+        {228, ""},
         {101, ""},
         {113, std::string(14, 'c') + std::string("\x08\0", 2)},
         {276, std::string("\x08\0", 2) + std::string(18, 'c')},
@@ -88,7 +93,7 @@ TEST(ListenPcap, Datagrams_OfEveryLinkType) {
     for (const auto& [type, prefix] : types) {
         const Capture seen =
             read_back(file_header(type) + record(prefix + udp("one")) + record(prefix + udp("two")));
-        EXPECT_TRUE(seen.complete) << seen.error;
+        EXPECT_EQ(seen.result, PcapResult::whole) << seen.error;
         EXPECT_EQ(seen.datagrams, "one.two.") << type;
         EXPECT_EQ(seen.time_ns, 3'000'005'000);
     }
@@ -100,7 +105,7 @@ TEST(ListenPcap, TcpStream_IsPutInOrder_EachByteOnce) {
                                 record(tcp(UINT32_MAX - 1, 0x10, "ab")) + record(tcp(0, 0x10, "cd")) +
                                 record(tcp(1, 0x10, "def")) + record(tcp(4, 0x10, "gh"));
     const Capture seen = read_back(content);
-    EXPECT_TRUE(seen.complete) << seen.error;
+    EXPECT_EQ(seen.result, PcapResult::whole) << seen.error;
     EXPECT_EQ(seen.stream, "abcdefgh");
 }
 
@@ -108,29 +113,91 @@ TEST(ListenPcap, ConnectionWithoutItsBeginning_IsLeftOut) {
     EXPECT_EQ(read_back(file_header(101) + record(tcp(5, 0x10, "ab"))).stream, "");
 }
 
-TEST(ListenPcap, FaultyFiles_AreNamed) {
-    EXPECT_NE(read_back("").error.find("not a little-endian pcap file"), std::string::npos);
-    EXPECT_NE(read_back(little(0x0a0d0d0a, 4) + std::string(40, 'x')).error.find("pcapng"),
-              std::string::npos);
-    EXPECT_NE(read_back(file_header(147)).error.find("link type 147"), std::string::npos);
-    const std::string whole = file_header(101) + record(udp("one"));
-    for (std::size_t length = file_header(101).size() + 1; length < whole.size(); ++length) {
-        EXPECT_FALSE(read_back(whole.substr(0, length)).complete) << length;
+TEST(ListenPcap, FilesThatAreNoCaptures_AreRefused) {
+    for (const std::string& content : {std::string(), std::string("text"), std::string(100, 'x')}) {
+        const Capture seen = read_back(content);
+        EXPECT_EQ(seen.result, PcapResult::refused);
+        EXPECT_NE(seen.error.find("no capture that can be read"), std::string::npos) << seen.error;
     }
+    const Capture other = read_back(file_header(147));
+    EXPECT_EQ(other.result, PcapResult::refused);
+    EXPECT_NE(other.error.find("link type 147"), std::string::npos);
     PcapCounters counters;
     std::string error;
-    EXPECT_FALSE(read_pcap("/nonexistent/file", {}, counters, &error));
+    EXPECT_EQ(read_pcap("/nonexistent/file", {}, counters, error), PcapResult::refused);
     EXPECT_EQ(error, "/nonexistent/file: No such file or directory");
+}
+
+TEST(ListenPcap, FileThatEndsInsideARecord_IsReadUpToThere) {
+    const std::string first = file_header(101) + record(udp("one"));
+    const std::string whole = first + record(udp("two"));
+    for (std::size_t length = first.size() + 1; length < whole.size(); ++length) {
+        const Capture seen = read_back(whole.substr(0, length));
+        EXPECT_EQ(seen.result, PcapResult::broken) << length;
+        EXPECT_EQ(seen.datagrams, "one.");
+        EXPECT_NE(seen.error.find(": truncated after 1 packets"), std::string::npos) << seen.error;
+    }
+}
+
+TEST(ListenPcap, RecordOfAnImpossibleLength_EndsTheReading) {
+    const Capture seen = read_back(file_header(101) + record(udp("one")) + little(3, 4) + little(5, 4) +
+                                   little(0x7fffffff, 4) + little(0x7fffffff, 4) + record(udp("two")));
+    EXPECT_EQ(seen.result, PcapResult::broken);
+    EXPECT_EQ(seen.datagrams, "one.");
+    EXPECT_NE(seen.error.find(": broken after 1 packets ("), std::string::npos) << seen.error;
+}
+
+TEST(ListenPcap, BigEndianFilesAndNanoseconds_AreRead) {
+    const auto big = [](const std::string& bytes) { return std::string(bytes.rbegin(), bytes.rend()); };
+    std::string content = big(little(0xa1b23c4d, 4)) + big(little(2, 2)) + big(little(4, 2)) +
+                          std::string(8, '\0') + big(little(65535, 4)) + big(little(101, 4));
+    const std::string data = udp("one");
+    content += big(little(3, 4)) + big(little(5, 4)) + big(little(data.size(), 4)) +
+               big(little(data.size(), 4)) + data;
+    const Capture seen = read_back(content);
+    EXPECT_EQ(seen.datagrams, "one.") << seen.error;
+    EXPECT_EQ(seen.time_ns, 3'000'000'005);
 }
 
 TEST(ListenPcap, PacketsThatAreCutInside_AreCounted) {
     const std::string packet = udp("one");
     for (std::size_t length = 0; length < packet.size(); ++length) {
-        const Capture seen = read_back(file_header(101) + record(packet.substr(0, length)));
-        EXPECT_TRUE(seen.complete);
-        EXPECT_EQ(seen.datagrams, "");
-        EXPECT_EQ(seen.counters.other, 1u) << length;
+        const Capture wrong = read_back(file_header(101) + record(packet.substr(0, length)));
+        EXPECT_EQ(wrong.result, PcapResult::whole);
+        EXPECT_EQ(wrong.datagrams, "");
+        EXPECT_EQ(wrong.counters.other, 1u) << length;
+        // The same bytes, but the record says that the packet was longer.
+        const std::string cut = little(3, 4) + little(5, 4) + little(length, 4) + little(packet.size(), 4) +
+                                packet.substr(0, length);
+        EXPECT_EQ(read_back(file_header(101) + cut).counters.cut, 1u) << length;
     }
+}
+
+// A part of a packet: `offset` and `end` in its body, which begins with the UDP header.
+std::string fragment(const std::string& packet, std::size_t offset, std::size_t end, std::uint16_t id) {
+    const std::string body = packet.substr(20);
+    const bool more = end < body.size();
+    Bytes b;
+    b.number(0x45, 1).number(0, 1).number(20 + end - offset, 2).number(id, 2);
+    b.number((more ? 0x2000 : 0) | offset / 8, 2).number(64, 1).number(17, 1).number(0, 2);
+    return b.number(0x7f000001, 4).number(0xefff19b1, 4).bytes(body.substr(offset, end - offset)).data;
+}
+
+TEST(ListenPcap, Fragments_ArePutTogetherInAnyOrder) {
+    const std::string packet = udp(std::string(30, 'x'));
+    const Capture seen = read_back(file_header(101) + record(fragment(packet, 24, 38, 7)) +
+                                   record(fragment(packet, 0, 16, 8)) + record(fragment(packet, 0, 16, 7)) +
+                                   record(fragment(packet, 8, 24, 7)));
+    EXPECT_EQ(seen.datagrams, std::string(30, 'x') + ".");
+    EXPECT_EQ(seen.counters.incomplete, 1u) << "the other packet";
+    EXPECT_EQ(seen.result, PcapResult::whole);
+}
+
+TEST(ListenPcap, VlanTags_AreStepsToTheSamePacket) {
+    const std::string tags("\x88\xa8\0\1\x81\0\0\2\x08\0", 10);
+    EXPECT_EQ(read_back(file_header(1) + record(std::string(12, 'e') + tags + udp("one"))).datagrams, "one.");
+    const std::string cooked = std::string(14, 'c') + std::string("\x81\0\0\2\x08\0", 6);
+    EXPECT_EQ(read_back(file_header(113) + record(cooked + udp("one"))).datagrams, "one.");
 }
 
 }  // namespace
