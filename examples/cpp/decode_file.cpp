@@ -1,22 +1,31 @@
-// Decodes messages from a file of hexadecimal text, one message a line, and prints each as JSON: decode_file
-// FILE
+// Decodes messages from a file, one a line, and prints each as JSON: decode_file FILE
 //
-//     decode_file vectors/quote_short.hex
+//     decode_file vectors/quote_short.jsonl
+//
+// A line is hexadecimal text, or an object with such text in its member "hex".
 #include <tessel/wire/message_decoder.h>
 #include <tessel/wire/message_json.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using namespace tessel::receiver;
 
 namespace {
 
-// The bytes of a line of hexadecimal digits; false when it is not one.
-bool parse_hexadecimal(const std::string& line, std::vector<unsigned char>& bytes) {
+constexpr std::string_view member = "\"hex\":\"";
+
+// The bytes of a line; false when it holds no hexadecimal text.
+bool parse_line(std::string line, std::vector<unsigned char>& bytes) {
     bytes.clear();
+    if (const std::size_t at = line.find(member); at != std::string::npos) {
+        line.erase(0, at + member.size());
+        line.resize(std::min(line.find('"'), line.size()));
+    }
     if (line.size() % 2 != 0 || line.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
         return false;
     }
@@ -45,7 +54,7 @@ int main(int argc, char** argv) {
     for (std::string line; std::getline(file, line);) {
         std::string error = "not hexadecimal";
         ++number;
-        if (parse_hexadecimal(line, bytes) && decode_message(message, bytes.data(), bytes.size(), &error)) {
+        if (parse_line(line, bytes) && decode_message(message, bytes.data(), bytes.size(), &error)) {
             std::string json;
             tessel::layout::append_message_json(json, bytes.data(), bytes.size(), number);
             std::fputs(json.c_str(), stdout);

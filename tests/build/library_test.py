@@ -1,5 +1,6 @@
 """The installed libraries: public headers that stand alone, and examples of a foreign project that work."""
 
+import json
 import os
 import re
 import subprocess
@@ -86,6 +87,21 @@ def test_decode_file_names_every_field_and_reports_what_is_no_message(examples, 
     assert done.returncode == 1
     assert '"kind":"start_of_day"' in done.stdout
     assert ":2: not hexadecimal" in done.stderr and ":3: 2 bytes are less than a header" in done.stderr
+
+
+def test_decode_file_reads_every_vector(examples):
+    for file in sorted((SOURCE / "vectors").glob("*.jsonl")):
+        decoded = [json.loads(line) for line in run(examples / "decode_file", file).splitlines()]
+        vectors = [json.loads(line)["message"] for line in file.read_text().splitlines()]
+        assert [{key: value for key, value in each.items() if key != "seq"} for each in decoded] == vectors
+
+
+def test_handmade_message_decodes_to_what_was_put_in(examples):
+    hexadecimal, text = run(examples / "handmade_message").splitlines()
+    message = json.loads(text)
+    assert len(hexadecimal) == 2 * 52
+    assert (message["kind"], message["symbol"], message["market_center"]) == ("quote_short", "AAPL", "Q")
+    assert (message["bid"], message["bid_size"], message["ask"]) == (189_970_000, 100, 190_030_000)
 
 
 def test_pkg_config_names_what_a_compiler_needs(prefix, tmp_path):
