@@ -16,19 +16,20 @@ static_assert(block_prefix_bytes + message_bytes_max <= retrans_chunk_bytes);
 
 [[gnu::noinline]] void add_chunk(RetransStore& store) {
     RetransChunk chunk;
-    chunk.bytes = store.spare ? std::move(store.spare)
-                              : std::unique_ptr<unsigned char[]>(new unsigned char[retrans_chunk_bytes]);
+    chunk.bytes = store.recycled_chunk
+                      ? std::move(store.recycled_chunk)
+                      : std::unique_ptr<unsigned char[]>(new unsigned char[retrans_chunk_bytes]);
     chunk.first_index = store.end_index;
     store.chunks.push_back(std::move(chunk));
 }
 
-// Gives up the oldest message, and its chunk with it when that holds no other. The last chunk stays: it is
+// Evicts the oldest message, and its chunk with it when that holds no other. The last chunk stays: it is
 // being filled.
-void give_up_oldest(RetransStore& store) {
+void evict_oldest(RetransStore& store) {
     ++store.first_index;
     const RetransChunk& oldest = store.chunks.front();
     if (store.chunks.size() > 1 && oldest.first_index + oldest.blocks <= store.first_index) {
-        store.spare = std::move(store.chunks.front().bytes);
+        store.recycled_chunk = std::move(store.chunks.front().bytes);
         store.chunks.pop_front();
     }
 }
@@ -55,7 +56,7 @@ void store_message(RetransStore& store, const unsigned char* message, std::size_
     ++chunk.blocks;
     ++store.end_index;
     if (message_count(store) > most) {
-        give_up_oldest(store);
+        evict_oldest(store);
     }
     assert(chunk.first_index + chunk.blocks == store.end_index);
 }

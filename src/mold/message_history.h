@@ -7,8 +7,8 @@
 
 namespace tessel {
 
-// Messages are kept as ready MoldUDP64 blocks (2-byte big-endian length, then the message) one behind the
-// other in chunks of this size, so that a reply copies whole runs of them, and what is kept costs 2 bytes a
+// Messages are kept as ready MoldUDP64 blocks (2-byte big-endian length, then the message) back to
+// back in chunks of this size, so that a reply copies whole runs of them, and what is kept costs 2 bytes a
 // message beyond its bytes.
 constexpr std::size_t retrans_chunk_bytes = 65536 + 2;
 
@@ -23,7 +23,7 @@ struct RetransChunk {
 // every message ever put in, from 0, so index = sequence - 1.
 struct RetransStore {
     std::deque<RetransChunk> chunks;
-    std::unique_ptr<unsigned char[]> spare;  // the last chunk given up, kept for the next
+    std::unique_ptr<unsigned char[]> recycled_chunk;  // of the last one evicted, kept for the next
     std::uint64_t first_index = 0;
     std::uint64_t end_index = 0;
 };
@@ -32,7 +32,7 @@ inline std::uint64_t message_count(const RetransStore& store) {
     return store.end_index - store.first_index;
 }
 
-// Adds one message (at most 65,535 bytes) and gives up the oldest when there are more than `most`.
+// Adds one message (at most 65,535 bytes) and evicts the oldest when there are more than `most`.
 void store_message(RetransStore& store, const unsigned char* message, std::size_t length, std::size_t most);
 
 // A place in the store from which blocks are read in order.

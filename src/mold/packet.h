@@ -1,28 +1,38 @@
 #pragma once
 
+#include "base/byte_order.h"
+
 #include <cstddef>
 #include <cstdint>
 
 namespace tessel {
 
-constexpr std::size_t mold_header_bytes = 20;  // session 10, sequence 8, message count 2
+// The downstream packet's header, which a request for retransmission has too:
+//    0 10  session, padded with blanks
+//   10  8  sequence number of the first message
+//   18  2  message count
 constexpr std::size_t mold_session_bytes = 10;
+constexpr std::size_t mold_sequence_at = 10;
+constexpr std::size_t mold_count_at = 18;
+constexpr std::size_t mold_header_bytes = 20;
 constexpr std::uint16_t mold_end_of_session_count = 0xffff;
+
 constexpr std::size_t block_prefix_bytes = 2;  // the big-endian length before each message
 
-// The width low bytes of value, most significant first; width is at most 8.
-inline void write_big_endian(unsigned char* out, std::uint64_t value, std::size_t width) {
-    for (std::size_t at = 0; at < width; ++at) {
-        out[at] = static_cast<unsigned char>(value >> (8 * (width - 1 - at)));
-    }
+// session points to mold_session_bytes characters; out has room for the header.
+inline void put_mold_header(unsigned char* out, const char* session, std::uint64_t sequence,
+                            std::uint64_t count) {
+    __builtin_memcpy(out, session, mold_session_bytes);
+    write_big_endian(out + mold_sequence_at, sequence, 8);
+    write_big_endian(out + mold_count_at, count, 2);
 }
 
-inline std::uint64_t read_big_endian(const unsigned char* in, std::size_t width) {
-    std::uint64_t value = 0;
-    for (std::size_t at = 0; at < width; ++at) {
-        value = value << 8 | in[at];
-    }
-    return value;
+inline std::uint64_t mold_sequence(const unsigned char* packet) {
+    return read_big_endian(packet + mold_sequence_at, 8);
+}
+
+inline std::size_t mold_count(const unsigned char* packet) {
+    return static_cast<std::size_t>(read_big_endian(packet + mold_count_at, 2));
 }
 
 // Writes one MoldUDP64 message block: the 2-byte big-endian length, then the message (at most 65,535 bytes).

@@ -31,15 +31,8 @@ void send_packet(MoldPublisher& publisher, const unsigned char* packet, std::siz
                  sizeof destination);
 }
 
-// Downstream packet header, 20 bytes:
-//    0 10  session
-//   10  8  sequence number of the first message
-//   18  2  message count
 void write_header(MoldPublisher& publisher, std::uint64_t sequence, std::uint16_t count) {
-    static_assert(18 + 2 == mold_header_bytes);
-    std::memcpy(publisher.packet.data(), publisher.session.data(), mold_session_bytes);
-    write_big_endian(publisher.packet.data() + 10, sequence, 8);
-    write_big_endian(publisher.packet.data() + 18, count, 2);
+    put_mold_header(publisher.packet.data(), publisher.session.data(), sequence, count);
 }
 
 void reset_open_packet(MoldPublisher& publisher) {

@@ -86,7 +86,6 @@ void send_to_requester(void* context, const unsigned char* packet, std::size_t l
 // Sends the messages first to end - 1, which the history holds, as packets like those of the feed.
 void send_replies(const MoldPublisher& publisher, std::uint64_t first, std::uint64_t end, PacketSink send) {
     std::array<unsigned char, packet_bytes_max> reply;
-    std::memcpy(reply.data(), publisher.session.data(), mold_session_bytes);
     RetransCursor cursor = find_message(publisher.history, first - 1);
     while (first < end) {
         std::size_t bytes = 0;
@@ -100,8 +99,7 @@ void send_replies(const MoldPublisher& publisher, std::uint64_t first, std::uint
             ++first;
             continue;
         }
-        write_big_endian(reply.data() + 10, first, 8);
-        write_big_endian(reply.data() + 18, copied, 2);
+        put_mold_header(reply.data(), publisher.session.data(), first, copied);
         send.send(send.context, reply.data(), mold_header_bytes + bytes);
         first += copied;
     }
@@ -118,8 +116,8 @@ bool answer_request(MoldPublisher& publisher, const unsigned char* request, std:
         ++publisher.retrans_rejected;
         return true;
     }
-    const std::uint64_t wanted = read_big_endian(request + 10, 8);
-    const std::uint64_t count = read_big_endian(request + 18, 2);
+    const std::uint64_t wanted = mold_sequence(request);
+    const std::uint64_t count = mold_count(request);
     const std::uint64_t next = publisher.next_sequence;
     const std::uint64_t oldest = next - message_count(publisher.history);
     assert(publisher.history.end_index == next - 1);

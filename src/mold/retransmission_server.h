@@ -6,7 +6,7 @@
 
 namespace tessel {
 
-constexpr std::size_t retrans_request_bytes = 20;       // session 10, sequence 8, count 2
+constexpr std::size_t retrans_request_bytes = mold_header_bytes;
 constexpr std::size_t retrans_request_bytes_read = 64;  // what is read of a datagram
 // Once a call has sent this much, further requests wait for the next: a request of 20 bytes can ask for 5 MB,
 // and the loop must go on however many of them come.

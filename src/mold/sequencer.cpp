@@ -19,10 +19,10 @@ struct PacketRange {
     std::uint64_t end = 0;
 };
 
-// Session 10, sequence number 8, message count 2, then blocks of length 2 and bytes.
+// The header, then blocks of length 2 and bytes.
 bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t length) {
-    range.first = read_big_endian(bytes + 10, 8);
-    std::size_t count = read_big_endian(bytes + 18, 2);
+    range.first = mold_sequence(bytes);
+    std::size_t count = mold_count(bytes);
     if (count == mold_end_of_session_count) {
         count = 0;  // says, like a heartbeat, which number would be next
     }
@@ -36,7 +36,7 @@ bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t len
         if (length - offset < 2) {
             return false;
         }
-        const std::size_t block = read_big_endian(bytes + offset, 2);
+        const std::size_t block = read_big_endian(bytes + offset, block_prefix_bytes);
         if (length - offset - 2 < block) {
             return false;
         }
@@ -47,11 +47,11 @@ bool read_packet(PacketRange& range, const unsigned char* bytes, std::size_t len
 
 // Hands out the packet's messages from `next` on. The packet holds that number or only earlier ones.
 void deliver(Sequencer& sequencer, const unsigned char* bytes) {
-    std::uint64_t sequence = read_big_endian(bytes + 10, 8);
-    const std::uint64_t end = sequence + read_big_endian(bytes + 18, 2);
+    std::uint64_t sequence = mold_sequence(bytes);
+    const std::uint64_t end = sequence + mold_count(bytes);
     const unsigned char* block = bytes + mold_header_bytes;
     for (; sequence < end; ++sequence) {
-        const std::size_t length = read_big_endian(block, 2);
+        const std::size_t length = read_big_endian(block, block_prefix_bytes);
         if (sequence == sequencer.next) {
             ++sequencer.next;
             ++sequencer.counters.delivered;
@@ -149,7 +149,7 @@ void keep_waiting(Sequencer& sequencer, const PacketRange& range, const unsigned
                   std::size_t length, const PacketArrival& arrival) {
     // Of two packets with one first number the one with more messages holds the other's too.
     WaitingPacket& kept = sequencer.waiting[range.first];
-    if (kept.bytes.empty() || read_big_endian(kept.bytes.data() + 18, 2) < range.end - range.first) {
+    if (kept.bytes.empty() || mold_count(kept.bytes.data()) < range.end - range.first) {
         sequencer.waiting_bytes -= kept.bytes.size();
         sequencer.waiting_bytes += length;
         kept.bytes.assign(bytes, bytes + length);
@@ -278,9 +278,7 @@ void drain(Sequencer& sequencer) {
 
 void request_range(Sequencer& sequencer, std::uint64_t first, std::uint64_t count) {
     unsigned char request[mold_header_bytes];
-    std::memcpy(request, sequencer.settings.session.data(), mold_session_bytes);
-    write_big_endian(request + 10, first, 8);
-    write_big_endian(request + 18, count, 2);
+    put_mold_header(request, sequencer.settings.session.data(), first, count);
     ++sequencer.counters.requests;
     sequencer.sinks.request(request, sizeof request);
 }

@@ -23,7 +23,7 @@ constexpr std::array<char, 200> pairs = make_pairs();
 std::uint32_t pair_of(std::uint64_t value) {
     std::uint16_t pair;
     std::memcpy(&pair, pairs.data() + 2 * value, sizeof pair);
-    return pair;
+    return little_endian(pair);
 }
 
 char* put_pair(char* out, std::uint64_t value) {
@@ -36,7 +36,7 @@ char* put_pair(char* out, std::uint64_t value) {
 char* put_up_to_four(char* out, std::uint64_t value) {
     std::uint32_t digits = pair_of(value / 100) | pair_of(value % 100) << 16;
     const unsigned zeros = (value < 1000 ? 1u : 0u) + (value < 100 ? 1u : 0u) + (value < 10 ? 1u : 0u);
-    digits >>= 8 * zeros;
+    digits = little_endian(digits >> 8 * zeros);
     std::memcpy(out, &digits, sizeof digits);
     return out + (4 - zeros);
 }
@@ -84,8 +84,7 @@ char* put_signed(char* out, std::int64_t value) {
 char* put_large_cents4(char* out, std::uint64_t cents) {
     out = put_unsigned(out, cents / 100);
     *out = '.';
-    std::memcpy(out + 1, &cents_texts[cents % 100], sizeof(ShortText));
-    return out + 1 + cents_text_bytes;
+    return put_short_text(out + 1, cents_texts[cents % 100]);
 }
 
 char* put_price4(char* out, std::int64_t price) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/byte_order.h"
 #include "market/constants.h"
 
 #include <array>
@@ -69,7 +70,8 @@ constexpr ShortText append_letter(ShortText text, char letter) {
 }
 
 inline char* put_short_text(char* out, ShortText text) {
-    __builtin_memcpy(out, &text, sizeof text);
+    const ShortText ordered = little_endian(text);
+    __builtin_memcpy(out, &ordered, sizeof ordered);
     return out + (text >> 56);
 }
 
@@ -115,8 +117,8 @@ inline char* put_cents4(char* out, std::uint64_t cents) {
     const auto whole = static_cast<std::uint32_t>(cents);
     const std::uint32_t dollars = whole / 100;
     out = put_short_text(out, dollars_texts[dollars]);
-    __builtin_memcpy(out, &cents_texts[whole - dollars * 100], sizeof(ShortText));
-    return out + cents_text_bytes;
+    put_short_text(out, cents_texts[whole - dollars * 100]);
+    return out + cents_text_bytes;  // known without a look at the text
 }
 
 // A price in millionths, whole cents, as dollars with four decimals: 190010000 is "190.0100".

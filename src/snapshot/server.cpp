@@ -23,8 +23,6 @@ namespace tessel {
 namespace {
 
 constexpr int listen_backlog = 8;
-constexpr std::size_t session_bytes = 10;
-constexpr std::size_t sequence_bytes = 20;
 
 bool is_open(const SnapshotConnection& connection) {
     return connection.fd >= 0 || connection.peer != nullptr;
@@ -45,31 +43,31 @@ template <std::size_t size>
 void send_packet(const SnapshotConnection& connection, const std::array<char, size>& packet) {
     if (connection.peer != nullptr) {
         const SpinSink& sink = connection.peer->sink;
-        sink.take(sink.context, reinterpret_cast<const unsigned char*>(packet.data()), packet.size());
+        sink.write(sink.context, reinterpret_cast<const unsigned char*>(packet.data()), packet.size());
         return;
     }
     static_cast<void>(send(connection.fd, packet.data(), packet.size(), MSG_NOSIGNAL));
 }
 
 void send_server_heartbeat(const SnapshotConnection& connection) {
-    send_packet(connection, std::array<char, 3>{0, 1, server_heartbeat_type});
+    send_packet(connection, std::array<char, 3>{0, 1, soup_server_heartbeat});
 }
 
 void send_login_rejected(const SnapshotConnection& connection, char code) {
-    send_packet(connection, std::array<char, 4>{0, 2, login_rejected_type, code});
+    send_packet(connection, std::array<char, 4>{0, 2, soup_login_rejected, code});
 }
 
 void send_login_accepted(const SnapshotConnection& connection,
                          const std::array<char, mold_session_bytes>& session) {
-    static_assert(mold_session_bytes == session_bytes);
-    constexpr std::size_t packet_bytes = 3 + session_bytes + sequence_bytes;
+    static_assert(mold_session_bytes == soup_session_bytes);
+    constexpr std::size_t packet_bytes = 3 + soup_session_bytes + soup_sequence_bytes;
     std::array<char, packet_bytes> packet;
     packet.fill(' ');
     packet[0] = 0;
     packet[1] = static_cast<char>(packet.size() - 2);
-    packet[2] = login_accepted_type;
+    packet[2] = soup_login_accepted;
     std::copy(session.begin(), session.end(), packet.begin() + 3);
-    packet[3 + session_bytes] = '1';  // the spin always starts at sequence number 1
+    packet[3 + soup_session_bytes] = '1';  // the spin always starts at sequence number 1
     send_packet(connection, packet);
 }
 
@@ -212,7 +210,7 @@ void serve_spin(SnapshotServer& server, SipEngine& engine, SnapshotConnection& c
     server.spin.sink = {};
     connection.last_send_ms = now_ms;
     std::fprintf(stderr, "bench: Snap-Shot spin to '%s': %zu bytes, snapshot sequence %llu\n",
-                 login.username.c_str(), server.spin.handed_over,
+                 login.username.c_str(), server.spin.bytes_flushed,
                  static_cast<unsigned long long>(last_sequence(publisher)));
 }
 
@@ -252,13 +250,13 @@ void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
     SoupPacket packet;
     std::size_t consumed = 0;
     while (is_open(connection) && next_soup_packet(input.subspan(at), packet, consumed)) {
-        if (packet.type == login_request_type) {
+        if (packet.type == soup_login_request) {
             if (had_login) {
                 break;
             }
             had_login = true;
             handle_login(server, engine, connection, packet.payload, now_ms);
-        } else if (packet.type == logout_request_type) {
+        } else if (packet.type == soup_logout_request) {
             if (!engine.quiet) {
                 std::fprintf(stderr, "[tessel] Snap-Shot client logged out\n");
             }
@@ -333,12 +331,12 @@ bool is_blocked(std::span<const unsigned char> input) {
 
 LoginRequest read_login(std::span<const unsigned char> payload) {
     LoginRequest login;
-    if (payload.size() < login_request_bytes) {
+    if (payload.size() < soup_login_request_bytes) {
         return login;
     }
     login.username = cut_field(payload, 0, 6);
-    login.session = cut_field(payload, 16, session_bytes);
-    login.sequence = std::strtoull(cut_field(payload, 26, sequence_bytes).c_str(), nullptr, 10);
+    login.session = cut_field(payload, 16, soup_session_bytes);
+    login.sequence = std::strtoull(cut_field(payload, 26, soup_sequence_bytes).c_str(), nullptr, 10);
     return login;
 }
 

@@ -2,6 +2,7 @@
 
 #include "engine/sip_engine.h"
 #include "snapshot/spin.h"
+#include "soup/soup_packet.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,15 +12,7 @@
 
 namespace tessel {
 
-// SoupBinTCP, both directions: Packet Length (2 bytes, big-endian, counting the type), Packet Type, payload.
-constexpr char login_request_type = 'L';  // from the client
-constexpr char logout_request_type = 'O';
-constexpr char login_accepted_type = 'A';  // to the client
-constexpr char login_rejected_type = 'J';
-constexpr char server_heartbeat_type = 'H';
-constexpr std::size_t login_request_bytes = 46;  // username 6, password 10, session 10, sequence number 20
-
-constexpr std::size_t soup_packet_bytes_max = 2 + 65535;
+constexpr std::size_t soup_packet_bytes_max = soup_length_bytes + 65535;
 // What is kept and read of one connection in one pass at most: a sender that is faster than the loop waits in
 // its socket.
 constexpr std::size_t soup_input_bytes_max = 256 * 1024;

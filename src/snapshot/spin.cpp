@@ -16,46 +16,45 @@ namespace {
 
 // More than any message with its packet's header.
 constexpr std::size_t message_room = 256;
-static_assert(sequenced_header_bytes + long_quote_bytes_max <= message_room);
-static_assert(sequenced_header_bytes + long_directory_bytes <= message_room);
+static_assert(soup_header_bytes + long_quote_bytes_max <= message_room);
+static_assert(soup_header_bytes + long_directory_bytes <= message_room);
 
 // What one instrument adds at most, its quotes aside.
 constexpr std::size_t instrument_bytes_max = short_directory_bytes + long_directory_bytes + indicator_bytes +
                                              trading_action_bytes + price_band_bytes + collar_bytes +
-                                             6 * sequenced_header_bytes;
+                                             6 * soup_header_bytes;
 
 std::size_t spin_bytes_max(const SipEngine& engine) {
-    std::size_t bytes =
-        decline_levels_bytes + end_of_snapshot_bytes + 2 * sequenced_header_bytes + message_room;
+    std::size_t bytes = decline_levels_bytes + end_of_snapshot_bytes + 2 * soup_header_bytes + message_room;
     for (const std::vector<unsigned char>& message : engine.retained_messages) {
-        bytes += message.size() + sequenced_header_bytes;
+        bytes += message.size() + soup_header_bytes;
     }
     return bytes + engine.instruments.size() * instrument_bytes_max +
-           engine.quotes.size() * (long_quote_bytes_max + sequenced_header_bytes);
+           engine.quotes.size() * (long_quote_bytes_max + soup_header_bytes);
 }
 
-void hand_over(SpinBuffer& spin) {
-    assert(spin.sink.take != nullptr);
-    spin.sink.take(spin.sink.context, spin.bytes.data(), spin.size);
-    spin.handed_over += spin.size;
+void flush_to_sink(SpinBuffer& spin) {
+    assert(spin.sink.write != nullptr);
+    spin.sink.write(spin.sink.context, spin.bytes.data(), spin.size);
+    spin.bytes_flushed += spin.size;
     spin.size = 0;
 }
 
 // Where the next message goes, its packet's header before it: there is room for one.
 unsigned char* next_message(SpinBuffer& spin) {
     if (spin.bytes.size() - spin.size < message_room) [[unlikely]] {
-        hand_over(spin);
+        flush_to_sink(spin);
     }
-    return spin.bytes.data() + spin.size + sequenced_header_bytes;
+    return spin.bytes.data() + spin.size + soup_header_bytes;
 }
 
 // Frames a message of that length which stands at next_message.
 void frame_message(SpinBuffer& spin, std::size_t length) {
-    assert(sequenced_header_bytes + length <= message_room);
+    assert(soup_header_bytes + length <= message_room);
     unsigned char* const out = spin.bytes.data() + spin.size;
     put_u16(out, 0, static_cast<std::uint16_t>(length + 1));
-    put_u8(out, 2, sequenced_data_type);
-    spin.size += sequenced_header_bytes + length;
+    put_u8(out, 2, soup_sequenced_data);
+    spin.size += soup_header_bytes + length;
 }
 
 void append_message(SpinBuffer& spin, const unsigned char* message, std::size_t length) {
@@ -159,12 +158,12 @@ void append_bands(SpinBuffer& spin, const SipEngine& engine, AdminTimes times) {
 }  // namespace
 
 void build_spin(SpinBuffer& spin, SipEngine& engine, std::uint64_t spin_time_ns) {
-    const std::size_t needed = spin.sink.take != nullptr ? spin_buffer_bytes : spin_bytes_max(engine);
+    const std::size_t needed = spin.sink.write != nullptr ? spin_buffer_bytes : spin_bytes_max(engine);
     if (spin.bytes.size() < needed) {
         spin.bytes.resize(needed);
     }
     spin.size = 0;
-    spin.handed_over = 0;
+    spin.bytes_flushed = 0;
     for (const std::vector<unsigned char>& message : engine.retained_messages) {
         append_message(spin, message.data(), message.size());
     }
@@ -186,8 +185,8 @@ void build_spin(SpinBuffer& spin, SipEngine& engine, std::uint64_t spin_time_ns)
 void append_end_of_snapshot(SpinBuffer& spin, std::uint64_t spin_time_ns, std::uint64_t last_sequence) {
     build_end_of_snapshot(spin.writer, spin_time_ns, last_sequence);
     append_built(spin);
-    if (spin.sink.take != nullptr) {
-        hand_over(spin);
+    if (spin.sink.write != nullptr) {
+        flush_to_sink(spin);
     }
 }
 
@@ -197,7 +196,7 @@ std::vector<std::span<const unsigned char>> spin_messages(const SpinBuffer& spin
     while (at < spin.size) {
         const unsigned char* packet = spin.bytes.data() + at;
         const std::size_t packet_length = static_cast<std::size_t>(packet[0]) << 8 | packet[1];
-        messages.emplace_back(packet + sequenced_header_bytes, packet_length - 1);
+        messages.emplace_back(packet + soup_header_bytes, packet_length - 1);
         at += 2 + packet_length;
     }
     return messages;

@@ -4,12 +4,6 @@ namespace tessel::receiver {
 
 namespace {
 
-constexpr std::size_t user_width = 6;
-constexpr std::size_t password_width = 10;
-constexpr std::size_t session_width = 10;
-constexpr std::size_t sequence_width = 20;
-constexpr std::size_t length_bytes = 2;
-
 std::string padded(const std::string& text, std::size_t width) {
     std::string field = text.substr(0, width);
     field.resize(width, ' ');
@@ -36,7 +30,7 @@ void soup_append(SoupReader& reader, const unsigned char* bytes, std::size_t len
 
 bool soup_next(SoupReader& reader, SoupPacket& packet, bool* broken) {
     const std::size_t left = reader.bytes.size() - reader.taken;
-    if (left < length_bytes) {
+    if (left < soup_length_bytes) {
         return false;
     }
     const unsigned char* at = reader.bytes.data() + reader.taken;
@@ -45,17 +39,18 @@ bool soup_next(SoupReader& reader, SoupPacket& packet, bool* broken) {
         *broken = true;
         return false;
     }
-    if (left < length_bytes + length) {
+    if (left < soup_length_bytes + length) {
         return false;
     }
     packet = {static_cast<char>(at[2]), at + 3, length - 1};
-    reader.taken += length_bytes + length;
+    reader.taken += soup_length_bytes + length;
     return true;
 }
 
 std::string soup_login(const std::string& user, const std::string& password, const std::string& session) {
-    return framed(soup_login_request, padded(user, user_width) + padded(password, password_width) +
-                                          padded(session, session_width) + padded("1", sequence_width));
+    return framed(soup_login_request,
+                  padded(user, soup_username_bytes) + padded(password, soup_password_bytes) +
+                      padded(session, soup_session_bytes) + padded("1", soup_sequence_bytes));
 }
 
 std::string soup_empty_packet(char type) {

@@ -5,16 +5,34 @@
 #include <string>
 #include <vector>
 
-// The client's side of SoupBinTCP: a stream of packets, each a 2-byte length, a type letter and a payload.
-namespace tessel::receiver {
+namespace tessel {
 
+// SoupBinTCP, both directions: Packet Length (2 bytes, big-endian, counting the type), Packet Type, payload.
+constexpr std::size_t soup_length_bytes = 2;
+constexpr std::size_t soup_header_bytes = 3;  // with the type
+
+// From the client.
 constexpr char soup_login_request = 'L';
 constexpr char soup_logout_request = 'O';
 constexpr char soup_client_heartbeat = 'R';
+// To the client.
 constexpr char soup_login_accepted = 'A';
 constexpr char soup_login_rejected = 'J';
 constexpr char soup_sequenced_data = 'S';
 constexpr char soup_server_heartbeat = 'H';
+
+// Fields of a Login Request in their order; a Login Accepted has the last two.
+constexpr std::size_t soup_username_bytes = 6;
+constexpr std::size_t soup_password_bytes = 10;
+constexpr std::size_t soup_session_bytes = 10;
+constexpr std::size_t soup_sequence_bytes = 20;
+constexpr std::size_t soup_login_request_bytes =
+    soup_username_bytes + soup_password_bytes + soup_session_bytes + soup_sequence_bytes;
+
+}  // namespace tessel
+
+// The client's side: a stream of packets that is received, and the packets that a client sends.
+namespace tessel::receiver {
 
 // The bytes received that are not yet taken as packets. Never holds more than one packet's worth (64 KiB)
 // plus what was received last.

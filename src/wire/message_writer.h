@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/byte_order.h"
 #include "wire/layout.h"
 
 #include <cstddef>
@@ -44,18 +45,18 @@ inline void put_u8(unsigned char* message, std::size_t offset, char value) {
 }
 
 inline void put_u16(unsigned char* message, std::size_t offset, std::uint16_t value) {
-    const std::uint16_t swapped = __builtin_bswap16(value);
-    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
+    const std::uint16_t ordered = big_endian(value);
+    __builtin_memcpy(message + offset, &ordered, sizeof ordered);
 }
 
 inline void put_u32(unsigned char* message, std::size_t offset, std::uint32_t value) {
-    const std::uint32_t swapped = __builtin_bswap32(value);
-    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
+    const std::uint32_t ordered = big_endian(value);
+    __builtin_memcpy(message + offset, &ordered, sizeof ordered);
 }
 
 inline void put_u64(unsigned char* message, std::size_t offset, std::uint64_t value) {
-    const std::uint64_t swapped = __builtin_bswap64(value);
-    __builtin_memcpy(message + offset, &swapped, sizeof swapped);
+    const std::uint64_t ordered = big_endian(value);
+    __builtin_memcpy(message + offset, &ordered, sizeof ordered);
 }
 
 // Whole cents of a price in millionths (truncated), low 16 bits.

@@ -109,7 +109,7 @@ Packets read_whole(std::span<const unsigned char> stream, std::size_t& used) {
         check(consumed == 3 + packet.payload.size(), "a packet takes its length");
         used += consumed;
         packets.emplace_back(packet.type, std::string(packet.payload.begin(), packet.payload.end()));
-        if (packet.type == login_request_type) {
+        if (packet.type == soup_login_request) {
             const LoginRequest login = read_login(packet.payload);
             check(login.username.size() <= 6 && login.session.size() <= 10, "a login's fields");
         }

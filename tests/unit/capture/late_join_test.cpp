@@ -60,7 +60,7 @@ TEST(LateJoin, LargeSpinIsCutIntoSegmentsWithAcknowledgments) {
     begin_join(m.join, m.server, "UTPBENCH01", 0);
     m.pass(0);
     EXPECT_EQ(m.join.state, LateJoin::State::logged_out);
-    const std::size_t spin = m.server.spin.handed_over;
+    const std::size_t spin = m.server.spin.bytes_flushed;
     ASSERT_GT(spin, 300'000u);
     // A piece of the spin ends in a segment that may be short.
     const std::size_t pieces = spin / (spin_buffer_bytes - 256) + 1;

@@ -182,8 +182,8 @@ TEST(SnapshotServer, SlowReader_GetsAWholeSpinLargerThanTheWindow) {
     reader.join();
     ASSERT_TRUE(served);
     EXPECT_EQ(client.types(), "AS");
-    EXPECT_EQ(client.received.size(), 33 + service.server.spin.handed_over);
-    EXPECT_GT(service.server.spin.handed_over, 2'000'000u);
+    EXPECT_EQ(client.received.size(), 33 + service.server.spin.bytes_flushed);
+    EXPECT_GT(service.server.spin.bytes_flushed, 2'000'000u);
 }
 
 // One that vanishes while the spin goes out: the send fails, the pass ends, the record goes with the next

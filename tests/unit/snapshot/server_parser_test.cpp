@@ -23,7 +23,7 @@ TEST(SoupParser, PacketCutAnywhere_IsWholeAtItsLastByteOnly) {
     }
     ASSERT_TRUE(next_soup_packet(as_bytes(input), parsed, consumed));
     EXPECT_EQ(parsed.type, 'L');
-    EXPECT_EQ(parsed.payload.size(), login_request_bytes);
+    EXPECT_EQ(parsed.payload.size(), soup_login_request_bytes);
     EXPECT_EQ(consumed, input.size());
 }
 

@@ -456,7 +456,7 @@ TEST(Spin, HandedOverInPieces_IsTheSpinAsAWhole) {
     piecewise.sink = {take_piece, &pieces};
     build_spin(piecewise, market.engine, spin_time);
     append_end_of_snapshot(piecewise, spin_time, market.last());
-    EXPECT_EQ(piecewise.handed_over, whole.size);
+    EXPECT_EQ(piecewise.bytes_flushed, whole.size);
     EXPECT_EQ(piecewise.size, 0u);
     EXPECT_GE(pieces.size(), 3u);
     Bytes joined;
