@@ -96,12 +96,6 @@ char* put_price4(char* out, std::int64_t price) {
     return put_cents4(out, magnitude / millionths_per_cent) - 1;
 }
 
-void keep_tens(CountText& kept, std::uint64_t tens) {
-    char* const end = tens == 0 ? kept.text.data() : put_unsigned(kept.text.data(), tens);
-    kept.length = static_cast<std::size_t>(end - kept.text.data());
-    kept.tens = tens;
-}
-
 char* put_price_general(char* out, std::int64_t price) {
     // Up to $9,999.99 the six digits hold every cent: the number is written from its integers.
     constexpr std::int64_t exact_below = 10'000'000'000;

@@ -124,28 +124,6 @@ inline char* put_cents4(char* out, std::uint64_t cents) {
 // A price in millionths, whole cents, as dollars with four decimals: 190010000 is "190.0100".
 char* put_price4(char* out, std::int64_t price);
 
-// The text of a number that mostly grows by one from use to use: what stands before its last digit.
-struct CountText {
-    std::uint64_t tens = 0;  // whose text this is; none for 0
-    std::size_t length = 0;
-    std::array<char, 24> text{};
-};
-
-// Makes the text that of this number.
-void keep_tens(CountText& kept, std::uint64_t tens);
-
-// As put_unsigned. The last digit is written behind the copy, not into the kept text: a copy of bytes of
-// which one has just been stored would have to wait for it.
-inline char* put_count(char* out, std::uint64_t value, CountText& kept) {
-    const std::uint64_t tens = value / 10;
-    if (tens != kept.tens) [[unlikely]] {
-        keep_tens(kept, tens);
-    }
-    __builtin_memcpy(out, kept.text.data(), kept.text.size());
-    out[kept.length] = static_cast<char>('0' + (value - tens * 10));
-    return out + kept.length + 1;
-}
-
 // A price in millionths as dollars with up to six significant digits, no trailing zeros: "190.01", "1234.57",
 // "0". What an output stream prints by default.
 char* put_price_general(char* out, std::int64_t price);

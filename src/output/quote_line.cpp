@@ -120,20 +120,11 @@ char* put_market(char* out, const Instrument& instrument) {
     return put_best(out, asks, first_ask, instrument.nbbo.ask, instrument.nbbo.ask_size);
 }
 
-// The band's member with what leads to the next: made anew when its prices are not the line's before.
-char* put_band(char* out, TruthLog& truth, const Instrument& instrument) {
-    BandText& band = truth.band;
-    if (band.lower != instrument.luld_lower || band.upper != instrument.luld_upper) {
-        band.lower = instrument.luld_lower;
-        band.upper = instrument.luld_upper;
-        char* end = put_text(band.text.data(), "],\"band\":[");
-        end = put_price4(end, band.lower);
-        end = put_char(end, ',');
-        end = put_price4(end, band.upper);
-        band.length = static_cast<std::size_t>(end - band.text.data());
-    }
-    std::memcpy(out, band.text.data(), band.text.size());
-    return out + band.length;
+// The band's member with what leads to the next. An active band's prices are above 0.
+char* put_band(char* out, const Instrument& instrument) {
+    out = put_text(out, "],\"band\":[");
+    out = put_cents4(out, static_cast<std::uint64_t>(instrument.luld_lower / cent));
+    return put_cents4(out, static_cast<std::uint64_t>(instrument.luld_upper / cent)) - 1;
 }
 
 void write_line(TruthLog& truth, const Instrument& instrument, std::uint64_t sequence,
@@ -144,7 +135,7 @@ void write_line(TruthLog& truth, const Instrument& instrument, std::uint64_t seq
     char* out = begin_instrument_line(truth, instrument, sequence, extra.size());
     out = put_market(out, instrument);
     if (has_active_band(instrument)) {
-        out = put_band(out, truth, instrument);
+        out = put_band(out, instrument);
     }
     out = put_text(out, "],\"status\":\"");
     out = put_char(out, instrument.status);

@@ -52,7 +52,7 @@ char* begin_instrument_line(TruthLog& truth, const Instrument& instrument, std::
         begin_line(truth, instrument.symbol_length == UINT8_MAX ? instrument.symbol.size() + text_length
                                                                 : UINT8_MAX + text_length);
     out = put_text(out, "{\"seq\":");
-    out = put_count(out, sequence, truth.sequence);
+    out = put_unsigned(out, sequence);
     out = put_text(out, ",\"secid\":");
     out = put_unsigned(out, instrument.secid);
     out = put_text(out, ",\"symbol\":\"");

@@ -1,8 +1,5 @@
 #pragma once
 
-#include "output/number_text.h"
-
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -12,14 +9,6 @@
 namespace tessel {
 
 struct Instrument;
-
-// The text of a quote line's band: ],"band":[180.5000,199.5000
-struct BandText {
-    std::int64_t lower = 0;  // whose text this is; an active band has no price of 0
-    std::int64_t upper = 0;
-    std::size_t length = 0;
-    std::array<char, 64> text{};
-};
 
 // Takes a truth log's lines in place of a file, each whole with its line feed.
 struct TruthSink {
@@ -43,9 +32,6 @@ struct TruthLog {
     bool enabled = false;    // until the first failure
     TruthSink sink;          // set together with `enabled`; lines then go here and not to fd
     std::vector<char> line;  // reused for every line
-    // Texts kept from line to line, since an instrument's quotes mostly come in twos and threes.
-    CountText sequence;
-    BandText band;
 };
 
 // Opens path for appending; on failure the log stays silent, and nothing is reported.

@@ -100,8 +100,8 @@ char nbbo_indicator(const Instrument& instrument, const ParticipantQuote& quote)
     return is_whole_nbbo(quote, instrument.nbbo) ? '4' : '3';
 }
 
-void append_quote(SpinBuffer& spin, QuoteRecord& record, const LongQuoteForm& form,
-                  const Instrument& instrument, const ParticipantQuote& quote) {
+void append_quote(SpinBuffer& spin, QuoteRecord& record, const Instrument& instrument,
+                  const ParticipantQuote& quote) {
     set_quote_part(record, instrument, quote, record.header.participant_time);
     OddLotList odd_lots;
     record.odd_lot_count = list_odd_lots(quote, odd_lots);
@@ -111,17 +111,14 @@ void append_quote(SpinBuffer& spin, QuoteRecord& record, const LongQuoteForm& fo
     // Put in place: these are nine tenths of a spin.
     unsigned char* const out = next_message(spin);
     record.nbbo_ind = nbbo_indicator(instrument, quote);
-    frame_message(spin, record.nbbo_ind == '3' ? put_prepared_quote(out, form, record)
-                                               : put_long_quote_message(out, record));
+    frame_message(spin, put_long_quote_message(out, record));
 }
 
 void append_quotes(SpinBuffer& spin, const Instrument& instrument, std::uint64_t spin_time_ns) {
     QuoteRecord record = fill_instrument_part(instrument, spin_time_ns);
-    LongQuoteForm form;
-    prepare_long_quote(form, record);
     for (std::size_t slot = 0; slot < instrument.quote_slots; ++slot) {
         if (instrument.quotes[slot].quoted) {
-            append_quote(spin, record, form, instrument, instrument.quotes[slot]);
+            append_quote(spin, record, instrument, instrument.quotes[slot]);
         }
     }
 }

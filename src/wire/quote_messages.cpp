@@ -235,45 +235,6 @@ std::size_t put_long_quote_message(unsigned char* out, const QuoteRecord& record
     return put_odd_lots(out, at, record);
 }
 
-void prepare_long_quote(LongQuoteForm& form, const QuoteRecord& record) {
-    static_assert(sizeof form.bytes >= long_quote_bytes + long_nbbo_bytes + mpid_best_odd_lot_bytes);
-    assert(record.nbbo_ind == '3');
-    QuoteRecord shared = record;
-    shared.adf_time = 0;
-    shared.adf_mpid_ind = ' ';
-    shared.odd_list_ind = '0';
-    shared.odd_lot_count = 0;
-    form.length = put_long_quote_message(form.bytes.data(), shared);
-}
-
-std::size_t put_prepared_quote(unsigned char* out, const LongQuoteForm& form, const QuoteRecord& record) {
-    constexpr std::size_t behind_nbbo = long_quote_bytes + long_nbbo_bytes;
-    static_assert(sizeof form.bytes + adf_mpid_bytes <= long_quote_bytes_max);
-    __builtin_memcpy(out, form.bytes.data(), sizeof form.bytes);
-    put_u8(out, 3, record.header.market_center);
-    put_price_long(out, 48, record.bid);
-    put_size_long(out, 56, record.bid_size);
-    put_price_long(out, 60, record.ask);
-    put_size_long(out, 68, record.ask_size);
-    put_u8(out, 72, record.condition);
-    put_u8(out, 74, record.luld_bbo);
-    std::size_t at = form.length;
-    if (record.adf_mpid_ind == '2') {
-        put_u64(out, 29, record.adf_time);
-        put_u8(out, 78, record.adf_mpid_ind);
-        put_adf_mpids(out, behind_nbbo, record);
-        __builtin_memcpy(out + behind_nbbo + adf_mpid_bytes, form.bytes.data() + behind_nbbo,
-                         sizeof form.bytes - behind_nbbo);
-        at += adf_mpid_bytes;
-    }
-    if (record.odd_lot_count == 0) {
-        return at;
-    }
-    put_u8(out, 80, record.odd_list_ind);
-    put_u16(out, 81, odd_lot_count(record));
-    return put_odd_lots(out, at, record);
-}
-
 void build_quote(MessageWriter& writer, const QuoteRecord& record, char type) {
     const std::size_t odd_lots =
         best_odd_lot_bytes(record.odd_best_ind) + odd_lot_bytes(record.odd_list_ind) * record.odd_lot_count;

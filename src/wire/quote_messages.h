@@ -92,19 +92,4 @@ constexpr std::size_t long_quote_bytes_max =
 // length.
 std::size_t put_long_quote_message(unsigned char* out, const QuoteRecord& record);
 
-// A long quote made once for an instrument whose centers' quotes differ in nothing but the center's own part:
-// originator, ADF time and MPIDs, prices, sizes, condition, LULD BBO indicator and odd-lot list. Padded so
-// that it is copied at a constant width.
-struct LongQuoteForm {
-    alignas(16) std::array<unsigned char, 144> bytes{};
-    std::size_t length = 0;
-};
-
-// record: a quote with the long NBBO appendage; its center's own part is not looked at.
-void prepare_long_quote(LongQuoteForm& form, const QuoteRecord& record);
-
-// As put_long_quote_message of the record that the form was prepared from, with its own part as it is now;
-// the same room is needed.
-std::size_t put_prepared_quote(unsigned char* out, const LongQuoteForm& form, const QuoteRecord& record);
-
 }  // namespace tessel

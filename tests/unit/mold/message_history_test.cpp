@@ -121,14 +121,14 @@ TEST(RetransStore, ManyTimesAround_MemoryStaysBounded) {
 
 TEST(RetransStore, ChunkGivenUp_IsTheNextOneUsed) {
     RetransStore store;
-    while (!store.spare) {
+    while (!store.recycled_chunk) {
         fill(store, 1, 1000);
     }
-    const unsigned char* const spare = store.spare.get();
-    while (store.spare) {
+    const unsigned char* const kept = store.recycled_chunk.get();
+    while (store.recycled_chunk) {
         fill(store, 1, 1000);
     }
-    EXPECT_EQ(store.chunks.back().bytes.get(), spare);
+    EXPECT_EQ(store.chunks.back().bytes.get(), kept);
 }
 
 TEST(RetransStore, NoRoomForTheNextBlock_CopiesNothingAndStays) {

@@ -119,25 +119,6 @@ TEST(PutCents4, EveryCentAroundTheTablesEnds_EqualsTheFormattedDollarsAndAComma)
     EXPECT_EQ(std::string(text.data(), static_cast<std::size_t>(end - text.data())), "10000000000.0100,");
 }
 
-TEST(PutCount, OneMoreEachTimeAndJumps_EqualTheNumberAlone) {
-    CountText kept;
-    const auto count = [&kept](std::uint64_t value) {
-        std::array<char, 64> text{};
-        const char* const end = put_count(text.data(), value, kept);
-        return std::string(text.data(), static_cast<std::size_t>(end - text.data()));
-    };
-    for (std::uint64_t value = 0; value < 12'000; ++value) {
-        ASSERT_EQ(count(value), std::to_string(value));
-    }
-    const std::uint64_t last = std::numeric_limits<std::uint64_t>::max();
-    for (const std::uint64_t value :
-         {std::uint64_t{7}, std::uint64_t{7}, std::uint64_t{9}, std::uint64_t{10}, std::uint64_t{8},
-          std::uint64_t{99'999'998}, std::uint64_t{99'999'999}, std::uint64_t{100'000'000}, last - 1, last,
-          std::uint64_t{0}, std::uint64_t{1}}) {
-        EXPECT_EQ(count(value), std::to_string(value));
-    }
-}
-
 TEST(PutPriceGeneral, WholeCentsOfEveryScale_EqualAnOutputStream) {
     for_many_prices(
         [](std::int64_t price) { ASSERT_EQ(written(put_price_general, price), streamed(price)); });

@@ -380,42 +380,5 @@ TEST(LongQuotePutInPlace, IsTheBuiltMessageAndTouchesNothingBehindIt) {
     EXPECT_EQ(longest, long_quote_bytes_max);
 }
 
-TEST(PreparedLongQuote, WithEachCentersPart_IsThatCentersMessage) {
-    for (const char best : {'0', '3', '5'}) {
-        QuoteRecord record = full_quote();
-        record.nbbo_ind = '3';
-        record.odd_best_ind = best;
-        record.odd_bid_mpid = "NITE";
-        LongQuoteForm form;
-        prepare_long_quote(form, record);
-        for (const char market_center : {'Q', 'D', 'x'}) {
-            for (const char list : {'0', '3', '5'}) {
-                record.header.market_center = market_center;
-                record.adf_time = market_center == 'D' ? participant_time : 0;
-                record.adf_mpid_ind = market_center == 'D' ? '2' : ' ';
-                record.bid_mpid = market_center == 'D' ? "NITE" : std::string_view();
-                record.ask_mpid = market_center == 'D' ? "GSCO" : std::string_view();
-                record.bid += 10'000;
-                record.ask += 20'000;
-                record.bid_size += 100;
-                record.ask_size += 200;
-                record.condition = static_cast<char>('A' + market_center % 7);
-                record.luld_bbo = static_cast<char>('A' + market_center % 3);
-                record.odd_list_ind = list;
-                record.odd_lots = two_orders.data();
-                record.odd_lot_count = list == '0' ? 0 : 2;
-                std::vector<unsigned char> whole(long_quote_bytes_max, 0xEE);
-                std::vector<unsigned char> prepared(long_quote_bytes_max + 8, 0xEE);
-                const std::size_t length = put_long_quote_message(whole.data(), record);
-                ASSERT_EQ(put_prepared_quote(prepared.data(), form, record), length);
-                EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length),
-                                       prepared.begin()))
-                    << best << market_center << list;
-                EXPECT_EQ(std::count(prepared.end() - 8, prepared.end(), 0xEE), 8) << "beyond the room";
-            }
-        }
-    }
-}
-
 }  // namespace
 }  // namespace tessel
