@@ -7,6 +7,7 @@ from pathlib import Path
 
 from capture_files_test import judge, listen
 from feed import program
+from time_scale import scaled
 
 ROOT = Path(__file__).resolve().parents[2]
 PAGE = ROOT / "docs" / "captures.md"
@@ -24,7 +25,7 @@ def test_every_command_of_the_page_runs(tmp_path):
     env.pop("TESSEL_SCENARIO", None)
     for command in commands:
         done = subprocess.run(["bash", "-c", command.replace("scripts/", f"{ROOT}/scripts/")], cwd=tmp_path,
-                              env=env, capture_output=True, text=True, timeout=240, check=False)
+                              env=env, capture_output=True, text=True, timeout=scaled(240), check=False)
         assert done.returncode == 0, f"{command}\n{done.stdout}{done.stderr}"
     assert (tmp_path / "slow.svg").read_text().startswith("<svg ")
 
@@ -39,7 +40,8 @@ def test_options_of_the_page_are_those_of_the_program():
 def test_every_sample_is_small_and_judged_to_be_the_truth(tmp_path):
     folder = Path(program("tessel-capture")).parent
     done = subprocess.run([ROOT / "scripts" / "samples", tmp_path / "samples"], capture_output=True,
-                          text=True, timeout=240, check=False, env={**os.environ, "TESSEL_BIN": str(folder)})
+                          text=True, timeout=scaled(240), check=False,
+                          env={**os.environ, "TESSEL_BIN": str(folder)})
     assert done.returncode == 0, done.stderr
     captures = sorted((tmp_path / "samples").glob("*.pcap.zst"))
     assert len(captures) == 8

@@ -12,6 +12,7 @@ import pytest
 
 from capture import read_fields, run_tshark
 from feed import Feed, program
+from time_scale import scaled
 
 SOURCE = Path(os.environ["TESSEL_SOURCE"])
 GOLDEN = SOURCE / "tests" / "golden" / "capture.json"
@@ -53,21 +54,21 @@ def make(*args, scenario=None, status=0, text=True, **more):
     if scenario is not None:
         env["TESSEL_SCENARIO"] = scenario
     done = subprocess.run([program("tessel-capture"), *map(str, args)], env=env, capture_output=True,
-                          text=text, timeout=240, check=False, **more)
+                          text=text, timeout=scaled(240), check=False, **more)
     assert done.returncode == status, done.stderr
     return done
 
 
 def listen(path, *args, status=0):
     done = subprocess.run([program("tessel-listen"), "--from-pcap", str(path), *map(str, args)],
-                          capture_output=True, text=True, timeout=240, check=False)
+                          capture_output=True, text=True, timeout=scaled(240), check=False)
     assert done.returncode == status, done.stderr
     return done
 
 
 def judge(truth, output, *args):
     done = subprocess.run([program("tessel-judge"), str(truth), str(output), *args], capture_output=True,
-                          text=True, timeout=240, check=False)
+                          text=True, timeout=scaled(240), check=False)
     assert done.returncode == 0, done.stdout + done.stderr
 
 
@@ -243,7 +244,8 @@ def test_live_feed_and_capture_make_the_same_messages(tmp_path):
     with Feed(tmp_path, *options, scenario=scenario) as feed:
         live = subprocess.run([program("tessel-listen"), *feed.receiver_args(), "--retrans",
                                f"127.0.0.1:{feed.retrans_port}", "--decode", "--count", str(count)],
-                              capture_output=True, text=True, timeout=240, check=True).stdout.splitlines()
+                              capture_output=True, text=True, timeout=scaled(240),
+                              check=True).stdout.splitlines()
     make(*options, "--duration", "20s", "--pcap", tmp_path / "a.pcap", "--truth-out", tmp_path / "a.jsonl",
          scenario=scenario)
     made = listen(tmp_path / "a.pcap", "--decode").stdout.splitlines()

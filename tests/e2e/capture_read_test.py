@@ -11,6 +11,7 @@ import pytest
 from capture import _ipv4, udp_frame, write_pcap
 from capture_files_test import MIX, judge, listen, make, records
 from feed import program, wait_until
+from time_scale import scaled
 
 RETRANS = ("--retrans", "127.0.0.1:25178")
 SNAPSHOT = ("--snapshot", "127.0.0.1:25179")
@@ -46,7 +47,7 @@ def test_pipes_compressed_files_and_both_byte_orders_are_read(clean, tmp_path):
     for path in (clean / "a.pcap", tmp_path / "a.pcap.zst"):
         with open(path, "rb") as file:
             done = subprocess.run([program("tessel-listen"), "--from-pcap", "-", "--out", "-"], stdin=file,
-                                  capture_output=True, text=True, timeout=120, check=False)
+                                  capture_output=True, text=True, timeout=scaled(120), check=False)
         assert (done.returncode, done.stdout) == (0, truth)
     with open(tmp_path / "big.pcap", "wb") as file:
         file.write(struct.pack(">IHHiIII", 0xa1b23c4d, 2, 4, 0, 0, 262144, 1))
@@ -227,9 +228,9 @@ def test_capture_played_back_onto_a_network_is_heard_whole(two_hosts, tmp_path):
             return group in text.upper()
         wait_until(joined, 60, "the membership")
         done = subprocess.run(in_namespace(player, "tcpreplay", "--intf1=veth0", "--pps=2000", path),
-                              capture_output=True, text=True, timeout=120, check=False)
+                              capture_output=True, text=True, timeout=scaled(120), check=False)
         assert done.returncode == 0, done.stderr
-        _, log = child.communicate(timeout=120)
+        _, log = child.communicate(timeout=scaled(120))
     finally:
         child.kill()
     assert child.returncode == 0, log

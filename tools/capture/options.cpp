@@ -177,7 +177,7 @@ std::string check_outputs(const Options& o) {
     for (const auto& [name, path] : outputs) {
         any = any || !path->empty();
         for (const auto& [other, other_path] : outputs) {
-            if (name != other && !path->empty() && *path == *other_path) {
+            if (name != other && !path->empty() && *path == *other_path && *path != "/dev/null") {
                 return std::string(name) + " and " + other + " both go to '" + *path + "'";
             }
         }
