@@ -1,4 +1,4 @@
-"""Each project rule finds a violation planted for it, and leaves its honest twin alone."""
+"""Each project rule finds a violation planted for it, and leaves the honest form alone."""
 
 import importlib.util
 import os
@@ -75,6 +75,12 @@ PLANTED = [
     planted("tests/loose.cpp", "// text\n", "in no target"),
     planted("src/app/main.cpp", "int main() {\n" + "    f();\n" * 69 + "}\n", "long function",
             "71 lines"),
+    planted("tests/e2e/a_test.py", "a = 1\n" * 500, "long file of tests", "500 lines"),
+    planted("tests/support/a.cpp", "// text\n" * 612, "long file of tests", "612 lines"),
+    planted("tests/integration/a_test.cpp", "TEST(Feed, StartsAtOne) {\n}\n", "test name StartsAtOne",
+            "Situation_Expectation"),
+    planted("tests/integration/b_test.cpp", "TEST_P(\n    Feed, StartsAtOne) {\n}\n",
+            "test name StartsAtOne"),
 ]
 
 
@@ -109,7 +115,8 @@ def test_a_circle_of_headers_is_found(tmp_path):
 
 HONEST = {
     "src/base/clock.cpp": "// reads the clocks\nauto a = std::chrono::system_clock::now();\n",
-    "tests/unit/base/clock_test.cpp": "// text\n",
+    "tests/unit/base/clock_test.cpp": "TEST(Clock, FirstReading_IsTheSystems) {\n}\n" + "// text\n" * 497,
+    "tests/conftest.py": "a = 1\n" * 499,
     "src/app/main.cpp": ('#include "engine/quotes.h"\n'
                          "// rand() and virtual are only spoken of here\n"
                          'const char* text = "virtual rand() system_clock";\n'

@@ -81,13 +81,13 @@ class OrdinaryRuns : public ::testing::TestWithParam<Run> {};
 class OddRuns : public ::testing::TestWithParam<Run> {};
 class BusyRuns : public ::testing::TestWithParam<Run> {};
 
-TEST_P(OrdinaryRuns, EveryByteIsTheModels) {
+TEST_P(OrdinaryRuns, EveryByte_IsTheModels) {
     replay(GetParam());
 }
-TEST_P(OddRuns, EveryByteIsTheModels) {
+TEST_P(OddRuns, EveryByte_IsTheModels) {
     replay(GetParam());
 }
-TEST_P(BusyRuns, EveryByteIsTheModels) {
+TEST_P(BusyRuns, EveryByte_IsTheModels) {
     replay(GetParam());
 }
 

@@ -130,7 +130,7 @@ std::uint64_t follow_run(const TestMarket& market, const std::string& symbols) {
     return lines;
 }
 
-TEST_P(Receiver, RebuildsEveryTruthLineFromTheMessages) {
+TEST_P(Receiver, EveryTruthLine_IsRebuiltFromTheMessages) {
     const Case& given = GetParam();
     TestMarket market(given.options);
     market.start_of_day();

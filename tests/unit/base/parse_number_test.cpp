@@ -8,7 +8,7 @@
 namespace tessel {
 namespace {
 
-TEST(StrictNumbers, ReadALeadingNumberAndIgnoreTheRest) {
+TEST(StrictNumbers, LeadingNumber_IsReadAndTheRestIgnored) {
     std::string error;
     std::int32_t small = 0;
     std::uint64_t large = 0;
@@ -36,7 +36,7 @@ TEST(StrictNumbers, ReadALeadingNumberAndIgnoreTheRest) {
     EXPECT_EQ(error, "");
 }
 
-TEST(StrictNumbers, TellTheirNameWhenThereIsNoNumber) {
+TEST(StrictNumbers, NoNumber_ErrorNamesTheOption) {
     std::string error;
     std::int32_t small = 3;
     std::uint64_t large = 4;
@@ -54,7 +54,7 @@ TEST(StrictNumbers, TellTheirNameWhenThereIsNoNumber) {
     EXPECT_EQ(real, 5.0);
 }
 
-TEST(StrictNumbers, TellTheirNameWhenTheNumberIsOutOfRange) {
+TEST(StrictNumbers, NumberOutOfRange_ErrorNamesTheOption) {
     std::string error;
     std::int32_t small = 0;
     std::uint64_t large = 0;
@@ -75,7 +75,7 @@ TEST(StrictNumbers, TellTheirNameWhenTheNumberIsOutOfRange) {
     EXPECT_FALSE(to_stod("1e-400", real, error)) << "too small is out of range too";
 }
 
-TEST(StrictNumbers, LeaveErrnoAsItWasOnSuccess) {
+TEST(StrictNumbers, Success_LeavesErrnoAsItWas) {
     std::string error;
     std::int32_t small = 0;
     std::uint64_t large = 0;
@@ -94,7 +94,7 @@ TEST(StrictNumbers, LeaveErrnoAsItWasOnSuccess) {
     EXPECT_EQ(errno, 0);
 }
 
-TEST(ParseCount, ReadsAsStrtoulDoesAndKeepsTheLow32Bits) {
+TEST(ParseCount, AnyText_IsReadAsStrtoulReadsIt_Low32BitsKept) {
     EXPECT_EQ(parse_count("12", 7), 12u);
     EXPECT_EQ(parse_count("  3x", 7), 3u);
     EXPECT_EQ(parse_count("0", 7), 0u);
@@ -104,7 +104,7 @@ TEST(ParseCount, ReadsAsStrtoulDoesAndKeepsTheLow32Bits) {
     EXPECT_EQ(parse_count("18446744073709551615", 7), 4294967295u);
 }
 
-TEST(ParseCount, GivesTheFallbackInsteadOfFailing) {
+TEST(ParseCount, NoNumber_GivesTheFallback) {
     EXPECT_EQ(parse_count("", 7), 7u);
     EXPECT_EQ(parse_count("abc", 7), 7u);
     EXPECT_EQ(parse_count("-", 0), 0u);

@@ -20,7 +20,7 @@ std::uint32_t little32(const std::string& bytes, std::size_t at) {
     return value;
 }
 
-TEST(CaptureFile, IsClassicPcapWithNanoseconds) {
+TEST(CaptureFile, NewFile_IsClassicPcapWithNanoseconds) {
     const TempFolder folder;
     CaptureFile capture;
     std::string error;
@@ -40,7 +40,7 @@ TEST(CaptureFile, IsClassicPcapWithNanoseconds) {
     EXPECT_EQ(little32(bytes, 36), 3u);
 }
 
-TEST(CaptureFile, StampsAlwaysRise) {
+TEST(CaptureFile, Stamps_AlwaysRise) {
     CaptureFile capture;
     std::string error;
     ASSERT_TRUE(open_capture(capture, "", error));
@@ -55,7 +55,7 @@ TEST(CaptureFile, StampsAlwaysRise) {
     EXPECT_EQ(capture.bytes, 24u + 4 * 17) << "counted without a file, too";
 }
 
-TEST(CaptureFile, FailuresNameTheFile) {
+TEST(CaptureFile, Failures_NameTheFile) {
     CaptureFile capture;
     std::string error;
     EXPECT_FALSE(open_capture(capture, "/nonexistent/a.pcap", error));

@@ -47,14 +47,14 @@ void expect_right_checksums(const Bytes& frame, std::size_t ip_at) {
     EXPECT_EQ(ip[2] * 256u + ip[3], ip.size());
 }
 
-TEST(Frames, GroupsAddressGivesItsLow23Bits) {
+TEST(Frames, GroupsAddress_GivesItsLow23Bits) {
     EXPECT_EQ(multicast_mac(0xEFFF19B1), (Mac{0x01, 0x00, 0x5e, 0x7f, 0x19, 0xb1}));
     EXPECT_TRUE(is_multicast(0xE0000001));
     EXPECT_FALSE(is_multicast(0xF0000001));
     EXPECT_FALSE(is_multicast(0x7F000001));
 }
 
-TEST(Frames, UdpIsLaidOutAsOnTheWire) {
+TEST(Frames, Udp_IsLaidOutAsOnTheWire) {
     FrameBuilder builder;
     const Endpoint group{0xEFFF19B1, 25'177, multicast_mac(0xEFFF19B1)};
     const unsigned char payload[] = {'a', 'b', 'c'};
@@ -72,7 +72,7 @@ TEST(Frames, UdpIsLaidOutAsOnTheWire) {
               "616263");
 }
 
-TEST(Frames, VlanTagStandsBeforeTheType) {
+TEST(Frames, VlanTag_ComesBeforeTheType) {
     FrameBuilder builder;
     builder.vlan = 4094;
     const Bytes frame = copied(build_udp(builder, host, peer, {}));
@@ -96,7 +96,7 @@ TEST(Frames, ChecksumsAreRightForEveryLength_Seed3) {
     }
 }
 
-TEST(Frames, UdpChecksumOfZeroIsWrittenAsOnes) {
+TEST(Frames, UdpChecksumOfZero_IsWrittenAsOnes) {
     FrameBuilder builder;
     // The two bytes make up for everything else in the sum.
     Bytes payload{0, 0};
@@ -107,7 +107,7 @@ TEST(Frames, UdpChecksumOfZeroIsWrittenAsOnes) {
     EXPECT_EQ(frame[41], 0xff);
 }
 
-TEST(Frames, TcpSaysItsSegmentSizeWithSyn) {
+TEST(Frames, TcpSyn_CarriesTheSegmentSize) {
     FrameBuilder builder;
     const Bytes frame = copied(build_tcp(builder, host, peer, 1000, 0, tcp_syn, {}));
     ASSERT_EQ(frame.size(), 14u + 20 + 24);
@@ -117,7 +117,7 @@ TEST(Frames, TcpSaysItsSegmentSizeWithSyn) {
     EXPECT_EQ(build_tcp(builder, host, peer, 1, 2, tcp_ack, {}).size(), 14u + 20 + 20);
 }
 
-TEST(Frames, EveryPacketHasAnIdentificationOfItsOwn) {
+TEST(Frames, EveryPacket_HasADifferentIdentification) {
     FrameBuilder builder;
     const Bytes first = copied(build_udp(builder, host, peer, {}));
     const Bytes second = copied(build_udp(builder, host, peer, {}));

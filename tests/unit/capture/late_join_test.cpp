@@ -33,7 +33,7 @@ struct Market {
     LateJoin join;
 };
 
-TEST(LateJoin, GoesFromHandshakeToCloseInTwoPasses) {
+TEST(LateJoin, Session_GoesFromHandshakeToCloseInTwoPasses) {
     Market m;
     begin_join(m.join, m.server, "UTPBENCH01", 0);
     EXPECT_EQ(m.wire.file.frames, 4u) << "three of the handshake, the login";
@@ -50,7 +50,7 @@ TEST(LateJoin, GoesFromHandshakeToCloseInTwoPasses) {
     EXPECT_EQ(m.wire.file.frames, after_spin + 3);
 }
 
-TEST(LateJoin, LargeSpinIsCutIntoSegmentsWithAcknowledgments) {
+TEST(LateJoin, LargeSpin_IsCutIntoSegmentsWithAcknowledgments) {
     std::string symbols;
     for (int at = 0; at < 400; ++at) {
         symbols += (at == 0 ? "S" : ",S") + std::to_string(at) + ":20";
@@ -71,7 +71,7 @@ TEST(LateJoin, LargeSpinIsCutIntoSegmentsWithAcknowledgments) {
     EXPECT_EQ(m.join.state, LateJoin::State::closed);
 }
 
-TEST(LateJoin, RejectedLoginIsClosedByTheService) {
+TEST(LateJoin, RejectedLogin_IsClosedByTheService) {
     Market m;
     begin_join(m.join, m.server, "YESTERDAY", 0);
     m.pass(0);

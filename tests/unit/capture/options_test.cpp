@@ -38,7 +38,7 @@ std::string refusal(const Words& words) {
     return printed.substr(16, printed.size() - 17);
 }
 
-TEST(CaptureOptions, DefaultsAreTheFeedsAndOurOwn) {
+TEST(CaptureOptions, Defaults_AreTheFeedsAndOurOwn) {
     const Options options = parsed({});
     EXPECT_EQ(options.start_ns, 1'767'623'400'000'000'000);
     EXPECT_EQ(options.duration_ns, 60'000'000'000);
@@ -51,7 +51,7 @@ TEST(CaptureOptions, DefaultsAreTheFeedsAndOurOwn) {
     EXPECT_FALSE(options.retransmit);
 }
 
-TEST(CaptureOptions, FeedsOptionsAreReadAsTheFeedReadsThem) {
+TEST(CaptureOptions, FeedsOptions_AreReadAsTheFeedReadsThem) {
     const Options options = parsed({"--seed", "0x10", "--seed", "9junk", "--interval-ms", "-1", "--symbols",
                                     "", "--drop-burst", "5:2", "--quiet", "--session", "LONGER-THAN-TEN"});
     EXPECT_EQ(options.feed.seed, 9u);
@@ -61,12 +61,12 @@ TEST(CaptureOptions, FeedsOptionsAreReadAsTheFeedReadsThem) {
     EXPECT_TRUE(options.feed.quiet);
 }
 
-TEST(CaptureOptions, JoinsAreKeptInTheirOrderOfTime) {
+TEST(CaptureOptions, Joins_AreKeptInTheirOrderOfTime) {
     const Options options = parsed({"--join-at", "30s", "--join-at", "1.5", "--join-at", "250ms"});
     EXPECT_EQ(options.joins_ns, (std::vector<std::int64_t>{250'000'000, 1'500'000'000, 30'000'000'000}));
 }
 
-TEST(CaptureOptions, AddressesAreRead) {
+TEST(CaptureOptions, Addresses_AreRead) {
     const Options options = parsed({"--src-ip", "10.0.0.7", "--src-mac", "02-AB-cd-00-00-ff", "--vlan", "12",
                                     "--src-port", "999", "--mcast", "224.1.2.3"});
     EXPECT_EQ(options.source_address, 0x0a000007u);
@@ -76,7 +76,7 @@ TEST(CaptureOptions, AddressesAreRead) {
     EXPECT_EQ(options.group_address, 0xe0010203u);
 }
 
-TEST(CaptureOptions, FaultsNameTheOptionAndTheValue) {
+TEST(CaptureOptions, Faults_NameTheOptionAndTheValue) {
     const std::pair<Words, std::string> faults[] = {
         {{"--start", "yesterday", "--pcap", "a"}, "--start: 'yesterday' "},
         {{"--duration", "1d", "--pcap", "a"}, "--duration: "},
@@ -106,7 +106,7 @@ TEST(CaptureOptions, FaultsNameTheOptionAndTheValue) {
     }
 }
 
-TEST(CaptureOptions, MacNeedsSixOctets) {
+TEST(CaptureOptions, Mac_NeedsSixOctets) {
     Mac mac{};
     EXPECT_TRUE(parse_mac("00:11:22:33:44:55", mac));
     EXPECT_FALSE(parse_mac("00:11:22:33:44:5g", mac));

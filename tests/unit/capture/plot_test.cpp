@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::uint64_t second = 1'000'000'000;
 
-TEST(CapturePlot, MemoryDoesNotGrowWithTheRun) {
+TEST(CapturePlot, LongRun_MemoryDoesNotGrow) {
     PlotTally plot;
     begin_plot(plot, 3600 * 24 * 365 * second);
     EXPECT_EQ(plot.messages.size(), plot_bins_max);
@@ -17,7 +17,7 @@ TEST(CapturePlot, MemoryDoesNotGrowWithTheRun) {
     EXPECT_EQ(plot.messages.size(), 11u);
 }
 
-TEST(CapturePlot, CountsFallIntoTheirMoment) {
+TEST(CapturePlot, Counts_FallIntoTheirMoment) {
     PlotTally plot;
     begin_plot(plot, 10 * second);
     MoldPublisher publisher;
@@ -35,7 +35,7 @@ TEST(CapturePlot, CountsFallIntoTheirMoment) {
     EXPECT_EQ(plot.events[9][0], 0u);
 }
 
-TEST(CapturePlot, SizesBeyondTheLastBinAreInIt) {
+TEST(CapturePlot, SizesBeyondTheLastBin_AreInIt) {
     PlotTally plot;
     begin_plot(plot, second);
     for (const std::size_t length : {20u, 99u, 100u, 1500u, 65'000u}) {
@@ -46,7 +46,7 @@ TEST(CapturePlot, SizesBeyondTheLastBinAreInIt) {
     EXPECT_EQ(plot.sizes[14], 2u);
 }
 
-TEST(CapturePlot, DrawingNamesWhatHappenedAndEscapesTheTitle) {
+TEST(CapturePlot, Drawing_NamesWhatHappenedAndEscapesTheTitle) {
     PlotTally plot;
     begin_plot(plot, 60 * second);
     MoldPublisher publisher;

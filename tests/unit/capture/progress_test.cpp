@@ -5,7 +5,7 @@
 namespace tessel::capture {
 namespace {
 
-TEST(CaptureProgress, SummaryHasEveryFigure) {
+TEST(CaptureProgress, Summary_HasEveryFigure) {
     Totals totals;
     totals.messages = 7'000'000;
     totals.packets = 500'000;
@@ -23,7 +23,7 @@ TEST(CaptureProgress, SummaryHasEveryFigure) {
     EXPECT_NE(summary_line(totals).find("; 1.5 s of market in 0.000 s, "), std::string::npos);
 }
 
-TEST(CaptureProgress, LineFitsTheTerminalAndSaysWhatIsLeft) {
+TEST(CaptureProgress, Line_FitsTheTerminalAndSaysWhatIsLeft) {
     Totals totals;
     totals.messages = 3'000'000;
     totals.market_ns = 25;

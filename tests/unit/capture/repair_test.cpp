@@ -28,7 +28,7 @@ struct Market {
     Repair repair;
 };
 
-TEST(Repair, NothingIsAskedForWhileNothingIsMissing) {
+TEST(Repair, NothingMissing_NothingIsRequested) {
     Market m;
     m.market.run_ticks(10);
     step_repair(m.repair, 1000);
@@ -36,7 +36,7 @@ TEST(Repair, NothingIsAskedForWhileNothingIsMissing) {
     EXPECT_EQ(m.wire.file.frames, 0u);
 }
 
-TEST(Repair, LossIsAskedForAfterAMomentAndComesBack) {
+TEST(Repair, Loss_IsRequestedAfterAMomentAndComesBack) {
     Market m;
     m.market.publisher.faults.pending_drops = 1;
     m.market.run_ticks(1);
@@ -53,7 +53,7 @@ TEST(Repair, LossIsAskedForAfterAMomentAndComesBack) {
     EXPECT_EQ(m.repair.sequencer.next, m.market.publisher.next_sequence);
 }
 
-TEST(Repair, HeldPacketClosesTheGapByItself) {
+TEST(Repair, HeldPacket_ClosesTheGapByItself) {
     Market m;
     m.market.publisher.faults.pending_reorders = 1;
     m.market.run_ticks(2);

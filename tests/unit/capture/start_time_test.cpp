@@ -14,7 +14,7 @@ std::int64_t parsed(std::string_view text) {
     return ns;
 }
 
-TEST(StartTime, OffsetsAndFractionsAreCounted) {
+TEST(StartTime, OffsetsAndFractions_AreCounted) {
     EXPECT_EQ(parsed("1970-01-01T00:00:00Z"), 0);
     EXPECT_EQ(parsed("2026-01-05T09:30:00-05:00"), 1'767'623'400'000'000'000);
     EXPECT_EQ(parsed("2026-01-05T14:30:00Z"), parsed("2026-01-05T09:30:00-05:00"));
@@ -23,7 +23,7 @@ TEST(StartTime, OffsetsAndFractionsAreCounted) {
     EXPECT_EQ(parsed("1969-12-31T23:30:00-00:30"), 0);
 }
 
-TEST(StartTime, EveryDayOfTheRangeIsTheSystemsDay) {
+TEST(StartTime, EveryDayOfTheRange_IsTheSystemsDay) {
     for (std::int64_t day = 0; day < 49'710; ++day) {
         const std::time_t seconds = day * 86'400 + 3'661;
         std::tm parts{};
@@ -34,7 +34,7 @@ TEST(StartTime, EveryDayOfTheRangeIsTheSystemsDay) {
     }
 }
 
-TEST(StartTime, WhatIsNoTimeIsRefused) {
+TEST(StartTime, WhatIsNoTime_IsRefused) {
     for (const char* text : {"",
                              "2026-01-05",
                              "2026-01-05T09:30:00",

@@ -286,7 +286,7 @@ TEST(HaltTimers, SixtySeconds_QuotesAfterItsLengthAndTradesTwoSecondsLater) {
     }
 }
 
-TEST(HaltTimers, PauseRunsOnTheSameTimers) {
+TEST(HaltTimers, Pause_RunsOnTheSameTimers) {
     Session session;
     luld_pause(session.market.engine, session.instrument(), 3);
     EXPECT_EQ(status_changes(session.market, 600), (List{"3000 Q", "5000 T"}));

@@ -13,7 +13,7 @@ constexpr const char* default_armed_tail =
     "every 0 trades, correct every 0 trades, MWCB level 0 after 10 s, odd lot every 9 quotes, as-of every 0 "
     "trades)\n";
 
-TEST(ScenarioText, EmptyTextLeavesTheDefaults) {
+TEST(ScenarioText, EmptyText_LeavesTheDefaults) {
     const Scenario scenario = parse_scenario("");
     EXPECT_EQ(scenario.name, "");
     EXPECT_EQ(scenario.halt_after, 0u);
@@ -31,7 +31,7 @@ TEST(ScenarioText, EmptyTextLeavesTheDefaults) {
     EXPECT_EQ(scenario.stats.quotes, 0u);
 }
 
-TEST(ScenarioText, EveryKeyReachesItsField) {
+TEST(ScenarioText, EveryKey_ReachesItsField) {
     const Scenario scenario = parse_scenario(
         "name=all of it,halt_after=1,halt_secs=2,pause_after=3,pause_secs=4,band_every=5,trf_every=6,"
         "cancel_every=7,correct_every=8,mwcb_level=9,mwcb_after=10,odd_lot_every=11,asof_every=12");
@@ -56,13 +56,13 @@ TEST(ScenarioText, EveryKeyReachesItsField) {
               "lot every 11 quotes, as-of every 12 trades)\n");
 }
 
-TEST(ScenarioText, BadNumberIsZeroAndNotTheDefault) {
+TEST(ScenarioText, BadNumber_IsZeroAndNotTheDefault) {
     EXPECT_EQ(parse_scenario("halt_secs=x").halt_secs, 0u);
     EXPECT_EQ(parse_scenario("odd_lot_every=").odd_lot_every, 0u);
     EXPECT_EQ(parse_scenario("mwcb_after=18446744073709551616").mwcb_after, 0u);
 }
 
-TEST(ScenarioText, KeysAndValuesAreNotTrimmed) {
+TEST(ScenarioText, KeysAndValues_AreNotTrimmed) {
     EXPECT_EQ(parse_scenario(" halt_after=3").halt_after, 0u) << "a blank makes it another key";
     EXPECT_EQ(parse_scenario("halt_after =3").halt_after, 0u);
     EXPECT_EQ(parse_scenario("halt_after= 3").halt_after, 3u) << "a number skips leading blanks";
@@ -70,22 +70,22 @@ TEST(ScenarioText, KeysAndValuesAreNotTrimmed) {
     EXPECT_EQ(parse_scenario("name= x ").name, " x ");
 }
 
-TEST(ScenarioText, NameMayHoldEqualsSignsAndBlanks) {
+TEST(ScenarioText, Name_MayHoldEqualsSignsAndBlanks) {
     EXPECT_EQ(parse_scenario("name=a=b c").name, "a=b c");
 }
 
-TEST(ScenarioText, KeyGivenTwiceKeepsTheLastValue) {
+TEST(ScenarioText, KeyGivenTwice_KeepsTheLastValue) {
     EXPECT_EQ(parse_scenario("halt_after=3,halt_after=5").halt_after, 5u);
 }
 
-TEST(ScenarioText, UnknownKeysAndOddEntriesAreIgnored) {
+TEST(ScenarioText, UnknownKeysAndOddEntries_AreIgnored) {
     const Scenario scenario = parse_scenario(",,foo,=,=5,what=1,halt_after=2,");
     EXPECT_EQ(scenario.halt_after, 2u);
     EXPECT_EQ(scenario.name, "");
     EXPECT_EQ(scenario.halt_secs, 8u);
 }
 
-TEST(ReadScenario, UnsetOrEmptyVariablePrintsNothing) {
+TEST(ReadScenario, UnsetOrEmptyVariable_PrintsNothing) {
     for (const char* value : {static_cast<const char*>(nullptr), ""}) {
         testing::StderrCapture capture;
         const Scenario scenario = arm_scenario(value);
@@ -94,13 +94,13 @@ TEST(ReadScenario, UnsetOrEmptyVariablePrintsNothing) {
     }
 }
 
-TEST(ReadScenario, JustFooIsArmedWithDefaultsAndAnEmptyName) {
+TEST(ReadScenario, JustFoo_IsArmedWithDefaultsAndAnEmptyName) {
     testing::StderrCapture capture;
     arm_scenario("foo");
     EXPECT_EQ(capture.take(), std::string("bench: scenario '' ") + default_armed_tail);
 }
 
-TEST(ReadScenario, PercentSignsInTheNameArePrintedAsTheyAre) {
+TEST(ReadScenario, PercentSignsInTheName_ArePrintedAsTheyAre) {
     testing::StderrCapture capture;
     arm_scenario("name=100%s%n");
     EXPECT_EQ(capture.take(), std::string("bench: scenario '100%s%n' ") + default_armed_tail);

@@ -234,7 +234,7 @@ TEST(RecordTrade, PendingRequests_OneOfEachATradeOfAnyKind_EvenWithoutAnEligible
     EXPECT_EQ(letters(tape.market.message(tape.market.last())), "TPDB");
 }
 
-TEST(RecordTrade, PeriodsCountTradesOfAllInstruments) {
+TEST(RecordTrade, Periods_CountTradesOfAllInstruments) {
     TestMarket market({.symbols = "A:100,B:100", .scenario = "asof_every=3"});
     for (int at = 0; at < 9; ++at) {
         record_trade(market.engine, market.at(static_cast<std::size_t>(at % 2)), 'N', ' ', 100 * cent, 100,
@@ -294,7 +294,7 @@ TEST(ExchangePrint, ChosenSideOfTheAdf_IsSkippedAndNotMovedToTheOther) {
 
 // ------------------------------------------------------------------ TRF prints
 
-TEST(TrfPrint, TurnsThroughTheTrfsInsideTheNbbo) {
+TEST(TrfPrint, Prints_RotateThroughTheTrfsInsideTheNbbo) {
     Tape tape;
     tape.set_nbbo(9999, 'N', 10002, 'P');
     std::string subs;

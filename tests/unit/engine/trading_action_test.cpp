@@ -64,7 +64,7 @@ TEST(TradingAction, InstrumentsOwnReason_IsRepeated) {
     EXPECT_EQ(market.at(0).halt_reason, "LUDP");
 }
 
-TEST(TradingAction, NoCounterMoves) {
+TEST(TradingAction, AnyAction_MovesNoCounter) {
     TestMarket market({.symbols = "A"});
     send_trading_action(market.engine, market.at(0), 'H', "T1", 1);
     EXPECT_EQ(market.scenario.stats.halts, 0u);

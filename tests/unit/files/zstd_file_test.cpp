@@ -65,7 +65,7 @@ TEST(ZstdFile, NameDecidesOnWriting_ContentOnReading) {
     EXPECT_EQ(read_from(folder.path("other name"), fault), text + text) << "two frames";
 }
 
-TEST(ZstdFile, ShortFilesAreReadAsTheyAre) {
+TEST(ZstdFile, ShortFiles_AreReadAsTheyAre) {
     const TempFolder folder;
     int fault = 0;
     for (const std::string text : {"", "a", "abc", "\x28\xb5"}) {
@@ -78,14 +78,14 @@ TEST(ZstdFile, ShortFilesAreReadAsTheyAre) {
     EXPECT_EQ(fault, 0);
 }
 
-TEST(ZstdFile, ExistingFileIsReplaced) {
+TEST(ZstdFile, ExistingFile_IsReplaced) {
     const TempFolder folder;
     ASSERT_TRUE(write_to(folder.path("file"), "a longer text"));
     ASSERT_TRUE(write_to(folder.path("file"), "short"));
     EXPECT_EQ(read_file(folder.path("file")), "short");
 }
 
-TEST(ZstdFile, CutAndDamagedStreamsAreFaults) {
+TEST(ZstdFile, CutAndDamagedStreams_AreFaults) {
     const TempFolder folder;
     const std::string text = letters(100'000);
     ASSERT_TRUE(write_to(folder.path("whole.zst"), text));
@@ -101,7 +101,7 @@ TEST(ZstdFile, CutAndDamagedStreamsAreFaults) {
     EXPECT_EQ(fault, EBADMSG);
 }
 
-TEST(ZstdFile, FailuresNameTheFile) {
+TEST(ZstdFile, Failures_NameTheFile) {
     const TempFolder folder;
     std::string error;
     EXPECT_EQ(open_for_reading(folder.path("none"), error), nullptr);
@@ -112,7 +112,7 @@ TEST(ZstdFile, FailuresNameTheFile) {
     EXPECT_EQ(error, folder.path("") + ": Is a directory");
 }
 
-TEST(ZstdFile, FullDiskIsReportedAtTheLatestWhenClosed) {
+TEST(ZstdFile, FullDisk_IsReportedAtTheLatestWhenClosed) {
     std::string error;
     for (const char* path : {"/dev/full"}) {
         std::FILE* const file = open_for_writing(path, error);

@@ -14,7 +14,7 @@
 namespace tessel::judge {
 namespace {
 
-TEST(Judge, SameFilesAgree) {
+TEST(Judge, SameFiles_Agree) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(6, 30), stretch(6, 30))) << bench.error;
     expect_totals(bench.result, 25, 0, 0, 0);
@@ -23,7 +23,7 @@ TEST(Judge, SameFilesAgree) {
     EXPECT_EQ(bench.result.members[static_cast<std::size_t>(Member::status)].compared, 25U);
 }
 
-TEST(Judge, OnlyMembersGivenAreCompared) {
+TEST(Judge, OnlyMembersGiven_AreCompared) {
     Bench bench;
     const std::string truth = R"({"seq":8,"symbol":"A","nbbo":[190.0100,300,190.0300,200],"status":"T"})"
                               "\n";
@@ -39,7 +39,7 @@ TEST(Judge, OnlyMembersGivenAreCompared) {
     EXPECT_EQ(member_list(bench.result.differences[0].members), "nbbo, status");
 }
 
-TEST(Judge, MemberThatTheTruthLineLacksIsAMismatchUnlessNull) {
+TEST(Judge, MemberThatTheTruthLineLacks_IsAMismatchUnlessNull) {
     Bench bench;
     ASSERT_TRUE(bench.run(line(8), R"({"seq":8,"band":[1,2]})"
                                    "\n"));
@@ -95,7 +95,7 @@ TEST(Judge, MismatchWhileASmallerNumberIsStillToCome_IsInAGap) {
               std::string::npos);
 }
 
-TEST(Judge, MissingLinesInARowAreOneDifferenceAndTheLongestRowIsTold) {
+TEST(Judge, MissingLinesInARow_AreOneDifferenceAndTheLongestRowIsReported) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(1, 20), lines({1, 2, 5, 6, 7, 8, 9, 14, 15, 16, 17, 18, 19, 20})));
     expect_totals(bench.result, 14, 0, 6, 0);
@@ -107,13 +107,13 @@ TEST(Judge, MissingLinesInARowAreOneDifferenceAndTheLongestRowIsTold) {
     EXPECT_EQ(bench.result.totals.longest_missing_last, 13U);
 }
 
-TEST(Judge, SequenceWithoutTruthLinesDoesNotBreakARowOfMissingOnes) {
+TEST(Judge, SequenceWithoutTruthLines_DoesNotBreakARowOfMissingOnes) {
     Bench bench;
     ASSERT_TRUE(bench.run(lines({1, 2, 9, 10, 30}), lines({1, 30})));
     EXPECT_EQ(bench.result.totals.longest_missing, 3U);
 }
 
-TEST(Judge, LinesOutOfOrderWithinTheWindowAgree) {
+TEST(Judge, LinesOutOfOrderWithinTheWindow_Agree) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(1, 8), lines({3, 1, 2, 8, 4, 7, 6, 5})));
     expect_totals(bench.result, 8, 0, 0, 0);
@@ -135,7 +135,7 @@ TEST(Judge, LineExactlyTheWindowLate_IsInTime) {
     expect_totals(bench.result, last - 1, 0, 1, 1);
 }
 
-TEST(Judge, LineBeyondTheWindowIsTooLateAndItsTruthLineMissing) {
+TEST(Judge, LineBeyondTheWindow_IsTooLateAndItsTruthLineMissing) {
     Bench bench;
     const std::uint64_t last = 2 * window_lines_max;
     ASSERT_TRUE(bench.run(stretch(1, last), stretch(2, last) + line(1)));
@@ -143,21 +143,21 @@ TEST(Judge, LineBeyondTheWindowIsTooLateAndItsTruthLineMissing) {
     EXPECT_EQ(bench.result.totals.too_late, 1U);
 }
 
-TEST(Judge, RepeatedLineIsUnexpected) {
+TEST(Judge, RepeatedLine_IsUnexpected) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(1, 5), lines({1, 2, 2, 3, 5, 5, 4, 1})));
     expect_totals(bench.result, 5, 0, 0, 3);
     EXPECT_EQ(bench.result.totals.repeated, 3U);
 }
 
-TEST(Judge, LineWithoutATruthLineIsUnexpected) {
+TEST(Judge, LineWithoutATruthLine_IsUnexpected) {
     Bench bench;
     ASSERT_TRUE(bench.run(lines({6, 8, 9}), lines({1, 6, 7, 8, 9, 4000})));
     expect_totals(bench.result, 3, 0, 0, 3);
     EXPECT_EQ(bench.result.totals.unknown, 3U);
 }
 
-TEST(Judge, WildSequenceNumbersDoNotSpoilTheRest) {
+TEST(Judge, WildSequenceNumbers_DoNotSpoilTheRest) {
     Bench bench;
     std::string output = line(1);
     for (std::uint64_t wild = 0; wild != window_lines_max + 100; ++wild) {
@@ -167,7 +167,7 @@ TEST(Judge, WildSequenceNumbersDoNotSpoilTheRest) {
     expect_totals(bench.result, 9, 0, 0, window_lines_max + 100);
 }
 
-TEST(Judge, MarksAreSkippedInBothFiles) {
+TEST(Judge, Marks_AreSkippedInBothFiles) {
     Bench bench;
     const std::string mark = "{\"mark\":\"half\",\"seq\":2}\n";
     ASSERT_TRUE(bench.run(line(1) + line(2) + mark + mark + line(3), lines({1, 2, 3})));
@@ -179,7 +179,7 @@ TEST(Judge, MarksAreSkippedInBothFiles) {
     EXPECT_EQ(bench.result.totals.output_lines, 3U);
 }
 
-TEST(Judge, LateHandlerMissesTheBeginningUnlessJudgedFromItsFirst) {
+TEST(Judge, LateHandler_MissesTheBeginningUnlessJudgedFromItsFirst) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(1, 20), lines({11, 10}) + stretch(12, 18)));
     expect_totals(bench.result, 9, 0, 11, 0);
@@ -193,14 +193,14 @@ TEST(Judge, LateHandlerMissesTheBeginningUnlessJudgedFromItsFirst) {
     EXPECT_EQ(bench.result.totals.left_out, 11U);
 }
 
-TEST(Judge, EmptyOutputMissesEverythingEvenWhenJudgedFromItsFirst) {
+TEST(Judge, EmptyOutput_MissesEverythingEvenWhenJudgedFromItsFirst) {
     Bench bench;
     bench.options.from_first = true;
     ASSERT_TRUE(bench.run(stretch(1, 20), ""));
     expect_totals(bench.result, 0, 0, 20, 0);
 }
 
-TEST(Judge, BadInputNamesFileAndLine) {
+TEST(Judge, BadInput_NamesFileAndLine) {
     Bench bench;
     EXPECT_FALSE(bench.run(line(1) + "nonsense\n", line(1)));
     EXPECT_EQ(bench.error, bench.options.truth_path + ":2: not JSON: broken at byte 2");
@@ -216,7 +216,7 @@ TEST(Judge, BadInputNamesFileAndLine) {
     EXPECT_EQ(bench.error, bench.options.truth_path + ":2: line longer than 1048576 bytes");
 }
 
-TEST(Judge, LastLineNeedsNoLineFeed) {
+TEST(Judge, LastLine_NeedsNoLineFeed) {
     Bench bench;
     ASSERT_TRUE(bench.run(R"({"seq":1,"status":"T"})", R"({"seq":1,"status":"T"})"));
     expect_totals(bench.result, 1, 0, 0, 0);
@@ -272,7 +272,7 @@ TEST(Judge, OnlyTheFirstDifferencesAreKept_ButAllAreCounted) {
     EXPECT_EQ(text.find("11. run 1"), std::string::npos) << text;
 }
 
-TEST(Judge, ChartCountsEachLineWhereItStands) {
+TEST(Judge, Chart_CountsEachLineAtItsPlace) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(1, 600), stretch(11, 599) + line(600, "H") + line(300)));
     const std::vector<Bucket>& buckets = bench.result.runs[0].buckets;
@@ -283,7 +283,7 @@ TEST(Judge, ChartCountsEachLineWhereItStands) {
     EXPECT_EQ(buckets.back().mismatched, 1U);
 }
 
-TEST(Judge, AxisEndsOnARoundNumber) {
+TEST(Judge, Axis_EndsOnARoundNumber) {
     EXPECT_EQ(axis_top(0), 4U);
     EXPECT_EQ(axis_top(4), 4U);
     EXPECT_EQ(axis_top(5), 8U);
@@ -304,7 +304,7 @@ TEST(Judge, ChartAtTheLargestNumbers_HasItsLabels) {
     EXPECT_EQ(axis_top(last), last - last % 4);
 }
 
-TEST(Judge, PageEscapesWhatComesFromTheFiles) {
+TEST(Judge, Page_EscapesWhatComesFromTheFiles) {
     Bench bench;
     ASSERT_TRUE(bench.run(R"({"seq":1,"symbol":"<b>&'x"})"
                           "\n",

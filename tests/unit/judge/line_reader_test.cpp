@@ -63,7 +63,7 @@ void expect_same_reading(std::string_view text) {
     }
 }
 
-TEST(LineReader, EveryKindOfTruthLineIsReadTheQuickWay) {
+TEST(LineReader, EveryKindOfTruthLine_IsReadTheQuickWay) {
     for (const std::string_view text : truth_lines) {
         expect_same_reading(text);
     }
@@ -77,7 +77,7 @@ TEST(LineReader, EveryKindOfTruthLineIsReadTheQuickWay) {
     EXPECT_EQ(value(line, quote_line, Member::trade), "");
 }
 
-TEST(LineReader, SpacesAndOrderOfMembersDoNotMatter) {
+TEST(LineReader, SpacesAndOrderOfMembers_DoNotMatter) {
     const std::string_view text =
         "  { \"status\" : \"T\", \"nbbo\" : [ 190.01, 300 , 0, 0 ] ,\t\"seq\": 7 }\r";
     expect_same_reading(text);
@@ -88,7 +88,7 @@ TEST(LineReader, SpacesAndOrderOfMembersDoNotMatter) {
     EXPECT_EQ(value(line, text, Member::nbbo), "[ 190.01, 300 , 0, 0 ]");
 }
 
-TEST(LineReader, OddLinesGoTheLongWay) {
+TEST(LineReader, OddLines_GoTheLongWay) {
     Line line;
     const std::string_view escaped = R"({"s\u0065q":9,"symbol":"A\u0042C","note":{"deep":[true,null]}})";
     EXPECT_FALSE(read_line_quickly(escaped, line));
@@ -109,7 +109,7 @@ TEST(LineReader, MembersThatNoTruthLineHas_AreAllNamed) {
     expect_same_reading(R"({"seq":1,"latency_ns":5,"latency_ns":6,"status":null})");
 }
 
-TEST(LineReader, MarkIsKnownByItsEndsWhateverItsLabel) {
+TEST(LineReader, Mark_IsKnownByItsEndsWhateverItsLabel) {
     for (const std::string_view text : {R"({"mark":"open","seq":41})", R"({"mark":"","seq":41})",
                                         R"({"mark":"a"b\","seq":1}","seq":41})"}) {
         Line line;
@@ -124,7 +124,7 @@ TEST(LineReader, MarkIsKnownByItsEndsWhateverItsLabel) {
     EXPECT_TRUE(line.mark);
 }
 
-TEST(LineReader, ReasonTellsWhatIsWrong) {
+TEST(LineReader, Reason_SaysWhatIsWrong) {
     EXPECT_EQ(reason_for(R"({"seq":1,"bid":[[1.0,2})"), "not JSON: broken at byte 23");
     EXPECT_EQ(reason_for(R"({"seq":1})"
                          " x"),
@@ -162,7 +162,7 @@ TEST(LineReader, WholeLineAfterATornOne_IsFound) {
     EXPECT_EQ(find_line_after_torn(""), 0U);
 }
 
-TEST(LineReader, SequenceIsPeekedOnlyWhereItIsPlain) {
+TEST(LineReader, Sequence_IsPeekedOnlyWhereItIsPlain) {
     std::uint64_t seq = 0;
     EXPECT_TRUE(peek_sequence(quote_line, seq));
     EXPECT_EQ(seq, 812U);

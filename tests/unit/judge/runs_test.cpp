@@ -13,7 +13,7 @@
 namespace tessel::judge {
 namespace {
 
-TEST(JudgeRuns, RunsInBothFilesArePairedInOrder) {
+TEST(JudgeRuns, RunsInBothFiles_ArePairedInOrder) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(6, 40) + stretch(6, 60, "H"), stretch(6, 40) + stretch(6, 60, "H")));
     expect_totals(bench.result, 90, 0, 0, 0);
@@ -21,7 +21,7 @@ TEST(JudgeRuns, RunsInBothFilesArePairedInOrder) {
     EXPECT_EQ(bench.result.output_runs, 2U);
 }
 
-TEST(JudgeRuns, OutputOfTheLastRunAloneIsJudgedAgainstThatRun) {
+TEST(JudgeRuns, OutputOfTheLastRunAlone_IsJudgedAgainstThatRun) {
     Bench bench;
     const std::string truth = stretch(6, 40) + stretch(6, 60) + stretch(6, 50, "H");
     ASSERT_TRUE(bench.run(truth, stretch(6, 50, "H")));
@@ -32,7 +32,7 @@ TEST(JudgeRuns, OutputOfTheLastRunAloneIsJudgedAgainstThatRun) {
     expect_totals(bench.result, 100, 0, 0, 0);
 }
 
-TEST(JudgeRuns, OneRunCanBeAskedFor) {
+TEST(JudgeRuns, OneRun_CanBeSelected) {
     Bench bench;
     bench.options.run = 1;
     ASSERT_TRUE(bench.run(stretch(6, 40) + stretch(6, 60, "H"), stretch(6, 40)));
@@ -42,7 +42,7 @@ TEST(JudgeRuns, OneRunCanBeAskedFor) {
     EXPECT_EQ(bench.error, bench.options.truth_path + ": no run 3, the file has 2");
 }
 
-TEST(JudgeRuns, OutputsOutOfOrderStartIsNoNewRun) {
+TEST(JudgeRuns, OutputsOutOfOrderStart_IsNoNewRun) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(6, 400) + stretch(6, 500),
                           lines({8, 6, 7}) + stretch(9, 400) + lines({7, 6}) + stretch(8, 500)));
@@ -143,7 +143,7 @@ TEST(JudgeRuns, TornLineContinuedByAnotherRun_IsNamedAndLeftOut) {
     expect_totals(bench.result, 34, 0, 1, 0);
 }
 
-TEST(JudgeRuns, RunOfOutputThatTheTruthDoesNotHaveIsUnexpectedLineByLine) {
+TEST(JudgeRuns, RunOfOutputThatTheTruthDoesNotHave_IsUnexpectedLineByLine) {
     Bench bench;
     ASSERT_TRUE(
         bench.run(stretch(6, 400) + stretch(6, 500), stretch(6, 300) + stretch(6, 400) + stretch(6, 500)));

@@ -24,7 +24,7 @@ Number number(std::string_view text) {
     return value;
 }
 
-TEST(Value, NumberIsKeptToTheMillionth) {
+TEST(Value, Number_IsKeptToTheMillionth) {
     EXPECT_EQ(number("190.01"), (Number{false, 190, 10000}));
     EXPECT_EQ(number("1.9001e2"), (Number{false, 190, 10000}));
     EXPECT_EQ(number("19001E-2"), (Number{false, 190, 10000}));
@@ -34,20 +34,20 @@ TEST(Value, NumberIsKeptToTheMillionth) {
     EXPECT_EQ(number("18446744073709551615"), (Number{false, UINT64_MAX, 0}));
 }
 
-TEST(Value, DecimalsBeyondTheMillionthRoundHalfUp) {
+TEST(Value, DecimalsBeyondTheMillionth_RoundHalfUp) {
     EXPECT_EQ(number("190.00999999999999"), (Number{false, 190, 10000}));
     EXPECT_EQ(number("1.0000005"), (Number{false, 1, 1}));
     EXPECT_EQ(number("1.00000049"), (Number{false, 1, 0}));
     EXPECT_EQ(number("1.9999996"), (Number{false, 2, 0}));
 }
 
-TEST(Value, ZeroIsNeverNegative) {
+TEST(Value, Zero_IsNeverNegative) {
     for (const std::string_view text : {"-0", "-0.0000", "-0e9", "-0.00000001", "0"}) {
         EXPECT_EQ(number(text), Number{}) << text;
     }
 }
 
-TEST(Value, NumberBeyondSixtyFourBitsIsRefused) {
+TEST(Value, NumberBeyondSixtyFourBits_IsRefused) {
     for (std::string_view text :
          {"18446744073709551616", "1e20", "1e999999999999", "18446744073709551615.9999999"}) {
         Number value;
@@ -56,7 +56,7 @@ TEST(Value, NumberBeyondSixtyFourBitsIsRefused) {
     EXPECT_EQ(number("1e-999999999999"), Number{});
 }
 
-TEST(Value, PricesAreTheSameByValueNotByText) {
+TEST(Value, Prices_AreTheSameByValueNotByText) {
     EXPECT_TRUE(same("190.01", "190.0100"));
     EXPECT_TRUE(same("190.0100", "1.9001e2"));
     EXPECT_TRUE(same("190.0000", "190"));
@@ -65,7 +65,7 @@ TEST(Value, PricesAreTheSameByValueNotByText) {
     EXPECT_TRUE(same("[]", "[ ]"));
 }
 
-TEST(Value, OtherValuesAreNotTheSame) {
+TEST(Value, OtherValues_AreNotTheSame) {
     EXPECT_FALSE(same("190.0100", "190.011"));
     EXPECT_FALSE(same("190", "1900"));
     EXPECT_FALSE(same("1900", "190"));
@@ -81,7 +81,7 @@ TEST(Value, OtherValuesAreNotTheSame) {
     EXPECT_FALSE(same(R"("T1")", R"("T1  ")", Member::reason));
 }
 
-TEST(Value, AsofPriceCountsAsPrintedWithSixDigits) {
+TEST(Value, AsofPrice_CountsAsPrintedWithSixDigits) {
     EXPECT_TRUE(same(R"([12345.7,300,"D","@   "])", R"([12345.67,300,"D","@   "])", Member::asof));
     EXPECT_TRUE(same(R"([1e+06,300,"D","@   "])", R"([1000000.03,300,"D","@   "])", Member::asof));
     EXPECT_FALSE(same(R"([12345.7,300,"D","@   "])", R"([12345.57,300,"D","@   "])", Member::asof));
@@ -90,7 +90,7 @@ TEST(Value, AsofPriceCountsAsPrintedWithSixDigits) {
     EXPECT_FALSE(same("[12345.7,300]", "[12345.67,300]", Member::trade)) << "only an as-of line is";
 }
 
-TEST(Value, BreakerLevelAboveThreeIsThreeOnTheWire) {
+TEST(Value, BreakerLevelAboveThree_IsThreeOnTheWire) {
     EXPECT_TRUE(same("7", "3", Member::mwcb));
     EXPECT_TRUE(same("7", "7", Member::mwcb));
     EXPECT_FALSE(same("2", "3", Member::mwcb));
@@ -98,7 +98,7 @@ TEST(Value, BreakerLevelAboveThreeIsThreeOnTheWire) {
     EXPECT_FALSE(same("7", "3", Member::kind));
 }
 
-TEST(Value, SymbolBeyondElevenLettersIsItsFirstEleven) {
+TEST(Value, SymbolBeyondElevenLetters_IsItsFirstEleven) {
     EXPECT_TRUE(same(R"("ABCDEFGHIJKLM")", R"("ABCDEFGHIJK")", Member::symbol));
     EXPECT_FALSE(same(R"("ABCDEFGHIJKLM")", R"("ABCDEFGHIJX")", Member::symbol));
     EXPECT_FALSE(same(R"("ABCDEFGHIJKLM")", R"("ABCDEFGHIJ")", Member::symbol));

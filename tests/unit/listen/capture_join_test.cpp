@@ -77,7 +77,7 @@ struct Reading {
     std::uint64_t covered = 0;
 };
 
-TEST(CaptureJoin, SessionIsHandedOutWhenItIsWhole) {
+TEST(CaptureJoin, Session_IsHandedOutWhenItIsWhole) {
     Reading reading;
     const std::string bytes = soup('A', std::string(30, ' ')) + soup('S', "one") + soup('H', "") +
                               soup('S', "two") + end_of_snapshot(99);
@@ -92,7 +92,7 @@ TEST(CaptureJoin, SessionIsHandedOutWhenItIsWhole) {
     EXPECT_EQ(reading.covered, 99u);
 }
 
-TEST(CaptureJoin, UnfinishedSessionsLeaveNothing) {
+TEST(CaptureJoin, UnfinishedSessions_LeaveNothing) {
     Reading reading;
     EXPECT_FALSE(reading.add(soup('A', std::string(30, ' ')) + soup('S', "half")));
     EXPECT_FALSE(reading.add(soup('S', "never accepted") + end_of_snapshot(1), {9, 9, 9, 9}));

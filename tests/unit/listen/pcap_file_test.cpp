@@ -76,7 +76,7 @@ Capture read_back(const std::string& content) {
     return seen;
 }
 
-TEST(ListenPcap, Datagrams_OfEveryLinkType) {
+TEST(PcapFile, Datagrams_OfEveryLinkType) {
     const std::string ethernet = std::string(12, 'e') + std::string("\x08\0", 2);
     const std::pair<std::uint32_t, std::string> types[] = {
         {1, ethernet},
@@ -99,7 +99,7 @@ TEST(ListenPcap, Datagrams_OfEveryLinkType) {
     }
 }
 
-TEST(ListenPcap, TcpStream_IsPutInOrder_EachByteOnce) {
+TEST(PcapFile, TcpStream_IsPutInOrder_EachByteOnce) {
     const std::string content = file_header(101) + record(tcp(UINT32_MAX - 2, 0x02, "")) +
                                 record(tcp(UINT32_MAX - 1, 0x10, "ab")) + record(tcp(2, 0x10, "ef")) +
                                 record(tcp(UINT32_MAX - 1, 0x10, "ab")) + record(tcp(0, 0x10, "cd")) +
@@ -109,11 +109,11 @@ TEST(ListenPcap, TcpStream_IsPutInOrder_EachByteOnce) {
     EXPECT_EQ(seen.stream, "abcdefgh");
 }
 
-TEST(ListenPcap, ConnectionWithoutItsBeginning_IsLeftOut) {
+TEST(PcapFile, ConnectionWithoutItsBeginning_IsLeftOut) {
     EXPECT_EQ(read_back(file_header(101) + record(tcp(5, 0x10, "ab"))).stream, "");
 }
 
-TEST(ListenPcap, FilesThatAreNoCaptures_AreRefused) {
+TEST(PcapFile, FilesThatAreNoCaptures_AreRefused) {
     for (const std::string& content : {std::string(), std::string("text"), std::string(100, 'x')}) {
         const Capture seen = read_back(content);
         EXPECT_EQ(seen.result, PcapResult::refused);
@@ -128,7 +128,7 @@ TEST(ListenPcap, FilesThatAreNoCaptures_AreRefused) {
     EXPECT_EQ(error, "/nonexistent/file: No such file or directory");
 }
 
-TEST(ListenPcap, FileThatEndsInsideARecord_IsReadUpToThere) {
+TEST(PcapFile, FileThatEndsInsideARecord_IsReadUpToThere) {
     const std::string first = file_header(101) + record(udp("one"));
     const std::string whole = first + record(udp("two"));
     for (std::size_t length = first.size() + 1; length < whole.size(); ++length) {
@@ -139,7 +139,7 @@ TEST(ListenPcap, FileThatEndsInsideARecord_IsReadUpToThere) {
     }
 }
 
-TEST(ListenPcap, RecordOfAnImpossibleLength_EndsTheReading) {
+TEST(PcapFile, RecordOfAnImpossibleLength_EndsTheReading) {
     const Capture seen = read_back(file_header(101) + record(udp("one")) + little(3, 4) + little(5, 4) +
                                    little(0x7fffffff, 4) + little(0x7fffffff, 4) + record(udp("two")));
     EXPECT_EQ(seen.result, PcapResult::broken);
@@ -147,7 +147,7 @@ TEST(ListenPcap, RecordOfAnImpossibleLength_EndsTheReading) {
     EXPECT_NE(seen.error.find(": broken after 1 packets ("), std::string::npos) << seen.error;
 }
 
-TEST(ListenPcap, BigEndianFilesAndNanoseconds_AreRead) {
+TEST(PcapFile, BigEndianFilesAndNanoseconds_AreRead) {
     const auto big = [](const std::string& bytes) { return std::string(bytes.rbegin(), bytes.rend()); };
     std::string content = big(little(0xa1b23c4d, 4)) + big(little(2, 2)) + big(little(4, 2)) +
                           std::string(8, '\0') + big(little(65535, 4)) + big(little(101, 4));
@@ -159,7 +159,7 @@ TEST(ListenPcap, BigEndianFilesAndNanoseconds_AreRead) {
     EXPECT_EQ(seen.time_ns, 3'000'000'005);
 }
 
-TEST(ListenPcap, PacketsThatAreCutInside_AreCounted) {
+TEST(PcapFile, PacketsThatAreCutInside_AreCounted) {
     const std::string packet = udp("one");
     for (std::size_t length = 0; length < packet.size(); ++length) {
         const Capture wrong = read_back(file_header(101) + record(packet.substr(0, length)));
@@ -183,7 +183,7 @@ std::string fragment(const std::string& packet, std::size_t offset, std::size_t 
     return b.number(0x7f000001, 4).number(0xefff19b1, 4).bytes(body.substr(offset, end - offset)).data;
 }
 
-TEST(ListenPcap, Fragments_ArePutTogetherInAnyOrder) {
+TEST(PcapFile, Fragments_ArePutTogetherInAnyOrder) {
     const std::string packet = udp(std::string(30, 'x'));
     const Capture seen = read_back(file_header(101) + record(fragment(packet, 24, 38, 7)) +
                                    record(fragment(packet, 0, 16, 8)) + record(fragment(packet, 0, 16, 7)) +
@@ -193,7 +193,7 @@ TEST(ListenPcap, Fragments_ArePutTogetherInAnyOrder) {
     EXPECT_EQ(seen.result, PcapResult::whole);
 }
 
-TEST(ListenPcap, VlanTags_AreStepsToTheSamePacket) {
+TEST(PcapFile, VlanTags_AreStepsToTheSamePacket) {
     const std::string tags("\x88\xa8\0\1\x81\0\0\2\x08\0", 10);
     EXPECT_EQ(read_back(file_header(1) + record(std::string(12, 'e') + tags + udp("one"))).datagrams, "one.");
     const std::string cooked = std::string(14, 'c') + std::string("\x81\0\0\2\x08\0", 6);

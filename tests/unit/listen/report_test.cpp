@@ -7,11 +7,11 @@
 namespace tessel::listen {
 namespace {
 
-TEST(ListenReport, Line_BeginsWithTheProgram) {
+TEST(Report, Line_BeginsWithTheProgram) {
     EXPECT_EQ(report_line("no packets received", error_line_max), "tessel-listen: no packets received");
 }
 
-TEST(ListenReport, LongLine_IsCutToTheLimitAndMarked) {
+TEST(Report, LongLine_IsCutToTheLimitAndMarked) {
     const std::string fits(error_line_max - 15, 'x');
     EXPECT_EQ(report_line(fits, error_line_max).size(), error_line_max);
     EXPECT_TRUE(report_line(fits, error_line_max).ends_with("xxx"));
@@ -20,7 +20,7 @@ TEST(ListenReport, LongLine_IsCutToTheLimitAndMarked) {
     EXPECT_TRUE(line.ends_with("xxx..."));
 }
 
-TEST(ListenReport, ControlCharacters_NeverReachTheTerminal) {
+TEST(Report, ControlCharacters_NeverReachTheTerminal) {
     EXPECT_EQ(report_line("a\nb\x1b[2Jc\x7f", error_line_max), "tessel-listen: a?b?[2Jc?");
 }
 

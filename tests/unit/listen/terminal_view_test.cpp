@@ -34,7 +34,7 @@ std::vector<std::string> lines_of(const std::string& picture) {
     return lines;
 }
 
-TEST(ListenView, ShowsNbboLastVolumeStatusAndBand) {
+TEST(TerminalView, Screen_ShowsNbboLastVolumeStatusAndBand) {
     Market market = market_of(1);
     QuoteHand quote;
     quote.symbol = "SYM0";
@@ -51,7 +51,7 @@ TEST(ListenView, ShowsNbboLastVolumeStatusAndBand) {
     EXPECT_EQ(lines[2].find("seq 7"), 0u);
 }
 
-TEST(ListenView, FitsTheTerminal_AndCountsWhatDoesNot) {
+TEST(TerminalView, FitsTheTerminal_AndCountsWhatDoesNot) {
     SequencerCounters counters;
     counters.gaps = 3;
     ViewStatus status;
@@ -66,7 +66,7 @@ TEST(ListenView, FitsTheTerminal_AndCountsWhatDoesNot) {
     }
 }
 
-TEST(ListenView, BytesOfASymbol_CannotSteerTheTerminal) {
+TEST(TerminalView, BytesOfASymbol_CannotSteerTheTerminal) {
     Market market;
     const std::string data = directory_short("\x1b[2J\x07");
     receiver::apply_message(market, raw(data), data.size(), 1);

@@ -167,7 +167,7 @@ TEST(WireSymbol, ShortExactAndLong_IsElevenCharactersPaddedOrCut) {
     EXPECT_EQ(list[4].symbol, "ABCDEFGHIJKLMNOP");
 }
 
-TEST(ActiveBand, NeedsBothPricesAboveZeroAndACheckedLetter) {
+TEST(ActiveBand, AnyBand_NeedsBothPricesAboveZeroAndACheckedLetter) {
     Instrument instrument;
     for (int letter = 0; letter < 256; ++letter) {
         instrument.band_indicator = static_cast<char>(letter);
@@ -186,7 +186,7 @@ TEST(ActiveBand, NeedsBothPricesAboveZeroAndACheckedLetter) {
     }
 }
 
-TEST(IsStopped, StatusHAndPOnly) {
+TEST(IsStopped, EveryStatus_OnlyHAndPAreStopped) {
     Instrument instrument;
     for (const char status : {'H', 'P', 'Q', 'T'}) {
         instrument.status = status;
@@ -194,7 +194,7 @@ TEST(IsStopped, StatusHAndPOnly) {
     }
 }
 
-TEST(FindQuote, LetterWithASlotOrNot) {
+TEST(FindQuote, Letter_FoundOnlyWithASlot) {
     std::array<ParticipantQuote, 2> quotes;
     quotes[0].market_center = 'N';
     quotes[1].market_center = 'Q';

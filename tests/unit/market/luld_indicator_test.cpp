@@ -11,7 +11,7 @@ namespace {
 
 using testing::Book;
 
-TEST(LuldBboIndicator, BidAboveAndAskBelowTheBand) {
+TEST(LuldBboIndicator, BidAboveAndAskBelowTheBand_AreIndicated) {
     struct Row {
         std::int64_t bid, ask;
         char expected;

@@ -64,12 +64,12 @@ Bytes expected_blocks(std::uint64_t first, std::uint64_t end) {
     return all;
 }
 
-TEST(RetransStore, Empty_HoldsNothing) {
+TEST(MessageHistory, Empty_HoldsNothing) {
     const RetransStore store;
     EXPECT_EQ(message_count(store), 0u);
 }
 
-TEST(RetransStore, OverManyChunks_ReadBackFromTheStartInPacketsOfAnySize) {
+TEST(MessageHistory, OverManyChunks_ReadBackFromTheStartInPacketsOfAnySize) {
     RetransStore store;
     fill(store, 3000, 1'000'000);
     ASSERT_GT(store.chunks.size(), 3u);
@@ -80,7 +80,7 @@ TEST(RetransStore, OverManyChunks_ReadBackFromTheStartInPacketsOfAnySize) {
     EXPECT_EQ(read_all(store, 0, 3000, 65534, 1'000'000), expected);
 }
 
-TEST(RetransStore, Find_EveryMessageByItsNumber) {
+TEST(MessageHistory, Find_EveryMessageByItsNumber) {
     RetransStore store;
     fill(store, 2500, 2000);
     ASSERT_EQ(store.first_index, 500u);
@@ -95,7 +95,7 @@ TEST(RetransStore, Find_EveryMessageByItsNumber) {
     }
 }
 
-TEST(RetransStore, OneMoreThanMost_TheOldestIsGivenUp) {
+TEST(MessageHistory, OneMoreThanMost_TheOldestIsGivenUp) {
     RetransStore store;
     fill(store, 100, 100);
     EXPECT_EQ(store.first_index, 0u);
@@ -106,7 +106,7 @@ TEST(RetransStore, OneMoreThanMost_TheOldestIsGivenUp) {
     EXPECT_EQ(read_all(store, 1, 101, 65534, 1480), expected_blocks(1, 101));
 }
 
-TEST(RetransStore, ManyTimesAround_MemoryStaysBounded) {
+TEST(MessageHistory, ManyTimesAround_MemoryStaysBounded) {
     RetransStore store;
     fill(store, 2000, 2000);
     const std::size_t chunks = store.chunks.size();
@@ -119,7 +119,7 @@ TEST(RetransStore, ManyTimesAround_MemoryStaysBounded) {
               expected_blocks(store.first_index, store.end_index));
 }
 
-TEST(RetransStore, ChunkGivenUp_IsTheNextOneUsed) {
+TEST(MessageHistory, ChunkGivenUp_IsTheNextOneUsed) {
     RetransStore store;
     while (!store.recycled_chunk) {
         fill(store, 1, 1000);
@@ -131,7 +131,7 @@ TEST(RetransStore, ChunkGivenUp_IsTheNextOneUsed) {
     EXPECT_EQ(store.chunks.back().bytes.get(), kept);
 }
 
-TEST(RetransStore, NoRoomForTheNextBlock_CopiesNothingAndStays) {
+TEST(MessageHistory, NoRoomForTheNextBlock_CopiesNothingAndStays) {
     RetransStore store;
     const Bytes message(60, 'x');
     store_message(store, message.data(), message.size(), 10);
@@ -145,7 +145,7 @@ TEST(RetransStore, NoRoomForTheNextBlock_CopiesNothingAndStays) {
     EXPECT_EQ(bytes, 62u);
 }
 
-TEST(RetransStore, CopyWithAnEnd_StopsThere) {
+TEST(MessageHistory, CopyWithAnEnd_StopsThere) {
     RetransStore store;
     fill(store, 50, 100);
     RetransCursor cursor = find_message(store, 10);
@@ -157,7 +157,7 @@ TEST(RetransStore, CopyWithAnEnd_StopsThere) {
     EXPECT_EQ(copy_blocks(store, cursor, 20, 65534, out.data(), out.size(), bytes), 0u);
 }
 
-TEST(RetransStore, LongestAndEmptyMessages_AreKeptWhole) {
+TEST(MessageHistory, LongestAndEmptyMessages_AreKeptWhole) {
     RetransStore store;
     const Bytes longest(65535, 'L');
     store_message(store, longest.data(), longest.size(), 10);
@@ -176,7 +176,7 @@ TEST(RetransStore, LongestAndEmptyMessages_AreKeptWhole) {
     EXPECT_EQ(out, expected);
 }
 
-TEST(RetransStore, Skip_PassesOverOneBlockAlsoAtAChunksEnd) {
+TEST(MessageHistory, Skip_PassesOverOneBlockAlsoAtAChunksEnd) {
     RetransStore store;
     fill(store, 2000, 10'000);
     RetransCursor cursor = find_message(store, 0);

@@ -53,19 +53,19 @@ void set_quote(Instrument& instrument, std::size_t slot, std::int64_t bid_cents,
     index_quote(quote, instrument.blocks, slot);
 }
 
-TEST(Book, InstrumentWithoutQuotesHasEmptySides) {
+TEST(Book, InstrumentWithoutQuotes_HasEmptySides) {
     const TestMarket market({.symbols = "IBM:100"});
     EXPECT_EQ(book(market),
               "{\"ts_ns\":42,\"symbols\":{\"IBM\":{\"bid\":[],\"ask\":[],\"last\":0,\"volume\":0,\"status\":"
               "\"T\"}}}\n");
 }
 
-TEST(Book, WithoutInstrumentsTheSymbolsAreEmpty) {
+TEST(Book, NoInstruments_SymbolsAreEmpty) {
     const TestMarket market({.symbols = ""});
     EXPECT_EQ(book(market, 18446744073709551615u), "{\"ts_ns\":18446744073709551615,\"symbols\":{}}\n");
 }
 
-TEST(Book, MembersStandInListOrderWithLastVolumeAndStatus) {
+TEST(Book, Members_AreInListOrderWithLastVolumeAndStatus) {
     TestMarket market({.symbols = "B:1,A:2"});
     set_quote(market.at(0), 0, 19001, 300, 19003, 200);
     market.at(0).last_trade_price = 19002 * cent;
@@ -77,7 +77,7 @@ TEST(Book, MembersStandInListOrderWithLastVolumeAndStatus) {
               "\"volume\":0,\"status\":\"H\"}}}\n");
 }
 
-TEST(Book, DeepSidesShowFiveLevelsWhereTheTruthShowsMore) {
+TEST(Book, DeepSides_ShowFiveLevelsWhereTheTruthShowsMore) {
     TestMarket market({.symbols = "IBM:100", .participants = "ABCDEFGH"});
     for (std::size_t slot = 0; slot < 8; ++slot) {
         const auto step = static_cast<std::int64_t>(slot);
@@ -94,7 +94,7 @@ TEST(Book, DeepSidesShowFiveLevelsWhereTheTruthShowsMore) {
     EXPECT_NE(market.truth_text().find("[99.9200,800]"), std::string::npos);
 }
 
-TEST(Book, EqualPricesAreOneLevelAndPricesHaveSixDigits) {
+TEST(Book, EqualPrices_AreOneLevelAndPricesHaveSixDigits) {
     TestMarket market({.symbols = "IBM:100"});
     set_quote(market.at(0), 0, 123456, 300, 123457, 4294967295u);
     set_quote(market.at(0), 1, 123456, 200, 123457, 4294967295u);
@@ -105,7 +105,7 @@ TEST(Book, EqualPricesAreOneLevelAndPricesHaveSixDigits) {
 }
 
 // The same text from a stream, which is what "default formatting" means, over a market in motion.
-TEST(Book, EveryPriceIsWhatAnOutputStreamPrints) {
+TEST(Book, EveryPrice_IsWhatAnOutputStreamPrints) {
     TestMarket market(
         {.symbols = "A:0.05,B:9.99,C:99.995,D:655.35,E:9999.99,F:12345.67,G:123456.78,H:99999999,I:-3"});
     testing::StderrCapture log;
@@ -137,7 +137,7 @@ TEST(Book, EveryPriceIsWhatAnOutputStreamPrints) {
     }
 }
 
-TEST(Book, LongestPossibleMemberFits) {
+TEST(Book, LongestPossibleMember_Fits) {
     TestMarket market({.symbols = std::string(5000, 'S') + ":1", .participants = "ABCDEFGHIJ"});
     for (std::size_t slot = 0; slot < 10; ++slot) {
         set_quote(market.at(0), slot, 0, 4294967295u, price_cents_max - static_cast<std::int64_t>(slot),
@@ -152,7 +152,7 @@ TEST(Book, LongestPossibleMemberFits) {
               std::string::npos);
 }
 
-TEST(Bbo, OneLineAnInstrumentWithSixDigitsAndZeroForNone) {
+TEST(Bbo, EachInstrument_IsOneLineWithSixDigitsAndZeroForNone) {
     TestMarket market({.symbols = "AAPL:190,GOOG:1,IBM:1"});
     market.at(0).nbbo.bid = 190'050'000;
     market.at(0).nbbo.ask = 190'100'000;
@@ -163,7 +163,7 @@ TEST(Bbo, OneLineAnInstrumentWithSixDigitsAndZeroForNone) {
     EXPECT_EQ(text, "AAPL 190.05 190.1\nGOOG 1234.56 12345.7\nIBM 0 0\n");
 }
 
-TEST(ReplaceFile, NewTextStandsThereAndNoTwinIsLeft) {
+TEST(ReplaceFile, NewText_IsInPlaceAndNoTemporaryFileIsLeft) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
     replace_file(path, "first\n");
@@ -175,7 +175,7 @@ TEST(ReplaceFile, NewTextStandsThereAndNoTwinIsLeft) {
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 }
 
-TEST(ReplaceFile, FullDiskKeepsTheOldFile) {
+TEST(ReplaceFile, FullDisk_KeepsTheOldFile) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
     replace_file(path, "old\n");
@@ -188,7 +188,7 @@ TEST(ReplaceFile, FullDiskKeepsTheOldFile) {
 }
 
 // A limit on the size of files makes a write end short; only a process of its own can have one.
-TEST(ReplaceFile, WriteThatEndsHalfwayKeepsTheOldFile) {
+TEST(ReplaceFile, WriteThatEndsHalfway_KeepsTheOldFile) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
     replace_file(path, "old\n");
@@ -208,7 +208,7 @@ TEST(ReplaceFile, WriteThatEndsHalfwayKeepsTheOldFile) {
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 }
 
-TEST(ReplaceFile, FailedOpenStillRenamesAnOlderTwin) {
+TEST(ReplaceFile, FailedOpen_StillRenamesAnOlderTemporaryFile) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
     // A twin that cannot be opened for writing: a folder of that name, which can still be renamed.
@@ -279,7 +279,7 @@ TEST(ReplaceFile, OutOfDescriptors_WrittenInPlaceOfTheReserveEachTime) {
     EXPECT_EQ(read_file(path), "three\n");
 }
 
-TEST(ReplaceFile, FolderThatDisappearsAndComesBackIsSurvived) {
+TEST(ReplaceFile, FolderThatDisappearsAndComesBack_IsSurvived) {
     const TempFolder folder;
     const std::string sub = folder.path("out");
     const std::string path = sub + "/book.json";
@@ -295,7 +295,7 @@ TEST(ReplaceFile, FolderThatDisappearsAndComesBackIsSurvived) {
     EXPECT_EQ(read_file(path), "four\n");
 }
 
-TEST(ReplaceFile, ReaderSeesThePreviousOrTheNewTextAndNeverAPart) {
+TEST(ReplaceFile, Reader_SeesThePreviousOrTheNewTextAndNeverAPart) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
     const std::string texts[2] = {std::string(30'000, 'a') + "\n", std::string(50'000, 'b') + "\n"};

@@ -64,7 +64,7 @@ TEST(PutShares, RoundLotsAndOthers_AreTheSameText) {
     }
 }
 
-TEST(PutSigned, NegativeZeroAndLimits) {
+TEST(PutSigned, NegativeZeroAndLimits_ArePrintedExactly) {
     for (const std::int64_t value :
          {std::int64_t{0}, std::int64_t{-1}, std::int64_t{1}, std::int64_t{-10'000},
           std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()}) {

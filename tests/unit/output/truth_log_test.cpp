@@ -80,7 +80,7 @@ TEST(AsOfLine, Price_IsWhatAStreamPrints) {
     }
 }
 
-TEST(MwcbAndMarkLines, LevelAsGivenAndLabelAsItIs) {
+TEST(MwcbAndMarkLines, AnyArgument_LevelAsGivenAndLabelAsItIs) {
     Log log;
     write_mwcb_line(log.truth, 817, 4'294'967'295u);
     write_mwcb_line(log.truth, 818, 0);
@@ -164,7 +164,7 @@ TEST(TruthLog, EachLine_IsInTheFileAtOnce) {
     }
 }
 
-TEST(TruthLogSink, TakesEachLineWholeInPlaceOfAFile) {
+TEST(TruthLogSink, Sink_ReceivesEachLineWholeInsteadOfAFile) {
     Log log;
     std::vector<std::string> lines;
     close_truth_log(log.truth);

@@ -9,7 +9,7 @@ namespace {
 
 using namespace hand_made;
 
-TEST(ListenMarket, Secid_IsThePositionInTheDirectory_AndARepeatedNameKeepsItsPlace) {
+TEST(MarketState, Secid_IsThePositionInTheDirectory_AndARepeatedNameKeepsItsPlace) {
     Heard heard;
     for (const char* symbol : {"AAPL", "MSFT", "AAPL", "", "TSLA"}) {
         heard.take(directory_short(symbol));
@@ -23,7 +23,7 @@ TEST(ListenMarket, Secid_IsThePositionInTheDirectory_AndARepeatedNameKeepsItsPla
     EXPECT_EQ(find_instrument(heard.market, "aapl"), nullptr);
 }
 
-TEST(ListenMarket, ManyInstruments_AreAllFound) {
+TEST(MarketState, ManyInstruments_AreAllFound) {
     Heard heard;
     for (int i = 0; i < 3000; ++i) {
         heard.take(directory_short("S" + std::to_string(i)));
@@ -35,7 +35,7 @@ TEST(ListenMarket, ManyInstruments_AreAllFound) {
     }
 }
 
-TEST(ListenMarket, WipedOutQuote_LeavesTheLevels) {
+TEST(MarketState, WipedOutQuote_LeavesTheLevels) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     heard.take(quote_short(quote_of('Q', 1000, 100, 1002, 100)));
@@ -48,7 +48,7 @@ TEST(ListenMarket, WipedOutQuote_LeavesTheLevels) {
     EXPECT_FALSE(find_quote(heard.market.instruments[0], 'Q')->present);
 }
 
-TEST(ListenMarket, BestOddLotQuote_ComesStaysAndGoes) {
+TEST(MarketState, BestOddLotQuote_ComesStaysAndGoes) {
     Heard heard;
     QuoteHand quote = quote_of('Q', 1000, 100, 1005, 100);
     quote.best_odd_lot = '2';
@@ -72,7 +72,7 @@ TEST(ListenMarket, BestOddLotQuote_ComesStaysAndGoes) {
     EXPECT_TRUE(find_quote(instrument, 'Q')->odd_lots.empty());
 }
 
-TEST(ListenMarket, TradesAndRevisions) {
+TEST(MarketState, TradesAndRevisions_KeepLastVolumeHighAndLow) {
     Heard heard;
     heard.take(trade_short('N', ' ', 1, 1000, 100, "@   ", '7'));
     heard.take(trade_short('N', ' ', 2, 1001, 100, "@   ", '5'));
@@ -92,7 +92,7 @@ TEST(ListenMarket, TradesAndRevisions) {
     EXPECT_EQ(instrument.center_sales[0].sales, (SaleStatistics{21, 22, 23, 24}));
 }
 
-TEST(ListenMarket, KeptTrades_AreBounded) {
+TEST(MarketState, KeptTrades_AreBounded) {
     Heard heard;
     for (std::uint64_t id = 1; id <= 3 * trades_kept_max; ++id) {
         heard.take(trade_short('N', ' ', id, 1000, 100, "@   "));
@@ -101,7 +101,7 @@ TEST(ListenMarket, KeptTrades_AreBounded) {
     EXPECT_EQ(heard.market.instruments[0].trades.back().id, 3 * trades_kept_max);
 }
 
-TEST(ListenMarket, CentersOfAnyByte_StandInTheOrderOfTheirValues) {
+TEST(MarketState, CentersOfAnyByte_StandInTheOrderOfTheirValues) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     std::string centers;
@@ -114,7 +114,7 @@ TEST(ListenMarket, CentersOfAnyByte_StandInTheOrderOfTheirValues) {
     EXPECT_EQ(centers, "AQz\x80\xe9\xff");
 }
 
-TEST(ListenMarket, LongSymbol_IsElevenLetters) {
+TEST(MarketState, LongSymbol_IsElevenLetters) {
     Heard heard;
     heard.take(directory_short("ABCDEFGHIJKLMN"));
     EXPECT_NE(

@@ -9,7 +9,7 @@ namespace {
 
 using namespace hand_made;
 
-TEST(ListenTruthLine, Quote_AggregatesLevelsOfAllConditions_BestFirst) {
+TEST(TruthLine, Quote_AggregatesLevelsOfAllConditions_BestFirst) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     heard.take(quote_short(quote_of('N', 19000, 500, 0, 0)));
@@ -25,7 +25,7 @@ TEST(ListenTruthLine, Quote_AggregatesLevelsOfAllConditions_BestFirst) {
         "\"ask\":[[190.0300,200],[190.0500,400]],\"nbbo\":[190.0100,200,190.0300,200],\"status\":\"T\"}\n");
 }
 
-TEST(ListenTruthLine, TwelveLevels_TheBestTenAreShown) {
+TEST(TruthLine, TwelveLevels_TheBestTenAreShown) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     std::string line;
@@ -38,7 +38,7 @@ TEST(ListenTruthLine, TwelveLevels_TheBestTenAreShown) {
     EXPECT_EQ(bids.find("1.0100"), std::string::npos) << bids;
 }
 
-TEST(ListenTruthLine, NothingKnown_ShowsEmptySides_AndNoSecid) {
+TEST(TruthLine, NothingKnown_ShowsEmptySides_AndNoSecid) {
     Heard heard;
     EXPECT_EQ(
         heard.take(trading_action("ZZZ", 'H', 1, "T1")),
@@ -46,7 +46,7 @@ TEST(ListenTruthLine, NothingKnown_ShowsEmptySides_AndNoSecid) {
         "\"ah\":\"H\",\"reason\":\"T1\"}\n");
 }
 
-TEST(ListenTruthLine, Nbbo_FollowsItsIndicators) {
+TEST(TruthLine, Nbbo_FollowsItsIndicators) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     QuoteHand whole = quote_of('Q', 1000, 300, 1002, 200);
@@ -67,7 +67,7 @@ TEST(ListenTruthLine, Nbbo_FollowsItsIndicators) {
     EXPECT_EQ(instrument.nbbo, Nbbo{});
 }
 
-TEST(ListenTruthLine, Band_IsShownOnlyWhileInForce) {
+TEST(TruthLine, Band_IsShownOnlyWhileInForce) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     const std::string shown = ",\"band\":[180.5000,199.5000],\"status\":\"T\",\"ap\":\"";
@@ -81,7 +81,7 @@ TEST(ListenTruthLine, Band_IsShownOnlyWhileInForce) {
     EXPECT_EQ(heard.take(price_band("AAPL", 'A', 180'500'000, 0)).find("\"band\""), std::string::npos);
 }
 
-TEST(ListenTruthLine, TradeKind_ComesFromCenterAndConditions) {
+TEST(TruthLine, TradeKind_ComesFromCenterAndConditions) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     EXPECT_EQ(heard.take(trade_short('N', ' ', 5, 19001, 37, "@  I")),
@@ -97,7 +97,7 @@ TEST(ListenTruthLine, TradeKind_ComesFromCenterAndConditions) {
     }
 }
 
-TEST(ListenTruthLine, CancelCorrectionAsOfAndBreaker) {
+TEST(TruthLine, CancelCorrectionAsOfAndBreaker_AreWrittenAsInTheTruth) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     EXPECT_EQ(heard.take(cancel_error('N', 'E', 5, 190'010'000, 200)),
@@ -111,7 +111,7 @@ TEST(ListenTruthLine, CancelCorrectionAsOfAndBreaker) {
     EXPECT_EQ(heard.take(mwcb_status('2')), "{\"seq\":7,\"mwcb\":2}\n");
 }
 
-TEST(ListenTruthLine, NegativeAndFinePrices) {
+TEST(TruthLine, NegativeAndFinePrices_AreWrittenAsInTheTruth) {
     Heard heard;
     heard.take(directory_short("AAPL"));
     EXPECT_NE(heard.take(trade_long('Q', "AAPL", 1, -10'000, 1, "@   ")).find("[-0.0100,1,"),
@@ -122,7 +122,7 @@ TEST(ListenTruthLine, NegativeAndFinePrices) {
               std::string::npos);
 }
 
-TEST(ListenTruthLine, MessagesWithoutALine) {
+TEST(TruthLine, MessagesWithoutALine_WriteNothing) {
     Heard heard;
     for (const std::string& data :
          {header('C', 'I', 'E').data, header('C', 'O', 'N').data, header('C', 'P', 'Q').data,

@@ -5,6 +5,7 @@
 #include "engine/quotes.h"
 #include "engine/wipe_out.h"
 #include "support/test_market.h"
+#include "unit/snapshot/spin_views.h"
 #include "wire/admin_messages.h"
 #include "wire/quote_messages.h"
 
@@ -17,49 +18,21 @@ namespace {
 
 using testing::Bytes;
 using testing::get_text;
-using testing::get_u16;
 using testing::get_u32;
 using testing::get_u64;
 using testing::letters;
+using testing::letters_of;
 using testing::MarketOptions;
+using testing::quote_of;
+using testing::spin_of;
+using testing::spin_time;
 using testing::TestMarket;
-
-constexpr std::uint64_t spin_time = 1'800'000'000'123'456'789u;
-
-std::vector<Bytes> spin_of(TestMarket& market) {
-    SpinBuffer spin;
-    build_spin(spin, market.engine, spin_time);
-    std::vector<Bytes> messages;
-    for (const std::span<const unsigned char> message : spin_messages(spin)) {
-        messages.emplace_back(message.begin(), message.end());
-    }
-    return messages;
-}
-
-std::vector<std::string> letters_of(const std::vector<Bytes>& messages) {
-    std::vector<std::string> result;
-    for (const Bytes& message : messages) {
-        result.push_back(letters(message));
-    }
-    return result;
-}
-
-// The rebuilt quote of a center in the only instrument.
-Bytes quote_of(const std::vector<Bytes>& messages, char market_center) {
-    for (const Bytes& message : messages) {
-        if (message.at(1) == 'Q' && message.at(3) == market_center) {
-            return message;
-        }
-    }
-    ADD_FAILURE() << "no quote of " << market_center;
-    return Bytes(long_quote_bytes, 0);
-}
 
 struct Quiet {
     testing::StderrCapture log;
 };
 
-TEST(Spin, BeforeAnyTickIsTheStartOfDayState) {
+TEST(Spin, NoTickYet_IsTheStartOfDayState) {
     TestMarket market({.symbols = "A:10,B:20", .participants = "QD"});
     market.start_of_day();
     const std::vector<Bytes> messages = spin_of(market);
@@ -69,7 +42,7 @@ TEST(Spin, BeforeAnyTickIsTheStartOfDayState) {
     EXPECT_EQ(market.scenario.stats.snapshots, 1u);
 }
 
-TEST(Spin, RetainedMessagesAreByteForByteTheOnesPublished) {
+TEST(Spin, RetainedMessages_AreByteForByteTheOnesPublished) {
     TestMarket market({.symbols = "A:10", .participants = "QD"});
     market.start_of_day();
     const std::vector<Bytes> messages = spin_of(market);
@@ -83,7 +56,7 @@ TEST(Spin, RetainedMessagesAreByteForByteTheOnesPublished) {
     EXPECT_EQ(opens, (std::vector<Bytes>{messages.at(1), messages.at(2)}));
 }
 
-TEST(Spin, RebuiltMessagesCarryTheSpinTimeInBothStamps) {
+TEST(Spin, RebuiltMessages_CarryTheSpinTimeInBothStamps) {
     TestMarket market({.participants = "QND"});
     Quiet quiet;
     market.start_of_day();
@@ -112,7 +85,7 @@ TEST(Spin, RebuiltMessagesCarryTheSpinTimeInBothStamps) {
     EXPECT_EQ(rebuilt, 9u + 2 + 1 + 3 + 1 + 9);
 }
 
-TEST(Spin, HaltedInstrumentHasAnActionAndNoCollarAPausedOneHasBoth) {
+TEST(Spin, HaltedInstrument_HasAnActionAndNoCollar_APausedOneHasBoth) {
     TestMarket market({.symbols = "A:10,B:190,C:30", .participants = "Q"});
     Quiet quiet;
     market.start_of_day();
@@ -143,7 +116,7 @@ TEST(Spin, HaltedInstrumentHasAnActionAndNoCollarAPausedOneHasBoth) {
     EXPECT_EQ(market.at(0).action_seq, 1u) << "the spin changes nothing";
 }
 
-TEST(Spin, DirectoryTellsTheHaltedStateAndItsReason) {
+TEST(Spin, Directory_CarriesTheHaltedStateAndItsReason) {
     TestMarket market({.symbols = "A:10", .participants = "Q"});
     Quiet quiet;
     market.start_of_day();
@@ -155,7 +128,7 @@ TEST(Spin, DirectoryTellsTheHaltedStateAndItsReason) {
     EXPECT_EQ(messages.at(4).size(), indicator_bytes);
 }
 
-TEST(Spin, InstrumentUnderQuotationOnlyHasAnAction) {
+TEST(Spin, InstrumentUnderQuotationOnly_HasAnAction) {
     TestMarket market({.symbols = "A:10", .participants = "Q"});
     Quiet quiet;
     market.start_of_day();
@@ -167,7 +140,7 @@ TEST(Spin, InstrumentUnderQuotationOnlyHasAnAction) {
     EXPECT_EQ(get_text(messages.at(5), 53, 6), "T3    ");
 }
 
-TEST(Spin, InstrumentWithoutALowerBandHasNone) {
+TEST(Spin, InstrumentWithoutALowerBand_HasNone) {
     TestMarket market({.symbols = "A:0.01", .participants = "Q"});
     market.start_of_day();
     ASSERT_EQ(market.at(0).luld_lower, 0);
@@ -176,7 +149,7 @@ TEST(Spin, InstrumentWithoutALowerBandHasNone) {
     }
 }
 
-TEST(Spin, BandWithoutALetterIsSentAsB) {
+TEST(Spin, BandWithoutALetter_IsSentAsB) {
     TestMarket market({.symbols = "A:10", .participants = "Q"});
     market.at(0).luld_lower = 9'500'000;
     market.at(0).luld_upper = 10'500'000;
@@ -188,18 +161,18 @@ TEST(Spin, BandWithoutALetterIsSentAsB) {
     EXPECT_EQ(get_u64(band, 57), 10'500'000u);
 }
 
-TEST(Spin, WithoutInstrumentsOnlyRetainedMessagesAndDeclineLevels) {
+TEST(Spin, NoInstruments_OnlyRetainedMessagesAndDeclineLevels) {
     TestMarket market({.symbols = "", .participants = "QN"});
     market.start_of_day();
     EXPECT_EQ(letters_of(spin_of(market)), (std::vector<std::string>{"CIE ", "COQ ", "CON ", "ACE "}));
 }
 
-TEST(Spin, CenterThatNeverQuotedHasNoQuote) {
+TEST(Spin, CenterThatNeverQuoted_HasNoQuote) {
     TestMarket market({.symbols = "A:10", .participants = "QN"});
     EXPECT_EQ(letters_of(spin_of(market)), (std::vector<std::string>{"ABQ ", "AFQ ", "AVQ ", "ACE "}));
 }
 
-TEST(Spin, QuotesStandInLetterOrderWithTheirConditionAndABlankSipFlag) {
+TEST(Spin, Quotes_AreInLetterOrderWithTheirConditionAndABlankSipFlag) {
     TestMarket market({.symbols = "A:10", .participants = "ZQQB"});
     Quiet quiet;
     market.start_of_day();
@@ -222,168 +195,7 @@ TEST(Spin, QuotesStandInLetterOrderWithTheirConditionAndABlankSipFlag) {
     EXPECT_EQ(wiped.at(72), static_cast<unsigned char>(find_quote(market.at(0), 'Q')->condition));
 }
 
-// Two centers whose quotes a test sets; the NBBO is what the test says it is.
-struct TwoCenters {
-    TwoCenters() : market({.symbols = "A:10", .participants = "DQ"}) {
-        for (const char market_center : {'D', 'Q'}) {
-            ParticipantQuote& quote = *find_quote(market.at(0), market_center);
-            quote.market_center = market_center;
-            quote.quoted = true;
-            quote.present = true;
-            quote.condition = 'R';
-            quote.has_mpids = market_center == 'D';
-        }
-    }
-    ParticipantQuote& quote(char market_center) {
-        return *find_quote(market.at(0), market_center);
-    }
-    void set_nbbo(std::int64_t bid, std::int64_t ask, char bid_market_center, char ask_market_center) {
-        Instrument& instrument = market.at(0);
-        instrument.nbbo.bid = bid;
-        instrument.nbbo.ask = ask;
-        instrument.nbbo.bid_size = bid == 0 ? 0 : 300;
-        instrument.nbbo.ask_size = ask == 0 ? 0 : 70'000;
-        instrument.nbbo.bid_market_center = bid_market_center;
-        instrument.nbbo.ask_market_center = ask_market_center;
-        instrument.has_nbbo = true;
-    }
-    TestMarket market;
-};
-
-TEST(SpinQuote, WithoutANationalPriceTheIndicatorIs1) {
-    TwoCenters centers;
-    const Bytes quote = quote_of(spin_of(centers.market), 'Q');
-    EXPECT_EQ(quote.at(76), '1');
-    EXPECT_EQ(quote.size(), long_quote_bytes);
-}
-
-TEST(SpinQuote, EveryQuoteCarriesTheStoredNationalBestInALongAppendage) {
-    TwoCenters centers;
-    centers.set_nbbo(9'990'000, 10'010'000, 'Q', 'D');
-    const std::vector<Bytes> messages = spin_of(centers.market);
-    for (const char market_center : {'D', 'Q'}) {
-        const Bytes quote = quote_of(messages, market_center);
-        EXPECT_EQ(quote.at(76), '3');
-        EXPECT_EQ(quote.at(83), 'R');
-        EXPECT_EQ(quote.at(84), 'Q');
-        EXPECT_EQ(get_u64(quote, 85), 9'990'000u);
-        EXPECT_EQ(get_u32(quote, 93), 300u);
-        EXPECT_EQ(quote.at(97), 'D');
-        EXPECT_EQ(get_u64(quote, 98), 10'010'000u);
-        EXPECT_EQ(get_u32(quote, 106), 70'000u);
-    }
-}
-
-TEST(SpinQuote, OneSidedNationalBestHasConditionY) {
-    TwoCenters centers;
-    centers.set_nbbo(9'990'000, 0, 'Q', ' ');
-    const Bytes quote = quote_of(spin_of(centers.market), 'Q');
-    EXPECT_EQ(quote.at(76), '3');
-    EXPECT_EQ(quote.at(83), 'Y');
-}
-
-TEST(SpinQuote, QuoteThatIsTheWholeNationalBestHasIndicator4) {
-    TwoCenters centers;
-    centers.set_nbbo(9'990'000, 10'010'000, 'Q', 'Q');
-    ParticipantQuote& quote = centers.quote('Q');
-    quote.bid = 9'990'000;
-    quote.ask = 10'010'000;
-    quote.bid_size = 300;
-    quote.ask_size = 70'000;
-    const std::vector<Bytes> messages = spin_of(centers.market);
-    EXPECT_EQ(quote_of(messages, 'Q').at(76), '4');
-    EXPECT_EQ(quote_of(messages, 'Q').size(), long_quote_bytes);
-    EXPECT_EQ(quote_of(messages, 'D').at(76), '3') << "the other center's carries it";
-    quote.ask_size = 69'999;
-    EXPECT_EQ(quote_of(spin_of(centers.market), 'Q').at(76), '3');
-}
-
-TEST(SpinQuote, LuldIndicatorsAreBlankWithoutAnActiveBand) {
-    TwoCenters centers;
-    centers.set_nbbo(9'990'000, 10'010'000, 'Q', 'D');
-    centers.quote('Q').bid = 12'000'000;
-    Instrument& instrument = centers.market.at(0);
-    instrument.luld_lower = 9'500'000;
-    instrument.luld_upper = 10'500'000;
-    instrument.band_indicator = 'D';
-    Bytes quote = quote_of(spin_of(centers.market), 'Q');
-    EXPECT_EQ(quote.at(74), ' ');
-    EXPECT_EQ(quote.at(77), ' ');
-    instrument.band_indicator = 'A';
-    quote = quote_of(spin_of(centers.market), 'Q');
-    EXPECT_EQ(quote.at(74), 'A') << "its bid is above the upper price";
-    EXPECT_EQ(quote.at(77), 'A');
-}
-
-TEST(SpinQuote, AdfQuoteCarriesItsMpids) {
-    TwoCenters centers;
-    const std::vector<Bytes> messages = spin_of(centers.market);
-    const Bytes adf = quote_of(messages, 'D');
-    EXPECT_EQ(adf.at(78), '2');
-    EXPECT_EQ(get_text(adf, 83, 8), "NITEGSCO");
-    EXPECT_EQ(quote_of(messages, 'Q').at(78), ' ');
-}
-
-TEST(SpinQuote, EveryQuoteCarriesTheStoredBestOddLot) {
-    TwoCenters centers;
-    Instrument& instrument = centers.market.at(0);
-    instrument.has_best_odd_lot = true;
-    instrument.best_odd_lot.bid_market_center = 'Q';
-    instrument.best_odd_lot.ask_market_center = 'Z';
-    instrument.best_odd_lot.bid = 10'000'000;
-    instrument.best_odd_lot.ask = 10'020'000;
-    instrument.best_odd_lot.bid_size = 17;
-    instrument.best_odd_lot.ask_size = 99;
-    Bytes quote = quote_of(spin_of(centers.market), 'Q');
-    EXPECT_EQ(quote.at(79), '3');
-    ASSERT_EQ(quote.size(), long_quote_bytes + long_best_odd_lot_bytes);
-    EXPECT_EQ(quote.at(83), 'Q');
-    EXPECT_EQ(get_u64(quote, 84), 10'000'000u);
-    EXPECT_EQ(get_u16(quote, 92), 17u);
-    EXPECT_EQ(quote.at(94), 'Z');
-    EXPECT_EQ(get_u64(quote, 95), 10'020'000u);
-    EXPECT_EQ(get_u16(quote, 103), 99u);
-
-    instrument.best_odd_lot.ask_market_center = 'D';
-    quote = quote_of(spin_of(centers.market), 'Q');
-    EXPECT_EQ(quote.at(79), '5');
-    EXPECT_EQ(get_text(quote, 105, 8), "    GSCO") << "only the ADF's side has an MPID";
-
-    instrument.has_best_odd_lot = false;
-    EXPECT_EQ(quote_of(spin_of(centers.market), 'Q').at(79), '0') << "one that has gone is not told";
-}
-
-TEST(SpinQuote, QuoteCarriesItsOwnOddLotList) {
-    TwoCenters centers;
-    for (const char market_center : {'D', 'Q'}) {
-        ParticipantQuote& quote = centers.quote(market_center);
-        quote.has_odd_lots = true;
-        quote.odd_bid = 10'000'000;
-        quote.odd_ask = 10'020'000;
-        quote.odd_bid_size = 17;
-        quote.odd_ask_size = 99;
-    }
-    const std::vector<Bytes> messages = spin_of(centers.market);
-    const Bytes exchange = quote_of(messages, 'Q');
-    EXPECT_EQ(exchange.at(80), '3');
-    EXPECT_EQ(get_u16(exchange, 81), 2u);
-    ASSERT_EQ(exchange.size(), long_quote_bytes + 2 * long_odd_lot_bytes);
-    EXPECT_EQ(get_text(exchange, 83, 2), "QB");
-    EXPECT_EQ(get_u64(exchange, 85), 10'000'000u);
-    EXPECT_EQ(get_u16(exchange, 93), 17u);
-    EXPECT_EQ(get_text(exchange, 95, 2), "QA");
-    EXPECT_EQ(get_u64(exchange, 97), 10'020'000u);
-    EXPECT_EQ(get_u16(exchange, 105), 99u);
-    const Bytes adf = quote_of(messages, 'D');
-    EXPECT_EQ(adf.at(80), '5');
-    ASSERT_EQ(adf.size(), long_quote_bytes + adf_mpid_bytes + 2 * mpid_odd_lot_bytes);
-    EXPECT_EQ(get_text(adf, 103, 4), "NITE");
-    EXPECT_EQ(get_text(adf, 119, 4), "GSCO");
-    centers.quote('Q').has_odd_lots = false;
-    EXPECT_EQ(quote_of(spin_of(centers.market), 'Q').at(80), '0');
-}
-
-TEST(Spin, TwoInARowDifferOnlyInTheRebuiltTimeStampsWhenNothingHappened) {
+TEST(Spin, TwoInARow_DifferOnlyInTheRebuiltTimeStampsWhenNothingHappened) {
     TestMarket market;
     market.start_of_day();
     market.run_ticks(20);
@@ -416,7 +228,7 @@ TEST(Spin, TwoInARowDifferOnlyInTheRebuiltTimeStampsWhenNothingHappened) {
     }
 }
 
-TEST(Spin, UsesNoSequenceNumberAndNoDraw) {
+TEST(Spin, AnySpin_UsesNoSequenceNumberAndNoDraw) {
     TestMarket market;
     market.start_of_day();
     TestMarket twin;
@@ -468,7 +280,7 @@ TEST(Spin, HandedOverInPieces_IsTheSpinAsAWhole) {
               Bytes(whole.bytes.begin(), whole.bytes.begin() + static_cast<std::ptrdiff_t>(whole.size)));
 }
 
-TEST(Spin, MemoryIsTakenOnceHoweverManyLogins) {
+TEST(Spin, ManyLogins_AllocateOnce) {
     TestMarket market(many_symbols());
     market.start_of_day();
     std::vector<Bytes> pieces;
@@ -487,7 +299,7 @@ TEST(Spin, MemoryIsTakenOnceHoweverManyLogins) {
     EXPECT_EQ(spin.bytes.size(), spin_buffer_bytes);
 }
 
-TEST(Spin, EndOfSnapshotIs37BytesWithTheLastSequenceNumber) {
+TEST(Spin, EndOfSnapshot_Is37BytesWithTheLastSequenceNumber) {
     TestMarket market({.symbols = "", .participants = ""});
     market.start_of_day();
     SpinBuffer spin;

@@ -35,7 +35,7 @@ TEST(ControlMessages, HeaderAlone_29Bytes) {
     EXPECT_EQ(writer.size, 29u);
 }
 
-TEST(DeclineLevels, 53BytesWithSevenThirteenAndTwentyPercentBelow5000) {
+TEST(DeclineLevels, EveryField_In53BytesWithSevenThirteenAndTwentyPercentBelow5000) {
     MessageWriter writer = used_writer();
     build_decline_levels(writer, times);
     EXPECT_EQ(writer.size, 53u);
@@ -96,14 +96,14 @@ TEST(Directory, SymbolBeyond11LettersIsCut_IssueNameTo30) {
     EXPECT_EQ(content(writer).substr(51, 31), "ABCDEFGHIJKLMNOPQRST COMMON STC");
 }
 
-TEST(Indicator, 41Bytes) {
+TEST(Indicator, EveryField_In41Bytes) {
     MessageWriter writer = used_writer();
     build_indicator(writer, times, "TSLA", '0');
     EXPECT_EQ(writer.size, 41u);
     expect_message(writer, joined(admin_header("1AVQ "), {text(29, "TSLA       "), text(40, "0")}));
 }
 
-TEST(TradingAction, 59Bytes) {
+TEST(TradingAction, EveryField_In59Bytes) {
     MessageWriter writer = used_writer();
     build_trading_action(writer, times, "MSFT", 'H', 0x01020304, 1'700'000'000'000'000'009, "T1");
     EXPECT_EQ(writer.size, 59u);
@@ -112,13 +112,13 @@ TEST(TradingAction, 59Bytes) {
                                    number(45, 8, 1'700'000'000'000'000'009), text(53, "T1    ")}));
 }
 
-TEST(TradingAction, ReasonBeyondSixLettersIsCut) {
+TEST(TradingAction, ReasonBeyondSixLetters_IsCut) {
     MessageWriter writer = used_writer();
     build_trading_action(writer, times, "MSFT", 'P', 1, 2, "REASON7");
     EXPECT_EQ(content(writer).substr(53), "REASON");
 }
 
-TEST(PriceBand, 65BytesLowerBandFirst) {
+TEST(PriceBand, EveryField_In65BytesLowerBandFirst) {
     MessageWriter writer = used_writer();
     build_price_band(writer, times, "AAPL", 'A', 1'700'000'000'000'000'009, 180'500'000, 199'500'000);
     EXPECT_EQ(writer.size, 65u);
@@ -128,7 +128,7 @@ TEST(PriceBand, 65BytesLowerBandFirst) {
                            number(49, 8, 180'500'000), number(57, 8, 199'500'000)}));
 }
 
-TEST(Collar, 69BytesReferenceThenUpperThenLower) {
+TEST(Collar, EveryField_In69BytesReferenceThenUpperThenLower) {
     MessageWriter writer = used_writer();
     build_collar(writer, times, "AAPL", 3, 190'000'000, 199'500'000, 180'500'000);
     EXPECT_EQ(writer.size, 69u);
@@ -149,7 +149,7 @@ TEST(CircuitBreakerStatus, LevelAsADigit_AboveThreeIsThree) {
     }
 }
 
-TEST(EndOfSnapshot, 37BytesWithTheSpinTimeInBothStamps) {
+TEST(EndOfSnapshot, EveryField_In37BytesWithTheSpinTimeInBothStamps) {
     MessageWriter writer = used_writer();
     build_end_of_snapshot(writer, 1'700'000'000'000'000'555, 0x0102030405060708);
     EXPECT_EQ(writer.size, 37u);

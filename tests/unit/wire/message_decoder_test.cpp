@@ -9,7 +9,7 @@ namespace {
 
 using namespace hand_made;
 
-TEST(ListenDecoder, EveryKind_DecodesAtItsLength_AndAtNoOther) {
+TEST(MessageDecoder, EveryKind_DecodesAtItsLength_AndAtNoOther) {
     for (const auto& [kind, data] : one_of_each()) {
         Message message;
         ASSERT_TRUE(decode(message, data)) << kind_name(kind);
@@ -28,7 +28,7 @@ TEST(ListenDecoder, EveryKind_DecodesAtItsLength_AndAtNoOther) {
     }
 }
 
-TEST(ListenDecoder, UnknownCategoryOrType_IsReportedByItsBytes) {
+TEST(MessageDecoder, UnknownCategoryOrType_IsReportedByItsBytes) {
     Message message;
     std::string error;
     EXPECT_FALSE(decode(message, header('X', 'Y', 'Q').data, &error));
@@ -36,7 +36,7 @@ TEST(ListenDecoder, UnknownCategoryOrType_IsReportedByItsBytes) {
     EXPECT_FALSE(decode(message, header('Q', 'Z', 'Q').data, &error));
 }
 
-TEST(ListenDecoder, Header_HasItsFieldsAtTheirOffsets) {
+TEST(MessageDecoder, Header_HasItsFieldsAtTheirOffsets) {
     Message message;
     ASSERT_TRUE(decode(message,
                        Bytes{}.bytes("1COZ ").number(0x0102030405060708, 8).number(9, 8).number(10, 8).data));
@@ -50,7 +50,7 @@ TEST(ListenDecoder, Header_HasItsFieldsAtTheirOffsets) {
     EXPECT_EQ(message.header.participant_token, 10u);
 }
 
-TEST(ListenDecoder, ShortQuote_WithEveryAppendage) {
+TEST(MessageDecoder, ShortQuote_WithEveryAppendage) {
     Message message;
     ASSERT_TRUE(decode(message, one_of_each()[14].second));
     EXPECT_EQ(message.symbol, "AAPL");
@@ -70,7 +70,7 @@ TEST(ListenDecoder, ShortQuote_WithEveryAppendage) {
     EXPECT_EQ(message.odd_lots[1].size, 8);
 }
 
-TEST(ListenDecoder, LongQuoteOfTheAdf_CarriesMpidsBetweenNbboAndOddLots) {
+TEST(MessageDecoder, LongQuoteOfTheAdf_CarriesMpidsBetweenNbboAndOddLots) {
     Message message;
     ASSERT_TRUE(decode(message, one_of_each()[15].second));
     EXPECT_EQ(message.quote.adf_time_ns, 2u);
@@ -84,7 +84,7 @@ TEST(ListenDecoder, LongQuoteOfTheAdf_CarriesMpidsBetweenNbboAndOddLots) {
     EXPECT_EQ(message.odd_lots[0].mpid, "NITE");
 }
 
-TEST(ListenDecoder, OddLotListIndicator4_HasACountButNoEntries) {
+TEST(MessageDecoder, OddLotListIndicator4_HasACountButNoEntries) {
     QuoteHand quote;
     quote.odd_lot_list = '4';
     quote.odd_lot_count = 65535;
@@ -94,7 +94,7 @@ TEST(ListenDecoder, OddLotListIndicator4_HasACountButNoEntries) {
     EXPECT_TRUE(message.odd_lots.empty());
 }
 
-TEST(ListenDecoder, OddLotCountBeyondTheMessage_IsRefused) {
+TEST(MessageDecoder, OddLotCountBeyondTheMessage_IsRefused) {
     QuoteHand quote;
     quote.odd_lot_list = '3';
     quote.odd_lot_count = 65535;
@@ -103,13 +103,13 @@ TEST(ListenDecoder, OddLotCountBeyondTheMessage_IsRefused) {
     EXPECT_FALSE(decode(message, quote_long(quote)));
 }
 
-TEST(ListenDecoder, LongPrice_MayBeNegative) {
+TEST(MessageDecoder, LongPrice_MayBeNegative) {
     Message message;
     ASSERT_TRUE(decode(message, trade_long('Q', "AAPL", 1, -10'000, 100, "@   ")));
     EXPECT_EQ(message.report.trade.price, -10'000);
 }
 
-TEST(ListenDecoder, CancelAndCorrection_HaveBothSetsOfStatistics) {
+TEST(MessageDecoder, CancelAndCorrection_HaveBothSetsOfStatistics) {
     Message message;
     ASSERT_TRUE(decode(message, cancel_error('N', 'E', 5, 190'010'000, 200)));
     EXPECT_EQ(message.report.function, 'E');

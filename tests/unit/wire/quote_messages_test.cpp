@@ -151,7 +151,7 @@ TEST(ShortQuote, AllAppendagesShort_NbboThenBestOddLotThenList) {
     EXPECT_EQ(writer.size, 52u + 11u + 10u + 12u);
 }
 
-TEST(ShortQuote, AdfMpidIndicatorIsNotPartOfIt) {
+TEST(ShortQuote, AdfMpidIndicator_IsNotPartOfIt) {
     QuoteRecord record = full_quote();
     record.adf_mpid_ind = '2';
     EXPECT_EQ(built_size(record, 'C'), 52u);
@@ -205,7 +205,7 @@ TEST(LongQuote, LongOddLotForms_SizesStay16Bits) {
     expect_message(writer, expected);
 }
 
-TEST(LongQuote, PricesBeyondTheShortRangeAndBelowZero) {
+TEST(LongQuote, PricesBeyondTheShortRangeAndBelowZero_AreExact) {
     QuoteRecord record = full_quote();
     record.bid = -10'000;
     record.ask = 1'000'000'000'000;
@@ -219,7 +219,7 @@ TEST(LongQuote, PricesBeyondTheShortRangeAndBelowZero) {
     expect_message(writer, joined(quote_header('D'), expected));
 }
 
-TEST(MpidQuote, 77BytesWithTheBidMpidAndNoAppendages) {
+TEST(MpidQuote, EveryField_In77BytesWithTheBidMpidAndNoAppendages) {
     QuoteRecord record = full_quote();
     record.nbbo_ind = '3';
     record.adf_mpid_ind = '2';
@@ -263,7 +263,7 @@ TEST(OddLotUpdate, LongForm_53BytesThenBestOddLotAndList) {
     expect_message(writer, expected);
 }
 
-TEST(QuoteAppendages, EveryIndicatorByteHasItsLength) {
+TEST(QuoteAppendages, EveryIndicatorByte_HasItsLength) {
     for (int byte = 0; byte < 256; ++byte) {
         const char indicator = static_cast<char>(byte);
         QuoteRecord nbbo = full_quote();
@@ -337,7 +337,7 @@ TEST(Quote, FreshRecord_StartsWithBlankIndicatorsAndNoAppendages) {
     EXPECT_EQ(content(writer).substr(0, 5), "1QD  ");
 }
 
-TEST(LongQuotePutInPlace, IsTheBuiltMessageAndTouchesNothingBehindIt) {
+TEST(LongQuotePutInPlace, PutInPlace_IsTheBuiltMessageAndTouchesNothingAfterIt) {
     const OddLotQuote orders[] = {{'D', 'B', 10'010'000, 17, "NITE"}, {'D', 'A', 10'020'000, 99, "GSCO"}};
     std::size_t longest = 0;
     for (const char nbbo : {'0', '1', '3', '4'}) {

@@ -88,7 +88,7 @@ TEST(TradeReport, OfficialClose_SizeZeroAndBlankFlag) {
 const StatisticsRecord consolidated_after = {191'000'000, 189'000'000, 190'500'000, 7'000'000'000};
 const StatisticsRecord participant_after = {190'900'000, 189'100'000, 190'400'000, 3'000'000'001};
 
-TEST(CancelError, 146BytesWithBothStatistics) {
+TEST(CancelError, EveryField_In146BytesWithBothStatistics) {
     CancelRecord record;
     record.header = trade_header('D', 'B');
     record.trf_time = participant_time;
@@ -130,7 +130,7 @@ TEST(CancelError, OfTheOnlyTrade_ZeroStatisticsAndBlankCenter) {
     expect_message(writer, expected);
 }
 
-TEST(Correction, 176BytesWithTheOldAndTheNewTrade) {
+TEST(Correction, EveryField_In176BytesWithTheOldAndTheNewTrade) {
     CorrectionRecord record;
     record.header = trade_header('D', 'Q');
     record.trf_time = participant_time;
@@ -176,7 +176,7 @@ TEST(Correction, 176BytesWithTheOldAndTheNewTrade) {
                                                                             number(168, 8, 3'000'000'001)}));
 }
 
-TEST(AsOfTrade, 88BytesWithoutAnIdAndWithItsFixedLetters) {
+TEST(AsOfTrade, EveryField_In88BytesWithoutAnIdAndWithItsFixedLetters) {
     AsOfRecord record;
     record.header = trade_header('D', 'Q');
     record.trf_time = participant_time;
