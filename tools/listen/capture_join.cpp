@@ -113,13 +113,13 @@ bool add_session_bytes(CapturedSessions& sessions, const PcapFlow& flow, const u
     SoupPacket packet;
     bool broken = false;
     while (soup_next(session.input, packet, &broken)) {
-        if (packet.type == receiver::soup_login_accepted) {
+        if (packet.type == soup_login_accepted) {
             sessions.bytes -= session.messages.size();
             session.messages.clear();
             session.count = 0;
             session.accepted = true;
             session.too_large = false;
-        } else if (packet.type == receiver::soup_sequenced_data && session.accepted) {
+        } else if (packet.type == soup_sequenced_data && session.accepted) {
             keep_message(sessions, session, packet);
             if (is_end_of_snapshot(packet) && !session.too_large) {
                 covered = read_big_endian(packet.payload + end_of_snapshot_bytes - 8, 8);

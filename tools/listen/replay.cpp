@@ -2,6 +2,7 @@
 #include "listen/listener.h"
 #include "listen/pcap_file.h"
 #include "listen/report.h"
+#include "mold/packet.h"
 #include "soup/soup_packet.h"
 
 #include <fmt/format.h>
@@ -91,14 +92,12 @@ void take_datagram(Replay& replay, const PcapFlow& flow, std::int64_t time_ns, c
 
 // Whether a held packet brings nothing beyond what the Snap-Shot covers.
 bool is_covered(const HeldPacket& packet, std::uint64_t covered) {
-    const std::vector<unsigned char>& b = packet.bytes;
-    std::uint64_t end = 0;
-    for (std::size_t at = 10; b.size() >= receiver::mold_header_bytes && at < 18; ++at) {
-        end = end << 8 | b[at];
+    if (packet.bytes.size() < mold_header_bytes) {
+        return true;
     }
-    const std::uint64_t count =
-        b.size() >= receiver::mold_header_bytes ? std::uint64_t{b[18]} << 8 | b[19] : 0;
-    return end + (count == receiver::mold_end_of_session_count ? 0 : count) <= covered + 1;
+    const unsigned char* bytes = packet.bytes.data();
+    const std::uint64_t count = mold_count(bytes);
+    return mold_sequence(bytes) + (count == mold_end_of_session_count ? 0 : count) <= covered + 1;
 }
 
 // With --decode: the messages inside every Snap-Shot session, written as they come.
@@ -111,7 +110,7 @@ void decode_stream(Replay& replay, const PcapFlow& flow, const unsigned char* by
     SoupPacket packet;
     bool broken = false;
     while (soup_next(reader, packet, &broken)) {
-        if (packet.type == receiver::soup_sequenced_data) {
+        if (packet.type == soup_sequenced_data) {
             take_captured_spin_message(replay.listener, packet.payload, packet.length);
         }
     }
