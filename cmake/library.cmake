@@ -45,8 +45,10 @@ function(tessel_installed_library name)
   else()
     set(needs "")
   endif()
+  # Wherever it is installed: a package has another prefix than the one configured.
+  file(RELATIVE_PATH to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
   file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/tessel-${name}.pc @ONLY CONTENT
-"prefix=@CMAKE_INSTALL_PREFIX@
+"prefix=\${pcfiledir}/@to_prefix@
 libdir=\${prefix}/@CMAKE_INSTALL_LIBDIR@
 includedir=\${prefix}/@CMAKE_INSTALL_INCLUDEDIR@
 
