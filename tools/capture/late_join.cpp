@@ -44,7 +44,7 @@ void send_text(LateJoin& join, const std::string& packet) {
 
 // Category A, type S: the last message of a spin.
 bool is_end_of_snapshot(const SoupPacket& packet) {
-    return packet.type == receiver::soup_sequenced_data && packet.length >= 3 && packet.payload[1] == 'A' &&
+    return packet.type == soup_sequenced_data && packet.length >= 3 && packet.payload[1] == 'A' &&
            packet.payload[2] == 'S';
 }
 
@@ -87,7 +87,7 @@ void step_join(LateJoin& join) {
         send_from_server(join, tcp_ack);
         join.state = LateJoin::State::closed;
     } else if (join.state == LateJoin::State::logged_in && join.spin_complete) {
-        send_text(join, receiver::soup_empty_packet(receiver::soup_logout_request));
+        send_text(join, receiver::soup_empty_packet(soup_logout_request));
         join.state = LateJoin::State::logged_out;
     }
 }
