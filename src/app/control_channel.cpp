@@ -94,7 +94,7 @@ void run_reorder_every(const Command& command) {
 
 void run_rate(const Command& command) {
     const std::uint32_t interval = parse_count(command.argument, rate_fallback_ms);
-    // A count beyond the signed range is a negative interval: the model stands still.
+    // A count beyond the signed range is a negative interval: the model is frozen.
     *command.context.interval_ms = static_cast<std::int32_t>(interval == 0 ? rate_fallback_ms : interval);
 }
 

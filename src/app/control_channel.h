@@ -22,12 +22,12 @@ struct ControlReply {
     bool stop = false;  // the process is to end once the reply is sent
 };
 
-// Runs one datagram's command and returns the reply. Any bytes are taken; those behind control_line_bytes_max
-// or the first NUL are not looked at.
+// Runs one datagram's command and returns the reply. Any bytes are accepted; those after
+// control_line_bytes_max or the first NUL are ignored.
 ControlReply handle_command(const ControlContext& context, const char* bytes, std::size_t length);
 
-// Opens the channel on 127.0.0.1 and prints which commands it takes; returns the socket. When the port cannot
-// be bound: -1, and the system's reason on standard error.
+// Opens the channel on 127.0.0.1 and prints which commands it accepts; returns the socket. When the port
+// cannot be bound: -1, and the system's reason on standard error.
 int open_control_channel(std::uint16_t port);
 
 // Runs every waiting command, each with its reply, until there is no more or an empty datagram came. False

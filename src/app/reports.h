@@ -10,15 +10,15 @@ namespace tessel {
 // The counters as "quotes=0 adf_quotes=0 ... snapshot_rejects=0", in printing order, without a line feed.
 std::string stats_line(const FeedStats& stats);
 
-// "tessel faults: sent 5 dropped 5 duplicated 0 reordered 0", without a line feed. A doubled packet counts
-// once as sent; a held one counts as sent.
+// "tessel faults: sent 5 dropped 5 duplicated 0 reordered 0", without a line feed. A duplicated packet
+// counts once as sent; a held one counts as sent.
 std::string faults_summary(const MoldPublisher& publisher);
 
-// Everything that the two above tell, as the periodic line and the reply to "stats" give it:
+// The contents of the two above, as printed in the periodic line and the reply to "stats":
 // "quotes=... next_seq=42 tessel faults: ...", without a line feed.
 std::string stats_report(const FeedStats& stats, const MoldPublisher& publisher);
 
-// The ten-second block: "[tessel] msgs ... snapshots ...\n" and the faults summary on a line of its own.
+// The ten-second block: "[tessel] msgs ... snapshots ...\n" and the faults summary on a separate line.
 std::string summary_block(const FeedStats& stats, const MoldPublisher& publisher);
 
 // The last words of a run that a signal ends: faults, counters, "[tessel] stopped", each with its line feed.

@@ -20,7 +20,7 @@ union alignas(std::max_align_t) Block {
 static_assert(sizeof(Block) == pooled_block_bytes);
 
 struct BlockPool {
-    Block* given_back = nullptr;
+    Block* free_list = nullptr;
     Block* next = nullptr;  // of the latest slab: not yet used
     Block* end = nullptr;
     std::size_t bytes = 0;  // of all slabs
@@ -41,10 +41,10 @@ BlockPool pool;
 
 }  // namespace
 
-void* take_block() {
-    if (pool.given_back != nullptr) {
-        Block* const block = pool.given_back;
-        pool.given_back = block->next;
+void* allocate_block() {
+    if (pool.free_list != nullptr) {
+        Block* const block = pool.free_list;
+        pool.free_list = block->next;
         return block;
     }
     if (pool.next == pool.end) [[unlikely]] {
@@ -53,8 +53,8 @@ void* take_block() {
     return pool.next++;
 }
 
-void give_back_block(void* block) {
-    pool.given_back = ::new (block) Block{pool.given_back};
+void free_block(void* block) {
+    pool.free_list = ::new (block) Block{pool.free_list};
 }
 
 }  // namespace tessel

@@ -5,14 +5,14 @@
 
 namespace tessel {
 
-// Small blocks of one size, for what grows a little at a time in thousands of places at once: the trade
-// histories. They are cut from large pages one behind the other, given back ones first, so that growing costs
+// Small blocks of one size, for what grows a little at a time in thousands of places: the trade
+// histories. They are carved from large pages; freed blocks are reused first, so that growing costs
 // neither an allocation nor a copy of what is there, and rarely a new page. Their memory stays with the
 // process.
 constexpr std::size_t pooled_block_bytes = 512;  // a node of a deque
 
-void* take_block();
-void give_back_block(void* block);
+void* allocate_block();
+void free_block(void* block);
 
 // Lets a deque have its nodes from the pool.
 template <typename T>
@@ -28,12 +28,12 @@ struct BlockAllocator {
 
     T* allocate(std::size_t count) {
         const std::size_t bytes = count * sizeof(Held);
-        return static_cast<T*>(bytes == pooled_block_bytes ? take_block() : ::operator new(bytes));
+        return static_cast<T*>(bytes == pooled_block_bytes ? allocate_block() : ::operator new(bytes));
     }
 
     void deallocate(T* memory, std::size_t count) {
         if (count * sizeof(Held) == pooled_block_bytes) {
-            give_back_block(memory);
+            free_block(memory);
         } else {
             ::operator delete(memory);
         }

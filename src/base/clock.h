@@ -8,8 +8,8 @@ namespace tessel {
 // that a test can put a simulated one there.
 struct Clock {
     bool simulated = false;
-    // What a simulated clock answers. Each wall reading adds wall_step_ns afterwards, so that a test can tell
-    // the readings of one event apart; 0 makes time stand still.
+    // What a simulated clock answers. Each wall reading adds wall_step_ns afterwards, so that a test can
+    // distinguish the readings of one event; 0 freezes time.
     std::uint64_t simulated_wall_ns = 0;
     std::uint64_t wall_step_ns = 0;
     std::uint64_t simulated_steady_ms = 0;

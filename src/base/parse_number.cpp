@@ -10,7 +10,7 @@ namespace {
 
 enum class Outcome { good, not_a_number, out_of_range };
 
-// Runs one of the C library's conversions with errno of its own, so that the caller's survives a success.
+// Runs one of the C library's conversions with a separate errno, so that the caller's survives a success.
 template <typename Value, typename Convert>
 Outcome convert_text(const std::string& text, Value& value, Convert convert) {
     const int saved = errno;
@@ -34,7 +34,7 @@ Outcome convert_unsigned(const std::string& text, std::uint64_t& value) {
     });
 }
 
-// True for a good outcome; else puts down the reason.
+// Returns true on success, otherwise sets the error.
 bool accept(Outcome outcome, const char* function, const std::string& text, std::string& error) {
     if (outcome == Outcome::good) {
         return true;

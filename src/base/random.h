@@ -6,8 +6,8 @@
 namespace tessel {
 
 // MT19937-64 with its standard seeding; the outputs are the standard library's, made a block of 312 at a
-// time. The draws on top of it are our own, because the library's differ between compilers. Each draw is to
-// be a statement of its own: two in one expression would be taken in an order that the compiler chooses.
+// time. The draws on top of it are our own, because the library's differ between compilers. Each draw must be
+// a separate statement: the compiler chooses the order of two in one expression.
 struct Random {
     static constexpr unsigned state_words = 312;
     std::array<std::uint64_t, state_words> state{};

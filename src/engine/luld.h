@@ -16,7 +16,7 @@ struct Band {
 Band band_around(std::int64_t reference);
 
 // Publishes the instrument's band under an indicator letter: recomputed from the reference price, but with
-// 'D' (deactivated) as it stands.
+// 'D' (deactivated) as stored.
 void send_band(SipEngine& engine, Instrument& instrument, char indicator, std::uint64_t time_ns);
 
 // Whether the price has moved 1 % or more from the band's reference.

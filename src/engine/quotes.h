@@ -11,7 +11,7 @@ namespace tessel {
 void update_participant_quote(SipEngine& engine, Instrument& instrument, std::uint16_t slot,
                               std::uint64_t now_ns, char condition_override);
 
-// Sends a stored quote as it stands: recomputes the NBBO, chooses form and appendages, appends, counts,
+// Sends a stored quote unchanged: recomputes the NBBO, chooses form and appendages, appends, counts,
 // writes the truth line; an ADF quote may be followed by an MPID quote. sip_flag is 'E' for a quote that the
 // SIP makes itself.
 void publish_quote(SipEngine& engine, Instrument& instrument, ParticipantQuote& quote, char sip_flag,

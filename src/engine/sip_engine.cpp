@@ -66,7 +66,8 @@ void init_engine(SipEngine& engine, MoldPublisher& publisher, Random& rng, Scena
 }
 
 bool add_instruments(SipEngine& engine, const std::string& symbols_text, std::string& error) {
-    // Space for all at once: the array would otherwise be moved, and the kernel's large pages with it.
+    // Reserves space for all of them: the array would otherwise be moved, and the kernel's large pages with
+    // it.
     engine.instruments.reserve(
         static_cast<std::size_t>(std::count(symbols_text.begin(), symbols_text.end(), ',')) + 1);
     if (!build_instruments(symbols_text, engine.instruments, error)) {

@@ -35,7 +35,7 @@ StatisticsRecord statistics_of(const ParticipantTradeStats* stats) {
                             : StatisticsRecord{stats->high, stats->low, stats->last, stats->volume};
 }
 
-// Keeps the trade, and gives up the oldest half of a history that has grown too long.
+// Keeps the trade, and evicts the oldest half of a history that has grown too long.
 void keep_trade(Instrument& instrument, const TradeRecord& trade) {
     instrument.trades.push_back(trade);
     constexpr std::size_t trades_max = trade_history_bytes_max / trade_history_record_bytes;
@@ -50,7 +50,8 @@ bool divides(std::uint32_t every, std::uint64_t count) {
     return every != 0 && count % every == 0;
 }
 
-// What falls due with a trade: as-of trades at once, then at most one cancel, then at most one correction.
+// What falls due with a trade: as-of trades immediately, then at most one cancel, then at most one
+// correction.
 void revise_after_trade(SipEngine& engine, Instrument& instrument, std::uint64_t participant_time) {
     const Scenario& scenario = *engine.scenario;
     const std::uint64_t trades = scenario.stats.trades;

@@ -9,7 +9,7 @@
 // Several lines that carry the same numbered messages: which numbers each has passed, who brought a number
 // first, and how far a line comes after the first one. Lines may be packed differently.
 //
-// A number is missing when every line has passed it. A line that is behind and has brought nothing new for
+// A number is missing when every line has passed it. A line that lags and has brought nothing new for
 // the patience counts as if it had passed everything, until it goes on.
 //
 // Pure, as the sequencer that it serves: no socket and no clock.
@@ -17,7 +17,7 @@ namespace tessel::receiver {
 
 constexpr std::size_t lines_max = 16;
 // Numbers of which it is remembered who brought them, 16 bytes each, the latest ones; a power of two. A copy
-// that comes later than so many numbers is not counted.
+// that comes later than this many numbers is not counted.
 constexpr std::uint64_t remembered_copies = 1u << 20;
 
 // In messages, over all runs.
@@ -79,8 +79,8 @@ void note_progress(LineArbiter& arbiter, Line& line, std::uint64_t end, std::uin
 std::uint64_t passed_by_all(const LineArbiter& arbiter, std::uint64_t highest, std::int64_t now_ms,
                             std::int64_t patience_ms);
 
-// Milliseconds until a line's patience is over, should it bring nothing new; INT64_MAX when no line is
-// behind.
+// Milliseconds until a line's patience is over, should it bring nothing new; INT64_MAX when no line
+// lags.
 std::int64_t next_stall_ms(const LineArbiter& arbiter, std::int64_t now_ms, std::int64_t patience_ms);
 
 }  // namespace tessel::receiver

@@ -70,7 +70,7 @@ std::uint64_t append_message(MoldPublisher& publisher, const unsigned char* mess
 // Closes the open packet and sends it as the faults decide; nothing when it is empty.
 void flush_packet(MoldPublisher& publisher);
 
-// Flushes, then sends an empty packet that tells the next sequence number. Called when heartbeat_after_ms
+// Flushes, then sends an empty packet that carries the next sequence number. Called when heartbeat_after_ms
 // have passed since last_flush_ms.
 void send_heartbeat(MoldPublisher& publisher);
 

@@ -12,7 +12,7 @@
 namespace tessel::receiver {
 
 // Messages whose bytes are remembered, the latest ones. A packet that is late or repeated by the network is
-// never this far behind; a power of two.
+// never this far back; a power of two.
 constexpr std::uint64_t remembered_messages = 65'536;
 
 // Number 1 this far below the next number begins a new run without further proof.

@@ -144,7 +144,7 @@ void learn_of(Sequencer& sequencer, std::uint64_t end, std::int64_t now_ms) {
     }
 }
 
-// Keeps a packet that is behind a gap.
+// Keeps a packet that comes after a gap.
 void keep_waiting(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
                   std::size_t length, const PacketArrival& arrival) {
     // Of two packets with one first number the one with more messages holds the other's too.

@@ -84,7 +84,7 @@ char* put_signed(char* out, std::int64_t value) {
 char* put_large_cents4(char* out, std::uint64_t cents) {
     out = put_unsigned(out, cents / 100);
     *out = '.';
-    return put_short_text(out + 1, cents_texts[cents % 100]);
+    return put_packed_text(out + 1, cents_texts[cents % 100]);
 }
 
 char* put_price4(char* out, std::int64_t price) {

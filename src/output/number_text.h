@@ -61,23 +61,23 @@ inline char* put_shares(char* out, std::uint64_t shares) {
 
 // A text of at most seven bytes, first byte lowest, with its length in the highest one: a copy is one store
 // of eight bytes, of which the next text overwrites what is too much.
-using ShortText = std::uint64_t;
+using PackedText = std::uint64_t;
 
-constexpr ShortText append_letter(ShortText text, char letter) {
+constexpr PackedText append_letter(PackedText text, char letter) {
     const std::uint64_t length = text >> 56;
     return (text | static_cast<std::uint64_t>(static_cast<unsigned char>(letter)) << (8 * length)) +
            (std::uint64_t{1} << 56);
 }
 
-inline char* put_short_text(char* out, ShortText text) {
-    const ShortText ordered = little_endian(text);
+inline char* put_packed_text(char* out, PackedText text) {
+    const PackedText ordered = little_endian(text);
     __builtin_memcpy(out, &ordered, sizeof ordered);
     return out + (text >> 56);
 }
 
 // "0." to "999.": what most prices begin with.
-constexpr std::array<ShortText, 1000> make_dollars_texts() {
-    std::array<ShortText, 1000> texts{};
+constexpr std::array<PackedText, 1000> make_dollars_texts() {
+    std::array<PackedText, 1000> texts{};
     for (std::size_t at = 0; at < texts.size(); ++at) {
         for (std::size_t scale = 100; scale != 0; scale /= 10) {
             if (at >= scale || scale == 1) {
@@ -90,8 +90,8 @@ constexpr std::array<ShortText, 1000> make_dollars_texts() {
 }
 
 // "0000," "0100," to "9900,": the four decimals of each number of cents, and a comma.
-constexpr std::array<ShortText, 100> make_cents_texts() {
-    std::array<ShortText, 100> texts{};
+constexpr std::array<PackedText, 100> make_cents_texts() {
+    std::array<PackedText, 100> texts{};
     for (std::size_t at = 0; at < texts.size(); ++at) {
         for (const char letter :
              {static_cast<char>('0' + at / 10), static_cast<char>('0' + at % 10), '0', '0', ','}) {
@@ -101,9 +101,9 @@ constexpr std::array<ShortText, 100> make_cents_texts() {
     return texts;
 }
 
-inline constexpr std::array<ShortText, 1000> dollars_texts = make_dollars_texts();
+inline constexpr std::array<PackedText, 1000> dollars_texts = make_dollars_texts();
 constexpr std::ptrdiff_t cents_text_bytes = 5;
-inline constexpr std::array<ShortText, 100> cents_texts = make_cents_texts();
+inline constexpr std::array<PackedText, 100> cents_texts = make_cents_texts();
 
 // As put_cents4, for prices of any size.
 char* put_large_cents4(char* out, std::uint64_t cents);
@@ -116,8 +116,8 @@ inline char* put_cents4(char* out, std::uint64_t cents) {
     // In 32 bits a division by a constant is a multiplication and a shift.
     const auto whole = static_cast<std::uint32_t>(cents);
     const std::uint32_t dollars = whole / 100;
-    out = put_short_text(out, dollars_texts[dollars]);
-    put_short_text(out, cents_texts[whole - dollars * 100]);
+    out = put_packed_text(out, dollars_texts[dollars]);
+    put_packed_text(out, cents_texts[whole - dollars * 100]);
     return out + cents_text_bytes;  // known without a look at the text
 }
 

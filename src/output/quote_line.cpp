@@ -13,9 +13,9 @@ namespace tessel {
 namespace {
 
 // "100],[" to "9600],[": a level's lots with what leads to the next level.
-constexpr std::array<ShortText, level_lots_max + 1> make_lots_endings() {
+constexpr std::array<PackedText, level_lots_max + 1> make_level_endings() {
     static_assert(level_lots_max < 100);
-    std::array<ShortText, level_lots_max + 1> endings{};
+    std::array<PackedText, level_lots_max + 1> endings{};
     for (std::size_t lots = 0; lots < endings.size(); ++lots) {
         if (lots >= 10) {
             endings[lots] = append_letter(endings[lots], static_cast<char>('0' + lots / 10));
@@ -27,13 +27,13 @@ constexpr std::array<ShortText, level_lots_max + 1> make_lots_endings() {
     return endings;
 }
 
-constexpr std::array<ShortText, level_lots_max + 1> lots_endings = make_lots_endings();
+constexpr std::array<PackedText, level_lots_max + 1> level_endings = make_level_endings();
 
-// Levels end with what leads to the next one, "],[", of which this much is taken back behind the last.
+// Levels end with what leads to the next one, "],[", of which this much is removed after the last.
 constexpr std::ptrdiff_t leading_bytes = 2;
 constexpr std::ptrdiff_t level_ending_bytes = 3;
 
-// Where one side's levels stand, each with what leads to the next behind it.
+// Where one side's levels are, each followed by what leads to the next.
 struct LevelsText {
     char* start;
     char* first_end;  // of the first level; start when there is none
@@ -42,7 +42,7 @@ struct LevelsText {
 
 // Not checked indices, here and below: lots is a sum of at most eight centers' lots.
 char* put_level(char* out, std::int64_t cents, std::uint8_t lots) {
-    return put_short_text(put_cents4(out, static_cast<std::uint64_t>(cents)), lots_endings.data()[lots]);
+    return put_packed_text(put_cents4(out, static_cast<std::uint64_t>(cents)), level_endings.data()[lots]);
 }
 
 // "190.0100,300],[190.0000,500],[", best first; step is from bucket to bucket, in cents.

@@ -37,8 +37,8 @@ char* begin_line(TruthLog& truth, std::size_t text_length) {
 
 void end_line(TruthLog& truth, const char* end) {
     const auto length = static_cast<std::size_t>(end - truth.line.data());
-    if (truth.sink.take != nullptr) [[unlikely]] {
-        truth.sink.take(truth.sink.context, truth.line.data(), length);
+    if (truth.sink.write != nullptr) [[unlikely]] {
+        truth.sink.write(truth.sink.context, truth.line.data(), length);
         return;
     }
     if (write(truth.fd, truth.line.data(), length) != static_cast<ssize_t>(length)) {

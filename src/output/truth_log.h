@@ -12,7 +12,7 @@ struct Instrument;
 
 // Takes a truth log's lines in place of a file, each whole with its line feed.
 struct TruthSink {
-    void (*take)(void* context, const char* line, std::size_t length) = nullptr;
+    void (*write)(void* context, const char* line, std::size_t length) = nullptr;
     void* context = nullptr;
 };
 

@@ -108,8 +108,8 @@ Entry& entry_of(std::vector<Entry>& entries, char center) {
 void apply_directory(Market& market, const Message& m) {
     ++market.directory_count;
     Instrument* known = known_instrument(market, m.symbol);
-    // A second entry of the same name is an instrument of its own that no message can reach; it holds its
-    // place.
+    // A second entry of the same name is a separate instrument that no message can reach; it keeps the
+    // numbering.
     Instrument& entry = known != nullptr && known->secid == 0 ? *known : add_instrument(market, m.symbol);
     entry.secid = market.directory_count & 0xffffu;
 }
@@ -289,8 +289,8 @@ void apply_decoded(Market& market, const Message& m, std::uint64_t sequence) {
         case MessageKind::end_of_snapshot: market.snapshot_sequence = m.snapshot_sequence; break;
         case MessageKind::start_of_day: market.day_started = true; break;
         case MessageKind::session_open: market.open_centers.push_back(m.header.market_center); break;
-        // The long directory entry repeats the short one; a wipe-out is told by the quotes behind it; an MPID
-        // quote, a collar and an as-of trade change no state.
+        // The long directory entry repeats the short one; the quotes after a wipe-out carry its effect; an
+        // MPID quote, a collar and an as-of trade change no state.
         case MessageKind::directory_long:
         case MessageKind::wipe_out:
         case MessageKind::mpid_quote:

@@ -29,7 +29,7 @@ struct OddLot {
 // One market center's quote in one instrument.
 struct CenterQuote {
     char center = ' ';
-    // Whether a side has a price. A quote that was wiped out cannot be told on the wire from one that was
+    // Whether a side has a price. A quote that was wiped out looks on the wire like one that was
     // emptied by a halt, so both count as not present.
     bool present = false;
     char condition = ' ';
@@ -44,7 +44,7 @@ struct CenterQuote {
     bool operator==(const CenterQuote&) const = default;
 };
 
-// The national best bid and offer as the feed tells it. A side without a price has size 0 and center blank.
+// The national best bid and offer as the feed reports it. A side without a price has size 0 and center blank.
 struct Nbbo {
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -56,7 +56,7 @@ struct Nbbo {
     bool operator==(const Nbbo&) const = default;
 };
 
-// The best odd-lot quote as the feed tells it; the other members count only while `present`.
+// The best odd-lot quote as the feed reports it; the other members count only while `present`.
 struct BestOddLot {
     bool present = false;
     char bid_center = ' ';
@@ -71,7 +71,7 @@ struct BestOddLot {
     bool operator==(const BestOddLot&) const = default;
 };
 
-// The Limit Up-Limit Down band as last told, whether it is in force or not.
+// The Limit Up-Limit Down band as last received, whether it is in force or not.
 struct Band {
     char indicator = ' ';
     std::int64_t lower = 0;
@@ -103,7 +103,7 @@ struct Instrument {
     std::string symbol;  // at most 11 letters: more are not on the wire
     unsigned secid = 0;  // position in the directory, from 1, in 16 bits; 0 when no directory named it
     char indicator = '0';
-    std::vector<CenterQuote> quotes;  // in letter order, one for each center heard
+    std::vector<CenterQuote> quotes;  // in letter order, one for each center received
     Nbbo nbbo;
     BestOddLot best_odd_lot;
     char status = 'T';
@@ -111,8 +111,8 @@ struct Instrument {
     std::uint32_t action_sequence = 0;
     Band band;
     std::vector<Trade> trades;  // oldest first, the latest ones only: see trades_kept_max
-    SaleStatistics sales;  // consolidated; from change indicators and conditions, replaced by what a cancel
-                           // or correction tells
+    // Consolidated; from change indicators and conditions, replaced by what a cancel or correction reports.
+    SaleStatistics sales;
     char last_center = ' ';
     std::vector<CenterStatistics> center_sales;  // in letter order
     std::uint64_t trade_count = 0;
@@ -124,9 +124,9 @@ struct Instrument {
 constexpr std::size_t trades_kept_max = 512;
 
 struct Market {
-    std::vector<Instrument>
-        instruments;               // in directory order; those that no directory named come as they are heard
-    unsigned directory_count = 0;  // directory entries seen
+    // In directory order; those that no directory entry named are added when first received.
+    std::vector<Instrument> instruments;
+    unsigned directory_count = 0;    // directory entries seen
     std::vector<char> open_centers;  // centers whose session-open message was seen, in that order
     bool day_started = false;
     std::array<std::int64_t, 3> decline_levels = {0, 0, 0};
@@ -154,8 +154,7 @@ void apply_message(Market& market, const unsigned char* bytes, std::size_t lengt
 void apply_decoded(Market& market, const Message& message, std::uint64_t sequence);
 
 // The instrument of that name: the first one, should the directory hold the name twice. Two instruments of
-// one name (and of one name in its first 11 letters) cannot be told apart by what is on the wire. Null when
-// unknown.
+// one name (and of one name in its first 11 letters) cannot be distinguished on the wire. Null when unknown.
 const Instrument* find_instrument(const Market& market, std::string_view symbol);
 
 // The center's quote, or null.

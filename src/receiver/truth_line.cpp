@@ -122,7 +122,7 @@ void put_book(LineWriter& line, const Instrument& instrument, const Message& m) 
     line.text("}\n");
 }
 
-// 2 for crosses and the official close, told by their sale conditions; 1 for other prints of "D", which are
+// 2 for crosses and the official close, known by their sale conditions; 1 for other prints of "D", which are
 // TRF prints; 0 for the rest, exchange prints.
 char trade_kind(const Message& m) {
     const std::string_view conditions = m.report.trade.conditions;

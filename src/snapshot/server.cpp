@@ -149,7 +149,7 @@ Received receive_from_peer(SnapshotConnection& connection, std::vector<unsigned 
     return gathered.empty() ? Received::nothing : Received::bytes;
 }
 
-// Receives what waits, up to the limit, behind what is kept from earlier; both stand in gathered afterwards.
+// Receives what waits, up to the limit; gathered then holds what was kept from earlier, followed by this.
 // The end of the stream or an error counts before any byte that came with it.
 Received receive_input(SnapshotConnection& connection, std::vector<unsigned char>& gathered,
                        std::int64_t now_ms) {
@@ -241,7 +241,8 @@ void handle_login(SnapshotServer& server, SipEngine& engine, SnapshotConnection&
 }
 
 // Handles every complete packet; keeps the rest for later. A second login ends the connection's turn, so that
-// a client which sends many of them does not hold the loop: it waits for the next pass, with all behind it.
+// a client which sends many of them does not hold the loop: it waits for the next pass, with everything after
+// it.
 void handle_input(SnapshotServer& server, SipEngine& engine, SnapshotConnection& connection,
                   std::int64_t now_ms) {
     const std::span<const unsigned char> input(server.gathered);

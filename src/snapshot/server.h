@@ -21,7 +21,7 @@ constexpr std::uint32_t snapshot_connections_max = 999;  // of a run; logins on 
 constexpr std::size_t snapshot_accepts_max = 64;         // in one pass
 constexpr std::int64_t soup_heartbeat_after_ms = 1000;
 constexpr std::int64_t soup_silence_max_ms = 15'000;
-constexpr int spin_waits_max = 2000;  // of spin_wait_ms each, until a spin that nobody reads is given up
+constexpr int spin_waits_max = 2000;  // of spin_wait_ms each, until a spin that nobody reads is abandoned
 constexpr int spin_wait_ms = 10;
 
 struct SoupPacket {
@@ -29,8 +29,8 @@ struct SoupPacket {
     std::span<const unsigned char> payload;  // into the input it was taken from
 };
 
-// The packet at the start of input; false while it is not complete. consumed is the number of bytes it takes.
-// A Packet Length of 0 never completes: is_blocked tells that.
+// The packet at the start of input; false while it is not complete. consumed is its size in bytes.
+// A Packet Length of 0 never completes: see is_blocked.
 bool next_soup_packet(std::span<const unsigned char> input, SoupPacket& packet, std::size_t& consumed);
 
 // Whether input begins with a Packet Length of 0: nothing from there on is ever looked at.
@@ -67,7 +67,7 @@ struct SnapshotConnection {
     std::vector<unsigned char> input;  // received, not parsed; at most soup_input_bytes_max
 };
 
-// Waits until the socket takes bytes again, at most so many milliseconds.
+// Waits until the socket accepts bytes again, at most at_most_ms milliseconds.
 using WaitForReader = void (*)(int fd, int at_most_ms);
 void wait_until_writable(int fd, int at_most_ms);
 

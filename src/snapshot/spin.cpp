@@ -48,7 +48,7 @@ unsigned char* next_message(SpinBuffer& spin) {
     return spin.bytes.data() + spin.size + soup_header_bytes;
 }
 
-// Frames a message of that length which stands at next_message.
+// Frames the message of that length at next_message.
 void frame_message(SpinBuffer& spin, std::size_t length) {
     assert(soup_header_bytes + length <= message_room);
     unsigned char* const out = spin.bytes.data() + spin.size;

@@ -58,8 +58,8 @@ void build_collar(MessageWriter& writer, AdminTimes times, std::string_view symb
 void build_mwcb_status(MessageWriter& writer, AdminTimes times, std::uint32_t level);  // above 3: '3'
 void build_end_of_snapshot(MessageWriter& writer, std::uint64_t time_ns, std::uint64_t last_sequence);
 
-// The directory and indicator messages put straight where they are wanted, for who builds many in a row; out
-// has room for them. Each returns the message's length.
+// The directory and indicator messages encoded directly into the caller's buffer (used by snapshot spins);
+// out has room for them. Each returns the message's length.
 std::size_t put_directory(unsigned char* out, const DirectoryRecord& record, bool long_form);
 std::size_t put_indicator(unsigned char* out, AdminTimes times, std::string_view symbol, char indicator);
 

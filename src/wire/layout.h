@@ -10,8 +10,8 @@
 
 // Every message's layout, written down once: sizes, names, titles, units and codes. The JSON lines of
 // `tessel-listen --decode`, the Wireshark dissector, the message reference and the names in test differences
-// are made from it. The encoders (wire/*_messages) and the typed decoder (wire/message_decoder) have offsets
-// of their own on purpose: a mistake in one of the three shows as a difference from the other two.
+// are made from it. The encoders (wire/*_messages) and the typed decoder (wire/message_decoder) have separate
+// offsets on purpose: a mistake in one of the three shows as a difference from the other two.
 namespace tessel::layout {
 
 // Fields that follow each other. The same fields may be part of several messages, at different offsets.

@@ -17,7 +17,7 @@
 namespace tessel::layout {
 
 // Appends the object and a line feed. The bytes are a message that fits its layout (receiver::decode_message
-// accepts it). `sequence` 0 stands for a message of a Snap-Shot spin.
+// accepts it). `sequence` 0 means a message of a Snap-Shot spin.
 void append_message_json(std::string& out, const unsigned char* bytes, std::size_t length,
                          std::uint64_t sequence);
 

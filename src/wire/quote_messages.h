@@ -79,16 +79,16 @@ struct QuoteRecord {
 };
 
 // Builds the message of type 'A', 'B', 'C', 'D' or 'M' in writer; any other letter leaves it empty. The
-// header's category
-// ("Q") and type are set here. Nothing is checked: what does not fit a short field is cut to its width.
+// header's category ("Q") and type are set here. Nothing is checked: what does not fit a short field is cut
+// to its width.
 void build_quote(MessageWriter& writer, const QuoteRecord& record, char type);
 
 // The longest long quote: the ADF's, with every appendage and two odd-lot orders.
 constexpr std::size_t long_quote_bytes_max =
     long_quote_bytes + long_nbbo_bytes + adf_mpid_bytes + mpid_best_odd_lot_bytes + 2 * mpid_odd_lot_bytes;
 
-// The same message of type 'D' put straight where it is wanted, for who builds many in a row: out must have
-// room for long_quote_bytes_max, and the record no more than two odd-lot orders. Returns the message's
+// The same message of type 'D', encoded directly into the caller's buffer (used by snapshot spins): out must
+// have room for long_quote_bytes_max, and the record no more than two odd-lot orders. Returns the message's
 // length.
 std::size_t put_long_quote_message(unsigned char* out, const QuoteRecord& record);
 

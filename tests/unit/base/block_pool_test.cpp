@@ -14,7 +14,7 @@ namespace {
 TEST(BlockPool, ManyBlocks_AreApartAndOnesOwn) {
     std::vector<unsigned char*> blocks;
     for (int at = 0; at < 10'000; ++at) {
-        blocks.push_back(static_cast<unsigned char*>(take_block()));
+        blocks.push_back(static_cast<unsigned char*>(allocate_block()));
         std::memset(blocks.back(), at % 251, pooled_block_bytes);
     }
     const std::set<unsigned char*> sorted(blocks.begin(), blocks.end());
@@ -28,19 +28,19 @@ TEST(BlockPool, ManyBlocks_AreApartAndOnesOwn) {
     for (std::size_t at = 0; at < blocks.size(); ++at) {
         ASSERT_EQ(blocks[at][0], at % 251);
         ASSERT_EQ(blocks[at][pooled_block_bytes - 1], at % 251);
-        give_back_block(blocks[at]);
+        free_block(blocks[at]);
     }
 }
 
 TEST(BlockPool, GivenBack_IsTheNextTaken) {
-    void* const first = take_block();
-    void* const second = take_block();
-    give_back_block(first);
-    give_back_block(second);
-    EXPECT_EQ(take_block(), second);
-    EXPECT_EQ(take_block(), first);
-    give_back_block(first);
-    give_back_block(second);
+    void* const first = allocate_block();
+    void* const second = allocate_block();
+    free_block(first);
+    free_block(second);
+    EXPECT_EQ(allocate_block(), second);
+    EXPECT_EQ(allocate_block(), first);
+    free_block(first);
+    free_block(second);
 }
 
 struct Record {

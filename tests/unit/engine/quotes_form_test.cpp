@@ -49,14 +49,14 @@ TEST(QuoteForm, LimitsOfTheShortForm_LargestThatFitsAndNextThatDoesNot) {
 }
 
 TEST(QuoteForm, NbboOutOfTheShortForm_MakesTheQuoteLong) {
-    OneInstrument dear("AB");
-    dear.set('A', 65536, 100, 65537, 100);
+    OneInstrument expensive("AB");
+    expensive.set('A', 65536, 100, 65537, 100);
     const QuoteView above =
-        dear.set('B', 9999, 100, 10001, 100);  // its bid is no best bid, its ask is the best ask
+        expensive.set('B', 9999, 100, 10001, 100);  // its bid is no best bid, its ask is the best ask
     EXPECT_EQ(above.type, 'D');
     EXPECT_EQ(above.nbbo_ind, '3');
     EXPECT_EQ(above.nbbo, (NbboPart{'R', 'A', 'B', 655'360'000, 100'010'000, 100, 100}));
-    EXPECT_EQ(dear.set('B', 9999, 100, 10001, 100).type, 'C');  // no change: nothing to tell
+    EXPECT_EQ(expensive.set('B', 9999, 100, 10001, 100).type, 'C');  // no change: nothing to report
 
     OneInstrument large("AB");
     large.set('A', 9999, 65534, 10001, 100);

@@ -28,11 +28,11 @@ using testing::TradeView;
 constexpr std::uint64_t trade_time = 4'321;
 constexpr std::uint64_t revision_time = 9'876;
 
-// A market of one instrument and a tape of its trades.
-struct Tape {
+// A market of one instrument and a record of its trades.
+struct TradeFixture {
     TestMarket market;
 
-    explicit Tape(const std::string& symbols = "IBM:100") : market({.symbols = symbols}) {}
+    explicit TradeFixture(const std::string& symbols = "IBM:100") : market({.symbols = symbols}) {}
 
     Instrument& instrument() {
         return market.at(0);
@@ -66,11 +66,11 @@ struct Tape {
 };
 
 TEST(Cancel, EveryField_IsOfTheCanceledTradeAndTheRecomputedStatistics) {
-    Tape tape;
-    tape.record('N', 10000, 100, "@   ");
-    tape.record('Q', 10100, 200, "@O  ");
-    tape.record('N', 10200, 300, "@   ");
-    const TradeView view = tape.cancel();
+    TradeFixture fixture;
+    fixture.record('N', 10000, 100, "@   ");
+    fixture.record('Q', 10100, 200, "@O  ");
+    fixture.record('N', 10200, 300, "@   ");
+    const TradeView view = fixture.cancel();
     EXPECT_EQ(view.type, 'O');
     EXPECT_EQ(view.center, "N ");
     EXPECT_EQ(view.symbol, "IBM        ");
@@ -86,67 +86,67 @@ TEST(Cancel, EveryField_IsOfTheCanceledTradeAndTheRecomputedStatistics) {
     EXPECT_EQ(view.participant, (StatisticsView{10000 * cent, 10000 * cent, 10000 * cent, 100 * size_unit}));
     EXPECT_EQ(view.participant_time, revision_time);
     EXPECT_EQ(view.trf_time, 0u);
-    EXPECT_EQ(tape.market.truth_lines().back(),
+    EXPECT_EQ(fixture.market.truth_lines().back(),
               "{\"seq\":4,\"secid\":1,\"symbol\":\"IBM\",\"cancel_error\":[2,102.0000,300,\"N\",\"C\"]}");
-    EXPECT_EQ(tape.instrument().share_volume, 600u);              // never taken back
-    EXPECT_EQ(tape.instrument().last_trade_price, 10200 * cent);  // nor this
+    EXPECT_EQ(fixture.instrument().share_volume, 600u);              // never taken back
+    EXPECT_EQ(fixture.instrument().last_trade_price, 10200 * cent);  // nor this
 }
 
 TEST(Cancel, FourInARow_AreThreeCancelsAndAnError_OnTheSumOfBothCounters) {
-    Tape tape;
-    tape.stats().cancels = 5;
-    tape.stats().errors = 2;
+    TradeFixture fixture;
+    fixture.stats().cancels = 5;
+    fixture.stats().errors = 2;
     std::string functions;
     for (int at = 0; at < 9; ++at) {
-        tape.record('N', 10000, 100, "@   ");
-        functions += tape.cancel().function;
+        fixture.record('N', 10000, 100, "@   ");
+        functions += fixture.cancel().function;
     }
     EXPECT_EQ(functions, "ECCCECCCE");
-    EXPECT_EQ(tape.stats().cancels, 11u);
-    EXPECT_EQ(tape.stats().errors, 5u);
+    EXPECT_EQ(fixture.stats().cancels, 11u);
+    EXPECT_EQ(fixture.stats().errors, 5u);
 }
 
 TEST(Cancel, OnlyTrade_LeavesNothingBehind) {
-    Tape tape;
-    tape.record('N', 10000, 100, "@   ");
-    const TradeView view = tape.cancel();
+    TradeFixture fixture;
+    fixture.record('N', 10000, 100, "@   ");
+    const TradeView view = fixture.cancel();
     EXPECT_EQ(view.consolidated, StatisticsView());
     EXPECT_EQ(view.participant, StatisticsView());
     EXPECT_EQ(view.last_center, ' ');
-    EXPECT_EQ(tape.instrument().high, 0);
-    EXPECT_EQ(tape.instrument().low, 0);
-    EXPECT_EQ(tape.instrument().last, 0);
-    EXPECT_EQ(tape.instrument().volume, 0u);
-    EXPECT_EQ(tape.cancel().type, '-');
+    EXPECT_EQ(fixture.instrument().high, 0);
+    EXPECT_EQ(fixture.instrument().low, 0);
+    EXPECT_EQ(fixture.instrument().last, 0);
+    EXPECT_EQ(fixture.instrument().volume, 0u);
+    EXPECT_EQ(fixture.cancel().type, '-');
 }
 
 TEST(Cancel, NewestEligible_CrossesSweepsAndOfficialClosesArePassedOver) {
-    Tape tape;
-    tape.record('N', 1, 100, "@   ");
-    tape.record('N', 2, 7, "@  I");
-    tape.record('N', 3, 100, "@F  ");
-    tape.record('Q', 4, 100, "@O  ");
-    tape.record('Q', 5, 100, "@6  ");
-    tape.record('Q', 6, 0, "@  M");
-    EXPECT_EQ(tape.cancel().price, 2 * cent);
-    EXPECT_EQ(tape.cancel().price, 1 * cent);
-    EXPECT_EQ(tape.cancel().type, '-');
-    EXPECT_EQ(tape.stats().cancels, 2u);
+    TradeFixture fixture;
+    fixture.record('N', 1, 100, "@   ");
+    fixture.record('N', 2, 7, "@  I");
+    fixture.record('N', 3, 100, "@F  ");
+    fixture.record('Q', 4, 100, "@O  ");
+    fixture.record('Q', 5, 100, "@6  ");
+    fixture.record('Q', 6, 0, "@  M");
+    EXPECT_EQ(fixture.cancel().price, 2 * cent);
+    EXPECT_EQ(fixture.cancel().price, 1 * cent);
+    EXPECT_EQ(fixture.cancel().type, '-');
+    EXPECT_EQ(fixture.stats().cancels, 2u);
 }
 
 TEST(Cancel, TrfTrade_KeepsItsTrfLetterAndTime) {
-    Tape tape;
-    tape.record('D', 10000, 100, "@   ", 'B');
-    const TradeView view = tape.cancel();
+    TradeFixture fixture;
+    fixture.record('D', 10000, 100, "@   ", 'B');
+    const TradeView view = fixture.cancel();
     EXPECT_EQ(view.center, "DB");
     EXPECT_EQ(view.trf_time, revision_time);
 }
 
 TEST(Cancel, CenterWithAnOddLotLeft_HasStatisticsOfItsVolumeOnly) {
-    Tape tape;
-    tape.record('N', 1, 7, "@  I");
-    tape.record('N', 2, 100, "@   ");
-    EXPECT_EQ(tape.cancel().participant, (StatisticsView{0, 0, 0, 7 * size_unit}));
+    TradeFixture fixture;
+    fixture.record('N', 1, 7, "@  I");
+    fixture.record('N', 2, 100, "@   ");
+    EXPECT_EQ(fixture.cancel().participant, (StatisticsView{0, 0, 0, 7 * size_unit}));
 }
 
 TEST(Correction, Draws_DecidePriceUpPriceDownOrSize) {
@@ -160,9 +160,9 @@ TEST(Correction, Draws_DecidePriceUpPriceDownOrSize) {
                            {{0.0, 0.5}, 9999, 100},
                            {{0.5}, 10000, 200},
                            {{0.999}, 10000, 200}}) {
-        Tape tape;
-        tape.record('N', 10000, 100, "@   ");
-        const TradeView view = tape.correct(row.draws);
+        TradeFixture fixture;
+        fixture.record('N', 10000, 100, "@   ");
+        const TradeView view = fixture.correct(row.draws);
         EXPECT_EQ(view.type, 'P');
         EXPECT_EQ(view.id, 1u);
         EXPECT_EQ(view.price, 10000 * cent);
@@ -182,63 +182,63 @@ TEST(Correction, Draws_DecidePriceUpPriceDownOrSize) {
 }
 
 TEST(Correction, SecondCopyOfTheTradeData_IsTheSameInTheMessageAndTheTruth) {
-    Tape tape;
-    tape.record('D', 10000, 100, "@   ", 'Q');
-    const TradeView view = tape.correct({0.7});
-    const testing::Bytes message = tape.market.message(2);
+    TradeFixture fixture;
+    fixture.record('D', 10000, 100, "@   ", 'Q');
+    const TradeView view = fixture.correct({0.7});
+    const testing::Bytes message = fixture.market.message(2);
     EXPECT_EQ(view.center, "DQ");
     EXPECT_EQ(view.trf_time, revision_time);
     EXPECT_EQ(testing::get_text(message, 103, 4), "@   ");
     EXPECT_EQ(testing::get_text(message, 107, 1), " ");
     EXPECT_EQ(testing::get_u16(message, 77), 0);
     EXPECT_EQ(testing::get_u16(message, 108), 0);
-    EXPECT_EQ(tape.market.truth_lines().back(),
+    EXPECT_EQ(fixture.market.truth_lines().back(),
               "{\"seq\":2,\"secid\":1,\"symbol\":\"IBM\",\"correction\":[1,2,100.0000,200,\"D\"]}");
-    EXPECT_EQ(tape.stats().corrections, 1u);
+    EXPECT_EQ(fixture.stats().corrections, 1u);
 }
 
 TEST(Correction, OddLotsSweepsAndCrosses_AreNeverPicked) {
-    Tape tape;
-    tape.record('N', 1, 7, "@  I");
-    tape.record('N', 3, 100, "@F  ");
-    tape.record('Q', 4, 100, "@O  ");
-    tape.record('Q', 6, 0, "@  M");
-    EXPECT_EQ(tape.correct({}).type, '-');  // and no draw is made
-    EXPECT_EQ(tape.stats().corrections, 0u);
+    TradeFixture fixture;
+    fixture.record('N', 1, 7, "@  I");
+    fixture.record('N', 3, 100, "@F  ");
+    fixture.record('Q', 4, 100, "@O  ");
+    fixture.record('Q', 6, 0, "@  M");
+    EXPECT_EQ(fixture.correct({}).type, '-');  // and no draw is made
+    EXPECT_EQ(fixture.stats().corrections, 0u);
 }
 
 TEST(Correction, CorrectedTrade_CanBeCorrectedAndCanceled_TheReplacedOneCannot) {
-    Tape tape;
-    tape.record('N', 10000, 100, "@   ");
-    tape.correct({0.0, 0.0});
-    const TradeView again = tape.correct({0.0, 0.0});
+    TradeFixture fixture;
+    fixture.record('N', 10000, 100, "@   ");
+    fixture.correct({0.0, 0.0});
+    const TradeView again = fixture.correct({0.0, 0.0});
     EXPECT_EQ(again.id, 2u);
     EXPECT_EQ(again.new_id, 3u);
-    const TradeView canceled = tape.cancel();
+    const TradeView canceled = fixture.cancel();
     EXPECT_EQ(canceled.id, 3u);
     EXPECT_EQ(canceled.price, 10002 * cent);
-    EXPECT_EQ(tape.cancel().type, '-');
-    tape.record('N', 10000, 100, "@   ");
-    EXPECT_EQ(tape.instrument().trades.back().trade_id, 4u);
+    EXPECT_EQ(fixture.cancel().type, '-');
+    fixture.record('N', 10000, 100, "@   ");
+    EXPECT_EQ(fixture.instrument().trades.back().trade_id, 4u);
 }
 
 TEST(Correction, OfAnOlderTrade_MovesItToTheEndOfTheTape) {
-    Tape tape;
-    tape.record('N', 10000, 100, "@   ");
-    tape.record('Q', 10100, 100, "@F  ");
-    const TradeView view = tape.correct({0.0, 0.9});
+    TradeFixture fixture;
+    fixture.record('N', 10000, 100, "@   ");
+    fixture.record('Q', 10100, 100, "@F  ");
+    const TradeView view = fixture.correct({0.0, 0.9});
     EXPECT_EQ(view.consolidated, (StatisticsView{10100 * cent, 9999 * cent, 9999 * cent, 200 * size_unit}));
     EXPECT_EQ(view.last_center, 'N');
 }
 
 TEST(Correction, OneCentDown_GivesPriceZero) {
-    Tape tape;
-    tape.record('N', 1, 100, "@   ");
-    const TradeView view = tape.correct({0.1, 0.9});
+    TradeFixture fixture;
+    fixture.record('N', 1, 100, "@   ");
+    const TradeView view = fixture.correct({0.1, 0.9});
     EXPECT_EQ(view.new_price, 0);
     EXPECT_EQ(view.consolidated, (StatisticsView{0, 0, 0, 100 * size_unit}));
     EXPECT_EQ(view.last_center, 'N');
-    EXPECT_EQ(tape.correct({0.1, 0.9}).new_price, -10'000);
+    EXPECT_EQ(fixture.correct({0.1, 0.9}).new_price, -10'000);
 }
 
 TEST(Correction, FullHistory_IsNotTrimmedByIt) {
@@ -360,10 +360,10 @@ TEST(Revisions_Seed21, ThousandsOfTrades_EveryMessageTellsTheStatisticsOfTheLive
             continue;
         }
         const TradeView view = read_trade(message);
-        LiveTape& tape = tapes[view.symbol.substr(0, 5)];
+        LiveTape& fixture = tapes[view.symbol.substr(0, 5)];
         ++seen[view.type];
         if (view.type == 'M' || view.type == 'N') {
-            tape.trades.push_back({view.center, view.conditions, view.id, view.price, view.size});
+            fixture.trades.push_back({view.center, view.conditions, view.id, view.price, view.size});
             ++trades_before_revision;
             continue;
         }
@@ -371,10 +371,11 @@ TEST(Revisions_Seed21, ThousandsOfTrades_EveryMessageTellsTheStatisticsOfTheLive
             ASSERT_EQ(trades_before_revision % 5, 0u);
             continue;
         }
-        ASSERT_TRUE(tape.remove(view)) << "message " << sequence;
+        ASSERT_TRUE(fixture.remove(view)) << "message " << sequence;
         if (view.type == 'P') {
             ASSERT_EQ(trades_before_revision % 4, 0u);
-            tape.trades.push_back({view.center, view.conditions, view.new_id, view.new_price, view.new_size});
+            fixture.trades.push_back(
+                {view.center, view.conditions, view.new_id, view.new_price, view.new_size});
         } else {
             ASSERT_EQ(trades_before_revision % 3, 0u);
             ++errors;
@@ -382,9 +383,9 @@ TEST(Revisions_Seed21, ThousandsOfTrades_EveryMessageTellsTheStatisticsOfTheLive
         }
         char last_center = '?';
         char unused = '?';
-        ASSERT_EQ(view.consolidated, tape.statistics('*', last_center)) << "message " << sequence;
+        ASSERT_EQ(view.consolidated, fixture.statistics('*', last_center)) << "message " << sequence;
         ASSERT_EQ(view.last_center, last_center);
-        ASSERT_EQ(view.participant, tape.statistics(view.center[0], unused)) << "message " << sequence;
+        ASSERT_EQ(view.participant, fixture.statistics(view.center[0], unused)) << "message " << sequence;
     }
     const FeedStats& stats = market.scenario.stats;
     EXPECT_EQ(seen['M'] + seen['N'], stats.trades);

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+#include <filesystem>
+#include <fstream>
 
 namespace tessel::listen {
 namespace {

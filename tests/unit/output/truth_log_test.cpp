@@ -170,7 +170,7 @@ TEST(TruthLogSink, Sink_ReceivesEachLineWholeInsteadOfAFile) {
     close_truth_log(log.truth);
     log.truth.enabled = true;
     log.truth.sink.context = &lines;
-    log.truth.sink.take = [](void* context, const char* line, std::size_t length) {
+    log.truth.sink.write = [](void* context, const char* line, std::size_t length) {
         static_cast<std::vector<std::string>*>(context)->emplace_back(line, length);
     };
     write_mwcb_line(log.truth, 5, 2);
