@@ -1,4 +1,4 @@
-"""The installed libraries: public headers that stand alone, and examples of a foreign project that work."""
+"""The installed libraries: public headers that compile alone, and examples of a foreign project that work."""
 
 import json
 import os

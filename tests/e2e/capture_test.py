@@ -76,7 +76,7 @@ class Run:
                     stir(feed)
                     self.second_spin = log_in(connection, feed.session)
                     connection.sendall(soup_packet("O"))
-                    assert connection.recv(1) in (b"", b"\0"), "bytes behind a logout"
+                    assert connection.recv(1) in (b"", b"\0"), "bytes after a logout"
                 feed.wait_for_messages(feed.next_seq() + 500)
                 feed.control("pause")
                 self.next_sequence = feed.next_seq()

@@ -35,20 +35,20 @@ def test_every_third_dropped_fifth_duplicated_fourth_held_and_a_burst_lost_ends_
         last = freeze(feed)
         wait_for_final_heartbeat(listener, last)
         stats = feed.stats()
-        heard = listener.messages()
+        received = listener.messages()
         order = [first for _, first, _ in listener.data()]
-        missing = gaps(heard, 1, last)
+        missing = gaps(received, 1, last)
 
         # The feed was damaged as asked for.
         assert stats["dropped"] > 60 and stats["duplicated"] > 5 and stats["reordered"] > 5
         assert len(missing) > 20
         assert any(later < earlier for earlier, later in zip(order, order[1:])), "nothing came out of order"
         assert any(later == earlier for earlier, later in zip(order, order[1:])), "nothing came twice"
-        assert max(heard) <= last
+        assert max(received) <= last
 
         # The gaps are asked for, one request a gap, and filled.
         with Requester(feed) as requester:
-            complete = requester.fetch(1, last, dict(heard))
+            complete = requester.fetch(1, last, dict(received))
             assert sorted(complete) == list(range(1, last + 1))
             # All of it once more from the history: the same bytes under the same numbers.
             assert requester.fetch(1, last) == complete
@@ -72,13 +72,13 @@ def test_dropped_packets_are_the_ones_named_on_standard_error(tmp_path):
         numbers = [packet for _, packet, _ in named]
         flushed = stats["sent"] + stats["dropped"]
         assert numbers == [number for number in range(1, flushed + 1) if number % 4 == 0 or 5 <= number < 8]
-        heard = listener.messages()
+        received = listener.messages()
         for first, _, count in named:
-            assert not any(sequence in heard for sequence in range(first, first + count))
+            assert not any(sequence in received for sequence in range(first, first + count))
         lost = {sequence for first, _, count in named for sequence in range(first, first + count)}
         with Requester(feed) as requester:
-            assert set(requester.fetch(1, last, dict(heard))) == set(range(1, last + 1))
-            assert lost <= set(range(1, last + 1)) - set(heard)
+            assert set(requester.fetch(1, last, dict(received))) == set(range(1, last + 1))
+            assert lost <= set(range(1, last + 1)) - set(received)
 
 
 def test_all_packets_dropped_the_history_alone_gives_everything(tmp_path):

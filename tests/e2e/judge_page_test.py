@@ -29,7 +29,7 @@ def browser():
 
 
 def browse(tmp_path, page, *args):
-    """Runs the browser over the page with a profile of its own and returns what it prints."""
+    """Runs the browser over the page with a fresh profile and returns what it prints."""
     profile = tmp_path / f"profile{len(list(tmp_path.glob('profile*')))}"
     profile.mkdir()
     command = [browser(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",

@@ -52,7 +52,7 @@ def run_judge(*args, **options):
                           check=False, **options)
 
 
-def figures(done):
+def totals_of(done):
     """The report's figures by name."""
     rows = {}
     for line in done.stdout.splitlines():
@@ -72,7 +72,7 @@ def test_output_written_by_another_program_agrees(bench):
     done = bench.judge(text, rewritten(text))
     assert done.returncode == 0, done.stdout + done.stderr
     assert done.stdout.startswith("AGREES: ")
-    assert figures(done) == {"truth lines": 1710, "output lines": 1710, "matched": 1710, "mismatched": 0,
+    assert totals_of(done) == {"truth lines": 1710, "output lines": 1710, "matched": 1710, "mismatched": 0,
                              "missing": 0, "unexpected": 0, "compared": 1282 * 7 + 428 * 5}
 
 
@@ -86,7 +86,7 @@ def test_each_kind_of_difference_is_counted_and_shown_in_full(bench):
     done = bench.judge("".join(truth), "".join(output))
     assert done.returncode == 1
     assert done.stdout.startswith("DIFFERS: ")
-    rows = figures(done)
+    rows = totals_of(done)
     assert (rows["matched"], rows["mismatched"], rows["missing"], rows["unexpected"]) == (82, 1, 3, 2)
     seq = json.loads(truth[50])["seq"]
     assert rows["bid"] == 1 and rows["nbbo"] == 1
@@ -216,6 +216,6 @@ def test_million_lines_are_judged_quickly_in_little_memory(tmp_path):
     processor = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime - before
     print(f"a million truth lines: {seconds:.2f} s, {processor:.2f} s of one core")
     assert done.returncode == 1, done.stdout + done.stderr
-    rows = figures(done)
+    rows = totals_of(done)
     assert (rows["truth lines"], rows["matched"], rows["missing"]) == (1_000_000, 999_000, 1000)
     assert seconds < 30

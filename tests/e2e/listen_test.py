@@ -38,7 +38,7 @@ def sequence_of(line):
 
 
 def stop_all(feed, *receivers):
-    """Stops the receivers once the feed's heartbeat has told them its last number; returns their statuses."""
+    """Stops the receivers once they have the feed's last number from its heartbeat; returns their status."""
     feed.fall_silent()
     return [receiver.stop() for receiver in receivers]
 

@@ -1,4 +1,4 @@
-"""Every block of docs/networks.md is run as it stands and prints what the page says, each in namespaces that
+"""Every block of docs/networks.md is run unchanged and prints what the page says, each in namespaces that
 vanish with it."""
 
 import os

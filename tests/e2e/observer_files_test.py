@@ -153,19 +153,19 @@ def test_file_that_cannot_be_written_whole_leaves_the_old_one(tmp_path):
     with feed:
         # From now on the .tmp file is the device that is always full, as often as the feed removes it.
         stop = threading.Event()
-        twin = tmp_path / "book.json.tmp"
+        temporary = tmp_path / "book.json.tmp"
 
         def keep_full():
             while not stop.is_set():
                 try:
-                    twin.symlink_to("/dev/full")
+                    temporary.symlink_to("/dev/full")
                 except FileExistsError:
                     pass
                 time.sleep(0.0005)
         keeper = threading.Thread(target=keep_full)
         keeper.start()
         try:
-            wait_until(twin.is_symlink, what="the full device")
+            wait_until(temporary.is_symlink, what="the full device")
             for _ in range(200):
                 assert_is_a_book(feed.book_path.read_text(), ["AAPL", "MSFT", "TSLA"])
                 time.sleep(0.005)
@@ -173,8 +173,8 @@ def test_file_that_cannot_be_written_whole_leaves_the_old_one(tmp_path):
             stop.set()
             keeper.join()
         assert not feed.book_path.is_symlink()
-        if twin.is_symlink():
-            twin.unlink()
+        if temporary.is_symlink():
+            temporary.unlink()
         now = time.time_ns()
         wait_until(lambda: stamp(feed) > now, what="a new book once there is room")
     assert feed.exit_code == 0

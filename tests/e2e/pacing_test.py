@@ -76,7 +76,7 @@ def test_interval_of_100_ms_ticks_at_most_ten_times_a_second_and_needs_no_heartb
         packets = listener.packets()
         for (earlier, _), (later, packet) in zip(packets, packets[1:]):
             if packet[18:20] == b"\0\0":
-                assert later - earlier > 0.95  # only a machine that stood still for a second sees one
+                assert later - earlier > 0.95  # only a machine that stalled for a second sees one
 
 
 def test_interval_zero_ticks_in_every_pass(tmp_path):

@@ -11,7 +11,7 @@ from mold import HEADER, Requester, split_packet
 from time_scale import scaled
 
 # What a storm may add to the resident memory: some hundred kB as measured, most of it the history of the
-# messages made meanwhile. 10,000 datagrams that each left 450 bytes behind would break it.
+# messages made meanwhile. 10,000 datagrams that each leaked 450 bytes would break it.
 MEMORY_GROWTH_MAX = 4 * 1024 * 1024
 DATAGRAMS = 10_000
 BATCH = 50  # sent before the next reply is awaited, so that no datagram is lost to a full socket buffer

@@ -67,7 +67,7 @@ def test_stats_as_json_has_every_counter_by_name(tmp_path):
     with Feed(tmp_path, "--drop-every", "3", "--dup-every", "4") as feed:
         feed.wait_for_messages(300)
         ctl("rate", "-1", feed=feed)
-        wait_until(lambda: feed.stats() == feed.stats(), what="a market that stands still")
+        wait_until(lambda: feed.stats() == feed.stats(), what="a market that has stopped")
         stats = json.loads(ctl("stats", "--json", feed=feed).stdout)
         expected = feed.stats()
         faults = stats.pop("faults")

@@ -39,7 +39,7 @@ void send_datagram(testing::TestMarket& market, std::int32_t& interval_ms, const
     check(interval_ms != 0, "no command asks for a tick in every pass");
 }
 
-// Every message has its place and its truth line; the feed's market is the one that they tell.
+// Every message has its place and its truth line; the feed's market is the one that they describe.
 void check_run(const testing::TestMarket& market, const std::vector<testing::Bytes>& messages) {
     testing::FeedFollower follower = testing::make_follower(symbols);
     check(messages.size() == market.last(), "every message is kept");

@@ -51,7 +51,7 @@ void check_instrument(const Instrument& instrument) {
                              return static_cast<unsigned char>(a.center) <
                                     static_cast<unsigned char>(b.center);
                          }),
-          "quotes stand in letter order");
+          "quotes are in letter order");
     for (const char side : {'B', 'A'}) {
         Level levels[levels_max];
         const std::size_t count = build_levels(instrument, side, levels, levels_max);
@@ -59,7 +59,7 @@ void check_instrument(const Instrument& instrument) {
         for (std::size_t at = 1; at < count; ++at) {
             check(side == 'B' ? levels[at - 1].price > levels[at].price
                               : levels[at - 1].price < levels[at].price,
-                  "levels stand in order");
+                  "levels are in order");
         }
     }
 }
@@ -158,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         check(nothing_missing(sequencer) || next_timer_ms(sequencer, now_ms) >= 0, "a gap is waited for");
     }
     abandon_gaps(sequencer);
-    check(nothing_missing(sequencer), "nothing is missing once all is given up");
+    check(nothing_missing(sequencer), "nothing is missing once every gap is abandoned");
     check(sequencer.waiting.empty() && sequencer.waiting_bytes == 0, "nothing is left waiting");
     check(sequencer.next == sequencer.highest, "everything has come out");
     check(receiver.delivered == sequencer.counters.delivered && receiver.lost == sequencer.counters.lost,

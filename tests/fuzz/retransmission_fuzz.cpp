@@ -1,7 +1,7 @@
 // Any request datagram to a publisher that keeps messages of every length: the answer is what is wanted and
 // kept, in order, in whole packets, and nothing else.
 //
-// The first byte says which publisher is asked: one that has given up its oldest messages (even) or a young
+// The first byte says which publisher is asked: one that has evicted its oldest messages (even) or a young
 // one whose messages have odd lengths, some too long for any packet (odd).
 
 #include "fuzz_check.h"
@@ -95,7 +95,7 @@ void take_reply(void* context, const unsigned char* packet, std::size_t length) 
         check(at <= length, "a block goes over the packet's end");
         check(std::equal(expected.begin(), expected.end(), packet + at - expected.size()), "a message");
     }
-    check(at == length, "bytes behind the last block");
+    check(at == length, "bytes after the last block");
     // As few packets as possible: the next message would not have fitted.
     const bool is_more = replies.next < replies.end;
     check(!is_more || at + 2 + message_of(replies.next, replies.asked->young).size() > packet_bytes_max,

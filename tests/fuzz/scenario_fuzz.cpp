@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     const std::string text(reinterpret_cast<const char*>(data), size);
     const Scenario scenario = parse_scenario(text);
     check_understood(scenario, text);
-    check(armed_line(scenario).ends_with(" trades)\n"), "the line tells all of it");
+    check(armed_line(scenario).ends_with(" trades)\n"), "the line reports all of it");
 
     testing::TestMarket market(
         {.symbols = "AAPL:190.00,LONGNAMES:700", .participants = "QND", .scenario = text});

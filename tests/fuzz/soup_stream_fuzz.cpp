@@ -99,7 +99,7 @@ Outcome serve_stream(std::span<const unsigned char> stream, const std::vector<st
     return outcome;
 }
 
-// The packets by the server's reader, given all at once.
+// The packets by the server's reader, given all of them in one piece.
 Packets read_whole(std::span<const unsigned char> stream, std::size_t& used) {
     Packets packets;
     SoupPacket packet;

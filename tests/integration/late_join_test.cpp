@@ -1,6 +1,6 @@
-// Goal: a receiver that joins late by a spin stands where one stands that saw everything. Method: seeded runs
+// Goal: a receiver that joins late by a spin has the state of one that saw everything. Method: seeded runs
 // rich in events, steered by random commands; at random moments a spin is built and applied to an empty
-// receiver, which is compared at once and again after every pass that follows.
+// receiver, which is compared immediately and again after every pass that follows.
 
 #include "app/control_channel.h"
 #include "app/scenario_events.h"
@@ -116,7 +116,7 @@ void join(MarketRun& run, Met& met) {
     auto joined = std::make_unique<receiver::Market>();
     ASSERT_EQ(testing::apply_spin(*joined, run.spin), "");
     ASSERT_EQ(joined->snapshot_sequence, run.applied);
-    ASSERT_EQ(testing::joiner_difference(run.whole, *joined), "") << "at once, after " << run.applied;
+    ASSERT_EQ(testing::joiner_difference(run.whole, *joined), "") << "immediately, after " << run.applied;
     run.joined.push_back(std::move(joined));
 }
 
@@ -212,7 +212,7 @@ TEST(LateJoin, OfAHaltedAndAPausedInstrument_SpinHasTheirActionsAndOneCollar) {
     EXPECT_EQ(run.joined.front()->instruments[1].reason, "LUDP");
 }
 
-// The comparison finds what it is there for: one changed byte anywhere in the state that a spin tells.
+// The comparison finds what it is there for: one changed byte anywhere in the state that a spin carries.
 TEST(LateJoin, OneChangedByteOfASpin_IsFound) {
     MarketRun run{MarketOptions{}};
     run.market.start_of_day();

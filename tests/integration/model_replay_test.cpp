@@ -248,8 +248,8 @@ INSTANTIATE_TEST_SUITE_P(
     run_name);
 
 // The oldest half of a trade history goes in one step, and what is recomputed afterwards knows only the rest.
-// Around that step every trade is followed by a cancel, which tells the recomputed volume, so that one trade
-// too early or too late is seen.
+// Around that step every trade is followed by a cancel, which carries the recomputed volume, so that one
+// trade too early or too late is seen.
 TEST(LongRuns, HundredThousandTrades_HistoryIsTrimmedOnTimeAndRecomputedAlike) {
     Options options;
     options.symbols = "IBM:100";

@@ -197,7 +197,8 @@ TEST_F(Planted, QuoteSizeChangedOnTheWire_IsFound) {
 }
 
 TEST_F(Planted, QuoteConditionChangedOnTheWire_IsFoundByTheRecomputedNbbo) {
-    // Some quote of the run sets the NBBO; taken out of it, the NBBO told is no longer the recomputed one.
+    // Some quote of the run sets the NBBO; taken out of it, the NBBO reported is no longer the recomputed
+    // one.
     const std::vector<Bytes> whole = messages;
     std::size_t found = 0;
     for (std::size_t i = 0; i < whole.size(); ++i) {

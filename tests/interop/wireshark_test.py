@@ -133,7 +133,7 @@ def test_messages_show_below_wiresharks_own_mold_dissector(tmp_path):
 
 def conversation(port, sizes, accepted_apart=False):
     """A Snap-Shot session on `port`, the server's bytes cut into segments of the sizes, again and again. The
-    feed sends Login Accepted by itself, so it can have a segment of its own."""
+    feed sends Login Accepted by itself, so it can have a separate segment."""
     talk = TcpConversation(port)
     talk.client(soup_packet("L", b"LATE  " + b"secret".ljust(10) + b"UTPBENCH01" + b"1".rjust(20)))
     data = soup_packet("A", b"UTPBENCH01" + b"1".ljust(20))
@@ -169,7 +169,7 @@ def test_snapshot_session_is_put_together_from_any_segments(tmp_path, sizes):
 
 @pytest.mark.parametrize("sizes", [(1000,), (7, 250, 3)])
 def test_snapshot_session_shows_below_wiresharks_own_soup_dissector(tmp_path, sizes):
-    """Login Accepted has a segment of its own here: Wireshark begins a new conversation behind it and would
+    """Login Accepted has a separate segment here: Wireshark begins a new conversation after it and would
     not put together a packet that starts in its segment."""
     path = write_pcap(tmp_path / "session.pcap", conversation(31002, sizes, accepted_apart=True))
     assert read_messages(path) == []

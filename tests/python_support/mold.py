@@ -1,6 +1,6 @@
 """Receives a feed's multicast packets and asks its retransmission service, in plain Python.
 
-    with Listener(feed) as listener:        # before feed.start(), to hear the first packet
+    with Listener(feed) as listener:        # before feed.start(), to receive the first packet
         with feed:
             ...
     messages, heartbeats = listener.messages(), listener.heartbeats()

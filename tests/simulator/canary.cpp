@@ -46,7 +46,7 @@ bool plants(Simulation& sim, std::string_view name) {
 
 namespace {
 
-// The newest message kept, to be changed behind the publisher's back.
+// The newest message kept, to be changed without the publisher's knowledge.
 unsigned char* last_kept_byte(RetransStore& store) {
     RetransChunk& chunk = store.chunks.back();
     return chunk.bytes.get() + chunk.used - 1;

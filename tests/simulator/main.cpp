@@ -75,7 +75,7 @@ void add_result(RunResult& sum, const RunResult& result) {
     sum.commands += result.commands;
     sum.requests += result.requests;
     sum.dropped += result.dropped;
-    sum.doubled += result.doubled;
+    sum.duplicated += result.duplicated;
     sum.held += result.held;
     std::uint64_t sums[sizeof(FeedStats) / sizeof(std::uint64_t)];
     std::uint64_t more[sizeof(FeedStats) / sizeof(std::uint64_t)];
@@ -92,9 +92,9 @@ bool met_everything(const RunResult& sum) {
     const std::string events = stats_line(sum.stats);
     const bool met = events.substr(0, events.rfind(' ')).find("=0 ") == std::string::npos &&
                      sum.stats.snapshots > 0 && sum.joins > 0 && sum.requests > 0 && sum.dropped > 0 &&
-                     sum.doubled > 0 && sum.held > 0;
-    std::printf("%s\npackets dropped %llu, doubled %llu, held %llu\n", events.c_str(),
-                static_cast<unsigned long long>(sum.dropped), static_cast<unsigned long long>(sum.doubled),
+                     sum.duplicated > 0 && sum.held > 0;
+    std::printf("%s\npackets dropped %llu, duplicated %llu, held %llu\n", events.c_str(),
+                static_cast<unsigned long long>(sum.dropped), static_cast<unsigned long long>(sum.duplicated),
                 static_cast<unsigned long long>(sum.held));
     return met;
 }

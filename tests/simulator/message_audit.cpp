@@ -77,7 +77,7 @@ void replay_live_trades(AuditedInstrument& instrument) {
     }
 }
 
-AuditedTrade told_trade(const Message& message, const receiver::TradeFields& fields) {
+AuditedTrade reported_trade(const Message& message, const receiver::TradeFields& fields) {
     AuditedTrade trade;
     trade.center = message.header.market_center;
     trade.sub_center = message.header.sub_market_center;
@@ -121,11 +121,11 @@ void audit_mpid_quote(const Case& c, bool due) {
     c.require(c.message.symbol == c.audit.mpid_symbol && quote.bid == c.audit.mpid_bid &&
                   quote.ask == c.audit.mpid_ask && quote.bid_size == 100 && quote.ask_size == 100 &&
                   quote.condition == 'R' && quote.bid_mpid == "VIRT",
-              "mpid quotes", "an MPID quote that does not stand one cent outside the ADF's");
+              "mpid quotes", "an MPID quote that is not one cent outside the ADF's");
 }
 
 void audit_trade(const Case& c) {
-    const AuditedTrade trade = told_trade(c.message, c.message.report.trade);
+    const AuditedTrade trade = reported_trade(c.message, c.message.report.trade);
     const std::string_view conditions = c.message.report.trade.conditions;
     FeedStats& counted = c.audit.counted;
     const bool is_cross =
@@ -169,34 +169,35 @@ bool same_trade(const AuditedTrade& left, const AuditedTrade& right) {
            left.price == right.price && left.size == right.size && left.conditions == right.conditions;
 }
 
-void audit_statistics_told(const Case& c, char center) {
+void audit_statistics_reported(const Case& c, char center) {
     const receiver::TradeReportFields& report = c.message.report;
     c.require(report.consolidated == c.instrument.consolidated.sales &&
                   report.last_center == c.instrument.consolidated.last_center,
-              "statistics", "consolidated statistics told are not a replay of the live trades");
+              "statistics", "consolidated statistics reported are not a replay of the live trades");
     c.require(report.participant == c.instrument.centers[center].sales, "statistics",
-              "the center's statistics told are not a replay of its live trades");
+              "the center's statistics reported are not a replay of its live trades");
 }
 
 void audit_cancel(const Case& c) {
     FeedStats& counted = c.audit.counted;
-    const AuditedTrade told = told_trade(c.message, c.message.report.trade);
+    const AuditedTrade reported = reported_trade(c.message, c.message.report.trade);
     AuditedTrade* const trade = newest_eligible(c.instrument, true);
     const char function = (counted.cancels + counted.errors) % 4 < 3 ? 'C' : 'E';
     c.require(c.message.report.function == function, "revisions", "every fourth cancel is an error");
     (c.message.report.function == 'E' ? counted.errors : counted.cancels) += 1;
-    c.require(trade != nullptr && same_trade(*trade, told), "revisions", "not the newest trade to cancel");
+    c.require(trade != nullptr && same_trade(*trade, reported), "revisions",
+              "not the newest trade to cancel");
     if (trade != nullptr) {
         trade->live = false;
     }
     replay_live_trades(c.instrument);
-    audit_statistics_told(c, told.center);
+    audit_statistics_reported(c, reported.center);
 }
 
 void audit_correction(const Case& c) {
     ++c.audit.counted.corrections;
-    const AuditedTrade old = told_trade(c.message, c.message.report.trade);
-    const AuditedTrade corrected = told_trade(c.message, c.message.report.corrected);
+    const AuditedTrade old = reported_trade(c.message, c.message.report.trade);
+    const AuditedTrade corrected = reported_trade(c.message, c.message.report.corrected);
     AuditedTrade* const trade = newest_eligible(c.instrument, false);
     c.require(trade != nullptr && same_trade(*trade, old), "revisions", "not the newest trade to correct");
     const std::int64_t moved = corrected.price - old.price;
@@ -209,7 +210,7 @@ void audit_correction(const Case& c) {
     }
     c.instrument.trades.push_back(corrected);
     replay_live_trades(c.instrument);
-    audit_statistics_told(c, old.center);
+    audit_statistics_reported(c, old.center);
 }
 
 bool may_move(char from, char to) {
@@ -233,28 +234,29 @@ bool may_give(char action, const std::string& before, std::string_view reason) {
 
 void audit_action(const Case& c) {
     AuditedInstrument& instrument = c.instrument;
-    const receiver::ActionFields& told = c.message.action;
+    const receiver::ActionFields& reported = c.message.action;
     FeedStats& counted = c.audit.counted;
-    if (!may_move(instrument.status, told.action)) {
+    if (!may_move(instrument.status, reported.action)) {
         std::string moved = "from  to ";
         moved.insert(5, 1, instrument.status);
-        moved.push_back(told.action);
+        moved.push_back(reported.action);
         c.fail("status", moved);
     }
-    c.require(may_give(told.action, instrument.reason, told.reason), "status",
+    c.require(may_give(reported.action, instrument.reason, reported.reason), "status",
               "a reason that does not belong there");
-    c.require(told.sequence == instrument.actions + 1, "status", "an action number that is not the next one");
-    instrument.status = told.action;
-    instrument.reason = told.reason;
-    instrument.actions = told.sequence;
-    counted.halts += told.action == 'H' ? 1 : 0;
-    counted.pauses += told.action == 'P' ? 1 : 0;
-    counted.quote_resumes += told.action == 'Q' ? 1 : 0;
-    counted.trade_resumes += told.action == 'T' ? 1 : 0;
+    c.require(reported.sequence == instrument.actions + 1, "status",
+              "an action number that is not the next one");
+    instrument.status = reported.action;
+    instrument.reason = reported.reason;
+    instrument.actions = reported.sequence;
+    counted.halts += reported.action == 'H' ? 1 : 0;
+    counted.pauses += reported.action == 'P' ? 1 : 0;
+    counted.quote_resumes += reported.action == 'Q' ? 1 : 0;
+    counted.trade_resumes += reported.action == 'T' ? 1 : 0;
 }
 
-void audit_trade_ids(const AuditedInstrument& told, const Instrument& own, Violations& violations) {
-    for (const auto& [key, id] : told.trade_ids) {
+void audit_trade_ids(const AuditedInstrument& reported, const Instrument& own, Violations& violations) {
+    for (const auto& [key, id] : reported.trade_ids) {
         std::uint64_t own_id = 0;
         for (const Instrument::TradeIdCounter& each : own.other_trade_ids) {
             own_id = each.market_center == key.first && each.sub_market_center == key.second
@@ -266,22 +268,22 @@ void audit_trade_ids(const AuditedInstrument& told, const Instrument& own, Viola
             own_id = stats.market_center == key.first ? stats.last_trade_id : own_id;
         }
         if (own_id != id) {
-            violations.report("trade ids", own.symbol + ": the feed stands at " + std::to_string(own_id) +
+            violations.report("trade ids", own.symbol + ": the feed has " + std::to_string(own_id) +
                                                ", its messages at " + std::to_string(id));
         }
     }
 }
 
-void audit_sales(const AuditedInstrument& told, const Instrument& own, Violations& violations) {
-    const receiver::SaleStatistics& sales = told.consolidated.sales;
+void audit_sales(const AuditedInstrument& reported, const Instrument& own, Violations& violations) {
+    const receiver::SaleStatistics& sales = reported.consolidated.sales;
     bool equal = own.high == sales.high && own.low == sales.low && own.last == sales.last &&
-                 own.volume == sales.volume && own.last_market_center == told.consolidated.last_center &&
-                 own.share_volume == told.shares && own.last_trade_price == told.last_trade_price;
+                 own.volume == sales.volume && own.last_market_center == reported.consolidated.last_center &&
+                 own.share_volume == reported.shares && own.last_trade_price == reported.last_trade_price;
     for (std::size_t slot = 0; slot < own.trade_slots; ++slot) {
         const ParticipantTradeStats& stats = own.trade_stats[slot];
-        const auto center = told.centers.find(stats.market_center);
+        const auto center = reported.centers.find(stats.market_center);
         const receiver::SaleStatistics expected =
-            center == told.centers.end() ? receiver::SaleStatistics{} : center->second.sales;
+            center == reported.centers.end() ? receiver::SaleStatistics{} : center->second.sales;
         equal =
             equal && expected == receiver::SaleStatistics{stats.high, stats.low, stats.last, stats.volume};
     }
@@ -291,15 +293,15 @@ void audit_sales(const AuditedInstrument& told, const Instrument& own, Violation
     }
 }
 
-// Both lines are "quotes=1 adf_quotes=0 ...": tells the counters that differ.
-void audit_counters(const std::string& counted, const std::string& told, Violations& violations) {
+// Both lines are "quotes=1 adf_quotes=0 ...": reports the counters that differ.
+void audit_counters(const std::string& counted, const std::string& reported, Violations& violations) {
     std::istringstream left(counted);
-    std::istringstream right(told);
+    std::istringstream right(reported);
     std::string expected;
     std::string got;
     while (left >> expected && right >> got) {
         if (expected != got) {
-            violations.report("counters", "counted " + expected + ", told " + got);
+            violations.report("counters", "counted " + expected + ", reported " + got);
         }
     }
 }
@@ -343,8 +345,8 @@ void audit_engine(const MessageAudit& audit, const SipEngine& engine, Violations
         const Instrument& own = engine.instruments[i];
         const AuditedInstrument& messages = audit.instruments[i];
         if (own.status != messages.status || own.action_seq != messages.actions) {
-            violations.report("status", own.symbol + ": the feed stands at " + own.status +
-                                            ", its messages at " + messages.status);
+            violations.report("status", own.symbol + ": the feed has " + own.status + ", its messages at " +
+                                            messages.status);
         }
         audit_trade_ids(messages, own, violations);
         audit_sales(messages, own, violations);

@@ -61,7 +61,7 @@ struct MessageAudit {
 void audit_message(MessageAudit& audit, const receiver::Message& message, std::ptrdiff_t position,
                    std::uint64_t sequence, Violations& violations);
 
-// Holds the feed's own records against what the messages told so far.
+// Holds the feed's own records against what the messages reported so far.
 void audit_engine(const MessageAudit& audit, const SipEngine& engine, Violations& violations);
 
 }  // namespace tessel::simulator

@@ -43,7 +43,7 @@ struct Replay {
     std::vector<std::uint64_t> sent;
     std::vector<std::string> lines;
     std::uint64_t dropped = 0;
-    std::uint64_t doubled = 0;
+    std::uint64_t duplicated = 0;
     std::uint64_t held_back = 0;
 };
 
@@ -88,7 +88,7 @@ void replay_packet(Replay& replay, std::uint64_t number, std::uint64_t first, st
     replay.sent.push_back(first);
     if (twice) {
         replay.sent.push_back(first);
-        ++replay.doubled;
+        ++replay.duplicated;
         replay.lines.push_back("tessel fault: duplicated " + seq);
     }
     if (replay.held != 0) {
@@ -155,13 +155,13 @@ void audit_packet(PacketAudit& audit, const Bytes& packet, const std::vector<Byt
                   std::uint64_t next_sequence, Violations& violations) {
     PacketView view;
     if (!read_packet(packet, audit.session, view)) {
-        violations.report("packets", "a packet that is not well formed, behind number " +
+        violations.report("packets", "a packet that is not well formed, after number " +
                                          std::to_string(audit.sent.empty() ? 0 : audit.sent.back()));
         return;
     }
     if (view.count == 0) {
         if (view.first != next_sequence) {
-            violations.report("heartbeats", "a heartbeat tells " + std::to_string(view.first) + ", next is " +
+            violations.report("heartbeats", "a heartbeat says " + std::to_string(view.first) + ", next is " +
                                                 std::to_string(next_sequence));
         }
         return;
@@ -210,7 +210,7 @@ void audit_faults(const PacketAudit& audit, const FaultInjector& initial, const 
     const std::set<std::uint64_t> firsts = all_packets(audit.sent, lines);
     if (firsts.size() != publisher.packets_flushed || (!firsts.empty() && *firsts.begin() != 1)) {
         violations.report("faults", std::to_string(publisher.packets_flushed) + " packets flushed, " +
-                                        std::to_string(firsts.size()) + " seen or told as lost");
+                                        std::to_string(firsts.size()) + " seen or reported as lost");
     }
     Replay replay;
     replay.settings = initial;
@@ -218,7 +218,7 @@ void audit_faults(const PacketAudit& audit, const FaultInjector& initial, const 
     std::uint64_t number = 0;
     for (auto first = firsts.begin(); first != firsts.end(); ++first) {
         ++number;
-        for (; command < audit.commands.size() && audit.commands[command].behind_packet < number; ++command) {
+        for (; command < audit.commands.size() && audit.commands[command].after_packet < number; ++command) {
             apply_command(replay.settings, audit.commands[command]);
         }
         const auto following = std::next(first);
@@ -242,7 +242,7 @@ void audit_faults(const PacketAudit& audit, const FaultInjector& initial, const 
         left.pending_dups != expected.pending_dups || left.pending_reorders != expected.pending_reorders) {
         violations.report("faults", "settings or pending counts are not what the commands leave");
     }
-    if (replay.dropped != publisher.faults_dropped || replay.doubled != publisher.faults_duplicated ||
+    if (replay.dropped != publisher.faults_dropped || replay.duplicated != publisher.faults_duplicated ||
         replay.held_back != publisher.faults_reordered ||
         (replay.held != 0) == publisher.held_packet.empty()) {
         violations.report("faults", "fault counters are not the faults counted");

@@ -11,11 +11,11 @@
 namespace tessel::simulator {
 
 // The rules of the packets: each is well formed and holds the messages of its numbers, and what was dropped,
-// doubled or held is what the settings ask for, told line by line.
+// duplicated or held is what the settings ask for, reported line by line.
 
 // A control command that set a fault, and the last packet that went before it.
 struct FaultCommand {
-    std::uint64_t behind_packet = 0;
+    std::uint64_t after_packet = 0;
     std::string word;  // "drop", "dup_every", ...
     std::uint32_t value = 0;
 };
@@ -36,7 +36,7 @@ struct PacketView {
 // False when the packet is not well formed: too long, another session, blocks that do not fill it.
 bool read_packet(const Bytes& packet, const std::string& session, PacketView& view);
 
-// Checks one multicast packet against every message that was appended; a heartbeat must tell next_sequence.
+// Checks one multicast packet against every message that was appended; a heartbeat must carry next_sequence.
 void audit_packet(PacketAudit& audit, const Bytes& packet, const std::vector<Bytes>& appended,
                   std::uint64_t next_sequence, Violations& violations);
 

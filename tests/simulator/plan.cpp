@@ -23,7 +23,7 @@ std::string draw_price(SplitMix& random) {
     return std::to_string(1 + random.below(600)) + "." + std::to_string(10 + random.below(240));
 }
 
-// Distinct in the first eleven letters, which is all that the wire tells apart.
+// Distinct in the first eleven letters, which is all that the wire distinguishes.
 std::string draw_symbols(SplitMix& random) {
     static const std::size_t counts[] = {1, 1, 2, 2, 3, 3, 3, 4, 5, 12};
     const std::size_t count = random.once_in(40) ? 0 : one_of(random, counts);

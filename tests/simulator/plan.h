@@ -13,7 +13,7 @@ namespace tessel::simulator {
 using testing::Bytes;
 using testing::SplitMix;
 
-// What one random run is made with, drawn from its seed. Odds are "once in so many passes", 0 never.
+// What one random run is made with, drawn from its seed. Odds are "once in N passes", 0 never.
 struct RunPlan {
     std::uint64_t seed = 0;
     testing::MarketOptions market;

@@ -10,7 +10,7 @@
 
 namespace tessel::simulator {
 
-// A receiver with loss of its own on both ways in. It asks for what it misses until it has everything, and
+// A receiver that loses packets on both ways in. It requests what it misses until it has everything, and
 // holds each message against what was appended. A late joiner also keeps a market, begun by a spin.
 struct Receiver {
     receiver::Sequencer sequencer;
@@ -25,7 +25,7 @@ struct Receiver {
     std::uint64_t first = 1;  // number that it began with
     std::uint64_t next = 1;   // number of the message that must come next
     std::uint64_t taken = 0;
-    bool hides_next = false;  // planted: drops one message behind the sequencer's back
+    bool hides_next = false;  // planted: drops one message that the sequencer passed on
     std::deque<Bytes> requests;
 };
 

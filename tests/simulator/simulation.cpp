@@ -11,7 +11,7 @@ namespace tessel::simulator {
 
 namespace {
 
-constexpr std::uint64_t twin_every = 8;       // so many runs are played a second time without faults
+constexpr std::uint64_t replay_every = 8;     // every eighth run is played a second time without faults
 constexpr std::size_t state_check_every = 8;  // passes
 constexpr std::size_t joiners_max = 3;
 
@@ -342,21 +342,21 @@ void play(Simulation& sim, RunResult& result, const StderrTape& tape) {
 }
 
 // The same run without faults has to append the same bytes: faults touch packets, never the market.
-void play_twin(const Simulation& sim, Violations& violations, const StderrTape& tape) {
-    auto twin = std::make_unique<Simulation>(sim.plan);
-    twin->faultless = true;
-    twin->market.publisher.faults = {};
+void replay_faultless(const Simulation& sim, Violations& violations, const StderrTape& tape) {
+    auto faultless_run = std::make_unique<Simulation>(sim.plan);
+    faultless_run->faultless = true;
+    faultless_run->market.publisher.faults = {};
     RunResult ignored;
-    play(*twin, ignored, tape);
-    if (twin->appended != sim.appended) {
+    play(*faultless_run, ignored, tape);
+    if (faultless_run->appended != sim.appended) {
         violations.report("determinism", "the same run without faults appends other messages");
     }
     Random left = sim.market.rng;
-    Random right = twin->market.rng;
+    Random right = faultless_run->market.rng;
     if (next_u64(left) != next_u64(right)) {
         violations.report("determinism", "the same run without faults draws another number next");
     }
-    for (Violation& each : twin->violations.found) {
+    for (Violation& each : faultless_run->violations.found) {
         violations.report(each.invariant.c_str(), "without faults: " + each.what);
     }
 }
@@ -379,14 +379,14 @@ RunResult play_run(std::uint64_t seed, const std::string& canary, const StderrTa
     sim->canary.from_pass = 2 + SplitMix{seed + 1}.below(sim->plan.passes / 2);
     RunResult result;
     play(*sim, result, tape);
-    if (seed % twin_every == 0 || canary == "draw_added") {
-        play_twin(*sim, sim->violations, tape);
+    if (seed % replay_every == 0 || canary == "draw_added") {
+        replay_faultless(*sim, sim->violations, tape);
     }
     result.messages = sim->appended.size();
     result.planted = sim->canary.planted;
     result.stats = sim->market.scenario.stats;
     result.dropped = sim->market.publisher.faults_dropped;
-    result.doubled = sim->market.publisher.faults_duplicated;
+    result.duplicated = sim->market.publisher.faults_duplicated;
     result.held = sim->market.publisher.faults_reordered;
     result.violations = std::move(sim->violations.found);
     return result;

@@ -47,7 +47,7 @@ struct Simulation {
     SplitMix random;
     Canary canary;
     std::size_t pass = 0;
-    bool faultless = false;  // the twin run: fault commands are taken back at once
+    bool faultless = false;  // the second run: fault commands are undone immediately
     bool stopped = false;
 
     std::vector<Bytes> appended;  // every message, taken out of the history as soon as it was there
@@ -74,7 +74,7 @@ struct RunResult {
     std::uint64_t requests = 0;
     FeedStats stats;
     std::uint64_t dropped = 0;  // packets
-    std::uint64_t doubled = 0;
+    std::uint64_t duplicated = 0;
     std::uint64_t held = 0;
 };
 

@@ -3,8 +3,8 @@
 
     TESSEL_BIN=build/release tests/soak/soak.py --minutes 30
 
-The feed ticks as fast as the room for its files allows, drops, doubles and holds back packets, plays a
-scenario with every event and gets a random command every half second. Two receivers hear it from its first
+The feed ticks as fast as the room for its files allows, drops, duplicates and holds back packets, plays a
+scenario with every event and gets a random command every half second. Two receivers follow it from its first
 message to its last; another joins by Snap-Shot every ten seconds, for a few seconds. First the histories are
 filled at full speed (400,000 messages, and 100,000 trades of each instrument): from then on memory must be
 flat.
@@ -35,12 +35,12 @@ SCENARIO = ("name=soak,halt_after=20,halt_secs=3,pause_after=30,pause_secs=3,ban
             "cancel_every=20,correct_every=25,mwcb_level=2,mwcb_after=45,odd_lot_every=5,asof_every=40")
 FAULTS = ("--drop-every", "20", "--dup-every", "15", "--reorder-every", "25")
 
-# The histories are full behind these: 400,000 messages; 100,000 trades of each of two instruments, with a
+# The histories are full after these: 400,000 messages; 100,000 trades of each of two instruments, with a
 # margin because they do not trade evenly.
 FULL_MESSAGES = 400_000
 FULL_TRADES = 250_000
 FILLING_SECONDS_MAX = 600
-PUMPS_A_SECOND = 2000  # each command lets the loop, and with it the tick, go on at once
+PUMPS_A_SECOND = 2000  # each command lets the loop, and with it the tick, go on immediately
 
 DISK_BYTES = 2_600_000_000  # what the three files may come to; the run ends at DISK_BYTES_MAX
 DISK_BYTES_MAX = 3_000_000_000
@@ -99,7 +99,7 @@ class Commander:
 
 
 class Joiner:
-    """A receiver that joins by Snap-Shot, stays for some seconds and must have heard the truth."""
+    """A receiver that joins by Snap-Shot, stays for some seconds and must have received the truth."""
 
     def __init__(self, feed, folder, number):
         self._truth_path = feed.truth_path
@@ -120,8 +120,8 @@ class Joiner:
             return f"status {status}, {len(lines)} lines: {text}", 0
         covered, last = int(found.group(1)), sequence_of(lines[-1])
         with open(self._truth_path, encoding="utf-8") as truth:
-            # From the end of the line that stood there. While the feed is paused the next one may be the
-            # first that the joiner hears: none may be skipped.
+            # From the end of the line that was there. While the feed is paused the next one may be the
+            # first that the joiner receives: none may be skipped.
             if self._truth_at > 0:
                 truth.seek(self._truth_at - 1)
                 truth.readline()
@@ -218,7 +218,7 @@ def judge_memory(samples):
 
 
 def judge_receivers(feed, receivers, folder):
-    """The faults of the receivers that heard everything."""
+    """The faults of the receivers that received everything."""
     faults = []
     for name, receiver in receivers.items():
         status = receiver.stop()

@@ -21,7 +21,7 @@ bool tells_book(MessageKind kind) {
     return is_quote(kind) || kind == MessageKind::trading_action || kind == MessageKind::price_band;
 }
 
-// Where the message's instrument stands in the market; -1 when it has none.
+// The position of the message's instrument in the market; -1 when it has none.
 std::ptrdiff_t position_of(const FeedFollower& follower, std::string_view symbol) {
     const receiver::Instrument* instrument = receiver::find_instrument(follower.market, symbol);
     return instrument == nullptr ? -1 : instrument - follower.market.instruments.data();
@@ -98,7 +98,7 @@ std::string follow(FeedFollower& follower, std::uint64_t sequence, const unsigne
     } else if (is_quote(message.kind)) {
         take_quote(book, message);
         if (!(told_nbbo(market.instruments[static_cast<std::size_t>(position)].nbbo) == book.nbbo)) {
-            return "the NBBO told is not the recomputed one, " + book_text(book) + " with centers " +
+            return "the NBBO reported is not the recomputed one, " + book_text(book) + " with centers " +
                    book.nbbo.bid_center + book.nbbo.ask_center;
         }
     }

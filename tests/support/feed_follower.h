@@ -26,7 +26,7 @@ bool is_mark(std::string_view line);
 // A receiver that saw every message from number 1 on and holds the truth log against each: through the
 // listener's decoder and line writer, and through a book worked out independently.
 struct FeedFollower {
-    std::vector<std::string> symbols;  // as configured: the letters behind the eleventh are not on the wire
+    std::vector<std::string> symbols;  // as configured: the letters after the eleventh are not on the wire
     receiver::Market market;
     std::vector<PlainBook> books;  // of market.instruments, by position
     std::string line;              // the line rebuilt last, line feed included; empty for a kind without
@@ -35,7 +35,7 @@ struct FeedFollower {
 FeedFollower make_follower(const std::string& symbols_text);
 
 // Takes the next message and rebuilds its truth line. Returns what is wrong with the message by itself: bytes
-// that do not decode, an NBBO told that is not the recomputed one; empty when all is well.
+// that do not decode, an NBBO reported that is not the recomputed one; empty when all is well.
 std::string follow(FeedFollower& follower, std::uint64_t sequence, const unsigned char* bytes,
                    std::size_t length);
 

@@ -62,7 +62,7 @@ struct QuoteHand {
     char best_odd_lot = '0';
     char odd_lot_list = '0';
     std::uint16_t odd_lot_count = 0;
-    std::string appendages;  // behind the fixed part; MPIDs of "D" included
+    std::string appendages;  // after the fixed part; MPIDs of "D" included
 };
 
 inline std::string quote_short(const QuoteHand& q) {

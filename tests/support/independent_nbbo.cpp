@@ -8,7 +8,7 @@ namespace tessel::testing {
 namespace {
 
 constexpr std::uint32_t round_lot = 100;
-constexpr std::size_t levels_told = 10;
+constexpr std::size_t levels_shown = 10;
 
 bool one_of(char letter, std::string_view letters) {
     return letters.find(letter) != std::string_view::npos;
@@ -46,15 +46,15 @@ void put_price(std::string& text, std::int64_t millionths) {
 }
 
 void put_levels(std::string& text, const PlainBook& book, char side) {
-    std::size_t told = 0;
+    std::size_t shown = 0;
     for (const auto& [price, size] : independent_levels(book, side)) {
-        if (told == levels_told) {
+        if (shown == levels_shown) {
             break;
         }
-        text += told == 0 ? "[" : ",[";
+        text += shown == 0 ? "[" : ",[";
         put_price(text, price);
         text += ',' + std::to_string(size) + ']';
-        ++told;
+        ++shown;
     }
 }
 

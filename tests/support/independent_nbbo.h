@@ -13,7 +13,7 @@ namespace tessel::testing {
 // The book of one instrument worked out once more, from decoded messages alone and as plainly as can be:
 // every answer goes over all quotes again. Shares no code with the feed's NBBO or with the listener's.
 
-// One market center's quote as its last message told it. Prices are millionths of a dollar, sizes shares.
+// One market center's quote as its last message reported it. Prices are millionths of a dollar, sizes shares.
 struct PlainQuote {
     std::int64_t bid = 0;
     std::int64_t ask = 0;
@@ -40,7 +40,7 @@ struct PlainBook {
     char band_indicator = ' ';
     std::int64_t band_lower = 0;
     std::int64_t band_upper = 0;
-    PlainNbbo nbbo;             // as it stood after the last quote: a band alone does not change it
+    PlainNbbo nbbo;             // the state after the last quote: a band alone does not change it
     std::uint64_t changes = 0;  // how often a quote changed it
 };
 
@@ -50,7 +50,7 @@ void take_quote(PlainBook& book, const receiver::Message& quote);
 // Takes a price band.
 void take_band(PlainBook& book, const receiver::Message& band);
 
-// The NBBO of the quotes and the band as they stand.
+// The NBBO of the present quotes and band.
 PlainNbbo independent_nbbo(const PlainBook& book);
 
 // Price and aggregate size of every level of a side ('B' or 'A'), best first.

@@ -15,7 +15,7 @@
 
 namespace tessel::judge {
 
-// Two files in a folder of their own, and a judge over them.
+// Two files in a separate folder, and a judge over them.
 struct Bench {
     std::filesystem::path folder;
     Options options;

@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::size_t reason_letters = 6;
 
-// A band whose lower price is 0 stands for none.
-receiver::Band told_band(const receiver::Band& band) {
+// A band whose lower price is 0 means none.
+receiver::Band reported_band(const receiver::Band& band) {
     return band.lower == 0 ? receiver::Band{} : band;
 }
 
@@ -98,55 +98,55 @@ std::string instrument_difference(const receiver::Instrument& whole, const recei
         return differs(whole, "best odd-lot quote", text_of(whole.best_odd_lot),
                        text_of(joined.best_odd_lot));
     }
-    if (!(told_band(whole.band) == told_band(joined.band))) {
+    if (!(reported_band(whole.band) == reported_band(joined.band))) {
         return differs(whole, "band", text_of(whole.band), text_of(joined.band));
     }
     return status_difference(whole, joined);
 }
 
 // The feed's own quote of a center in the listener's terms.
-receiver::CenterQuote told_quote(const ParticipantQuote& quote) {
-    receiver::CenterQuote told;
-    told.center = quote.market_center;
-    told.present = quote.bid != 0 || quote.ask != 0;
-    told.bid = quote.bid;
-    told.ask = quote.ask;
-    told.bid_size = quote.bid_size;
-    told.ask_size = quote.ask_size;
-    told.condition = quote.condition;
+receiver::CenterQuote reported_quote(const ParticipantQuote& quote) {
+    receiver::CenterQuote reported;
+    reported.center = quote.market_center;
+    reported.present = quote.bid != 0 || quote.ask != 0;
+    reported.bid = quote.bid;
+    reported.ask = quote.ask;
+    reported.bid_size = quote.bid_size;
+    reported.ask_size = quote.ask_size;
+    reported.condition = quote.condition;
     const bool is_adf = quote.market_center == 'D';
     if (quote.has_mpids) {
-        told.bid_mpid = adf_bid_mpid;
-        told.ask_mpid = adf_ask_mpid;
+        reported.bid_mpid = adf_bid_mpid;
+        reported.ask_mpid = adf_ask_mpid;
     }
     if (quote.has_odd_lots) {
-        told.odd_lots.push_back({quote.market_center, 'B', quote.odd_bid, quote.odd_bid_size,
-                                 std::string(is_adf ? adf_bid_mpid : std::string_view())});
-        told.odd_lots.push_back({quote.market_center, 'A', quote.odd_ask, quote.odd_ask_size,
-                                 std::string(is_adf ? adf_ask_mpid : std::string_view())});
+        reported.odd_lots.push_back({quote.market_center, 'B', quote.odd_bid, quote.odd_bid_size,
+                                     std::string(is_adf ? adf_bid_mpid : std::string_view())});
+        reported.odd_lots.push_back({quote.market_center, 'A', quote.odd_ask, quote.odd_ask_size,
+                                     std::string(is_adf ? adf_ask_mpid : std::string_view())});
     }
-    return told;
+    return reported;
 }
 
 // Everything of an instrument that a receiver can know, from the feed's own record.
-receiver::Instrument told_instrument(const Instrument& own) {
-    receiver::Instrument told;
-    told.symbol = own.symbol.substr(0, 11);
-    told.secid = own.secid;
-    told.indicator = own.indicator;
+receiver::Instrument reported_instrument(const Instrument& own) {
+    receiver::Instrument reported;
+    reported.symbol = own.symbol.substr(0, 11);
+    reported.secid = own.secid;
+    reported.indicator = own.indicator;
     for (std::size_t slot = 0; slot < own.quote_slots; ++slot) {
         if (own.quotes[slot].quoted) {
-            told.quotes.push_back(told_quote(own.quotes[slot]));
+            reported.quotes.push_back(reported_quote(own.quotes[slot]));
         }
     }
-    told.nbbo = {own.nbbo.bid,
-                 own.nbbo.ask,
-                 own.nbbo.bid_size,
-                 own.nbbo.ask_size,
-                 own.nbbo.bid_market_center,
-                 own.nbbo.ask_market_center};
+    reported.nbbo = {own.nbbo.bid,
+                     own.nbbo.ask,
+                     own.nbbo.bid_size,
+                     own.nbbo.ask_size,
+                     own.nbbo.bid_market_center,
+                     own.nbbo.ask_market_center};
     if (own.has_best_odd_lot) {
-        told.best_odd_lot = {
+        reported.best_odd_lot = {
             true,
             own.best_odd_lot.bid_market_center,
             own.best_odd_lot.ask_market_center,
@@ -157,11 +157,11 @@ receiver::Instrument told_instrument(const Instrument& own) {
             std::string(own.best_odd_lot.bid_market_center == 'D' ? adf_bid_mpid : std::string_view()),
             std::string(own.best_odd_lot.ask_market_center == 'D' ? adf_ask_mpid : std::string_view())};
     }
-    told.band = {own.band_indicator, own.luld_lower, own.luld_upper};
-    told.status = own.status;
-    told.reason = own.halt_reason.substr(0, reason_letters);
-    told.action_sequence = own.action_seq;
-    return told;
+    reported.band = {own.band_indicator, own.luld_lower, own.luld_upper};
+    reported.status = own.status;
+    reported.reason = own.halt_reason.substr(0, reason_letters);
+    reported.action_sequence = own.action_seq;
+    return reported;
 }
 
 }  // namespace
@@ -191,7 +191,7 @@ std::string engine_difference(const SipEngine& engine, const receiver::Market& w
     }
     for (std::size_t i = 0; i < engine.instruments.size(); ++i) {
         if (std::string found =
-                instrument_difference(told_instrument(engine.instruments[i]), whole.instruments[i]);
+                instrument_difference(reported_instrument(engine.instruments[i]), whole.instruments[i]);
             !found.empty()) {
             return found;
         }

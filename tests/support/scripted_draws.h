@@ -42,7 +42,7 @@ inline std::vector<std::uint64_t> quote_draws(int below, int above, int bid_lots
             real_draw(one_sided)};
 }
 
-// The lists one behind the other.
+// The lists, concatenated.
 inline std::vector<std::uint64_t> joined_draws(const std::vector<std::vector<std::uint64_t>>& parts) {
     std::vector<std::uint64_t> all;
     for (const std::vector<std::uint64_t>& part : parts) {

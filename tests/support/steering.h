@@ -26,7 +26,7 @@ struct SplitMix {
         return next() % count;
     }
 
-    // True once in so many times.
+    // True once in that many times.
     bool once_in(std::uint64_t count) {
         return below(count) == 0;
     }

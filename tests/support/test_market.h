@@ -106,7 +106,7 @@ private:
     std::size_t taken_ = 0;
 };
 
-// A folder of its own under the system's temporary one, removed at the end.
+// A fresh folder under the system's temporary one, removed at the end.
 class TempFolder {
 public:
     TempFolder();

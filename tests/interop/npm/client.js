@@ -38,7 +38,7 @@ client.on('message', (payload) => {
   result.messages.push(payload.toString('hex'));
 });
 
-// The library keeps server heartbeats to itself; its connection tells of them.
+// The library keeps server heartbeats to itself; its connection reports them.
 client._connection.on('packet', (packetType) => {
   if (packetType !== serverHeartbeat)
     return;

@@ -288,7 +288,7 @@ TEST(FeedLoop, BookFileAlone_IsWrittenAndNoBbo) {
     EXPECT_FALSE(std::filesystem::exists(folder.path("bbo.txt")));
 }
 
-// In a process of its own: a start with sockets also changes what signals do. The result is its exit status.
+// In a separate process: a start with sockets also changes what signals do. The result is its exit status.
 int reserve_after_start(const std::string& book_out, const std::string& bbo_out) {
     const pid_t child = fork();
     if (child == 0) {

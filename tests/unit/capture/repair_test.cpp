@@ -9,7 +9,7 @@ namespace {
 
 using testing::TestMarket;
 
-// A market whose packets a second receiver hears, as far as they are sent.
+// A market whose packets a second receiver gets, as far as they are sent.
 struct Market {
     Market() {
         std::string error;

@@ -50,7 +50,7 @@ TEST(Breaker, Messages_AreTheStatusThenAHaltAnInstrumentInListOrder) {
                                  "bench: B halted (MWC1) at seq " + std::to_string(mark + 5) +
                                  ", resuming in 5 s\n" + "bench: A halted (MWC1) at seq " +
                                  std::to_string(mark + 9) + ", resuming in 5 s\n");
-    // Two readings of its own, then one for each halt.
+    // Two readings for itself, then one for each halt.
     EXPECT_EQ(get_u64(message, 5) + get_u64(message, 13), 2 * now + 1);
     EXPECT_EQ(get_u64(market.message(mark + 2), 13), now + 2);
     EXPECT_EQ(get_u64(market.message(mark + 6), 13), now + 7);

@@ -174,7 +174,7 @@ TEST(LuldPause, Collar_IsAroundThePriceOfNowWithThePausesNumber) {
     EXPECT_EQ(price_at(collar, 52), 105'010'000);
     EXPECT_EQ(price_at(collar, 60), 95'000'000);
     EXPECT_EQ(collar[68], 0);
-    const testing::Bytes band = market.message(market.last() - 1);  // as it stood
+    const testing::Bytes band = market.message(market.last() - 1);  // unchanged
     EXPECT_EQ(price_at(band, 49), 180'500'000);
     EXPECT_EQ(price_at(band, 57), 199'500'000);
     EXPECT_EQ(market.at(0).quote_resume_ms, 1'009'000u);

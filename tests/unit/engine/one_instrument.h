@@ -35,7 +35,7 @@ struct OneInstrument {
     std::uint16_t slot(char market_center) {
         return static_cast<std::uint16_t>(&quote(market_center) - instrument().quotes);
     }
-    // Sends the center's quote as it stands.
+    // Sends the center's quote unchanged.
     const QuoteView& publish(char market_center, char sip_flag = ' ', std::uint64_t now_ns = 5) {
         return collect(
             [&] { publish_quote(market.engine, instrument(), quote(market_center), sip_flag, now_ns); });

@@ -105,7 +105,7 @@ TEST(QuoteForm, OwnOddLotPriceOutOfTheShortForm_MakesTheQuoteLong) {
     }
 }
 
-TEST(QuoteForm, LuldIndicators_StandInTheirPlaces) {
+TEST(QuoteForm, LuldIndicators_AreInTheirPlaces) {
     OneInstrument single("A");
     single.instrument().luld_lower = 100 * cent;
     single.instrument().luld_upper = 200 * cent;

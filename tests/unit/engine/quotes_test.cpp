@@ -92,7 +92,7 @@ TEST(DrawnQuote, ReferenceOfOneToThreeCents_BidMayBeZeroWithASizeOrNegative) {
     EXPECT_EQ(single.instrument().nbbo.ask, 20'000);
 }
 
-TEST(DrawnQuote, OddLotEveryThird_OrdersStandACentInsideAndGoWithTheNextUpdate) {
+TEST(DrawnQuote, OddLotEveryThird_OrdersAreACentInsideAndGoWithTheNextUpdate) {
     OneInstrument single("A", "IBM:100", "odd_lot_every=3");
     for (int round = 1; round <= 6; ++round) {
         std::vector<std::uint64_t> draws = quote_draws(2, 3, 1, 1);
@@ -110,7 +110,7 @@ TEST(DrawnQuote, OddLotEveryThird_OrdersStandACentInsideAndGoWithTheNextUpdate) 
     }
 }
 
-TEST(DrawnQuote, OddLotsWithAnEmptyAsk_StandAtTheReference) {
+TEST(DrawnQuote, OddLotsWithAnEmptyAsk_AreAtTheReference) {
     OneInstrument single("A", "IBM:100", "odd_lot_every=1");
     const QuoteView& view =
         single.draw('A', joined_draws({quote_draws(1, 1, 1, 1, 0.0),
@@ -119,9 +119,9 @@ TEST(DrawnQuote, OddLotsWithAnEmptyAsk_StandAtTheReference) {
               (std::vector<OddLotPart>{{'A', 'B', 100'000'000, 5, ""}, {'A', 'A', 100'000'000, 6, ""}}));
 }
 
-// ------------------------------------------------------------------ telling the NBBO
+// ------------------------------------------------------------------ reporting the NBBO
 
-TEST(NbboIndicator, FirstQuoteStillWithoutNbbo_IsToldOnceAndIsNoChange) {
+TEST(NbboIndicator, FirstQuoteStillWithoutNbbo_IsReportedOnceAndIsNoChange) {
     OneInstrument single;
     EXPECT_EQ(single.set('A', 0, 0, 0, 0).nbbo_ind, '1');
     EXPECT_TRUE(single.instrument().has_nbbo);
@@ -183,7 +183,7 @@ TEST(NbboIndicator, NonFirmQuoteOfAHalt_IsPublishedAndChangesNothing) {
     EXPECT_EQ(single.instrument().nbbo.bid, 99'990'000);
 }
 
-TEST(NbboIndicator, StaleQuotes_MayCrossTheMarketAndAreToldAsTheyAre) {
+TEST(NbboIndicator, StaleQuotes_MayCrossTheMarketAndAreReportedAsTheyAre) {
     OneInstrument single("AB");
     single.set('A', 9999, 100, 10001, 100);
     EXPECT_EQ(single.set('B', 10050, 100, 10060, 100).nbbo,
@@ -192,7 +192,7 @@ TEST(NbboIndicator, StaleQuotes_MayCrossTheMarketAndAreToldAsTheyAre) {
 
 // ------------------------------------------------------------------ best odd-lot quote
 
-TEST(BestOddLot, FoundUnchangedGone_AreToldAs2And0And1) {
+TEST(BestOddLot, FoundUnchangedGone_AreReportedAs2And0And1) {
     OneInstrument single("AB");
     single.set('A', 9999, 100, 10003, 100);
     single.set_odd_lots('B', 10000, 5, 10002, 6);
@@ -209,7 +209,7 @@ TEST(BestOddLot, FoundUnchangedGone_AreToldAs2And0And1) {
     EXPECT_EQ(single.instrument().has_best_odd_lot, false);
     EXPECT_EQ(single.instrument().best_odd_lot.bid, 100'000'000);  // what was stored stays
     EXPECT_EQ(single.publish('B').best_ind, '0');
-    // The same again after it was gone is told again.
+    // The same again after it was gone is reported again.
     single.set_odd_lots('B', 10000, 5, 10002, 6);
     EXPECT_EQ(single.publish('B').best_ind, '2');
 }
@@ -260,7 +260,7 @@ TEST(BestOddLot, EqualOrders_TheFirstLetterKeepsTheSide_AndBetterOnesReplaceIt) 
     EXPECT_EQ(single.publish('C').best, (BestOddLotPart{'C', 'C', 100'010'000, 100'030'000, 5, 6, ""}));
 }
 
-TEST(BestOddLot, OrdersOfACenterWhoseQuoteIsGone_StillStand) {
+TEST(BestOddLot, OrdersOfACenterWhoseQuoteIsGone_AreStillThere) {
     OneInstrument single("AB");
     single.set('A', 9990, 100, 10010, 100);
     single.set_odd_lots('B', 10000, 3, 10004, 4);
@@ -338,13 +338,13 @@ TEST(EmptyAllQuotes, AdfThatNeverQuoted_SendsBlankMpids) {
 }
 
 // Whoever follows the indicators of the messages alone knows the NBBO and the best odd-lot quote after each.
-TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentStands) {
+TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_HasTheInstrumentsState) {
     TestMarket market({.symbols = "IBM:100,TOOLONG:700,P:0.02",
                        .participants = "QNPZKVDAB",
                        .scenario = "odd_lot_every=2",
                        .seed = 11});
     market.start_of_day();
-    std::map<std::string, std::pair<NbboPart, BestOddLotPart>> told;
+    std::map<std::string, std::pair<NbboPart, BestOddLotPart>> reported;
     std::uint64_t sequence = 1;
     std::map<char, int> nbbo_seen;
     std::map<char, int> best_seen;
@@ -355,7 +355,7 @@ TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentS
                 continue;
             }
             const QuoteView view = read_quote(message);
-            auto& [nbbo, best] = told[view.symbol.substr(0, 2)];
+            auto& [nbbo, best] = reported[view.symbol.substr(0, 2)];
             ++nbbo_seen[view.nbbo_ind];
             ++best_seen[view.best_ind];
             switch (view.nbbo_ind) {
@@ -373,7 +373,7 @@ TEST(EveryQuote_Seed11, ReceiverThatAppliesTheMessages_StandsWhereTheInstrumentS
         }
         for (std::size_t at = 0; at < 3; ++at) {
             const Instrument& instrument = market.at(at);
-            auto& [nbbo, best] = told[std::string(wire_symbol(instrument).substr(0, 2))];
+            auto& [nbbo, best] = reported[std::string(wire_symbol(instrument).substr(0, 2))];
             nbbo.condition = '-';
             ASSERT_EQ(nbbo,
                       (NbboPart{'-', instrument.nbbo.bid_market_center, instrument.nbbo.ask_market_center,

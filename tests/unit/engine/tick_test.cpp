@@ -54,7 +54,7 @@ List scripted_tick(TestMarket& market, const Draws& draws) {
     return briefs(market, before + 1, market.last());
 }
 
-// One quote update of a participant text with so many letters.
+// One quote update of a participant text with that many letters.
 Draws update(int letters, int index, int below = 1, int above = 1) {
     return joined_draws({{int_draw(0, letters - 1, index)}, quote_draws(below, above, 1, 1)});
 }
@@ -396,7 +396,7 @@ TEST(Resumption, InsideATick_IsFollowedByTheRestOfTheStep) {
     EXPECT_EQ(scripted_tick(market, step), (List{"action T T3 3", "trade Q @5  ", "quote Q R", "quote Q R"}));
 }
 
-TEST(Resumption, BothDueInOneTick_RunOneBehindTheOther) {
+TEST(Resumption, BothDueInOneTick_RunOneAfterTheOther) {
     StderrCapture errors;
     TestMarket market({.symbols = "A:100", .participants = "Q"});
     market.start_of_day();

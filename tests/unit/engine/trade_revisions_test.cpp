@@ -309,7 +309,7 @@ struct LiveTape {
     };
     std::vector<Trade> trades;  // oldest first
 
-    // Takes the trade of this center and id away; false when it is not there or not as told.
+    // Takes the trade of this center and id away; false when it is not there or not as reported.
     bool remove(const TradeView& view) {
         const auto found = std::find_if(trades.rbegin(), trades.rend(), [&view](const Trade& trade) {
             return trade.center == view.center && trade.id == view.id;

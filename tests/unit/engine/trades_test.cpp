@@ -81,7 +81,7 @@ TEST(RecordTrade, EveryField_IsInTheShortReport) {
     EXPECT_EQ(view.size, 300'000'000u);
     EXPECT_EQ(view.conditions, "@F  ");
     EXPECT_EQ(view.exempt, 'X');
-    EXPECT_EQ(view.changes, "77");  // the first trade sets high, low and last at once
+    EXPECT_EQ(view.changes, "77");  // the first trade sets high, low and last together
     EXPECT_EQ(view.participant_time, trade_time);
     EXPECT_EQ(view.trf_time, 0u);
     EXPECT_EQ(view.sip_time, 1'700'000'000'000'000'000u);

@@ -117,7 +117,7 @@ TEST(Judge, LinesOutOfOrderWithinTheWindow_Agree) {
     Bench bench;
     ASSERT_TRUE(bench.run(stretch(1, 8), lines({3, 1, 2, 8, 4, 7, 6, 5})));
     expect_totals(bench.result, 8, 0, 0, 0);
-    // A whole recovered gap of the window's size behind the line that showed it.
+    // A whole recovered gap of the window's size after the line that showed it.
     ASSERT_TRUE(bench.run(stretch(1, window_lines_max + 10),
                           line(1) + stretch(12, window_lines_max + 10) + stretch(2, 11)));
     expect_totals(bench.result, window_lines_max + 10, 0, 0, 0);

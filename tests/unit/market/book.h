@@ -9,7 +9,7 @@
 
 namespace tessel::testing {
 
-// An instrument with quotes of its own, one a letter from 'A' on.
+// An instrument with its quotes, one a letter from 'A' on.
 struct Book {
     std::vector<ParticipantQuote> quotes;
     Instrument instrument;

@@ -24,7 +24,7 @@ std::string show(const PriceLevels& levels) {
 
 std::string levels_of(const Instrument& instrument, char side, std::size_t most) {
     PriceLevels levels;
-    levels.count = 99;  // what stands there before is of no importance
+    levels.count = 99;  // what was there before does not matter
     build_levels(instrument, side, most, levels);
     return show(levels);
 }

@@ -44,7 +44,7 @@ std::string show(const PriceLevels& levels) {
     return text;
 }
 
-// Both sides' levels are those of build_levels, whether the index can tell them or not.
+// Both sides' levels are those of build_levels, whether the index can give them or not.
 void compare_levels(const Instrument& instrument) {
     for (const std::size_t most : {std::size_t{1}, book_levels_max, truth_levels_max}) {
         PriceLevels bids;

@@ -279,7 +279,7 @@ TEST(PublisherFaults, TwoHeldInARow_TheFirstIsLost) {
     EXPECT_EQ(message_count(test.publisher.history), 4u);  // the lost packet's message can be asked for
 }
 
-TEST(PublisherFaults, HeldAndDoubled_HeldOnlyAndThePendingDuplicateIsGone) {
+TEST(PublisherFaults, HeldAndDuplicated_HeldOnlyAndThePendingDuplicateIsGone) {
     TestPublisher test;
     StderrCapture errors;
     test.publisher.faults.pending_dups = 1;
@@ -290,7 +290,7 @@ TEST(PublisherFaults, HeldAndDoubled_HeldOnlyAndThePendingDuplicateIsGone) {
     EXPECT_EQ(test.publisher.faults.pending_dups, 0u);
 }
 
-TEST(PublisherFaults, Doubled_TheSameBytesTwiceThenTheHeldPacket) {
+TEST(PublisherFaults, Duplicated_TheSameBytesTwiceThenTheHeldPacket) {
     TestPublisher test;
     StderrCapture errors;
     test.publisher.faults.pending_reorders = 1;
@@ -320,7 +320,7 @@ TEST(PublisherFaults, HeldPacket_OutlivesHeartbeatsAndDroppedPackets) {
     EXPECT_EQ(test.sent(), "2+0 3+0 3+1 1+1");
 }
 
-TEST(PublisherFaults, Heartbeats_AreNeverDroppedDoubledOrHeld) {
+TEST(PublisherFaults, Heartbeats_AreNeverDroppedDuplicatedOrHeld) {
     TestPublisher test;
     StderrCapture errors;
     test.publisher.faults.drop_every = 1;

@@ -29,7 +29,7 @@ struct Bench {
     std::vector<Request> requests;
     std::vector<Request> expired;
     std::vector<std::uint64_t> restarts;  // the first number known of each new run
-    std::string run;                      // stands before the numbers in the messages of the packets made
+    std::string run;                      // precedes the numbers in the messages of the packets made
     std::string last_text;                // of the last message delivered
     std::int64_t now_ms = 0;
 

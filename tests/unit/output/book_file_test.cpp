@@ -182,12 +182,13 @@ TEST(ReplaceFile, FullDisk_KeepsTheOldFile) {
     ASSERT_EQ(symlink("/dev/full", (path + ".tmp").c_str()), 0);
     replace_file(path, "new\n");
     EXPECT_EQ(read_file(path), "old\n");
-    EXPECT_FALSE(std::filesystem::is_symlink(path + ".tmp")) << "the twin that could not be written is gone";
+    EXPECT_FALSE(std::filesystem::is_symlink(path + ".tmp"))
+        << "the temporary file that could not be written is gone";
     replace_file(path, "new\n");
     EXPECT_EQ(read_file(path), "new\n");
 }
 
-// A limit on the size of files makes a write end short; only a process of its own can have one.
+// A limit on the size of files makes a write end short; only a separate process can have one.
 TEST(ReplaceFile, WriteThatEndsHalfway_KeepsTheOldFile) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
@@ -211,7 +212,7 @@ TEST(ReplaceFile, WriteThatEndsHalfway_KeepsTheOldFile) {
 TEST(ReplaceFile, FailedOpen_StillRenamesAnOlderTemporaryFile) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");
-    // A twin that cannot be opened for writing: a folder of that name, which can still be renamed.
+    // A temporary file that cannot be opened for writing: a folder of that name, which can still be renamed.
     ASSERT_TRUE(std::filesystem::create_directory(path + ".tmp"));
     replace_file(path, "new\n");
     EXPECT_TRUE(std::filesystem::is_directory(path));
@@ -254,7 +255,7 @@ TEST(ReplaceFile, LongerStaleTemporary_IsCutToTheNewText) {
     EXPECT_EQ(read_file(path), "new\n");
 }
 
-// In a process of its own, which then has no descriptor left.
+// In a separate process, which then has no descriptor left.
 TEST(ReplaceFile, OutOfDescriptors_WrittenInPlaceOfTheReserveEachTime) {
     const TempFolder folder;
     const std::string path = folder.path("book.json");

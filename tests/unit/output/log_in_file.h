@@ -15,7 +15,7 @@
 
 namespace tessel::testing {
 
-// An instrument with quotes of its own and a log in a file.
+// An instrument with its quotes and a log in a file.
 struct Log {
     TempFolder folder;
     std::string path = folder.path("truth.jsonl");

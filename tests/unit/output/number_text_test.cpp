@@ -15,7 +15,7 @@ namespace {
 constexpr std::int64_t cent = 10'000;
 constexpr std::int64_t most_cents = 1'000'000'000'100;  // a little beyond what a price is held to
 
-// What a function writes; nothing may stand behind the end that it returns.
+// What a function writes; nothing may be written after the end that it returns.
 template <typename Put, typename Value>
 std::string written(Put put, Value value) {
     std::array<char, 48> room;

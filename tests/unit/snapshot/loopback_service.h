@@ -113,7 +113,7 @@ struct Client {
     std::string received;
 };
 
-// A server with a market behind it. pass() waits until loopback has carried what clients did.
+// A server with its market. pass() waits until loopback has carried what clients did.
 struct Service {
     explicit Service(const MarketOptions& options = {.symbols = "AAPL:190", .participants = "QN"})
         : market(options) {

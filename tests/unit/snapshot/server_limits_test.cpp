@@ -157,7 +157,7 @@ TEST(SnapshotServer, LimitPassed_OlderConnectionsAreRejectedToo) {
     EXPECT_EQ(old.received, std::string("\0\2JA", 4));
 }
 
-// Reads until the end of snapshot, as a client of its own would; the server waits for its reader meanwhile.
+// Reads until the end of snapshot, as a separate client would; the server waits for its reader meanwhile.
 void read_spin(Client& client) {
     const timeval patience{60, 0};
     setsockopt(client.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);

@@ -71,7 +71,7 @@ TEST(SnapshotServer, LoginThatAsksForTooMuch_IsRejectedWithS) {
     const struct {
         const char* session;
         const char* sequence;
-        const char* told;
+        const char* reason;
     } rows[] = {{"", "2", "session '' seq 2"},
                 {"UTPBENCH01", "2", "session 'UTPBENCH01' seq 2"},
                 {"OTHER", "1", "session 'OTHER' seq 1"},
@@ -82,12 +82,12 @@ TEST(SnapshotServer, LoginThatAsksForTooMuch_IsRejectedWithS) {
         Service service;
         Client client(service.port);
         client.say(login("LATE", row.session, row.sequence));
-        ASSERT_TRUE(service.closes(client)) << row.told;
-        EXPECT_EQ(client.received, std::string("\0\2JS", 4)) << row.told;
-        EXPECT_NE(service.log.take().find(std::string("bench: Snap-Shot login 'LATE' ") + row.told +
+        ASSERT_TRUE(service.closes(client)) << row.reason;
+        EXPECT_EQ(client.received, std::string("\0\2JS", 4)) << row.reason;
+        EXPECT_NE(service.log.take().find(std::string("bench: Snap-Shot login 'LATE' ") + row.reason +
                                           " rejected (" + reason_s + ")\n"),
                   std::string::npos)
-            << row.told;
+            << row.reason;
         EXPECT_EQ(service.stats().snapshot_rejects, 1u);
         EXPECT_EQ(service.stats().snapshots, 0u);
         EXPECT_TRUE(service.server.connections.empty());
@@ -211,7 +211,7 @@ TEST(SnapshotServer, LoginsInOneBurst_AreServedOneAPass) {
     EXPECT_EQ(service.stats().snapshots, 2u);
     service.pass();
     EXPECT_EQ(service.stats().snapshots, 3u);
-    EXPECT_TRUE(service.server.connections.empty()) << "the logout behind the last of them";
+    EXPECT_TRUE(service.server.connections.empty()) << "the logout after the last of them";
 }
 
 TEST(SnapshotServer, LogoutSentWithTheLogin_IsReceivedInTheSamePass) {
@@ -228,7 +228,7 @@ TEST(SnapshotServer, LoginThatWaited_IsServedThoughTheClientIsGoneByThen) {
     Client client(service.port);
     client.say(login("LATE") + login("LATE") + packet('O'));
     ASSERT_TRUE(service.pass_until([&] { return service.stats().snapshots == 1; }));
-    // The descriptor of the server's side tells when the end of the stream is there.
+    // The descriptor of the server's side reports when the end of the stream is there.
     client.end();
     pollfd peer{service.server.connections.at(0).fd, POLLRDHUP, 0};
     ASSERT_EQ(poll(&peer, 1, 60'000), 1);
@@ -322,7 +322,7 @@ TEST(SnapshotServer, EndOfStreamInTheSamePassAsALogin_ClosesBeforeItIsParsed) {
     Client client(service.port);
     client.say(login("LATE"));
     shutdown(client.fd, SHUT_WR);
-    // Both must have arrived before the pass: the descriptor tells the end of the stream.
+    // Both must have arrived before the pass: the descriptor reports the end of the stream.
     pollfd peer{-1, 0, 0};
     poll(&peer, 1, 50);
     ASSERT_TRUE(service.closes(client));

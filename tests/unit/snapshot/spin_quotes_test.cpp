@@ -144,7 +144,7 @@ TEST(SpinQuote, EveryQuote_CarriesTheStoredBestOddLot) {
     EXPECT_EQ(get_text(quote, 105, 8), "    GSCO") << "only the ADF's side has an MPID";
 
     instrument.has_best_odd_lot = false;
-    EXPECT_EQ(quote_of(spin_of(centers.market), 'Q').at(79), '0') << "one that has gone is not told";
+    EXPECT_EQ(quote_of(spin_of(centers.market), 'Q').at(79), '0') << "one that has gone is not reported";
 }
 
 TEST(SpinQuote, Quote_CarriesItsOwnOddLotList) {

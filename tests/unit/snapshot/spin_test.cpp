@@ -104,7 +104,7 @@ TEST(Spin, HaltedInstrument_HasAnActionAndNoCollar_APausedOneHasBoth) {
     const Bytes& paused = messages.at(12);
     EXPECT_EQ(paused.at(40), 'P');
     EXPECT_EQ(get_text(paused, 53, 6), "LUDP  ");
-    EXPECT_EQ(messages.at(14).at(40), 'D') << "a deactivated band is told as such";
+    EXPECT_EQ(messages.at(14).at(40), 'D') << "a deactivated band is sent as such";
     EXPECT_EQ(messages.at(16).at(40), 'A');
     const Bytes& collar = messages.at(17);
     EXPECT_EQ(get_text(collar, 29, 11), "B          ");
@@ -188,7 +188,7 @@ TEST(Spin, Quotes_AreInLetterOrderWithTheirConditionAndABlankSipFlag) {
     }
     EXPECT_EQ(centers, "BQZ");
     const Bytes wiped = quote_of(messages, 'Q');
-    EXPECT_EQ(get_u64(wiped, 48), 0u) << "a quote that is not present is told as zeros";
+    EXPECT_EQ(get_u64(wiped, 48), 0u) << "a quote that is not present is sent as zeros";
     EXPECT_EQ(get_u32(wiped, 56), 0u);
     EXPECT_EQ(get_u64(wiped, 60), 0u);
     EXPECT_EQ(get_u32(wiped, 68), 0u);
@@ -231,14 +231,14 @@ TEST(Spin, TwoInARow_DifferOnlyInTheRebuiltTimeStampsWhenNothingHappened) {
 TEST(Spin, AnySpin_UsesNoSequenceNumberAndNoDraw) {
     TestMarket market;
     market.start_of_day();
-    TestMarket twin;
-    twin.start_of_day();
+    TestMarket other;
+    other.start_of_day();
     spin_of(market);
-    EXPECT_EQ(market.last(), twin.last());
-    market.clock.simulated_wall_ns = twin.clock.simulated_wall_ns;
+    EXPECT_EQ(market.last(), other.last());
+    market.clock.simulated_wall_ns = other.clock.simulated_wall_ns;
     market.run_ticks(20);
-    twin.run_ticks(20);
-    EXPECT_EQ(market.messages(1, market.last()), twin.messages(1, twin.last()));
+    other.run_ticks(20);
+    EXPECT_EQ(market.messages(1, market.last()), other.messages(1, other.last()));
 }
 
 // A market whose spin is larger than the buffer that it goes through.

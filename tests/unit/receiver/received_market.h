@@ -11,7 +11,7 @@
 // A market that has received hand-made messages, and the truth lines that they cause.
 namespace tessel::receiver::hand_made {
 
-struct Heard {
+struct ReceivedMarket {
     Market market;
     std::uint64_t sequence = 0;
 
