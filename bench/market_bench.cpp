@@ -42,7 +42,7 @@ std::string symbols_text(std::size_t instruments) {
     return text;
 }
 
-// A started market. Its truth log, if any, is a file in memory that has no name: nothing is left behind.
+// A started market. Its truth log, if any, is a file in memory that has no name: nothing is left over.
 struct Market {
     Clock clock;
     Random rng;

@@ -2,7 +2,7 @@
 
 add_custom_target(benches)
 
-# tessel_bench(glob libs...): each file found is a program of its own, named after the file.
+# tessel_bench(glob libs...): each file found is a separate program, named after the file.
 function(tessel_bench glob)
   file(GLOB files CONFIGURE_DEPENDS ${glob})
   foreach(file ${files})

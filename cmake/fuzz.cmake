@@ -33,7 +33,7 @@ if(fuzz_files AND TARGET tessel_test_support)
       target_link_options(${stem} PRIVATE -fsanitize=fuzzer)
       add_test(NAME fuzz.${name} COMMAND ${stem} -runs=0 ${corpus})
     else()
-      # The wrapper gives the target's entry point a name of its own, so that all fit into one program.
+      # The wrapper gives the target's entry point a unique name, so that all fit into one program.
       set(wrapper ${CMAKE_BINARY_DIR}/fuzz_wrappers/${stem}.cpp)
       file(CONFIGURE OUTPUT ${wrapper} CONTENT
         "#define LLVMFuzzerTestOneInput fuzz_${name}\n#include \"${file}\"\n")

@@ -90,7 +90,7 @@ target_link_libraries(tessel_reference PRIVATE tessel_test_support)
 add_test(NAME build.generated_files COMMAND tessel_reference --check ${PROJECT_SOURCE_DIR})
 set_tests_properties(build.generated_files PROPERTIES LABELS build)
 
-# The simulator is a program of its own: a seed and a length go in, the first violated invariant comes out.
+# The simulator takes a seed and a length and reports the first violated invariant.
 file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
 add_executable(tessel_simulator ${simulator_files})
 tessel_test_options(tessel_simulator O1)

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Tells where a tick's instructions go, by source file, with and without truth; can write it to a page.
+"""Reports where a tick's instructions go, by source file, with and without truth; can write it to a page.
 
     bench/profile/profile.py [--write docs/performance.md]
 
 Counted by callgrind over the program that the release build makes, built once more with line numbers: most
-functions on the way of a quote are inlined into it, and only the lines tell them apart. The difference of a
+functions on the quote path are inlined into it, and only the lines distinguish them. The difference of a
 long and a short run is taken, so that start-up is not in it.
 """
 

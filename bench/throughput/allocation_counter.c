@@ -1,5 +1,5 @@
 /* Counts allocations: preloaded into the feed, it writes how many there were to the file named by ALLOCATION_COUNT_FILE
- * at each SIGUSR2. Calls into the C library's own functions behind its names. */
+ * at each SIGUSR2. Calls the C library's internal functions. */
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <signal.h>
@@ -30,7 +30,7 @@ void* realloc(void* memory, size_t size) {
 
 static char path[512];
 
-static void tell(int number) {
+static void write_count(int number) {
     (void)number;
     char text[24];
     int at = sizeof text;
@@ -54,5 +54,5 @@ __attribute__((constructor)) static void start(void) {
     for (size_t at = 0; name != NULL && name[at] != 0 && at + 1 < sizeof path; ++at) {
         path[at] = name[at];
     }
-    signal(SIGUSR2, tell);
+    signal(SIGUSR2, write_count);
 }

@@ -41,7 +41,7 @@ def symbols(count):
 
 
 def process_seconds(pid):
-    """CPU seconds of a process, in nanosecond steps where the scheduler tells them."""
+    """CPU seconds of a process, in nanosecond steps where the scheduler reports them."""
     try:
         return int(pathlib.Path("/proc/%d/schedstat" % pid).read_text().split()[0]) * 1e-9
     except (OSError, ValueError):
@@ -70,7 +70,7 @@ class OtherLoad:
 class Emptied:
     """Keeps a truth file small while it is written to. A file that grows by gigabytes takes memory that a
     virtual machine must first get from its host, which costs several times what the line does and changes
-    from run to run; pages just given up are at hand."""
+    from run to run; pages just freed are at hand."""
 
     PAUSE = 0.05
 
@@ -97,7 +97,7 @@ class Emptied:
 
 
 class Receiver:
-    """Joins the group and throws away what comes, in a process of its own on the other core."""
+    """Joins the group and throws away what comes, in a separate process on the other core."""
 
     CODE = """
 import socket, struct, sys
@@ -132,7 +132,7 @@ while True:
 def control(port, line):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
         asker.settimeout(30)
-        # Connected, a port that nobody has opened yet refuses at once and is not waited for: the feed would
+        # Connected, a port that nobody has opened yet refuses immediately, without a wait: the feed would
         # run on meanwhile, and its histories and its truth grow.
         asker.connect(("127.0.0.1", port))
         asker.send(line.encode())

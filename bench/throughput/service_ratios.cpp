@@ -241,7 +241,7 @@ void send_all(void* context, const unsigned char* bytes, std::size_t size) {
     }
 }
 
-// Every measurement starts with empty socket buffers: the one before would else pay for it, or be paid for.
+// Every measurement starts with empty socket buffers: otherwise two would share a cost.
 void await_drained(const Drain& drain) {
     while (drain.received != drain.sent) {
         usleep(100);

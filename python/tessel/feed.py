@@ -22,7 +22,7 @@ HEARTBEAT = struct.Struct("!10sQH")  # session, next sequence number, a count of
 
 
 class Feed:
-    """One run of the feed, on free ports and a group of its own. It runs when the constructor returns.
+    """One run of the feed, on free ports and a private group. It runs when the constructor returns.
 
     symbols, interval_ms, seed    the options of those names, when not None
     scenario    the text of TESSEL_SCENARIO

@@ -1,4 +1,4 @@
-"""Child processes: found, started, read, and never left behind."""
+"""Child processes: found, started, read, and always ended."""
 
 from __future__ import annotations
 

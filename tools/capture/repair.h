@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-// A second receiver: it hears what the capture records, and asks the retransmission service for the rest.
+// A second receiver: it receives what the capture records, and requests the rest from the retransmission
+// service.
 namespace tessel::capture {
 
 struct Repair {

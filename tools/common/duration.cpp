@@ -14,7 +14,7 @@ bool is_digit(char letter) {
     return letter >= '0' && letter <= '9';
 }
 
-// A decimal number on its way to nanoseconds: the digits before the point, and those after it as they stand.
+// A decimal number on its way to nanoseconds: the digits before the point, and those after it unchanged.
 struct Decimal {
     std::int64_t whole = 0;
     std::string_view decimals;

@@ -39,7 +39,7 @@ struct OpenLoop {
 
 struct Parser {
     Timeline& timeline;
-    std::vector<OpenLoop> open;  // the file itself is [0], which has no clock of its own
+    std::vector<OpenLoop> open;  // the file itself is [0], which has no separate clock
     std::vector<std::pair<Clock, Node>> top;
     std::uint32_t line = 0;
 };

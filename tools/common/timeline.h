@@ -19,7 +19,7 @@
 //     at seq 0 dup 1               numbers inside are added to that of the round: 20000, 20500, ...
 //     end
 //
-// A loop stands for its lines written out round by round. "loop 3 every 20s" alone begins at the start. Loops
+// A loop means its lines, written out round by round. "loop 3 every 20s" alone begins at the start. Loops
 // nest; a loop by time holds lines by time, a loop by number lines by number. '#' begins a comment.
 namespace tessel::common {
 

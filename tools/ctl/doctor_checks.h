@@ -36,7 +36,7 @@ struct Facts {
     bool has_route = false;
     std::string route_interface;
     std::vector<std::string> members;  // interfaces on which somebody has joined the group
-    int rp_filter = 0;                 // of the interface: the larger of its own and that of all
+    int rp_filter = 0;                 // the interface's or that of all, whichever is larger
     long rmem_max = 0;                 // bytes; 0: could not be read
     bool ruleset_known = false;
     FirewallFinding ruleset;

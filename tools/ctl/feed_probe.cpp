@@ -103,7 +103,7 @@ void drain_wire(Probe& probe, int fd, in_addr group, std::uint16_t port) {
         if (length < 0) {
             return;
         }
-        // What this host sends is looped back as a packet of its own.
+        // What this host sends is looped back as a separate packet.
         if (from.sll_pkttype != PACKET_OUTGOING) {
             take_wire(probe, bytes, static_cast<std::size_t>(length), group, port);
         }

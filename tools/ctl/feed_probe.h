@@ -9,7 +9,7 @@
 // Joins a group as a receiver would and counts what comes, on the wire as well as at the socket.
 namespace tessel::ctl {
 
-// One sender of MoldUDP64 packets. Sources beyond the sixteenth are not told apart.
+// One sender of MoldUDP64 packets. Sources beyond the sixteenth are not distinguished.
 struct ProbeSource {
     std::string address;  // HOST:PORT
     std::string session;

@@ -15,7 +15,7 @@ struct FirewallFinding {
 
 // Reads what `nft list ruleset` prints and looks, in the chains that see arriving packets, for the first rule
 // or policy that would drop the feed's. It reads rules, it does not run them: a rule that asks for a protocol
-// other than UDP, another port or another group is passed over, and so is everything behind a rule that
+// other than UDP, another port or another group is passed over, and so is everything after a rule that
 // accepts the feed.
 FirewallFinding read_ruleset(std::string_view ruleset, std::string_view group, std::uint16_t port);
 

@@ -47,7 +47,7 @@ CLI::App* add_command(CLI::App& app, const std::string& name, const std::string&
                       const std::string& group) {
     CLI::App* const command = app.add_subcommand(name, text);
     command->group(group);
-    command->fallthrough();  // --control and --json may stand behind the command, too
+    command->fallthrough();  // --control and --json are also accepted after the command
     command->option_defaults()->take_last();
     return command;
 }
@@ -71,7 +71,7 @@ void add_stats(CLI::App& app, CommandLine& line) {
     stats->add_option("--interval", line.stats.interval_seconds, "Seconds between two lines of --watch")
         ->check(CLI::Range(0.01, 86400.0))
         ->capture_default_str();
-    stats->add_option("--count", line.stats.count, "End --watch after so many lines; 0: never")
+    stats->add_option("--count", line.stats.count, "End --watch after this many lines; 0: never")
         ->capture_default_str();
 }
 

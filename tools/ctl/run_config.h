@@ -29,7 +29,7 @@ struct RunConfig {
     bool has_scenario = false;      // there is a [scenario], if only an empty one
 };
 
-// At most so many faults are listed.
+// At most this many faults are listed.
 constexpr std::size_t faults_listed_max = 20;
 
 // Reads a configuration. `folder` is where a relative symbols_file is looked for; empty for the current one.

@@ -117,7 +117,7 @@ bool select_run(const Options& options, const LineSource& truth, JudgedRuns& run
     return true;
 }
 
-// Scans OUTPUT in a thread of its own while the truth is scanned.
+// Scans OUTPUT in a second thread while the truth is scanned.
 struct OutputScan {
     SingleRun single;
     std::string error;

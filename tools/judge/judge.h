@@ -32,7 +32,7 @@ inline constexpr std::size_t unknown_members_kept_max = 100;
 inline constexpr std::size_t unknown_member_bytes_max = 100;
 
 inline constexpr std::size_t buckets_per_run = 60;
-// Runs that get a chart of their own; of the others only the totals are kept.
+// Runs that get a chart each; of the others only the totals are kept.
 inline constexpr std::size_t charted_runs_max = 8;
 
 inline constexpr std::size_t jobs_max = 256;
@@ -69,7 +69,7 @@ struct Difference {
     std::uint64_t seq_last = 0;  // of a stretch of missing lines, otherwise seq
     std::uint64_t lines = 1;
     std::string reason;            // of an unexpected line
-    std::uint32_t members = 0;     // of a mismatched line: bit i stands for member i
+    std::uint32_t members = 0;     // of a mismatched line: bit i means member i
     std::uint64_t truth_line = 0;  // line numbers in the files, 0 when there is none
     std::uint64_t output_line = 0;
     std::string truth_text;  // the first one's, of a stretch
@@ -131,7 +131,7 @@ struct TornLineAt {
 
 struct Result {
     std::size_t truth_runs = 0;              // in the file
-    std::size_t output_runs = 0;             // as told apart
+    std::size_t output_runs = 0;             // as recognized
     std::size_t output_runs_not_judged = 0;  // the truth has one run, and these are not it
     std::size_t output_run = 0;  // the judged one of several when the truth has one, the first is 1
     std::uint64_t truth_marks = 0;

@@ -143,7 +143,7 @@ bool same_number(std::size_t member, bool first, std::string_view& truth, std::s
            expected.whole > mwcb_level_max && got == Number{false, mwcb_level_max, 0};
 }
 
-// Takes a string with its quotes off the front; escapes are kept as they stand.
+// Takes a string with its quotes off the front; escapes are kept unchanged.
 std::string_view take_string(std::string_view& text) {
     std::size_t size = 1;
     while (size < text.size() && text[size] != '"') {

@@ -5,7 +5,7 @@
 #include <string_view>
 
 // What tessel-listen says on standard error. A line that cannot be written is dropped: a full disk or a
-// closed pipe behind standard error never ends the program.
+// closed pipe at standard error never ends the program.
 namespace tessel::listen {
 
 // Longest error line, without its line feed. The lines of the summary may be longer.

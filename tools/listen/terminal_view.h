@@ -22,14 +22,14 @@ struct ViewStatus {
 };
 
 // The picture as plain lines, none longer than the terminal is wide: the heading, as many instruments as fit
-// (in directory order, with a line that tells how many do not), and the foot line last.
+// (in directory order, with a line that says how many do not), and the foot line last.
 std::string render_view(const receiver::Market& market, const receiver::SequencerCounters& counters,
                         const ViewStatus& status, ViewSize size);
 
 // The size of the terminal on standard output.
 ViewSize terminal_size();
 
-// Switches standard output to a screen of its own and back.
+// Switches standard output to the alternate screen and back.
 void open_view();
 void close_view();
 
