@@ -126,11 +126,16 @@ int watch_stats(ControlClient& client, const StatsOptions& options, bool json) {
 }  // namespace
 
 int control_command(const ControlOptions& control, const std::string& command) {
-    ControlClient client;
     std::string error;
     if (!common::check_control_command(command, error)) {
         return fail(ExitStatus::asked_wrongly, error);
     }
+    return plain_command(control, command);
+}
+
+int plain_command(const ControlOptions& control, const std::string& command) {
+    ControlClient client;
+    std::string error;
     if (const int status = open(control, client)) {
         return status;
     }

@@ -18,6 +18,9 @@ struct ControlOptions {
 // is meant, 3 when nobody answers.
 int control_command(const ControlOptions& control, const std::string& command);
 
+// A command passed on without a look at it, as for a relay: 0, 1 for "err", 3 when nobody answers.
+int plain_command(const ControlOptions& control, const std::string& command);
+
 struct StatsOptions {
     bool watch = false;
     double interval_seconds = 1;

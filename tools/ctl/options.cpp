@@ -26,6 +26,7 @@ constexpr const char* examples = R"(Examples:
   tesselctl script day.txt                     "+2.5s halt AAPL", "at seq 10000 drop 3", loops
   tesselctl doctor --iface 10.0.0.2            why does nothing arrive?
   tesselctl account --received 8000
+  tesselctl relay --control 127.0.0.1:25190 line A drop=5%
 
 tesselctl COMMAND --help has the options of a command.
 Exit status: 0 done; 1 the feed answered err, or doctor found a problem; 2 asked wrongly; 3 nobody answers.)";
@@ -39,7 +40,8 @@ struct CommandLine {
     std::string script_path;
     AccountOptions account;
     DoctorOptions doctor;
-    std::string argument;  // of a control command
+    std::vector<std::string> relay;  // words of a relay's command
+    std::string argument;            // of a control command
     std::vector<std::string> further;
 };
 
@@ -125,6 +127,16 @@ void add_account(CLI::App& app, CommandLine& line) {
         "What the feed wrote to standard error: counts the messages of dropped packets exactly");
 }
 
+void add_relay(CLI::App& app, CommandLine& line) {
+    CLI::App* const relay = add_command(app, "relay", "A command for tessel-relay", "Commands");
+    relay->add_option("WORDS", line.relay, "line NAME KEY=VALUE, stats or stop")->required()->take_all();
+    relay->footer(R"(tesselctl relay --control HOST:PORT WORDS...
+
+Examples:
+  tesselctl relay --control 127.0.0.1:25190 line A drop=5%
+  tesselctl relay --control 127.0.0.1:25190 stats)");
+}
+
 void add_control_commands(CLI::App& app, CommandLine& line) {
     for (const common::ControlCommand& each : common::control_commands()) {
         if (each.word == "stats") {
@@ -157,6 +169,7 @@ void declare(CLI::App& app, CommandLine& line) {
     add_script(app, line);
     add_doctor(app, line);
     add_account(app, line);
+    add_relay(app, line);
     add_control_commands(app, line);
     app.footer(examples);
 }
@@ -181,7 +194,7 @@ std::string unknown_command(int count, const char* const* words) {
     for (const common::ControlCommand& command : common::control_commands()) {
         names.push_back(command.word);
     }
-    names.insert(names.end(), {"run", "script", "doctor", "account"});
+    names.insert(names.end(), {"run", "script", "doctor", "account", "relay"});
     if (word.empty() || std::find(names.begin(), names.end(), word) != names.end()) {
         return "";
     }
@@ -214,6 +227,13 @@ int dispatch(const std::string& command, CommandLine& line) {
             return fail("account needs --received N or --listen-summary FILE");
         }
         return account(line.control, line.account);
+    }
+    if (command == "relay") {
+        std::string words;
+        for (const std::string& word : line.relay) {
+            words += (words.empty() ? "" : " ") + word;
+        }
+        return plain_command(line.control, words);
     }
     return control_command(line.control, command + (line.argument.empty() ? "" : " " + line.argument));
 }
