@@ -317,7 +317,8 @@ def test_tesselctl_passes_words_on(tmp_path):
     command = [program("tesselctl"), "relay", "--control", f"127.0.0.1:{port}"]
 
     def run(*words):
-        return subprocess.run([*command, *words], capture_output=True, text=True, timeout=scaled(60), check=False)
+        return subprocess.run([*command, *words], capture_output=True, text=True, timeout=scaled(60),
+                              check=False)
     with start_relay(feed, "--line", f"A={unique_group()}:{free_port()}", "--control-port", port) as relay:
         done = run("line", "A", "drop=5%")
         assert (done.returncode, done.stdout) == (0, "ok line A drop=5%\n")
