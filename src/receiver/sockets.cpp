@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <ctime>
 
 namespace tessel::receiver {
 
@@ -36,13 +37,17 @@ int set_receive_buffer(int fd, int bytes) {
     return granted / 2;  // the system counts its own overhead in and reports twice what was granted
 }
 
-// The count of datagrams dropped so far that the system attaches to the next one it delivers.
-void read_drops(MulticastSocket& from, msghdr& header) {
+// What the system attaches to a datagram: the count of those dropped so far, and when this one arrived.
+void read_attachments(MulticastSocket& from, msghdr& header) {
     for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
         if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SO_RXQ_OVFL) {
             std::uint32_t drops = 0;
             std::memcpy(&drops, CMSG_DATA(part), sizeof drops);
             from.kernel_drops = drops;
+        } else if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_TIMESTAMPNS) {
+            timespec stamp{};
+            std::memcpy(&stamp, CMSG_DATA(part), sizeof stamp);
+            from.stamp_ns = std::int64_t{stamp.tv_sec} * 1'000'000'000 + stamp.tv_nsec;
         }
     }
 }
@@ -117,6 +122,11 @@ bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_
     return true;
 }
 
+bool stamp_datagrams(const MulticastSocket& socket) {
+    const int on = 1;
+    return setsockopt(socket.fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0;
+}
+
 std::size_t receive_multicast(MulticastSocket& from, std::size_t most,
                               const std::function<void(const unsigned char*, std::size_t)>& take) {
     static unsigned char packets[batch_max][datagram_bytes_max];
@@ -139,7 +149,7 @@ std::size_t receive_multicast(MulticastSocket& from, std::size_t most,
             break;
         }
         for (int i = 0; i < received; ++i) {
-            read_drops(from, headers[i].msg_hdr);
+            read_attachments(from, headers[i].msg_hdr);
             if ((headers[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) {
                 ++from.truncated;
                 continue;

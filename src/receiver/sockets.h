@@ -18,6 +18,9 @@ struct MulticastSocket {
     int buffer_bytes = 0;            // what the system granted
     std::uint64_t kernel_drops = 0;  // datagrams the kernel had no room for (SO_RXQ_OVFL)
     std::uint64_t truncated = 0;     // datagrams longer than any packet of the feed
+    // When the datagram that is being handed out reached the kernel, in nanoseconds since the epoch; 0
+    // without stamp_datagrams.
+    std::int64_t stamp_ns = 0;
 };
 
 // Joins `group` on the interface with address `iface`. The socket is bound to the group itself, so that
@@ -25,6 +28,9 @@ struct MulticastSocket {
 // grant less.
 bool open_multicast(MulticastSocket& out, const std::string& group, std::uint16_t port,
                     const std::string& iface, int buffer_bytes, std::string& error);
+
+// Has the kernel stamp every datagram that arrives from now on (SO_TIMESTAMPNS). False when it refuses.
+bool stamp_datagrams(const MulticastSocket& socket);
 
 // Receives what is waiting, at most `most` datagrams, and calls `take` for each. Returns how many came.
 std::size_t receive_multicast(MulticastSocket& from, std::size_t most,

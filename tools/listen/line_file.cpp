@@ -57,13 +57,13 @@ bool open_output(Output& output, const std::string& path, const std::string& inp
     }
     const std::string reason = reason_to_keep(path, input);
     if (!reason.empty()) {
-        output.error = "--out: '" + path + "' " + reason;
+        output.error = output.option + ": '" + path + "' " + reason;
         return false;
     }
     output.fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, new_file_mode);
     output.owned = true;
     if (output.fd < 0) {
-        output.error = "--out: '" + path + "': " + std::strerror(errno);
+        output.error = output.option + ": '" + path + "': " + std::strerror(errno);
         return false;
     }
     output.buffer.reserve(2 * write_bytes);
@@ -83,9 +83,9 @@ void flush_output(Output& output) {
         if (count >= 0) {
             done += static_cast<std::size_t>(count);
         } else if (errno != EINTR) {
-            output.error = std::string("write to --out: ") + std::strerror(errno);
+            output.error = "write to " + output.option + ": " + std::strerror(errno);
         } else if (output.abandon_write != nullptr && output.abandon_write()) {
-            output.error = "write to --out: interrupted while the reader was not reading";
+            output.error = "write to " + output.option + ": interrupted while the reader was not reading";
         }
     }
     output.buffer.clear();
@@ -97,14 +97,14 @@ void check_output(Output& output) {
     }
     pollfd entry{output.fd, 0, 0};
     if (poll(&entry, 1, 0) > 0 && (entry.revents & POLLERR) != 0) {
-        output.error = std::string("write to --out: ") + std::strerror(EPIPE);
+        output.error = "write to " + output.option + ": " + std::strerror(EPIPE);
     }
 }
 
 void close_output(Output& output) {
     flush_output(output);
     if (output.owned && output.fd >= 0 && close(output.fd) != 0 && output.error.empty()) {
-        output.error = std::string("close --out: ") + std::strerror(errno);
+        output.error = "close " + output.option + ": " + std::strerror(errno);
     }
     output.fd = -1;
 }

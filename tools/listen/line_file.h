@@ -8,9 +8,10 @@ namespace tessel::listen {
 
 struct Output {
     int fd = -1;
-    bool owned = false;  // closed by close_output
-    std::string buffer;  // lines not yet written; callers append here
-    std::string error;   // the first failure; nothing is written after it
+    bool owned = false;            // closed by close_output
+    std::string buffer;            // lines not yet written; callers append here
+    std::string error;             // the first failure; nothing is written after it
+    std::string option = "--out";  // names the file in errors
     std::uint64_t lines = 0;
     // Asked when a signal interrupts a write: true gives the write up, which is then the output's error. Null
     // never does.

@@ -46,15 +46,33 @@ void write_line(Listener& listener, const unsigned char* bytes, std::size_t leng
     flush_when_large(listener.output);
 }
 
-void apply_and_write(Listener& listener, const unsigned char* bytes, std::size_t length,
+// False when the message cannot be decoded.
+bool apply_and_write(Listener& listener, const unsigned char* bytes, std::size_t length,
                      std::uint64_t sequence) {
     std::string error;
     if (!decode_message(listener.market.message, bytes, length, &error)) {
         write_undecoded(listener, bytes, length, sequence, error);
-        return;
+        return false;
     }
     apply_decoded(listener.market, listener.market.message, sequence);
     write_line(listener, bytes, length, sequence);
+    return true;
+}
+
+// What --times and --latency keep of a message.
+void note_times(Listener& listener, std::uint64_t sequence) {
+    const std::uint64_t sip_ns = listener.market.message.header.sip_time_ns;
+    if (listener.times.fd >= 0) {
+        fmt::format_to(std::back_inserter(listener.times.buffer), "{{\"seq\":{},\"sip\":{}}}\n", sequence,
+                       sip_ns);
+        flush_when_large(listener.times);
+    }
+    // A recovered message says nothing about the way of a packet.
+    const receiver::PacketArrival& arrival = listener.sequencer.delivering;
+    if (listener.latency && arrival.source == receiver::PacketSource::multicast && arrival.stamp_ns > 0) {
+        note_latency(*listener.latency, sip_ns, static_cast<std::uint64_t>(arrival.stamp_ns),
+                     listener.taken_ns);
+    }
 }
 
 void on_message(Listener& listener, std::uint64_t sequence, const unsigned char* bytes, std::size_t length) {
@@ -66,7 +84,10 @@ void on_message(Listener& listener, std::uint64_t sequence, const unsigned char*
     run.last = sequence;
     ++run.messages;
     ++listener.messages;
-    apply_and_write(listener, bytes, length, sequence);
+    const bool decoded = apply_and_write(listener, bytes, length, sequence);
+    if (listener.measures_times && decoded) [[unlikely]] {
+        note_times(listener, sequence);
+    }
     listener.finished = listener.options.count != 0 && listener.messages >= listener.options.count;
 }
 
@@ -116,6 +137,16 @@ void on_restart(Listener& listener, std::uint64_t first) {
     }
 }
 
+void report_lines(const Listener& listener) {
+    for (std::size_t at = 0; at < listener.options.lines.size(); ++at) {
+        const receiver::LineCounters& counters = listener.sequencer.arbiter.lines[at].counters;
+        report_summary(fmt::format("line {}: {} first, {} second, {} missing, behind {:.3f} ms",
+                                   listener.options.lines[at].name, counters.first, counters.second,
+                                   missing_on_line(listener.sequencer, at),
+                                   static_cast<double>(counters.behind_ns_max) / 1e6));
+    }
+}
+
 // What a summary alone does not explain.
 void report_remarks(const Listener& listener) {
     const SequencerCounters& counters = listener.sequencer.counters;
@@ -132,9 +163,32 @@ void report_remarks(const Listener& listener) {
         report(fmt::format("{} heartbeat{} fell back below a number received: the feed was started again",
                            counters.sequence_resets, counters.sequence_resets == 1 ? "" : "s"));
     }
-    if (!listener.output.error.empty()) {
-        report(listener.output.error);
+    for (const Output* output : {&listener.output, &listener.times}) {
+        if (!output->error.empty()) {
+            report(output->error);
+        }
     }
+}
+
+bool open_files(Listener& listener, const Options& options) {
+    listener.times.option = "--times";
+    for (Output* output : {&listener.output, &listener.times}) {
+        output->abandon_write = [] { return stop_signals() > 1; };
+        const std::string& path = output == &listener.times ? options.times : options.out;
+        if (!path.empty() && !open_output(*output, path, options.from_pcap)) {
+            report(output->error);
+            return false;
+        }
+    }
+    if (options.latency) {
+        listener.latency.emplace();
+        if (!prepare_latency(*listener.latency, options.latency_out)) {
+            report(listener.latency->error);
+            return false;
+        }
+    }
+    listener.measures_times = options.latency || !options.times.empty();
+    return true;
 }
 
 }  // namespace
@@ -142,9 +196,7 @@ void report_remarks(const Listener& listener) {
 bool prepare_listener(Listener& listener, const Options& options,
                       std::function<void(const unsigned char*, std::size_t)> request) {
     listener.options = options;
-    listener.output.abandon_write = [] { return stop_signals() > 1; };
-    if (!options.out.empty() && !open_output(listener.output, options.out, options.from_pcap)) {
-        report(listener.output.error);
+    if (!open_files(listener, options)) {
         return false;
     }
     SequencerSettings settings;
@@ -153,6 +205,8 @@ bool prepare_listener(Listener& listener, const Options& options,
     settings.can_request = static_cast<bool>(request);
     settings.retries = options.retries;
     settings.timeout_ms = options.timeout_ms;
+    settings.lines = lines_of(options).size();
+    settings.patience_ms = options.patience_ms;
     SequencerSinks sinks;
     sinks.message = [&listener](std::uint64_t sequence, const unsigned char* bytes, std::size_t length) {
         on_message(listener, sequence, bytes, length);
@@ -182,6 +236,11 @@ void take_captured_spin_message(Listener& listener, const unsigned char* bytes, 
     write_line(listener, bytes, length, 0);
 }
 
+std::vector<LineOption> lines_of(const Options& options) {
+    return options.lines.empty() ? std::vector<LineOption>{{"", options.group, options.port, options.iface}}
+                                 : options.lines;
+}
+
 void report_kernel_drops(const Listener& listener) {
     report(
         fmt::format("the kernel dropped {} packets, the socket buffer of {} bytes was full: raise --rcvbuf "
@@ -191,6 +250,7 @@ void report_kernel_drops(const Listener& listener) {
 
 ExitStatus finish_listener(Listener& listener) {
     close_output(listener.output);
+    close_output(listener.times);
     const SequencerCounters& counters = listener.sequencer.counters;
     if (listener.restarts != 0) {
         report_run(listener);
@@ -206,6 +266,10 @@ ExitStatus finish_listener(Listener& listener) {
                     "{} undecoded",
                     counters.gaps, counters.missed, counters.requests, counters.recovered, listener.lost,
                     listener.kernel_drops, listener.undecoded));
+    report_lines(listener);
+    if (listener.latency) {
+        finish_latency(*listener.latency, listener.taken_ns);
+    }
     report_remarks(listener);
     if (counters.packets == 0 && listener.spin_messages == 0) {
         report("no packets received");
@@ -213,6 +277,8 @@ ExitStatus finish_listener(Listener& listener) {
     }
     const bool complete = listener.lost == 0 && listener.undecoded == 0 && listener.restarts == 0 &&
                           counters.sequence_resets == 0 && listener.output.error.empty() &&
+                          listener.times.error.empty() &&
+                          (!listener.latency || listener.latency->error.empty()) &&
                           !listener.snapshot_failed && !listener.capture_damaged;
     report(complete ? "nothing missing" : "incomplete");
     return complete ? ExitStatus::nothing_missing : ExitStatus::something_missing;

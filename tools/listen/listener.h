@@ -1,5 +1,6 @@
 #pragma once
 
+#include "listen/latency.h"
 #include "listen/line_file.h"
 #include "listen/options.h"
 #include "mold/sequencer.h"
@@ -8,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 // What the ways of receiving have in common: the sequencer's messages go into the market and out as lines.
 namespace tessel::listen {
@@ -26,6 +28,11 @@ struct Listener {
     receiver::Market market;
     receiver::Sequencer sequencer;
     Output output;
+    Output times;                    // of --times
+    std::optional<Latency> latency;  // with --latency
+    bool measures_times = false;     // one of the two
+    std::uint64_t taken_ns = 0;      // with --latency: when the packet at work was taken, or the timer ran;
+                                     // since the epoch, 0 when reading a capture
 
     // Messages from this number on are no longer accepted: set when the end has come.
     std::uint64_t end_sequence = UINT64_MAX;
@@ -60,8 +67,11 @@ void take_spin_message(Listener& listener, const unsigned char* bytes, std::size
 // any moment, so they do not go into the market.
 void take_captured_spin_message(Listener& listener, const unsigned char* bytes, std::size_t length);
 
-// Prints the summary, closes the output and returns the program's exit status.
+// Prints the summary, closes the outputs and returns the program's exit status.
 ExitStatus finish_listener(Listener& listener);
+
+// The lines to receive: those of --line, or the one of --mcast and --port.
+std::vector<LineOption> lines_of(const Options& options);
 
 // Reports that the kernel had no room for packets, and what to do about it.
 void report_kernel_drops(const Listener& listener);

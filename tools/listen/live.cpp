@@ -18,11 +18,13 @@
 namespace tessel::listen {
 
 using receiver::MulticastSocket;
+using receiver::PacketArrival;
 using receiver::PacketSource;
 using receiver::Sequencer;
 using receiver::SnapshotClient;
 using receiver::SnapshotSettings;
 using receiver::SnapshotState;
+using receiver::WaitingPacket;
 
 namespace {
 
@@ -40,11 +42,12 @@ constexpr int reply_buffer_bytes = 4 << 20;
 // Everything that one run from the network holds.
 struct Live {
     Listener listener;
-    MulticastSocket multicast;
+    std::vector<MulticastSocket> lines;
+    Clock clock;
     int replies_fd = -1;
     SnapshotClient snapshot;
     bool joining = false;  // the Snap-Shot is not complete: packets are held
-    std::deque<std::vector<unsigned char>> held;
+    std::deque<WaitingPacket> held;
     std::size_t held_bytes = 0;
     bool drops_reported = false;
     bool stall_reported = false;
@@ -53,12 +56,32 @@ struct Live {
     std::uint64_t view_messages = 0;
 };
 
-void take_multicast(Live& live, const unsigned char* bytes, std::size_t length, std::int64_t now_ms) {
+// With --latency: what is handed out from here on is taken now.
+void note_taken(Live& live) {
+    if (live.listener.latency) {
+        live.listener.taken_ns = wall_ns(live.clock);
+    }
+}
+
+void take_multicast(Live& live, const unsigned char* bytes, std::size_t length,
+                    const PacketArrival& arrival) {
     if (!live.joining) {
-        on_packet(live.listener.sequencer, bytes, length, now_ms, PacketSource::multicast);
+        note_taken(live);
+        on_packet(live.listener.sequencer, bytes, length, arrival);
     } else if (live.held_bytes + length <= held_bytes_max) {
-        live.held.emplace_back(bytes, bytes + length);
+        live.held.push_back({{bytes, bytes + length}, arrival});
         live.held_bytes += length;
+    }
+}
+
+void read_lines(Live& live, std::int64_t now_ms) {
+    live.listener.kernel_drops = 0;
+    for (std::size_t line = 0; line < live.lines.size(); ++line) {
+        MulticastSocket& socket = live.lines[line];
+        receive_multicast(socket, datagrams_a_pass, [&](const unsigned char* bytes, std::size_t length) {
+            take_multicast(live, bytes, length, {now_ms, PacketSource::multicast, line, socket.stamp_ns});
+        });
+        live.listener.kernel_drops += socket.kernel_drops;
     }
 }
 
@@ -86,8 +109,10 @@ void leave_snapshot(Live& live, std::int64_t now_ms) {
     report(fmt::format("Snap-Shot of {} messages covers everything up to {}", live.snapshot.messages,
                        live.snapshot.snapshot_sequence));
     receiver::start_at(live.listener.sequencer, live.snapshot.snapshot_sequence + 1);
-    for (const std::vector<unsigned char>& packet : live.held) {
-        on_packet(live.listener.sequencer, packet.data(), packet.size(), now_ms, PacketSource::multicast);
+    note_taken(live);
+    for (WaitingPacket& packet : live.held) {
+        packet.arrival.now_ms = now_ms;
+        on_packet(live.listener.sequencer, packet.bytes.data(), packet.bytes.size(), packet.arrival);
     }
     live.held.clear();
     live.held_bytes = 0;
@@ -108,9 +133,11 @@ void step_joining(Live& live, std::int64_t now_ms) {
 }
 
 void wait_for_input(Live& live, std::int64_t now_ms) {
-    pollfd entries[3];
+    pollfd entries[receiver::lines_max + 2];
     nfds_t count = 0;
-    entries[count++] = {live.multicast.fd, POLLIN, 0};
+    for (const MulticastSocket& line : live.lines) {
+        entries[count++] = {line.fd, POLLIN, 0};
+    }
     if (live.replies_fd >= 0) {
         entries[count++] = {live.replies_fd, POLLIN, 0};
     }
@@ -145,9 +172,8 @@ void update_view(Live& live, std::int64_t now_ms) {
 void run_one_pass(Live& live) {
     wait_for_input(live, static_cast<std::int64_t>(steady_ms()));
     const auto now_ms = static_cast<std::int64_t>(steady_ms());
-    receive_multicast(live.multicast, datagrams_a_pass, [&](const unsigned char* bytes, std::size_t length) {
-        take_multicast(live, bytes, length, now_ms);
-    });
+    read_lines(live, now_ms);
+    note_taken(live);
     read_replies(live, now_ms);
     if (live.joining) {
         step_joining(live, now_ms);
@@ -155,15 +181,19 @@ void run_one_pass(Live& live) {
         // After the reads: what waits in the sockets must not be asked for.
         on_timer(live.listener.sequencer, now_ms);
     }
-    live.listener.kernel_drops = live.multicast.kernel_drops;
+    if (live.listener.latency) {
+        report_latency_second(*live.listener.latency, live.listener.taken_ns);
+    }
     if (live.listener.kernel_drops != 0 && !live.drops_reported && !live.listener.options.view) {
         live.drops_reported = true;
         report_kernel_drops(live.listener);
     }
     if (now_ms - live.last_flush_ms >= flush_interval_ms) {
         live.last_flush_ms = now_ms;
-        flush_output(live.listener.output);
-        check_output(live.listener.output);
+        for (Output* output : {&live.listener.output, &live.listener.times}) {
+            flush_output(*output);
+            check_output(*output);
+        }
     }
     update_view(live, now_ms);
 }
@@ -186,12 +216,22 @@ void fetch_missing(Live& live, std::int64_t most_ms, int signals) {
 
 bool open_sockets(Live& live, const Options& options) {
     std::string error;
-    if (!receiver::open_multicast(live.multicast, options.group, options.port, options.iface,
-                                  options.receive_buffer_bytes, error)) {
-        report(error);
-        return false;
+    const std::vector<LineOption> lines = lines_of(options);
+    for (const LineOption& line : lines) {
+        MulticastSocket socket;
+        if (!receiver::open_multicast(socket, line.group, line.port,
+                                      line.iface.empty() ? options.iface : line.iface,
+                                      options.receive_buffer_bytes, error)) {
+            report(error);
+            return false;
+        }
+        live.lines.push_back(socket);
+        if ((lines.size() > 1 || options.latency) && !stamp_datagrams(socket)) {
+            report("the kernel does not stamp datagrams (SO_TIMESTAMPNS): no --latency, no --line");
+            return false;
+        }
     }
-    live.listener.socket_buffer_bytes = live.multicast.buffer_bytes;
+    live.listener.socket_buffer_bytes = live.lines.front().buffer_bytes;
     if (!options.retrans.empty()) {
         live.replies_fd = receiver::open_retransmission(options.retrans_address, reply_buffer_bytes, error);
         if (live.replies_fd < 0) {
@@ -238,7 +278,8 @@ bool prepare_live(Live& live, const Options& options) {
 
 bool is_over(const Live& live, std::int64_t end_ms) {
     return stop_signals() != 0 || live.listener.finished || live.snapshot.state == SnapshotState::failed ||
-           !live.listener.output.error.empty() || static_cast<std::int64_t>(steady_ms()) >= end_ms;
+           !live.listener.output.error.empty() || !live.listener.times.error.empty() ||
+           static_cast<std::int64_t>(steady_ms()) >= end_ms;
 }
 
 void receive_until_end(Live& live) {
@@ -257,10 +298,23 @@ void receive_until_end(Live& live) {
 
 void close_live(Live& live) {
     close_snapshot(live.snapshot);
-    close(live.multicast.fd);
+    for (const MulticastSocket& line : live.lines) {
+        close(line.fd);
+    }
     if (live.replies_fd >= 0) {
         close(live.replies_fd);
     }
+}
+
+void report_joined(const Live& live, const Options& options) {
+    std::string where;
+    for (const LineOption& line : lines_of(options)) {
+        where += fmt::format("{}{}{}{}:{} on {}", where.empty() ? "" : ", ", line.name,
+                             line.name.empty() ? "" : " ", line.group, line.port,
+                             line.iface.empty() ? options.iface : line.iface);
+    }
+    report_summary(fmt::format("joined {}, session {}, socket buffer {} bytes", where, options.session,
+                               live.lines.front().buffer_bytes));
 }
 
 }  // namespace
@@ -275,8 +329,7 @@ ExitStatus run_live(const Options& options) {
         return ExitStatus::bad_options;
     }
     catch_stop_signals();
-    report(fmt::format("joined {}:{} on {}, session {}, socket buffer {} bytes", options.group, options.port,
-                       options.iface, options.session, live.multicast.buffer_bytes));
+    report_joined(live, options);
     if (options.view) {
         open_view();
     }

@@ -2,9 +2,11 @@
 
 #include "base/version.h"
 #include "listen/report.h"
+#include "mold/line_arbiter.h"
 #include "receiver/sockets.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include <arpa/inet.h>
 #include <charconv>
@@ -48,6 +50,18 @@ std::string check_interface(std::string& text) {
     return good ? "" : "'" + text + "' is not an IPv4 address of an interface";
 }
 
+bool is_line_name(const std::string& name) {
+    return !name.empty() && name.size() <= line_name_max &&
+           name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_") ==
+               std::string::npos;
+}
+
+std::string check_line(std::string& text) {
+    LineOption line;
+    std::string error;
+    return parse_line_option(line, text, error) ? "" : error;
+}
+
 // Decimal digits alone: the library's own conversion turns -1 into a large number.
 std::string check_whole(std::string& text) {
     std::uint64_t value = 0;
@@ -73,7 +87,7 @@ std::string check_endpoint(std::string& text) {
     return receiver::parse_endpoint(address, text, error) ? "" : error;
 }
 
-void declare_addresses(CLI::App& app, Options& options) {
+void declare_addresses(CLI::App& app, Options& options, std::vector<std::string>& line_texts) {
     app.add_option("--mcast", options.group, "Multicast group")
         ->check(checked(check_group))
         ->capture_default_str();
@@ -82,6 +96,16 @@ void declare_addresses(CLI::App& app, Options& options) {
         ->capture_default_str();
     app.add_option("--iface", options.iface, "IPv4 address of the interface to join on")
         ->check(checked(check_interface))
+        ->capture_default_str();
+    app.add_option("--line", line_texts,
+                   "NAME=GROUP:PORT[@IFACE], one of several lines that carry the feed, in place of --mcast "
+                   "and --port; may be repeated")
+        ->check(checked(check_line))
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->allow_extra_args(false);
+    app.add_option("--patience-ms", options.patience_ms,
+                   "With --line: how long a line that brings nothing new may keep a gap open")
+        ->check(CLI::Range(0, 600'000))
         ->capture_default_str();
     app.add_option("--session", options.session, "MoldUDP64 session; other sessions are ignored")
         ->check(checked(check_text))
@@ -126,7 +150,36 @@ void declare_run(CLI::App& app, Options& options) {
     app.add_option("--from-pcap", options.from_pcap,
                    "Read a capture instead of the network: pcap or pcapng, also .zst; - for standard input")
         ->check(checked(check_text));
+    app.add_flag("--latency", options.latency,
+                 "Measure from the SIP time to the kernel and on to this program; percentiles every second "
+                 "and at the end");
+    app.add_option("--latency-out", options.latency_out, "Directory for files of --latency, which it implies")
+        ->check(checked(check_text));
+    app.add_option("--times", options.times, "File for a line a message: its number and its SIP time")
+        ->check(checked(check_text));
     app.footer("Ends with 0 when nothing is missing, 1 when something is, 2 for a bad command line.");
+}
+
+// The texts of --line as lines with names of their own.
+std::string take_lines(Options& options, const std::vector<std::string>& texts) {
+    if (texts.size() > receiver::lines_max) {
+        return fmt::format("--line: {} lines; at most {} are received together", texts.size(),
+                           receiver::lines_max);
+    }
+    for (const std::string& text : texts) {
+        LineOption line;
+        std::string error;
+        if (!parse_line_option(line, text, error)) {
+            return "--line: " + error;
+        }
+        for (const LineOption& other : options.lines) {
+            if (other.name == line.name) {
+                return "--line: '" + line.name + "' is named twice; give each line its own name";
+            }
+        }
+        options.lines.push_back(std::move(line));
+    }
+    return "";
 }
 
 // What goes together with what; an empty text when all is well.
@@ -167,18 +220,54 @@ int refuse(const std::string& reason) {
 
 }  // namespace
 
+bool parse_line_option(LineOption& line, const std::string& text, std::string& error) {
+    const std::size_t equals = text.find('=');
+    line.name = text.substr(0, equals);
+    if (equals == std::string::npos || !is_line_name(line.name)) {
+        error = "'" + text + "' does not begin with a name of 1 to 32 letters, digits, '-' or '_', and '='";
+        return false;
+    }
+    std::string address = text.substr(equals + 1);
+    const std::size_t at = address.find('@');
+    line.iface = at == std::string::npos ? "" : address.substr(at + 1);
+    address.resize(std::min(at, address.size()));
+    const std::size_t colon = address.find(':');
+    line.group = address.substr(0, colon);
+    std::string port = colon == std::string::npos ? "" : address.substr(colon + 1);
+    error = check_group(line.group);
+    if (error.empty()) {
+        error = check_port(port);
+    }
+    if (error.empty() && at != std::string::npos) {
+        error = check_interface(line.iface);
+    }
+    if (!error.empty()) {
+        error += "; right is NAME=GROUP:PORT[@IFACE]";
+        return false;
+    }
+    std::from_chars(port.data(), port.data() + port.size(), line.port);
+    return true;
+}
+
 int parse_options(Options& options, int argc, const char* const* argv) {
     CLI::App app("Receives the feed, puts it in order and writes what it carries.", "tessel-listen");
     app.set_version_flag("--version", version_line("tessel-listen"));
     app.option_defaults()->take_last();  // a later occurrence wins, as with the feed itself
-    declare_addresses(app, options);
+    std::vector<std::string> line_texts;
+    declare_addresses(app, options, line_texts);
     declare_run(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return error.get_exit_code() == 0 ? app.exit(error) : refuse(error.what());
     }
-    std::string reason = check_combination(options);
+    std::string reason = take_lines(options, line_texts);
+    if (reason.empty() && !line_texts.empty() && app.count("--mcast") + app.count("--port") != 0) {
+        reason = "--line does not go with --mcast and --port: it says both";
+    }
+    if (reason.empty()) {
+        reason = check_combination(options);
+    }
     if (reason.empty()) {
         reason = resolve_addresses(options);
     }
@@ -190,6 +279,7 @@ int parse_options(Options& options, int argc, const char* const* argv) {
             !options.retrans.empty() && options.snapshot.empty() && options.from_pcap.empty();
         options.first_sequence = from_start ? 1 : 0;
     }
+    options.latency = options.latency || !options.latency_out.empty();
     if (options.decode && options.out.empty()) {
         options.out = "-";
     }

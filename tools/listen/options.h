@@ -3,14 +3,27 @@
 #include <netinet/in.h>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // The command line of tessel-listen.
 namespace tessel::listen {
+
+// One of several lines that carry the same feed.
+struct LineOption {
+    std::string name;
+    std::string group;
+    std::uint16_t port = 0;
+    std::string iface;  // empty: that of --iface
+};
+
+constexpr std::size_t line_name_max = 32;
 
 struct Options {
     std::string group = "239.255.25.177";
     std::uint16_t port = 25177;
     std::string iface = "127.0.0.1";
+    std::vector<LineOption> lines;  // of --line; without any one line without a name: group, port, iface
+    std::int64_t patience_ms = 100;
     std::string session = "UTPBENCH01";
     int receive_buffer_bytes = 32 << 20;
 
@@ -32,9 +45,16 @@ struct Options {
     std::uint64_t count = 0;  // 0: no limit
     double seconds = 0;       // 0: no limit
     std::string from_pcap;
+
+    bool latency = false;
+    std::string latency_out;  // a directory; empty: no files
+    std::string times;        // a path; empty: no file
 };
 
 enum class ExitStatus : int { nothing_missing = 0, something_missing = 1, bad_options = 2 };
+
+// "NAME=GROUP:PORT[@IFACE]". False with the reason in `error`.
+bool parse_line_option(LineOption& line, const std::string& text, std::string& error);
 
 // Reads the command line into `options`. Returns -1 to go on, or the status to end with: 0 after --help and
 // --version, 2 after an error, which has been reported.
