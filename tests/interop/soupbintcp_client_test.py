@@ -1,25 +1,21 @@
 """A SoupBinTCP client that is not ours, from npm, talks to the Snap-Shot service."""
 
 import json
-import shutil
 import subprocess
-from pathlib import Path
 
 import pytest
 from feed import Feed
+from npm import NPM, install_packages
 from soup import SoupClient, end_of_snapshot, letters
 from time_scale import scaled
 
-NPM = Path(__file__).resolve().parent / "npm"
 CLIENT_SECONDS = 120
 
 
 @pytest.fixture(scope="module", autouse=True)
 def library():
     """The pinned library, installed when it is not there yet."""
-    assert shutil.which("node"), "node is needed"
-    if not (NPM / "node_modules" / "soupbintcp" / "package.json").exists():
-        subprocess.run(["npm", "ci", "--no-audit", "--no-fund"], cwd=NPM, check=True, timeout=scaled(300))
+    install_packages()
 
 
 def run_client(feed, user="NODE", session="", sequence="0", heartbeats=1):

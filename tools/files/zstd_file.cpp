@@ -43,14 +43,12 @@ struct Target {
     ZSTD_CCtx* packer = nullptr;  // null: not compressed
 };
 
-// Reads on into an empty buffer; false on an error, which errno holds.
+// Reads on into an empty buffer; false on an error, which errno holds. A signal that the program catches is
+// one (EINTR): a pipe may bring nothing for long, and the program may have been asked to end.
 bool refill(Source& source) {
     source.begin = 0;
     source.end = 0;
-    ssize_t count = 0;
-    do {
-        count = read(source.fd, source.bytes.data(), source.bytes.size());
-    } while (count < 0 && errno == EINTR);
+    const ssize_t count = read(source.fd, source.bytes.data(), source.bytes.size());
     if (count < 0) {
         return false;
     }

@@ -19,6 +19,8 @@ struct HeldPacket {
     receiver::PacketSource source = receiver::PacketSource::multicast;
     std::int64_t now_ms = 0;
     std::vector<unsigned char> bytes;
+    std::size_t line = 0;
+    std::int64_t stamp_ns = 0;  // the capture's time
 };
 
 // Packets in their order; the oldest make room for new ones.

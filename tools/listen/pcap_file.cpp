@@ -207,14 +207,15 @@ PcapResult read_pcap(std::FILE* file, const std::string& name, const PcapSinks& 
     const unsigned char* bytes = nullptr;
     int got = 0;
     errno = 0;
-    while ((got = pcap_next_ex(handle.get(), &header, &bytes)) == 1) {
+    const auto stopped = [&sinks] { return sinks.stops && sinks.stops(); };
+    while (!stopped() && (got = pcap_next_ex(handle.get(), &header, &bytes)) == 1) {
         take_record(reader, *header, bytes);
         errno = 0;
     }
     const int fault = errno;
     abandon_fragments(reader.fragments);
     counters.incomplete = reader.fragments.never_completed;
-    if (got != PCAP_ERROR_BREAK) {  // which is how the end of a file is reported
+    if (got != PCAP_ERROR_BREAK && !stopped()) {  // which is how the end of a file is reported
         error = breakage(name, handle.get(), fault, counters.packets);
         return PcapResult::broken;
     }

@@ -20,6 +20,9 @@ struct PcapSinks {
     std::function<void(const PcapFlow&, std::int64_t time_ns, const unsigned char*, std::size_t)> stream;
     // Which directions `stream` is wanted for; others cost no memory.
     std::function<bool(const PcapFlow&)> wants_stream;
+    // May be empty. Asked before each packet and when a read fails: true ends the reading there, as at the
+    // end of the file.
+    std::function<bool()> stops;
 };
 
 struct PcapCounters {

@@ -2,6 +2,7 @@
 #include "listen/listener.h"
 #include "listen/pcap_file.h"
 #include "listen/report.h"
+#include "listen/stop_signals.h"
 #include "mold/packet.h"
 #include "soup/soup_packet.h"
 
@@ -34,7 +35,7 @@ enum class Stage : std::uint8_t {
 struct Replay {
     Options options;
     Listener listener;
-    std::uint32_t group = 0;  // host order
+    std::vector<PcapFlow> lines;  // the destination of each
     Stage stage = Stage::receiving;
     HeldPackets held;
     CapturedSessions sessions;
@@ -51,8 +52,8 @@ void release_packets(Replay& replay) {
     const HeldPackets held = std::move(replay.held);
     replay.held = {};
     for (const HeldPacket& packet : held.packets) {
-        on_packet(replay.listener.sequencer, packet.bytes.data(), packet.bytes.size(), packet.now_ms,
-                  packet.source);
+        on_packet(replay.listener.sequencer, packet.bytes.data(), packet.bytes.size(),
+                  {packet.now_ms, packet.source, packet.line, packet.stamp_ns});
         on_timer(replay.listener.sequencer, packet.now_ms);
     }
 }
@@ -65,19 +66,32 @@ void begin_receiving(Replay& replay) {
     release_packets(replay);
 }
 
+// The line that the datagram came on; their number when it came on none. In a capture no line is told from
+// another by its interface.
+std::size_t line_of(const Replay& replay, const PcapFlow& flow) {
+    std::size_t line = 0;
+    while (line < replay.lines.size() && (flow.destination != replay.lines[line].destination ||
+                                          flow.destination_port != replay.lines[line].destination_port)) {
+        ++line;
+    }
+    return line;
+}
+
 void take_datagram(Replay& replay, const PcapFlow& flow, std::int64_t time_ns, const unsigned char* bytes,
                    std::size_t length) {
     const Options& options = replay.options;
     const std::int64_t now_ms = time_ns / ns_per_ms;
     PacketSource source = PacketSource::multicast;
-    if (flow.destination != replay.group || flow.destination_port != options.port) {
+    std::size_t line = line_of(replay, flow);
+    if (line == replay.lines.size()) {
         if (options.retrans.empty() || !is_from(flow, options.retrans_address)) {
             return;
         }
         source = PacketSource::retransmission;
+        line = 0;
     }
     if (replay.stage == Stage::receiving) {
-        on_packet(replay.listener.sequencer, bytes, length, now_ms, source);
+        on_packet(replay.listener.sequencer, bytes, length, {now_ms, source, line, time_ns});
         on_timer(replay.listener.sequencer, now_ms);
         return;
     }
@@ -87,7 +101,7 @@ void take_datagram(Replay& replay, const PcapFlow& flow, std::int64_t time_ns, c
         take_datagram(replay, flow, time_ns, bytes, length);
         return;
     }
-    hold_packet(replay.held, {source, now_ms, {bytes, bytes + length}});
+    hold_packet(replay.held, {source, now_ms, {bytes, bytes + length}, line, time_ns});
 }
 
 // Whether a held packet brings nothing beyond what the Snap-Shot covers.
@@ -150,6 +164,7 @@ PcapSinks make_sinks(Replay& replay) {
             join_by_stream(replay, flow, bytes, length);
         }
     };
+    sinks.stops = [] { return stop_signals() != 0; };
     return sinks;
 }
 
@@ -169,12 +184,11 @@ bool report_losses(const PcapCounters& counters) {
 ExitStatus run_replay(const Options& options) {
     Replay replay;
     replay.options = options;
-    in_addr group{};
-    if (inet_pton(AF_INET, options.group.c_str(), &group) != 1) {
-        report(fmt::format("--mcast: '{}' is not an IPv4 address", options.group));
-        return ExitStatus::bad_options;
+    for (const LineOption& line : lines_of(options)) {
+        in_addr group{};
+        inet_pton(AF_INET, line.group.c_str(), &group);
+        replay.lines.push_back({0, ntohl(group.s_addr), 0, line.port});
     }
-    replay.group = ntohl(group.s_addr);
     Listener& listener = replay.listener;
     if (!prepare_listener(listener, options, nullptr)) {
         return ExitStatus::bad_options;
@@ -190,6 +204,7 @@ ExitStatus run_replay(const Options& options) {
     } else if (!options.retrans.empty() && options.first_sequence == 0) {
         replay.stage = Stage::beginning;
     }
+    catch_stop_signals();
     PcapCounters counters;
     std::string error;
     const PcapResult result = read_pcap(options.from_pcap, make_sinks(replay), counters, error);
