@@ -34,7 +34,8 @@ def test_two_lossy_lines_of_the_page_give_everything(tmp_path):
     split_command, listen_command, feed_command = commands.strip().splitlines()
     assert split_command == "python3 split.py &" and feed_command == "tessel --truth-out truth.jsonl"
     script = replace_all(script, {"239.255.25.177": feed.group, "25177": feed.port, **lines})
-    script = script.replace('print("sending", flush=True)', 'import sys; print("sending", file=sys.stderr, flush=True)')
+    script = replace_all(script, {'print("sending", flush=True)':
+                                  'import sys; print("sending", file=sys.stderr, flush=True)'})
     words = shlex.split(replace_all(listen_command.rstrip("& "), {"25178": feed.retrans_port, **lines}))
     assert words[0] == "tessel-listen" and words[-2:] == ["--seconds", "20"]
     split = Process([sys.executable, "-c", script])
@@ -83,8 +84,8 @@ def test_the_latency_pages_command_prints_and_writes_what_it_says(tmp_path):
                                    ["--line", "A=239.1.1.1:1", "--line", "A=239.1.1.1:2"],
                                    ["--latency-out", "/nowhere/at/all"], ["--patience-ms", "-1"]])
 def test_options_that_are_wrong_end_with_2_and_one_short_line(words):
-    done = subprocess.run([program("tessel-listen"), *words], capture_output=True, text=True, timeout=scaled(30),
-                          check=False)
+    done = subprocess.run([program("tessel-listen"), *words], capture_output=True, text=True,
+                          timeout=scaled(30), check=False)
     assert done.returncode == 2
     assert done.stderr.startswith("tessel-listen: ") and done.stderr.count("\n") == 1
     assert len(done.stderr) <= 201

@@ -119,7 +119,8 @@ Sequencer make_fuzzed(Receiver& receiver) {
         receiver.lost += count;
     };
     sinks.request = [](const unsigned char* bytes, std::size_t length) {
-        check(length == tessel::mold_header_bytes && (bytes[18] | bytes[19]) != 0, "a request asks for something");
+        check(length == tessel::mold_header_bytes && (bytes[18] | bytes[19]) != 0,
+              "a request asks for something");
     };
     return make_sequencer(settings, sinks);
 }

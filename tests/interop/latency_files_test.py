@@ -48,7 +48,8 @@ def test_the_library_finds_the_percentiles_that_the_program_prints(tmp_path):
         printed = re.search(rf"latency {stage}: (\d+) messages, (.*)", text)
         assert int(printed[1]) == read[stage]["count"] == messages
         assert read[stage]["intervals"] >= 2
-        for mine, theirs in zip(map(float, LEVELS.fullmatch(printed[2]).groups()), read[stage]["percentiles"]):
+        levels = map(float, LEVELS.fullmatch(printed[2]).groups())
+        for mine, theirs in zip(levels, read[stage]["percentiles"]):
             # Three digits, and one digit behind the point in the printed text.
             assert mine == pytest.approx(theirs / 1000, rel=0.001, abs=0.051), (stage, printed[0])
         ours = (folder / f"{stage}.hgrm").read_text()

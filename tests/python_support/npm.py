@@ -12,7 +12,8 @@ NPM = Path(__file__).resolve().parents[1] / "interop" / "npm"
 
 
 def install_packages():
-    """Installs them unless all are there. One test at a time does so: no test begins before they are whole."""
+    """Installs them unless all are there. One test at a time does so, and none begins before they are
+    whole."""
     assert shutil.which("node"), "node is needed"
     with (NPM / "package.json").open() as manifest:
         fcntl.flock(manifest, fcntl.LOCK_EX)
