@@ -3,7 +3,6 @@
 import re
 import shlex
 import subprocess
-import sys
 from pathlib import Path
 
 import pytest
@@ -29,26 +28,22 @@ def test_two_lossy_lines_of_the_page_give_everything(tmp_path):
     feed = Feed(tmp_path, interval_ms=2)
     ports = {"26001": free_port(), "26002": free_port()}
     lines = {"239.255.26.1": unique_group(), "239.255.26.2": unique_group(), **ports}
-    script, = blocks("two-lines.md", "python")
     commands, = blocks("two-lines.md", "bash")
-    split_command, listen_command, feed_command = commands.strip().splitlines()
-    assert split_command == "python3 split.py &" and feed_command == "tessel --truth-out truth.jsonl"
-    script = replace_all(script, {"239.255.25.177": feed.group, "25177": feed.port, **lines})
-    script = replace_all(script, {'print("sending", flush=True)':
-                                  'import sys; print("sending", file=sys.stderr, flush=True)'})
+    relay_command, listen_command, feed_command = commands.strip().splitlines()
+    assert feed_command == "tessel --truth-out truth.jsonl"
+    relay_words = shlex.split(replace_all(relay_command.rstrip("& "), lines))
     words = shlex.split(replace_all(listen_command.rstrip("& "), {"25178": feed.retrans_port, **lines}))
     assert words[0] == "tessel-listen" and words[-2:] == ["--seconds", "20"]
-    split = Process([sys.executable, "-c", script])
-    try:
-        split.wait_for_line("sending")
+    relay = Process([program(relay_words[0]), *feed.receiver_args(), *relay_words[1:]])
+    with relay:
+        relay.wait_for_line("joined")
         receiver = Process([program(words[0]), *words[1:-2]], cwd=tmp_path)
         receiver.wait_for_line("joined")
         with receiver, feed:
             feed.wait_for_messages(3000)
             feed.fall_silent()
+            assert relay.stop() == 0, relay.stderr
             assert receiver.stop() == 0, receiver.stderr
-    finally:
-        split.kill()
     rows = [line for line in receiver.stderr if re.match(r"tessel-listen: line [AB]: \d+ first, \d+ second, "
                                                          r"\d+ missing, behind [\d.]+ ms$", line)]
     assert len(rows) == 2, receiver.stderr

@@ -14,7 +14,7 @@ namespace {
 // The percentile of values themselves: the smallest that at least this share does not exceed.
 std::uint64_t exact_percentile(std::vector<std::uint64_t> values, double percent) {
     std::sort(values.begin(), values.end());
-    const double share = std::ceil(percent / 100 * static_cast<double>(values.size()));
+    const double share = std::ceil(std::nextafter(percent, 0.0) / 100 * static_cast<double>(values.size()));
     return values[static_cast<std::size_t>(std::max(1.0, share)) - 1];
 }
 
@@ -45,6 +45,15 @@ TEST(LatencyHistogram, SmallValues_AreExact) {
     EXPECT_EQ(latency_percentile(histogram, 50), 1'023U);
     EXPECT_EQ(latency_percentile(histogram, 0), 0U);
     EXPECT_EQ(latency_percentile(histogram, 100), 2'047U);
+}
+
+TEST(LatencyHistogram, ShareThatIsAWholeRank_IsNotRoundedUp) {
+    LatencyHistogram histogram;
+    for (std::uint64_t value = 1; value <= 2'000; ++value) {
+        record_latency(histogram, value);
+    }
+    EXPECT_EQ(latency_percentile(histogram, 99.9), 1'998U);
+    EXPECT_EQ(latency_percentile(histogram, 100), 2'000U);
 }
 
 TEST(LatencyHistogram, NothingRecorded_IsZero) {
