@@ -105,19 +105,20 @@ Entry& entry_of(std::vector<Entry>& entries, char center) {
     return *at;
 }
 
-void apply_directory(Market& market, const Message& m) {
+void apply_directory(Market& market, const Message& message) {
     ++market.directory_count;
-    Instrument* known = known_instrument(market, m.symbol);
+    Instrument* known = known_instrument(market, message.symbol);
     // A second entry of the same name is a separate instrument that no message can reach; it keeps the
     // numbering.
-    Instrument& entry = known != nullptr && known->secid == 0 ? *known : add_instrument(market, m.symbol);
+    Instrument& entry =
+        known != nullptr && known->secid == 0 ? *known : add_instrument(market, message.symbol);
     entry.secid = market.directory_count & 0xffffu;
 }
 
-void apply_odd_lots(Instrument& instrument, CenterQuote& quote, const Message& m) {
-    quote.odd_lots.resize(m.odd_lots.size());
-    for (std::size_t i = 0; i < m.odd_lots.size(); ++i) {
-        const OddLotFields& from = m.odd_lots[i];
+void apply_odd_lots(Instrument& instrument, CenterQuote& quote, const Message& message) {
+    quote.odd_lots.resize(message.odd_lots.size());
+    for (std::size_t i = 0; i < message.odd_lots.size(); ++i) {
+        const OddLotFields& from = message.odd_lots[i];
         OddLot& to = quote.odd_lots[i];
         to.center = from.center;
         to.side = from.side;
@@ -126,45 +127,50 @@ void apply_odd_lots(Instrument& instrument, CenterQuote& quote, const Message& m
         to.mpid = from.mpid;
     }
     BestOddLot& best = instrument.best_odd_lot;
-    switch (m.quote.best_odd_lot_indicator) {
+    switch (message.quote.best_odd_lot_indicator) {
         case '2':
         case '3':
         case '5':
             best.present = true;
-            best.bid_center = m.best_odd_lot.bid_center;
-            best.ask_center = m.best_odd_lot.ask_center;
-            best.bid = m.best_odd_lot.bid;
-            best.ask = m.best_odd_lot.ask;
-            best.bid_size = m.best_odd_lot.bid_size;
-            best.ask_size = m.best_odd_lot.ask_size;
-            best.bid_mpid = m.best_odd_lot.bid_mpid;
-            best.ask_mpid = m.best_odd_lot.ask_mpid;
+            best.bid_center = message.best_odd_lot.bid_center;
+            best.ask_center = message.best_odd_lot.ask_center;
+            best.bid = message.best_odd_lot.bid;
+            best.ask = message.best_odd_lot.ask;
+            best.bid_size = message.best_odd_lot.bid_size;
+            best.ask_size = message.best_odd_lot.ask_size;
+            best.bid_mpid = message.best_odd_lot.bid_mpid;
+            best.ask_mpid = message.best_odd_lot.ask_mpid;
             break;
         case '1': best = {}; break;
         default: break;  // "0": as it was
     }
 }
 
-void apply_nbbo(Nbbo& nbbo, const Message& m) {
-    const QuoteFields& q = m.quote;
+void apply_nbbo(Nbbo& nbbo, const Message& message) {
+    const QuoteFields& q = message.quote;
     switch (q.nbbo_indicator) {
         case '1': nbbo = {}; break;
         case '2':
         case '3':
-            nbbo = {m.nbbo.bid,      m.nbbo.ask,        m.nbbo.bid_size,
-                    m.nbbo.ask_size, m.nbbo.bid_center, m.nbbo.ask_center};
+            nbbo = {message.nbbo.bid,      message.nbbo.ask,        message.nbbo.bid_size,
+                    message.nbbo.ask_size, message.nbbo.bid_center, message.nbbo.ask_center};
             break;
         case '4':
-            nbbo = {q.bid, q.ask, q.bid_size, q.ask_size, m.header.market_center, m.header.market_center};
+            nbbo = {q.bid,
+                    q.ask,
+                    q.bid_size,
+                    q.ask_size,
+                    message.header.market_center,
+                    message.header.market_center};
             break;
         default: break;  // "0": as it was
     }
 }
 
-void apply_quote(Market& market, const Message& m) {
-    Instrument& instrument = instrument_of(market, m.symbol);
-    CenterQuote& quote = entry_of(instrument.quotes, m.header.market_center);
-    const QuoteFields& q = m.quote;
+void apply_quote(Market& market, const Message& message) {
+    Instrument& instrument = instrument_of(market, message.symbol);
+    CenterQuote& quote = entry_of(instrument.quotes, message.header.market_center);
+    const QuoteFields& q = message.quote;
     quote.bid = q.bid;
     quote.ask = q.ask;
     quote.bid_size = q.bid_size;
@@ -175,13 +181,13 @@ void apply_quote(Market& market, const Message& m) {
         quote.bid_mpid = q.bid_mpid;
         quote.ask_mpid = q.ask_mpid;
     }
-    apply_nbbo(instrument.nbbo, m);
-    apply_odd_lots(instrument, quote, m);
+    apply_nbbo(instrument.nbbo, message);
+    apply_odd_lots(instrument, quote, message);
 }
 
-void apply_odd_lot_message(Market& market, const Message& m) {
-    Instrument& instrument = instrument_of(market, m.symbol);
-    apply_odd_lots(instrument, entry_of(instrument.quotes, m.header.market_center), m);
+void apply_odd_lot_message(Market& market, const Message& message) {
+    Instrument& instrument = instrument_of(market, message.symbol);
+    apply_odd_lots(instrument, entry_of(instrument.quotes, message.header.market_center), message);
 }
 
 // The price change indicator is "0" plus 1 for a new last price, 2 for a new low and 4 for a new high.
@@ -201,14 +207,14 @@ void apply_change(SaleStatistics& sales, char indicator, const TradeFields& trad
     }
 }
 
-void keep_trade(Instrument& instrument, const Message& m, const TradeFields& trade) {
+void keep_trade(Instrument& instrument, const Message& message, const TradeFields& trade) {
     if (instrument.trades.size() >= trades_kept_max) {
         instrument.trades.erase(instrument.trades.begin(),
                                 instrument.trades.begin() + static_cast<std::ptrdiff_t>(trades_kept_max / 2));
     }
     Trade& kept = instrument.trades.emplace_back();
-    kept.center = m.header.market_center;
-    kept.sub_center = m.header.sub_market_center;
+    kept.center = message.header.market_center;
+    kept.sub_center = message.header.sub_market_center;
     std::copy_n(trade.conditions.begin(), std::min(trade.conditions.size(), kept.conditions.size()),
                 kept.conditions.begin());
     kept.id = trade.id;
@@ -216,79 +222,83 @@ void keep_trade(Instrument& instrument, const Message& m, const TradeFields& tra
     kept.size = trade.size;
 }
 
-void apply_trade(Market& market, const Message& m) {
-    Instrument& instrument = instrument_of(market, m.symbol);
-    const TradeFields& trade = m.report.trade;
-    keep_trade(instrument, m, trade);
+void apply_trade(Market& market, const Message& message) {
+    Instrument& instrument = instrument_of(market, message.symbol);
+    const TradeFields& trade = message.report.trade;
+    keep_trade(instrument, message, trade);
     ++instrument.trade_count;
     instrument.share_volume += trade.size / millionths_per_share;
-    apply_change(instrument.sales, m.report.consolidated_change, trade);
+    apply_change(instrument.sales, message.report.consolidated_change, trade);
     if (all_in(trade.conditions, last_set)) {
-        instrument.last_center = m.header.market_center;
+        instrument.last_center = message.header.market_center;
     }
-    apply_change(entry_of(instrument.center_sales, m.header.market_center).sales, m.report.participant_change,
-                 trade);
+    apply_change(entry_of(instrument.center_sales, message.header.market_center).sales,
+                 message.report.participant_change, trade);
 }
 
 // Marks the newest kept trade of that id as gone; one that is no longer kept needs nothing.
-void end_trade(Instrument& instrument, const Message& m) {
+void end_trade(Instrument& instrument, const Message& message) {
     const auto found =
-        std::find_if(instrument.trades.rbegin(), instrument.trades.rend(), [&m](const Trade& trade) {
-            return trade.id == m.report.trade.id && trade.center == m.header.market_center &&
-                   trade.sub_center == m.header.sub_market_center;
+        std::find_if(instrument.trades.rbegin(), instrument.trades.rend(), [&message](const Trade& trade) {
+            return trade.id == message.report.trade.id && trade.center == message.header.market_center &&
+                   trade.sub_center == message.header.sub_market_center;
         });
     if (found != instrument.trades.rend()) {
         found->live = false;
     }
 }
 
-void apply_revision(Market& market, const Message& m) {
-    Instrument& instrument = instrument_of(market, m.symbol);
-    end_trade(instrument, m);
-    if (m.kind == MessageKind::correction) {
-        keep_trade(instrument, m, m.report.corrected);
+void apply_revision(Market& market, const Message& message) {
+    Instrument& instrument = instrument_of(market, message.symbol);
+    end_trade(instrument, message);
+    if (message.kind == MessageKind::correction) {
+        keep_trade(instrument, message, message.report.corrected);
     }
-    instrument.sales = m.report.consolidated;
-    instrument.last_center = m.report.last_center;
-    entry_of(instrument.center_sales, m.header.market_center).sales = m.report.participant;
+    instrument.sales = message.report.consolidated;
+    instrument.last_center = message.report.last_center;
+    entry_of(instrument.center_sales, message.header.market_center).sales = message.report.participant;
 }
 
-void apply_action(Market& market, const Message& m) {
-    Instrument& instrument = instrument_of(market, m.symbol);
-    instrument.status = m.action.action;
-    instrument.reason = m.action.reason;
-    instrument.action_sequence = m.action.sequence;
+void apply_action(Market& market, const Message& message) {
+    Instrument& instrument = instrument_of(market, message.symbol);
+    instrument.status = message.action.action;
+    instrument.reason = message.action.reason;
+    instrument.action_sequence = message.action.sequence;
 }
 
 }  // namespace
 
-void apply_decoded(Market& market, const Message& m, std::uint64_t sequence) {
+void apply_decoded(Market& market, const Message& message, std::uint64_t sequence) {
     ++market.messages;
     if (sequence != 0) {
         market.last_sequence = sequence;
     }
-    switch (m.kind) {
+    switch (message.kind) {
         case MessageKind::quote_short:
-        case MessageKind::quote_long: apply_quote(market, m); break;
+        case MessageKind::quote_long: apply_quote(market, message); break;
         case MessageKind::odd_lots_short:
-        case MessageKind::odd_lots_long: apply_odd_lot_message(market, m); break;
+        case MessageKind::odd_lots_long: apply_odd_lot_message(market, message); break;
         case MessageKind::trade_short:
-        case MessageKind::trade_long: apply_trade(market, m); break;
+        case MessageKind::trade_long: apply_trade(market, message); break;
         case MessageKind::cancel_error:
-        case MessageKind::correction: apply_revision(market, m); break;
-        case MessageKind::trading_action: apply_action(market, m); break;
+        case MessageKind::correction: apply_revision(market, message); break;
+        case MessageKind::trading_action: apply_action(market, message); break;
         case MessageKind::price_band:
-            instrument_of(market, m.symbol).band = {m.band.indicator, m.band.lower, m.band.upper};
+            instrument_of(market, message.symbol).band = {message.band.indicator, message.band.lower,
+                                                          message.band.upper};
             break;
-        case MessageKind::directory_short: apply_directory(market, m); break;
-        case MessageKind::indicator: instrument_of(market, m.symbol).indicator = m.directory.indicator; break;
+        case MessageKind::directory_short: apply_directory(market, message); break;
+        case MessageKind::indicator:
+            instrument_of(market, message.symbol).indicator = message.directory.indicator;
+            break;
         case MessageKind::decline_levels:
-            std::copy(std::begin(m.decline_level), std::end(m.decline_level), market.decline_levels.begin());
+            std::copy(std::begin(message.decline_level), std::end(message.decline_level),
+                      market.decline_levels.begin());
             break;
-        case MessageKind::mwcb_status: market.mwcb_level = m.mwcb_level; break;
-        case MessageKind::end_of_snapshot: market.snapshot_sequence = m.snapshot_sequence; break;
+        case MessageKind::mwcb_status: market.mwcb_level = message.mwcb_level; break;
+        case MessageKind::end_of_snapshot: market.snapshot_sequence = message.snapshot_sequence; break;
         case MessageKind::start_of_day: market.day_started = true; break;
-        case MessageKind::session_open: market.open_centers.push_back(m.header.market_center); break;
+        case MessageKind::session_open: market.open_centers.push_back(message.header.market_center); break;
         // The long directory entry repeats the short one; the quotes after a wipe-out carry its effect; an
         // MPID quote, a collar and an as-of trade change no state.
         case MessageKind::directory_long:

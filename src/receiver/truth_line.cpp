@@ -59,9 +59,9 @@ struct LineWriter {
     }
 };
 
-void open_line(LineWriter& line, const Market& market, const Message& m, std::uint64_t sequence,
+void open_line(LineWriter& line, const Market& market, const Message& message, std::uint64_t sequence,
                const Instrument** instrument) {
-    *instrument = find_instrument(market, m.symbol);
+    *instrument = find_instrument(market, message.symbol);
     line.text("{\"seq\":");
     line.number(sequence);
     if (*instrument != nullptr && (*instrument)->secid != 0) {
@@ -69,7 +69,7 @@ void open_line(LineWriter& line, const Market& market, const Message& m, std::ui
         line.number((*instrument)->secid);
     }
     line.text(",\"symbol\":\"");
-    line.text(m.symbol);
+    line.text(message.symbol);
     line.letter('"');
 }
 
@@ -86,7 +86,7 @@ void put_levels(LineWriter& line, const Instrument& instrument, char side) {
 }
 
 // The line of quotes, trading actions and price bands: the book after the message, and what the message said.
-void put_book(LineWriter& line, const Instrument& instrument, const Message& m) {
+void put_book(LineWriter& line, const Instrument& instrument, const Message& message) {
     line.text(",\"bid\":[");
     put_levels(line, instrument, 'B');
     line.text("],\"ask\":[");
@@ -108,15 +108,15 @@ void put_book(LineWriter& line, const Instrument& instrument, const Message& m) 
     line.text("],\"status\":\"");
     line.letter(instrument.status);
     line.letter('"');
-    if (m.kind == MessageKind::trading_action) {
+    if (message.kind == MessageKind::trading_action) {
         line.text(",\"ah\":\"");
-        line.letter(m.action.action);
+        line.letter(message.action.action);
         line.text("\",\"reason\":\"");
-        line.text(m.action.reason);
+        line.text(message.action.reason);
         line.letter('"');
-    } else if (m.kind == MessageKind::price_band) {
+    } else if (message.kind == MessageKind::price_band) {
         line.text(",\"ap\":\"");
-        line.letter(m.band.indicator);
+        line.letter(message.band.indicator);
         line.letter('"');
     }
     line.text("}\n");
@@ -124,33 +124,33 @@ void put_book(LineWriter& line, const Instrument& instrument, const Message& m) 
 
 // 2 for crosses and the official close, known by their sale conditions; 1 for other prints of "D", which are
 // TRF prints; 0 for the rest, exchange prints.
-char trade_kind(const Message& m) {
-    const std::string_view conditions = m.report.trade.conditions;
+char trade_kind(const Message& message) {
+    const std::string_view conditions = message.report.trade.conditions;
     if (conditions[1] == 'O' || conditions[1] == '5' || conditions[1] == '6' || conditions[3] == 'M') {
         return '2';
     }
-    return m.header.market_center == 'D' ? '1' : '0';
+    return message.header.market_center == 'D' ? '1' : '0';
 }
 
-void put_trade(LineWriter& line, const Message& m) {
-    const TradeFields& trade = m.report.trade;
+void put_trade(LineWriter& line, const Message& message) {
+    const TradeFields& trade = message.report.trade;
     line.text(",\"trade\":[");
     line.price(trade.price);
     line.letter(',');
     line.number(trade.size / millionths_per_share);
     line.text(",\"");
-    line.letter(m.header.market_center);
+    line.letter(message.header.market_center);
     line.text("\",\"");
     line.text(trade.conditions);
     line.text("\"],\"kind\":");
-    line.letter(trade_kind(m));
+    line.letter(trade_kind(message));
     line.text(",\"id\":");
     line.number(trade.id);
     line.text("}\n");
 }
 
-void put_cancel_error(LineWriter& line, const Message& m) {
-    const TradeFields& trade = m.report.trade;
+void put_cancel_error(LineWriter& line, const Message& message) {
+    const TradeFields& trade = message.report.trade;
     line.text(",\"cancel_error\":[");
     line.number(trade.id);
     line.letter(',');
@@ -158,35 +158,35 @@ void put_cancel_error(LineWriter& line, const Message& m) {
     line.letter(',');
     line.number(trade.size / millionths_per_share);
     line.text(",\"");
-    line.letter(m.header.market_center);
+    line.letter(message.header.market_center);
     line.text("\",\"");
-    line.letter(m.report.function);
+    line.letter(message.report.function);
     line.text("\"]}\n");
 }
 
-void put_correction(LineWriter& line, const Message& m) {
+void put_correction(LineWriter& line, const Message& message) {
     line.text(",\"correction\":[");
-    line.number(m.report.trade.id);
+    line.number(message.report.trade.id);
     line.letter(',');
-    line.number(m.report.corrected.id);
+    line.number(message.report.corrected.id);
     line.letter(',');
-    line.price(m.report.corrected.price);
+    line.price(message.report.corrected.price);
     line.letter(',');
-    line.number(m.report.corrected.size / millionths_per_share);
+    line.number(message.report.corrected.size / millionths_per_share);
     line.text(",\"");
-    line.letter(m.header.market_center);
+    line.letter(message.header.market_center);
     line.text("\"]}\n");
 }
 
 // The one line whose price has six significant digits and no trailing zeros.
-void put_as_of(LineWriter& line, const Message& m) {
-    const TradeFields& trade = m.report.trade;
+void put_as_of(LineWriter& line, const Message& message) {
+    const TradeFields& trade = message.report.trade;
     line.text(",\"asof\":[");
     line.end += std::snprintf(line.end, 32, "%g", static_cast<double>(trade.price) / 1e6);
     line.letter(',');
     line.number(trade.size / millionths_per_share);
     line.text(",\"");
-    line.letter(m.header.market_center);
+    line.letter(message.header.market_center);
     line.text("\",\"");
     line.text(trade.conditions);
     line.text("\"]}\n");
@@ -210,30 +210,31 @@ bool has_line(MessageKind kind) {
 
 }  // namespace
 
-bool append_truth_line(std::string& out, const Market& market, const Message& m, std::uint64_t sequence) {
-    if (!has_line(m.kind)) {
+bool append_truth_line(std::string& out, const Market& market, const Message& message,
+                       std::uint64_t sequence) {
+    if (!has_line(message.kind)) {
         return false;
     }
     LineWriter line;
-    if (m.kind == MessageKind::mwcb_status) {
+    if (message.kind == MessageKind::mwcb_status) {
         line.text("{\"seq\":");
         line.number(sequence);
         line.text(",\"mwcb\":");
-        line.letter(m.mwcb_level);
+        line.letter(message.mwcb_level);
         line.text("}\n");
         out.append(line.bytes, line.end);
         return true;
     }
     const Instrument* instrument = nullptr;
-    open_line(line, market, m, sequence, &instrument);
+    open_line(line, market, message, sequence, &instrument);
     static const Instrument nothing_known;
-    switch (m.kind) {
+    switch (message.kind) {
         case MessageKind::trade_short:
-        case MessageKind::trade_long: put_trade(line, m); break;
-        case MessageKind::cancel_error: put_cancel_error(line, m); break;
-        case MessageKind::correction: put_correction(line, m); break;
-        case MessageKind::as_of: put_as_of(line, m); break;
-        default: put_book(line, instrument != nullptr ? *instrument : nothing_known, m); break;
+        case MessageKind::trade_long: put_trade(line, message); break;
+        case MessageKind::cancel_error: put_cancel_error(line, message); break;
+        case MessageKind::correction: put_correction(line, message); break;
+        case MessageKind::as_of: put_as_of(line, message); break;
+        default: put_book(line, instrument != nullptr ? *instrument : nothing_known, message); break;
     }
     out.append(line.bytes, line.end);
     return true;
