@@ -1,8 +1,8 @@
 // Building the model, its draws, the tick, the start of day and the scenario's timed events.
 
-#include "model.h"
+#include "support/model/model.h"
 
-#include "model_wire.h"
+#include "support/model/model_wire.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -18,14 +18,16 @@ std::vector<Instrument> instruments_of(const std::string& symbols) {
     std::size_t start = 0;
     while (start < symbols.size()) {
         std::size_t end = symbols.find(',', start);
-        if (end == std::string::npos)
+        if (end == std::string::npos) {
             end = symbols.size();
+        }
         const std::string item = symbols.substr(start, end - start);
         const std::size_t colon = item.find(':');
         Instrument in;
         in.symbol = item.substr(0, colon);
-        if (colon != std::string::npos)
+        if (colon != std::string::npos) {
             in.price = std::strtod(item.c_str() + colon + 1, nullptr);
+        }
         in.secid = static_cast<std::uint16_t>(list.size() + 1);
         list.push_back(in);
         start = end + 1;
@@ -53,13 +55,15 @@ std::uint64_t Model::wall() {
 
 std::uint64_t Model::uniform_int(std::uint64_t lo, std::uint64_t hi) {
     const std::uint64_t range = hi - lo + 1;
-    if (range == 0)
+    if (range == 0) {
         return rng();  // every 64-bit value
+    }
     const std::uint64_t reject_below = (0 - range) % range;
     for (;;) {
         const Wide product = static_cast<Wide>(rng()) * range;
-        if (static_cast<std::uint64_t>(product) >= reject_below)
+        if (static_cast<std::uint64_t>(product) >= reject_below) {
             return lo + static_cast<std::uint64_t>(product >> 64);
+        }
     }
 }
 
@@ -91,22 +95,26 @@ void Model::tick(std::uint64_t now_ms) {
     ++ticks;
     have_deviate = false;
     const std::uint64_t now_ns = wall();
-    for (std::size_t i = 0; i < instruments.size(); ++i)
+    for (std::size_t i = 0; i < instruments.size(); ++i) {
         step(instruments[i], i == 0, now_ms, now_ns);
+    }
     flush();
 }
 
 void Model::step(Instrument& in, bool first, std::uint64_t now_ms, std::uint64_t now_ns) {
-    if (stopped(in) && in.quote_resume_ms != 0 && in.quote_resume_ms <= now_ms)
+    if (stopped(in) && in.quote_resume_ms != 0 && in.quote_resume_ms <= now_ms) {
         resume_quotation(in, now_ns);
+    }
     if (stopped(in)) {
         step_halted(in, first, now_ns);
         return;
     }
-    if (in.status == 'Q' && in.trade_resume_ms != 0 && in.trade_resume_ms <= now_ms)
+    if (in.status == 'Q' && in.trade_resume_ms != 0 && in.trade_resume_ms <= now_ms) {
         resume_trading(in, now_ns);
-    if (paused)
+    }
+    if (paused) {
         return;
+    }
 
     const double z = normal_deviate();
     in.price = in.price * (1 + ((z * options.step_bps) * 0.0001));
@@ -120,8 +128,9 @@ void Model::step(Instrument& in, bool first, std::uint64_t now_ms, std::uint64_t
 
     exchange_print(in, now_ns);
 
-    if (options.scenario.trf_every != 0 && ticks % options.scenario.trf_every == 0)
+    if (options.scenario.trf_every != 0 && ticks % options.scenario.trf_every == 0) {
         trf_print(in, now_ns);
+    }
     if (first && pending_trf != 0) {
         --pending_trf;
         trf_print(in, now_ns);
@@ -137,14 +146,16 @@ void Model::step(Instrument& in, bool first, std::uint64_t now_ms, std::uint64_t
 }
 
 void Model::step_halted(Instrument& in, bool first, std::uint64_t now_ns) {
-    if (first && pending_trf != 0)
+    if (first && pending_trf != 0) {
         --pending_trf;
+    }
     const double u = uniform_real();
     if (u < 0.3 && !options.participants.empty()) {
         const std::uint64_t index = uniform_int(0, options.participants.size() - 1);
-        const char mc = options.participants[index];
-        if (mc != 'D')
-            update_participant_quote(in, mc, now_ns, 'N');
+        const char market_center = options.participants[index];
+        if (market_center != 'D') {
+            update_participant_quote(in, market_center, now_ns, 'N');
+        }
     }
 }
 
@@ -160,14 +171,16 @@ void Model::start_of_day() {
         append(indicator_message(in, wall(), t0));
         send_band(in, 'A', t0);
     }
-    for (char mc : options.participants) {
-        retained.push_back(header('C', 'O', mc, ' ', wall(), t0).bytes);
+    for (char market_center : options.participants) {
+        retained.push_back(header('C', 'O', market_center, ' ', wall(), t0).bytes);
         append(retained.back());
     }
-    for (Instrument& in : instruments)
+    for (Instrument& in : instruments) {
         every_participant_quotes(in, t0);
-    for (Instrument& in : instruments)
+    }
+    for (Instrument& in : instruments) {
         record_trade(in, 'Q', ' ', cross_price(in, true), 5000, "@O  ", ' ', t0, 2);
+    }
     flush();
 }
 
@@ -176,13 +189,15 @@ void Model::fire_scenario_events(std::uint64_t now_ms) {
     const std::uint64_t elapsed = (now_ms - start_ms) / 1000;
     if (s.halt_after != 0 && !halt_fired && s.halt_after <= elapsed) {
         halt_fired = true;
-        if (!instruments.empty())
+        if (!instruments.empty()) {
             halt(instruments[0], "T1", s.halt_secs);
+        }
     }
     if (s.pause_after != 0 && !pause_fired && s.pause_after <= elapsed) {
         pause_fired = true;
-        if (!instruments.empty())
+        if (!instruments.empty()) {
             luld_pause(instruments[instruments.size() == 1 ? 0 : 1], s.pause_secs);
+        }
     }
     if (s.mwcb_level != 0 && !mwcb_fired && s.mwcb_after <= elapsed) {
         mwcb_fired = true;
@@ -190,8 +205,9 @@ void Model::fire_scenario_events(std::uint64_t now_ms) {
     }
     if (s.band_every != 0) {
         for (Instrument& in : instruments) {
-            if (in.band_due_ms == 0)
+            if (in.band_due_ms == 0) {
                 in.band_due_ms = now_ms + std::uint64_t{s.band_every} * 1000;
+            }
         }
     }
 }

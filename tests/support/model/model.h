@@ -12,7 +12,7 @@
 
 namespace tessel::model {
 
-/// What a scenario arms. Counts and seconds, 0 = off unless the program's defaults say otherwise.
+// What a scenario arms. Counts and seconds, 0 = off unless the program's defaults say otherwise.
 struct ScenarioSettings {
     std::uint32_t halt_after = 0;
     std::uint32_t halt_secs = 8;
@@ -28,7 +28,7 @@ struct ScenarioSettings {
     std::uint32_t asof_every = 0;
 };
 
-/// Fault settings and pending counts; packets are numbered from 1.
+// Fault settings and pending counts; packets are numbered from 1.
 struct Faults {
     std::uint32_t drop_every = 0;
     std::uint32_t drop_burst_length = 0;
@@ -51,7 +51,7 @@ struct Options {
     bool truth = true;
 };
 
-/// The event counters in printing order.
+// The event counters in printing order.
 struct Counters {
     std::uint64_t quotes = 0, adf_quotes = 0, nbbo_changes = 0, sip_generated = 0, trades = 0,
                   exchange_prints = 0;
@@ -60,9 +60,9 @@ struct Counters {
     std::uint64_t trade_resumes = 0, mwcb = 0, collars = 0, wipeouts = 0, snapshots = 0, snapshot_rejects = 0;
 };
 
-/// One odd-lot order; price in millionths of a dollar, size in shares.
+// One odd-lot order; price in millionths of a dollar, size in shares.
 struct OddLot {
-    char mc = ' ';
+    char market_center = ' ';
     char side = ' ';
     std::int64_t price = 0;
     std::uint32_t size = 0;
@@ -86,9 +86,9 @@ struct Nbbo {
     bool operator==(const Nbbo&) const = default;
 };
 
-/// One trade of the history; size in millionths of a share.
+// One trade of the history; size in millionths of a share.
 struct Trade {
-    char mc = ' ', sub_mc = ' ';
+    char market_center = ' ', sub_market_center = ' ';
     std::uint64_t id = 0;
     std::int64_t price = 0;
     std::uint64_t size = 0;
@@ -97,7 +97,7 @@ struct Trade {
     bool live = true;
 };
 
-/// High, low and last in millionths of a dollar (0 = none yet), volume in millionths of a share.
+// High, low and last in millionths of a dollar (0 = none yet), volume in millionths of a share.
 struct TradeStats {
     std::int64_t high = 0, low = 0, last = 0;
     std::uint64_t volume = 0;
@@ -128,13 +128,13 @@ struct Instrument {
     char indicator = '0';
 };
 
-/// One price level: price in millionths of a dollar and the summed size in shares.
+// One price level: price in millionths of a dollar and the summed size in shares.
 struct Level {
     std::int64_t price = 0;
     std::int64_t size = 0;
 };
 
-/// The whole feed. The harness sets `wall_ns` and `steady_ms` before it calls anything.
+// The whole feed. The harness sets `wall_ns` and `steady_ms` before it calls anything.
 struct Model {
     explicit Model(const Options& options);
 
@@ -142,26 +142,26 @@ struct Model {
     void start_of_day();
     void tick(std::uint64_t now_ms);
     void fire_scenario_events(std::uint64_t now_ms);
-    std::string command(const std::string& datagram);  ///< the reply datagram, line feed included
+    std::string command(const std::string& datagram);  // the reply datagram, line feed included
     void heartbeat(std::uint64_t now_ms);
 
     // Reading it.
     std::string stats_line() const;
     std::string faults_summary() const;
-    std::vector<std::string> spin(std::uint64_t spin_time_ns);  ///< unframed, without the end of snapshot
+    std::vector<std::string> spin(std::uint64_t spin_time_ns);  // unframed, without the end of snapshot
     std::string end_of_snapshot(std::uint64_t spin_time_ns) const;
     std::string book(std::uint64_t now_ns) const;
     std::string bbo() const;
 
     // Time as the harness sets it.
     std::uint64_t wall_ns = 0;
-    std::uint64_t wall_step_ns = 0;  ///< added after each reading, so that readings can be told apart
+    std::uint64_t wall_step_ns = 0;  // added after each reading, so that readings differ
     std::uint64_t steady_ms = 0;
-    std::uint64_t start_ms = 0;  ///< loop start, from which scenario seconds count
+    std::uint64_t start_ms = 0;  // loop start, from which scenario seconds count
 
     // What came out.
-    std::vector<std::string> messages;  ///< message with sequence s is messages[s - 1]
-    std::vector<std::string> packets;   ///< every datagram in the order sent, heartbeats included
+    std::vector<std::string> messages;  // message with sequence s is messages[s - 1]
+    std::vector<std::string> packets;   // every datagram in the order sent, heartbeats included
     std::string truth;
     std::string err;
 
@@ -191,7 +191,7 @@ struct Model {
     void flush();
     void send_or_damage(std::uint64_t packet_number, const std::string& packet, std::size_t count);
     std::string header_of(std::uint64_t sequence, std::uint16_t count) const;
-    std::string open_packet;  ///< message blocks only, without the 20-byte header
+    std::string open_packet;  // message blocks only, without the 20-byte header
     std::uint16_t open_count = 0;
     std::uint64_t open_first = 1;
     std::uint64_t next_sequence = 1;
@@ -200,16 +200,18 @@ struct Model {
     std::string held;
 
     // Quotes.
-    void update_participant_quote(Instrument& in, char mc, std::uint64_t now_ns, char override_condition);
-    void publish_quote(Instrument& in, char mc, char sip_flag, std::uint64_t now_ns);
+    void update_participant_quote(Instrument& in, char market_center, std::uint64_t now_ns,
+                                  char override_condition);
+    void publish_quote(Instrument& in, char market_center, char sip_flag, std::uint64_t now_ns);
     void empty_all_quotes(Instrument& in, std::uint64_t now_ns);
     void every_participant_quotes(Instrument& in, std::uint64_t now_ns);
     char store_best_odd_lot(Instrument& in);
     void mpid_quote(const Instrument& in, const Quote& quote);
 
     // Trades.
-    void record_trade(Instrument& in, char mc, char sub_mc, std::int64_t price, std::uint64_t shares,
-                      const std::string& conditions, char exempt, std::uint64_t time_ns, int kind);
+    void record_trade(Instrument& in, char market_center, char sub_market_center, std::int64_t price,
+                      std::uint64_t shares, const std::string& conditions, char exempt, std::uint64_t time_ns,
+                      int kind);
     void cancel_one(Instrument& in, std::uint64_t time_ns);
     void correct_one(Instrument& in, std::uint64_t time_ns);
     void emit_asof(Instrument& in);
@@ -224,7 +226,7 @@ struct Model {
     void send_band(Instrument& in, char indicator, std::uint64_t time_ns);
     void luld_pause(Instrument& in, std::uint32_t seconds);
     void breach_mwcb(std::uint32_t level);
-    void wipe_out(char mc);
+    void wipe_out(char market_center);
 
     // Steps of a tick.
     void step(Instrument& in, bool first, std::uint64_t now_ms, std::uint64_t now_ns);
@@ -241,24 +243,24 @@ struct Model {
     void say(const char* format, ...) __attribute__((format(printf, 2, 3)));
 };
 
-/// Dollars to whole cents: half away from zero, NaN is 0, held to plus or minus 10^12 cents.
+// Dollars to whole cents: half away from zero, NaN is 0, held to plus or minus 10^12 cents.
 std::int64_t cents_of(double dollars);
-/// The same in millionths of a dollar.
+// The same in millionths of a dollar.
 std::int64_t price_of(double dollars);
-/// Millionths cut toward zero to whole cents.
+// Millionths cut toward zero to whole cents.
 std::int64_t cut_to_cents(std::int64_t price);
 bool band_active(const Instrument& in);
 Nbbo compute_nbbo(const Instrument& in);
 std::vector<Level> build_levels(const Instrument& in, char side, std::size_t most);
 char luld_bbo_letter(const Instrument& in, const Quote& quote);
 char luld_national_letter(const Instrument& in);
-/// Does this quote carry the whole NBBO of its instrument?
-bool is_whole_nbbo(const Nbbo& nbbo, char mc, const Quote& quote);
-/// Price for opening, re-opening and closing prints: NBBO midpoint cut to cents, or the reference price.
+// Does this quote carry the whole NBBO of its instrument?
+bool is_whole_nbbo(const Nbbo& nbbo, char market_center, const Quote& quote);
+// Price for opening, re-opening and closing prints: NBBO midpoint cut to cents, or the reference price.
 std::int64_t cross_price(const Instrument& in, bool only_bid_asked);
-/// A number as a default output stream writes it: six significant digits, no trailing zeros.
+// A number as a default output stream writes it: six significant digits, no trailing zeros.
 std::string plain(double value);
-/// The arguments through printf, uncut.
+// The arguments through printf, uncut.
 std::string text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace tessel::model

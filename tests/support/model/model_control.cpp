@@ -1,6 +1,6 @@
 // One command datagram in, one reply datagram out.
 
-#include "model.h"
+#include "support/model/model.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,8 +16,9 @@ std::uint32_t count_of(const std::string& word, std::uint32_t fallback) {
     char* end = nullptr;
     errno = 0;
     const unsigned long value = std::strtoul(word.c_str(), &end, 10);
-    if (end == word.c_str() || errno == ERANGE)
+    if (end == word.c_str() || errno == ERANGE) {
         return fallback;
+    }
     return static_cast<std::uint32_t>(value);
 }
 
@@ -35,8 +36,9 @@ bool names_a_symbol(const std::string& word, const std::string& argument) {
 std::string Model::command(const std::string& datagram) {
     std::string line = datagram.substr(0, 511);
     line = line.substr(0, line.find('\0'));
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r' || line.back() == ' '))
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r' || line.back() == ' ')) {
         line.pop_back();
+    }
     const std::string reply = run_command(line);
     return reply == "ok stopping" ? reply : reply + "\n";
 }
@@ -46,8 +48,9 @@ std::string Model::run_command(const std::string& line) {
     std::istringstream(line) >> word >> argument;
     const std::string echo = "ok " + line;
     const unsigned long long last_sent = ull(next_sequence - 1);
-    if (names_a_symbol(word, argument))
+    if (names_a_symbol(word, argument)) {
         return run_symbol_command(word, argument, echo);
+    }
     if (word == "pause") {
         paused = true;
         say("bench: paused at seq %llu\n", last_sent);
@@ -81,8 +84,9 @@ std::string Model::run_command(const std::string& line) {
     } else if (word == "correct") {
         pending_corrections += count_of(argument, 1);
     } else if (word == "wipeout") {
-        if (argument.size() != 1)
+        if (argument.size() != 1) {
             return "err wipeout needs a Market Center Originator ID";
+        }
         wipe_out(argument[0]);
     } else if (word == "stats") {
         return "ok " + stats_line() + " next_seq=" + std::to_string(next_sequence) + " " + faults_summary();
@@ -99,20 +103,24 @@ std::string Model::run_symbol_command(const std::string& word, const std::string
                                       const std::string& echo) {
     Instrument* found = nullptr;
     for (Instrument& in : instruments) {
-        if (found == nullptr && in.symbol == symbol)
+        if (found == nullptr && in.symbol == symbol) {
             found = &in;
+        }
     }
     if (found == nullptr) {
         say("bench: unknown symbol '%s'\n", symbol.c_str());
         return "err unknown symbol";
     }
     Instrument& in = *found;
-    if (word == "halt")
+    if (word == "halt") {
         halt(in, "T1", 0);
-    if (word == "luld_pause")
+    }
+    if (word == "luld_pause") {
         luld_pause(in, 0);
-    if (word == "asof")
+    }
+    if (word == "asof") {
         emit_asof(in);
+    }
     if (word == "band") {
         send_band(in, 'C', wall());
         flush();

@@ -1,7 +1,7 @@
 // Regulatory events: halts, resumptions, price bands, pauses, the circuit breaker, the wipe-out.
 
-#include "model.h"
-#include "model_wire.h"
+#include "support/model/model.h"
+#include "support/model/model_wire.h"
 
 namespace tessel::model {
 
@@ -31,8 +31,9 @@ void Model::halt(Instrument& in, const std::string& reason, std::uint32_t second
     ++counters.halts;
     in.trade_resume_ms = 0;
     in.quote_resume_ms = seconds == 0 ? 0 : steady_ms + std::uint64_t{seconds} * 1000;
-    if (in.luld_lower != 0)
+    if (in.luld_lower != 0) {
         send_band(in, 'D', now_ns);
+    }
     const std::string suffix = seconds == 0 ? "" : ", resuming in " + std::to_string(seconds) + " s";
     say("bench: %s halted (%s) at seq %llu%s\n", in.symbol.c_str(), reason.c_str(), ull(next_sequence - 1),
         suffix.c_str());
@@ -41,15 +42,18 @@ void Model::halt(Instrument& in, const std::string& reason, std::uint32_t second
 
 void Model::resume_quotation(Instrument& in, std::uint64_t time_ns) {
     std::string reason = "T3";
-    if (in.halt_reason.rfind("MWC", 0) == 0)
+    if (in.halt_reason.rfind("MWC", 0) == 0) {
         reason = "MWCQ";
-    if (in.halt_reason == "LUDP")
+    }
+    if (in.halt_reason == "LUDP") {
         reason = "LUDP";
+    }
     trading_action(in, 'Q', reason, time_ns);
     ++counters.quote_resumes;
     every_participant_quotes(in, time_ns);
-    if (in.band_indicator == 'D')
+    if (in.band_indicator == 'D') {
         send_band(in, 'E', time_ns);
+    }
     in.quote_resume_ms = 0;
     in.trade_resume_ms = steady_ms + 2000;
     say("bench: %s quotation resumption at seq %llu\n", in.symbol.c_str(), ull(next_sequence - 1));
@@ -74,8 +78,9 @@ void Model::send_band(Instrument& in, char indicator, std::uint64_t time_ns) {
     const std::uint64_t sequence = append(band_message(in, indicator, wall(), time_ns));
     ++counters.bands;
     const std::uint64_t period = options.scenario.band_every;
-    if (period != 0)
+    if (period != 0) {
         in.band_due_ms = steady_ms + period * 1000;
+    }
     quote_line(in, sequence, std::string(",\"ap\":\"") + indicator + "\"");
 }
 
@@ -106,27 +111,29 @@ void Model::breach_mwcb(std::uint32_t level) {
     say("bench: MWCB level %u breached at seq %llu\n", level, ull(sequence));
     const std::string reason = level == 1 ? "MWC1" : level == 2 ? "MWC2" : "MWC3";
     for (Instrument& in : instruments) {
-        if (in.status != 'H' && in.status != 'P')
+        if (in.status != 'H' && in.status != 'P') {
             halt(in, reason, level < 3 ? 5 : 0);
+        }
     }
     flush();
 }
 
-void Model::wipe_out(char mc) {
+void Model::wipe_out(char market_center) {
     const std::uint64_t t1 = wall();
-    append(header('C', 'P', mc, ' ', wall(), t1).bytes);
+    append(header('C', 'P', market_center, ' ', wall(), t1).bytes);
     ++counters.wipeouts;
     for (Instrument& in : instruments) {
-        const auto found = in.quotes.find(static_cast<unsigned char>(mc));
-        if (found == in.quotes.end() || !found->second.present)
+        const auto found = in.quotes.find(static_cast<unsigned char>(market_center));
+        if (found == in.quotes.end() || !found->second.present) {
             continue;
+        }
         Quote& q = found->second;
         q.present = false;
         q.bid = q.ask = 0;
         q.bid_size = q.ask_size = 0;
-        publish_quote(in, mc, 'E', t1);
+        publish_quote(in, market_center, 'E', t1);
     }
-    say("bench: quote wipe-out of participant %c at seq %llu\n", mc, ull(next_sequence - 1));
+    say("bench: quote wipe-out of participant %c at seq %llu\n", market_center, ull(next_sequence - 1));
     flush();
 }
 

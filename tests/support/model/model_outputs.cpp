@@ -1,8 +1,8 @@
 // What an observer reads: truth lines, standard-error lines, counters, the book and BBO texts, the Snap-Shot
 // spin.
 
-#include "model.h"
-#include "model_wire.h"
+#include "support/model/model.h"
+#include "support/model/model_wire.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -45,11 +45,12 @@ std::string book_levels(const std::vector<Level>& levels) {
 }
 
 // A stored quote as a late joiner gets it: long form, with the stored NBBO and best odd-lot quote.
-std::string rebuilt_quote(const Instrument& in, char mc, const Quote& quote, std::uint64_t spin_time_ns) {
+std::string rebuilt_quote(const Instrument& in, char market_center, const Quote& quote,
+                          std::uint64_t spin_time_ns) {
     QuoteMessage m;
-    m.mc = mc;
+    m.market_center = market_center;
     m.sip_ns = m.participant_ns = spin_time_ns;
-    m.adf_ns = mc == 'D' ? spin_time_ns : 0;
+    m.adf_ns = market_center == 'D' ? spin_time_ns : 0;
     m.symbol = in.symbol;
     m.quote = quote;
     m.luld_bbo = luld_bbo_letter(in, quote);
@@ -59,17 +60,21 @@ std::string rebuilt_quote(const Instrument& in, char mc, const Quote& quote, std
     m.nbbo_ind = '3';
     if (in.nbbo.bid == 0 && in.nbbo.ask == 0) {
         m.nbbo_ind = '1';
-    } else if (is_whole_nbbo(in.nbbo, mc, quote)) {
+    } else if (is_whole_nbbo(in.nbbo, market_center, quote)) {
         m.nbbo_ind = '4';
     }
-    if (mc == 'D')
+    if (market_center == 'D') {
         m.mpid_ind = '2';
-    if (in.best_odd_present)
-        m.odd_best_ind = in.best_odd_bid.mc == 'D' || in.best_odd_ask.mc == 'D' ? '5' : '3';
+    }
+    if (in.best_odd_present) {
+        m.odd_best_ind =
+            in.best_odd_bid.market_center == 'D' || in.best_odd_ask.market_center == 'D' ? '5' : '3';
+    }
     m.odd_bid = in.best_odd_bid;
     m.odd_ask = in.best_odd_ask;
-    if (!quote.odd_lots.empty())
-        m.odd_list_ind = mc == 'D' ? '5' : '3';
+    if (!quote.odd_lots.empty()) {
+        m.odd_list_ind = market_center == 'D' ? '5' : '3';
+    }
     return long_quote(m);
 }
 
@@ -97,8 +102,9 @@ void Model::say(const char* format, ...) {
 }
 
 void Model::truth_line(const std::string& line) {
-    if (options.truth)
+    if (options.truth) {
         truth += line;
+    }
 }
 
 void Model::quote_line(const Instrument& in, std::uint64_t sequence, const std::string& extra) {
@@ -108,8 +114,9 @@ void Model::quote_line(const Instrument& in, std::uint64_t sequence, const std::
                        truth_levels(build_levels(in, 'A', 10)) + "]";
     line += text(",\"nbbo\":[%.4f,%u,%.4f,%u]", dollars(in.nbbo.bid), in.nbbo.bid_size, dollars(in.nbbo.ask),
                  in.nbbo.ask_size);
-    if (band_active(in))
+    if (band_active(in)) {
         line += text(",\"band\":[%.4f,%.4f]", dollars(in.luld_lower), dollars(in.luld_upper));
+    }
     line += std::string(",\"status\":\"") + in.status + "\"" + extra + "}\n";
     truth_line(line);
 }
@@ -143,8 +150,9 @@ std::string Model::stats_line() const {
         {"snapshot_rejects", c.snapshot_rejects},
     };
     std::string out;
-    for (const auto& [key, value] : pairs)
+    for (const auto& [key, value] : pairs) {
         out += (out.empty() ? "" : " ") + std::string(key) + "=" + std::to_string(value);
+    }
     return out;
 }
 
@@ -163,22 +171,26 @@ std::vector<std::string> Model::spin(std::uint64_t spin_time_ns) {
         out.push_back(indicator_message(in, t, t));
     }
     for (const Instrument& in : instruments) {
-        if (in.status != 'T')
+        if (in.status != 'T') {
             out.push_back(trading_action_message(in, in.status, in.halt_reason, t, t));
+        }
     }
     out.push_back(decline_levels(t, t));
     for (const Instrument& in : instruments) {
         const char letter = in.band_indicator == ' ' ? 'B' : in.band_indicator;
-        if (in.luld_lower != 0)
+        if (in.luld_lower != 0) {
             out.push_back(band_message(in, letter, t, t));
+        }
     }
     for (const Instrument& in : instruments) {
-        if (in.status == 'P')
+        if (in.status == 'P') {
             out.push_back(collar_message(in, t, t));
+        }
     }
     for (const Instrument& in : instruments) {
-        for (const auto& [mc, quote] : in.quotes)
-            out.push_back(rebuilt_quote(in, static_cast<char>(mc), quote, t));
+        for (const auto& [market_center, quote] : in.quotes) {
+            out.push_back(rebuilt_quote(in, static_cast<char>(market_center), quote, t));
+        }
     }
     ++counters.snapshots;
     return out;
@@ -191,8 +203,9 @@ std::string Model::end_of_snapshot(std::uint64_t spin_time_ns) const {
 std::string Model::book(std::uint64_t now_ns) const {
     std::string out = "{\"ts_ns\":" + std::to_string(now_ns) + ",\"symbols\":{";
     for (const Instrument& in : instruments) {
-        if (&in != &instruments.front())
+        if (&in != &instruments.front()) {
             out += ",";
+        }
         out += "\"" + in.symbol + "\":{\"bid\":[" + book_levels(build_levels(in, 'B', 5)) + "],\"ask\":[" +
                book_levels(build_levels(in, 'A', 5)) + "],\"last\":" + plain(dollars(in.last_trade_price)) +
                ",\"volume\":" + std::to_string(in.share_volume) + ",\"status\":\"" + in.status + "\"}";

@@ -1,7 +1,7 @@
 // Quotes: drawing them, the NBBO, the best odd-lot quote, the choice of form, and the price helpers.
 
-#include "model.h"
-#include "model_wire.h"
+#include "support/model/model.h"
+#include "support/model/model_wire.h"
 
 #include <algorithm>
 #include <cmath>
@@ -25,12 +25,15 @@ bool fits_short(std::int64_t price) {
 
 std::int64_t cents_of(double dollars) {
     double cents = 100 * dollars;
-    if (std::isnan(cents))
+    if (std::isnan(cents)) {
         return 0;
-    if (cents > 1e12)
+    }
+    if (cents > 1e12) {
         cents = 1e12;
-    if (cents < -1e12)
+    }
+    if (cents < -1e12) {
         cents = -1e12;
+    }
     return std::llround(cents);
 }
 
@@ -61,21 +64,23 @@ Nbbo compute_nbbo(const Instrument& in) {
         return eligible(q) && q.ask >= 1 && q.ask_size >= 100 && (!active || q.ask >= in.luld_lower);
     };
     Nbbo best;
-    for (const auto& [mc, q] : in.quotes) {
-        if (bid_counts(q) && (best.bid == 0 || q.bid > best.bid))
+    for (const auto& [market_center, q] : in.quotes) {
+        if (bid_counts(q) && (best.bid == 0 || q.bid > best.bid)) {
             best.bid = q.bid;
-        if (ask_counts(q) && (best.ask == 0 || q.ask < best.ask))
+        }
+        if (ask_counts(q) && (best.ask == 0 || q.ask < best.ask)) {
             best.ask = q.ask;
+        }
     }
     const Quote* bid_holder = nullptr;
     const Quote* ask_holder = nullptr;
-    for (const auto& [mc, q] : in.quotes) {
+    for (const auto& [market_center, q] : in.quotes) {
         if (bid_counts(q) && q.bid == best.bid) {
             best.bid_size += q.bid_size;
             if (bid_holder == nullptr || q.bid_size > bid_holder->bid_size ||
                 (q.bid_size == bid_holder->bid_size && q.time_ns < bid_holder->time_ns)) {
                 bid_holder = &q;
-                best.bid_mc = static_cast<char>(mc);
+                best.bid_mc = static_cast<char>(market_center);
             }
         }
         if (ask_counts(q) && q.ask == best.ask) {
@@ -83,7 +88,7 @@ Nbbo compute_nbbo(const Instrument& in) {
             if (ask_holder == nullptr || q.ask_size > ask_holder->ask_size ||
                 (q.ask_size == ask_holder->ask_size && q.time_ns < ask_holder->time_ns)) {
                 ask_holder = &q;
-                best.ask_mc = static_cast<char>(mc);
+                best.ask_mc = static_cast<char>(market_center);
             }
         }
     }
@@ -92,71 +97,89 @@ Nbbo compute_nbbo(const Instrument& in) {
 
 std::vector<Level> build_levels(const Instrument& in, char side, std::size_t most) {
     std::map<std::int64_t, std::int64_t> sum;
-    for (const auto& [mc, q] : in.quotes) {
+    for (const auto& [market_center, q] : in.quotes) {
         const std::int64_t price = side == 'B' ? q.bid : q.ask;
         const std::uint32_t size = side == 'B' ? q.bid_size : q.ask_size;
-        if (q.present && price > 0 && size > 0)
+        if (q.present && price > 0 && size > 0) {
             sum[price] += size;
+        }
     }
     std::vector<Level> levels;
-    for (const auto& [price, size] : sum)
+    for (const auto& [price, size] : sum) {
         levels.push_back({price, size});
-    if (side == 'B')
+    }
+    if (side == 'B') {
         std::reverse(levels.begin(), levels.end());
-    if (levels.size() > most)
+    }
+    if (levels.size() > most) {
         levels.resize(most);
+    }
     return levels;
 }
 
 char luld_bbo_letter(const Instrument& in, const Quote& quote) {
-    if (!band_active(in))
+    if (!band_active(in)) {
         return ' ';
+    }
     const bool bid_above = quote.bid > in.luld_upper;
     const bool ask_below = quote.ask > 0 && quote.ask < in.luld_lower;
-    if (bid_above && ask_below)
+    if (bid_above && ask_below) {
         return 'C';
-    if (bid_above)
+    }
+    if (bid_above) {
         return 'A';
-    if (ask_below)
+    }
+    if (ask_below) {
         return 'B';
+    }
     return ' ';
 }
 
 char luld_national_letter(const Instrument& in) {
-    if (!band_active(in))
+    if (!band_active(in)) {
         return ' ';
+    }
     const std::int64_t bid = in.nbbo.bid, ask = in.nbbo.ask, low = in.luld_lower, up = in.luld_upper;
     const bool bid_at_limit = bid == up && bid >= 1;
     const bool ask_at_limit = ask == low && ask > 0;
     const bool bid_outside = bid > 0 && bid < low;
     const bool ask_outside = ask > up;
-    if (bid_at_limit && ask_at_limit)
+    if (bid_at_limit && ask_at_limit) {
         return 'I';
-    if (bid_at_limit && ask_outside)
+    }
+    if (bid_at_limit && ask_outside) {
         return 'G';
-    if (bid_outside && ask_at_limit)
+    }
+    if (bid_outside && ask_at_limit) {
         return 'H';
-    if (bid_at_limit)
+    }
+    if (bid_at_limit) {
         return 'E';
-    if (ask_at_limit)
+    }
+    if (ask_at_limit) {
         return 'F';
-    if (bid_outside && ask_outside)
+    }
+    if (bid_outside && ask_outside) {
         return 'D';
-    if (ask_outside)
+    }
+    if (ask_outside) {
         return 'C';
-    if (bid_outside)
+    }
+    if (bid_outside) {
         return 'B';
+    }
     return 'A';
 }
 
-bool is_whole_nbbo(const Nbbo& nbbo, char mc, const Quote& quote) {
-    return nbbo.bid != 0 && nbbo.ask != 0 && nbbo.bid_mc == mc && nbbo.ask_mc == mc &&
+bool is_whole_nbbo(const Nbbo& nbbo, char market_center, const Quote& quote) {
+    return nbbo.bid != 0 && nbbo.ask != 0 && nbbo.bid_mc == market_center && nbbo.ask_mc == market_center &&
            quote.bid == nbbo.bid && quote.ask == nbbo.ask && quote.bid_size == nbbo.bid_size &&
            quote.ask_size == nbbo.ask_size;
 }
 
-void Model::update_participant_quote(Instrument& in, char mc, std::uint64_t now_ns, char override_condition) {
-    Quote& q = in.quotes[static_cast<unsigned char>(mc)];
+void Model::update_participant_quote(Instrument& in, char market_center, std::uint64_t now_ns,
+                                     char override_condition) {
+    Quote& q = in.quotes[static_cast<unsigned char>(market_center)];
     q.present = true;
     q.time_ns = now_ns;
     const std::int64_t c = cents_of(in.price);
@@ -180,7 +203,7 @@ void Model::update_participant_quote(Instrument& in, char mc, std::uint64_t now_
             }
         }
     }
-    if (mc == 'D') {
+    if (market_center == 'D') {
         q.bid_mpid = "NITE";
         q.ask_mpid = "GSCO";
     }
@@ -188,13 +211,13 @@ void Model::update_participant_quote(Instrument& in, char mc, std::uint64_t now_
     const std::uint32_t every = options.scenario.odd_lot_every;
     if (every != 0 && (counters.quotes + 1) % every == 0) {
         const auto bid_size = static_cast<std::uint32_t>(uniform_int(1, 99));
-        q.odd_lots.push_back(
-            {mc, 'B', q.bid == 0 ? c * 10000 : q.bid + 10000, bid_size, mc == 'D' ? "NITE" : ""});
+        q.odd_lots.push_back({market_center, 'B', q.bid == 0 ? c * 10000 : q.bid + 10000, bid_size,
+                              market_center == 'D' ? "NITE" : ""});
         const auto ask_size = static_cast<std::uint32_t>(uniform_int(1, 99));
-        q.odd_lots.push_back(
-            {mc, 'A', q.ask == 0 ? c * 10000 : q.ask - 10000, ask_size, mc == 'D' ? "GSCO" : ""});
+        q.odd_lots.push_back({market_center, 'A', q.ask == 0 ? c * 10000 : q.ask - 10000, ask_size,
+                              market_center == 'D' ? "GSCO" : ""});
     }
-    publish_quote(in, mc, ' ', now_ns);
+    publish_quote(in, market_center, ' ', now_ns);
 }
 
 // Finds the best odd-lot orders against the stored NBBO, stores them, and answers with the indicator
@@ -202,10 +225,11 @@ void Model::update_participant_quote(Instrument& in, char mc, std::uint64_t now_
 char Model::store_best_odd_lot(Instrument& in) {
     OddLot bid, ask;
     bool have_bid = false, have_ask = false;
-    for (const auto& [mc, q] : in.quotes) {
+    for (const auto& [market_center, q] : in.quotes) {
         for (const OddLot& o : q.odd_lots) {
-            if (o.size == 0)
+            if (o.size == 0) {
                 continue;
+            }
             if (o.side == 'B' && (in.nbbo.bid == 0 || o.price > in.nbbo.bid) &&
                 (!have_bid || o.price > bid.price)) {
                 bid = o;
@@ -224,38 +248,41 @@ char Model::store_best_odd_lot(Instrument& in) {
         return gone;
     }
     auto same = [](const OddLot& a, const OddLot& b) {
-        return a.mc == b.mc && a.price == b.price && a.size == b.size;
+        return a.market_center == b.market_center && a.price == b.price && a.size == b.size;
     };
-    if (in.best_odd_present && same(bid, in.best_odd_bid) && same(ask, in.best_odd_ask))
+    if (in.best_odd_present && same(bid, in.best_odd_bid) && same(ask, in.best_odd_ask)) {
         return '0';
+    }
     in.best_odd_bid = bid;
     in.best_odd_ask = ask;
     in.best_odd_present = true;
-    if (bid.mc == 'D' || ask.mc == 'D')
+    if (bid.market_center == 'D' || ask.market_center == 'D') {
         return '5';
+    }
     return fits_short(bid.price) && fits_short(ask.price) ? '2' : '3';
 }
 
-void Model::publish_quote(Instrument& in, char mc, char sip_flag, std::uint64_t now_ns) {
-    const Quote& q = in.quotes[static_cast<unsigned char>(mc)];
+void Model::publish_quote(Instrument& in, char market_center, char sip_flag, std::uint64_t now_ns) {
+    const Quote& q = in.quotes[static_cast<unsigned char>(market_center)];
     QuoteMessage m;
-    m.mc = mc;
+    m.market_center = market_center;
     m.sip_ns = wall();
     m.participant_ns = now_ns;
-    m.adf_ns = mc == 'D' ? now_ns : 0;
+    m.adf_ns = market_center == 'D' ? now_ns : 0;
     m.symbol = in.symbol;
     m.quote = q;
     m.sip_flag = sip_flag;
     m.luld_bbo = luld_bbo_letter(in, q);
 
     const Nbbo nbbo = compute_nbbo(in);
-    if (nbbo != in.nbbo)
+    if (nbbo != in.nbbo) {
         ++counters.nbbo_changes;
+    }
     if (in.nbbo_valid && nbbo == in.nbbo) {
         m.nbbo_ind = '0';
     } else if (nbbo.bid == 0 && nbbo.ask == 0) {
         m.nbbo_ind = '1';
-    } else if (is_whole_nbbo(nbbo, mc, q)) {
+    } else if (is_whole_nbbo(nbbo, market_center, q)) {
         m.nbbo_ind = '4';
     } else {
         const bool small =
@@ -272,31 +299,39 @@ void Model::publish_quote(Instrument& in, char mc, char sip_flag, std::uint64_t 
     m.odd_bid = in.best_odd_bid;
     m.odd_ask = in.best_odd_ask;
 
-    bool is_short = mc != 'D' && in.symbol.size() <= 5 && fits_short(q.bid) && fits_short(q.ask) &&
+    bool is_short = market_center != 'D' && in.symbol.size() <= 5 && fits_short(q.bid) && fits_short(q.ask) &&
                     q.bid_size <= 65534 && q.ask_size <= 65534 && m.nbbo_ind != '3' &&
                     m.odd_best_ind != '3' && m.odd_best_ind != '5';
-    for (const OddLot& o : q.odd_lots)
+    for (const OddLot& o : q.odd_lots) {
         is_short = is_short && fits_short(o.price);
-    if (!is_short) {
-        if (m.nbbo_ind == '2')
-            m.nbbo_ind = '3';
-        if (m.odd_best_ind == '2')
-            m.odd_best_ind = '3';
     }
-    if (!q.odd_lots.empty())
-        m.odd_list_ind = mc == 'D' ? '5' : is_short ? '2' : '3';
-    if (mc == 'D')
+    if (!is_short) {
+        if (m.nbbo_ind == '2') {
+            m.nbbo_ind = '3';
+        }
+        if (m.odd_best_ind == '2') {
+            m.odd_best_ind = '3';
+        }
+    }
+    if (!q.odd_lots.empty()) {
+        m.odd_list_ind = market_center == 'D' ? '5' : is_short ? '2' : '3';
+    }
+    if (market_center == 'D') {
         m.mpid_ind = '2';
+    }
 
     const std::uint64_t sequence = append(is_short ? short_quote(m) : long_quote(m));
     ++counters.quotes;
-    if (sip_flag == 'E')
+    if (sip_flag == 'E') {
         ++counters.sip_generated;
-    if (mc == 'D')
+    }
+    if (market_center == 'D') {
         ++counters.adf_quotes;
+    }
     quote_line(in, sequence, "");
-    if (mc == 'D' && counters.quotes % 7 == 0 && q.bid != 0)
+    if (market_center == 'D' && counters.quotes % 7 == 0 && q.bid != 0) {
         mpid_quote(in, q);
+    }
 }
 
 void Model::mpid_quote(const Instrument& in, const Quote& quote) {
@@ -308,21 +343,22 @@ void Model::mpid_quote(const Instrument& in, const Quote& quote) {
 }
 
 void Model::empty_all_quotes(Instrument& in, std::uint64_t now_ns) {
-    for (char mc : options.participants) {
-        Quote& q = in.quotes[static_cast<unsigned char>(mc)];
+    for (char market_center : options.participants) {
+        Quote& q = in.quotes[static_cast<unsigned char>(market_center)];
         q.present = true;
         q.bid = q.ask = 0;
         q.bid_size = q.ask_size = 0;
         q.condition = 'L';
         q.time_ns = now_ns;
         q.odd_lots.clear();
-        publish_quote(in, mc, ' ', now_ns);
+        publish_quote(in, market_center, ' ', now_ns);
     }
 }
 
 void Model::every_participant_quotes(Instrument& in, std::uint64_t now_ns) {
-    for (char mc : options.participants)
-        update_participant_quote(in, mc, now_ns, ' ');
+    for (char market_center : options.participants) {
+        update_participant_quote(in, market_center, now_ns, ' ');
+    }
 }
 
 }  // namespace tessel::model

@@ -1,7 +1,7 @@
 // Sequence numbers, packets, heartbeats and the faults done to packets.
 
-#include "model.h"
-#include "model_wire.h"
+#include "support/model/model.h"
+#include "support/model/model_wire.h"
 
 namespace tessel::model {
 
@@ -26,8 +26,9 @@ std::uint64_t Model::append(const std::string& message) {
         return packet_header_bytes + open_packet.size() + 2 + message.size() <= packet_bytes_max &&
                open_count != 65534;
     };
-    if (!fits())
+    if (!fits()) {
         flush();
+    }
     if (fits()) {
         open_packet += Bytes().num(message.size(), 2).bytes + message;
         ++open_count;
@@ -40,8 +41,9 @@ std::string Model::header_of(std::uint64_t sequence, std::uint16_t count) const 
 }
 
 void Model::flush() {
-    if (open_count == 0)
+    if (open_count == 0) {
         return;
+    }
     ++packets_flushed;
     send_or_damage(packets_flushed, header_of(open_first, open_count) + open_packet, open_count);
     open_packet.clear();
@@ -55,8 +57,9 @@ void Model::send_or_damage(std::uint64_t number, const std::string& packet, std:
     const bool in_burst = faults.drop_burst_length != 0 && number >= faults.drop_burst_start &&
                           number < faults.drop_burst_start + faults.drop_burst_length;
     if (multiple(number, faults.drop_every) || in_burst || faults.pending_drops != 0) {
-        if (faults.pending_drops != 0)
+        if (faults.pending_drops != 0) {
             --faults.pending_drops;
+        }
         ++dropped;
         say("tessel fault: dropped seq %llu (packet %llu, %u message(s))\n", first, ull(number),
             static_cast<unsigned>(count));
@@ -68,8 +71,9 @@ void Model::send_or_damage(std::uint64_t number, const std::string& packet, std:
         twice = true;
     }
     if (multiple(number, faults.reorder_every) || faults.pending_reorders != 0) {
-        if (faults.pending_reorders != 0)
+        if (faults.pending_reorders != 0) {
             --faults.pending_reorders;
+        }
         held = packet;
         ++reordered;
         say("tessel fault: reordered seq %llu (held behind the next packet)\n", first);
@@ -88,8 +92,9 @@ void Model::send_or_damage(std::uint64_t number, const std::string& packet, std:
 }
 
 void Model::heartbeat(std::uint64_t now_ms) {
-    if (static_cast<std::int64_t>(now_ms) - last_flush_ms < 1000)
+    if (static_cast<std::int64_t>(now_ms) - last_flush_ms < 1000) {
         return;
+    }
     flush();
     packets.push_back(header_of(next_sequence, 0));
     open_first = next_sequence;

@@ -1,10 +1,11 @@
-#include "model_wire.h"
+#include "support/model/model_wire.h"
 
 namespace tessel::model {
 
 Bytes& Bytes::num(std::uint64_t value, int width) {
-    for (int i = width - 1; i >= 0; --i)
+    for (int i = width - 1; i >= 0; --i) {
         bytes += static_cast<char>((value >> (8 * i)) & 0xff);
+    }
     return *this;
 }
 
@@ -20,10 +21,10 @@ Bytes& Bytes::ch(char c) {
     return *this;
 }
 
-Bytes header(char category, char type, char mc, char sub_mc, std::uint64_t sip_ns,
+Bytes header(char category, char type, char market_center, char sub_market_center, std::uint64_t sip_ns,
              std::uint64_t participant_ns) {
     Bytes b;
-    b.ch('1').ch(category).ch(type).ch(mc).ch(sub_mc);
+    b.ch('1').ch(category).ch(type).ch(market_center).ch(sub_market_center);
     b.num(sip_ns, 8).num(participant_ns, 8).num(0, 8);
     return b;
 }
@@ -46,29 +47,33 @@ void nbbo_appendage(Bytes& b, const QuoteMessage& m) {
 
 void odd_lot_appendages(Bytes& b, const QuoteMessage& m) {
     if (m.odd_best_ind == '2') {
-        b.ch(m.odd_bid.mc).cents(m.odd_bid.price).num(m.odd_bid.size, 2);
-        b.ch(m.odd_ask.mc).cents(m.odd_ask.price).num(m.odd_ask.size, 2);
+        b.ch(m.odd_bid.market_center).cents(m.odd_bid.price).num(m.odd_bid.size, 2);
+        b.ch(m.odd_ask.market_center).cents(m.odd_ask.price).num(m.odd_ask.size, 2);
     }
     if (m.odd_best_ind == '3' || m.odd_best_ind == '5') {
-        b.ch(m.odd_bid.mc).price(m.odd_bid.price).num(m.odd_bid.size, 2);
-        b.ch(m.odd_ask.mc).price(m.odd_ask.price).num(m.odd_ask.size, 2);
+        b.ch(m.odd_bid.market_center).price(m.odd_bid.price).num(m.odd_bid.size, 2);
+        b.ch(m.odd_ask.market_center).price(m.odd_ask.price).num(m.odd_ask.size, 2);
     }
-    if (m.odd_best_ind == '5')
+    if (m.odd_best_ind == '5') {
         b.text(m.odd_bid.mpid, 4).text(m.odd_ask.mpid, 4);
+    }
     for (const OddLot& o : m.quote.odd_lots) {
-        if (m.odd_list_ind == '2')
-            b.ch(o.mc).ch(o.side).cents(o.price).num(o.size, 2);
-        if (m.odd_list_ind == '3')
-            b.ch(o.mc).ch(o.side).price(o.price).num(o.size, 2);
-        if (m.odd_list_ind == '5')
-            b.ch(o.mc).ch(o.side).price(o.price).num(o.size, 2).text(o.mpid, 4);
+        if (m.odd_list_ind == '2') {
+            b.ch(o.market_center).ch(o.side).cents(o.price).num(o.size, 2);
+        }
+        if (m.odd_list_ind == '3') {
+            b.ch(o.market_center).ch(o.side).price(o.price).num(o.size, 2);
+        }
+        if (m.odd_list_ind == '5') {
+            b.ch(o.market_center).ch(o.side).price(o.price).num(o.size, 2).text(o.mpid, 4);
+        }
     }
 }
 
 }  // namespace
 
 std::string short_quote(const QuoteMessage& m) {
-    Bytes b = header('Q', 'C', m.mc, ' ', m.sip_ns, m.participant_ns);
+    Bytes b = header('Q', 'C', m.market_center, ' ', m.sip_ns, m.participant_ns);
     b.text(m.symbol, 5);
     b.cents(m.quote.bid).num(m.quote.bid_size, 2);
     b.cents(m.quote.ask).num(m.quote.ask_size, 2);
@@ -80,7 +85,7 @@ std::string short_quote(const QuoteMessage& m) {
 }
 
 std::string long_quote(const QuoteMessage& m) {
-    Bytes b = header('Q', 'D', m.mc, ' ', m.sip_ns, m.participant_ns);
+    Bytes b = header('Q', 'D', m.market_center, ' ', m.sip_ns, m.participant_ns);
     b.num(m.adf_ns, 8);
     b.text(m.symbol, 11);
     b.price(m.quote.bid).num(m.quote.bid_size, 4);
@@ -88,8 +93,9 @@ std::string long_quote(const QuoteMessage& m) {
     b.ch(m.quote.condition).ch(m.sip_flag).ch(m.luld_bbo).ch(' ').ch(m.nbbo_ind).ch(m.luld_nbbo);
     b.ch(m.mpid_ind).ch(m.odd_best_ind).ch(m.odd_list_ind).num(m.quote.odd_lots.size(), 2);
     nbbo_appendage(b, m);
-    if (m.mpid_ind == '2')
+    if (m.mpid_ind == '2') {
         b.text(m.quote.bid_mpid, 4).text(m.quote.ask_mpid, 4);
+    }
     odd_lot_appendages(b, m);
     return b.bytes;
 }
@@ -99,8 +105,9 @@ std::string directory(const Instrument& in, bool long_form, std::uint64_t sip_ns
     Bytes b = header('A', long_form ? 'F' : 'B', 'Q', ' ', sip_ns, time_ns);
     b.text(in.symbol, 11).text("", 11).text(in.symbol + " COMMON STOCK", 30);
     b.ch('C').text("C", 2).ch('Q').ch('P').ch('N').num(100, 2).ch('N');
-    if (!long_form)
+    if (!long_form) {
         return b.bytes;
+    }
     b.ch('N').ch('0').ch('3');
     b.ch(stopped ? 'H' : 'T').text(stopped ? in.halt_reason : "", 6);
     b.ch(in.indicator).num(0, 8).num(0, 8);

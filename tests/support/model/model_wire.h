@@ -2,7 +2,7 @@
 
 // The model's encoders: a string that grows to the right, field after field, in the order of the wire.
 
-#include "model.h"
+#include "support/model/model.h"
 
 #include <cstdint>
 #include <string>
@@ -10,7 +10,7 @@
 
 namespace tessel::model {
 
-/// Bytes written left to right. Numbers are big-endian and keep their low `width` bytes.
+// Bytes written left to right. Numbers are big-endian and keep their low `width` bytes.
 struct Bytes {
     std::string bytes;
     Bytes& num(std::uint64_t value, int width);
@@ -24,13 +24,13 @@ struct Bytes {
     Bytes& ch(char c);
 };
 
-/// The 29-byte common header; token 0.
-Bytes header(char category, char type, char mc, char sub_mc, std::uint64_t sip_ns,
+// The 29-byte common header; token 0.
+Bytes header(char category, char type, char market_center, char sub_market_center, std::uint64_t sip_ns,
              std::uint64_t participant_ns);
 
-/// Everything a short or long quote message says.
+// Everything a short or long quote message says.
 struct QuoteMessage {
-    char mc = ' ';
+    char market_center = ' ';
     std::uint64_t sip_ns = 0, participant_ns = 0, adf_ns = 0;
     std::string symbol;
     Quote quote;

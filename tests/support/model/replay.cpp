@@ -21,7 +21,7 @@ using testing::type_name;
 
 namespace {
 
-// Instruments are compared in one comparison of so many: what differs in them stays different.
+// Instruments are compared in every eighth comparison: what differs in them stays different.
 constexpr std::size_t instruments_every = 8;
 
 testing::MarketOptions market_options(const Options& options) {
@@ -41,8 +41,9 @@ std::string read_from(int fd, std::size_t from) {
     std::array<char, 65536> buffer{};
     for (;;) {
         const ssize_t got = pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(from + out.size()));
-        if (got <= 0)
+        if (got <= 0) {
             return out;
+        }
         out.append(buffer.data(), static_cast<std::size_t>(got));
     }
 }
@@ -56,9 +57,9 @@ std::string text_difference(const std::string& expected, const std::string& got)
     return "at byte " + std::to_string(at) + "\nexpected " + line(expected) + "\ngot      " + line(got);
 }
 
-// What an instrument stands at, as a text that is equal exactly when it is. A price counts with every bit.
-template <typename Stands>
-std::string state_text(const Stands& in, std::int64_t bid, std::int64_t ask, std::uint64_t volume) {
+// The state of an instrument, as a text that is equal exactly when it is. A price counts with every bit.
+template <typename State>
+std::string state_text(const State& in, std::int64_t bid, std::int64_t ask, std::uint64_t volume) {
     return text("price %a status %c reason %s actions %u band %c %lld %lld %lld resume %llu %llu due %llu",
                 in.price, in.status, in.halt_reason.c_str(), in.action_seq, in.band_indicator,
                 static_cast<long long>(in.luld_lower), static_cast<long long>(in.luld_upper),
@@ -145,30 +146,35 @@ void Replay::heartbeat() {
     last_step_ = "heartbeat";
     model.heartbeat(model.steady_ms);
     const auto now_ms = static_cast<std::int64_t>(market.clock.simulated_steady_ms);
-    if (now_ms - market.publisher.last_flush_ms >= heartbeat_after_ms)
+    if (now_ms - market.publisher.last_flush_ms >= heartbeat_after_ms) {
         send_heartbeat(market.publisher);
+    }
 }
 
 void Replay::command(const std::string& line) {
     last_step_ = "command '" + line + "'";
     const std::string expected = model.command(line);
     const ControlReply got = handle_command({&market.engine, &interval_ms_}, line.data(), line.size());
-    if (got.text != expected)
+    if (got.text != expected) {
         note("reply: expected " + expected + "got " + got.text);
-    if (interval_ms_ != model.interval_ms)
+    }
+    if (interval_ms_ != model.interval_ms) {
         note("interval: expected " + std::to_string(model.interval_ms));
+    }
 }
 
 void Replay::compare_files() {
     std::string got;
     format_book(got, market.engine.instruments, model.wall_ns);
     const std::string book = model.book(model.wall_ns);
-    if (got != book)
+    if (got != book) {
         note("book " + text_difference(book, got));
+    }
     format_bbo(got, market.engine.instruments);
     const std::string bbo = model.bbo();
-    if (got != bbo)
+    if (got != bbo) {
         note("BBO " + text_difference(bbo, got));
+    }
 }
 
 void Replay::compare_spin() {
@@ -180,30 +186,35 @@ void Replay::compare_spin() {
     const std::vector<std::span<const unsigned char>> got = spin_messages(spin_);
     for (std::size_t i = 0; i < std::min(expected.size(), got.size()); ++i) {
         const std::string what = difference(expected[i], {got[i].begin(), got[i].end()});
-        if (!what.empty())
+        if (!what.empty()) {
             note("spin message " + std::to_string(i) + ": " + what);
+        }
     }
     if (expected.size() != got.size()) {
         note("spin of " + std::to_string(expected.size()) + " messages expected, " +
              std::to_string(got.size()) + " got");
     }
     std::string framed;
-    for (const std::string& message : expected)
+    for (const std::string& message : expected) {
         framed += Bytes().num(message.size() + 1, 2).ch('S').bytes + message;
+    }
     const std::string sent(reinterpret_cast<const char*>(spin_.bytes.data()), spin_.size);
-    if (framed != sent)
+    if (framed != sent) {
         note("spin of " + std::to_string(framed.size()) + " bytes is framed otherwise");
+    }
 }
 
 void Replay::compare_messages() {
     const RetransStore& history = market.publisher.history;
     std::array<unsigned char, 65536> blocks{};
     std::uint64_t index = compared_messages_;
-    if (index < history.end_index && index < history.first_index)
+    if (index < history.end_index && index < history.first_index) {
         note("more messages in a step than are kept");
+    }
     RetransCursor cursor;
-    if (index < history.end_index)
+    if (index < history.end_index) {
         cursor = find_message(history, index);
+    }
     while (index < history.end_index && found_.empty()) {
         std::size_t bytes = 0;
         const std::size_t count =
@@ -235,8 +246,9 @@ void Replay::compare_packets() {
     const auto& got = market.packets;
     for (; compared_packets_ < std::min(got.size(), model.packets.size()); ++compared_packets_) {
         const std::string packet = as_text(got[compared_packets_]);
-        if (packet == model.packets[compared_packets_])
+        if (packet == model.packets[compared_packets_]) {
             continue;
+        }
         note("datagram " + std::to_string(compared_packets_) + ":\nexpected " +
              to_hex(model.packets[compared_packets_]) + "\ngot      " + to_hex(packet));
         return;
@@ -251,14 +263,16 @@ void Replay::compare_texts() {
     if (market.engine.truth.fd >= 0) {
         const std::string got = read_from(market.engine.truth.fd, compared_truth_);
         const std::string expected = model.truth.substr(compared_truth_);
-        if (got != expected)
+        if (got != expected) {
             note("truth " + text_difference(expected, got));
+        }
         compared_truth_ = model.truth.size();
     }
     const std::string got = standard_error.take();
     const std::string expected = model.err.substr(compared_err_);
-    if (got != expected)
+    if (got != expected) {
         note("standard error " + text_difference(expected, got));
+    }
     compared_err_ = model.err.size();
 }
 
@@ -274,17 +288,20 @@ void Replay::compare_state() {
         faults_summary(p) + " messages " + std::to_string(p.messages_sequenced) + " packets " +
         std::to_string(p.packets_flushed) + " flushed at " + std::to_string(p.last_flush_ms) + " clock " +
         std::to_string(market.clock.simulated_wall_ns);
-    if (got != expected)
+    if (got != expected) {
         note("counters\nexpected " + expected + "\ngot      " + got);
-    if (comparisons_++ % instruments_every != 0)
+    }
+    if (comparisons_++ % instruments_every != 0) {
         return;
+    }
     for (std::size_t i = 0; i < model.instruments.size(); ++i) {
         const Instrument& m = model.instruments[i];
         const tessel::Instrument& in = market.at(i);
-        const std::string stands = state_text(m, m.nbbo.bid, m.nbbo.ask, m.consolidated.volume);
+        const std::string own = state_text(m, m.nbbo.bid, m.nbbo.ask, m.consolidated.volume);
         const std::string found = state_text(in, in.nbbo.bid, in.nbbo.ask, in.volume);
-        if (stands != found)
-            note("instrument " + m.symbol + "\nexpected " + stands + "\ngot      " + found);
+        if (own != found) {
+            note("instrument " + m.symbol + "\nexpected " + own + "\ngot      " + found);
+        }
     }
 }
 
@@ -299,12 +316,14 @@ std::string Replay::first_difference() {
 std::string random_command(std::mt19937_64& random, const Options& options) {
     auto below = [&](std::uint64_t n) { return random() % n; };
     std::vector<std::string> symbols{"NOPE"};
-    for (const Instrument& in : Model(options).instruments)
+    for (const Instrument& in : Model(options).instruments) {
         symbols.push_back(in.symbol);
+    }
     const std::string& letters = options.participants;
     std::string letter = "X";
-    if (!letters.empty() && below(8) != 0)
+    if (!letters.empty() && below(8) != 0) {
         letter = letters[below(letters.size())];
+    }
     auto symbol = [&] { return symbols[below(20) == 0 ? 0 : below(symbols.size())]; };
     auto number = [&] { return std::to_string(below(4)); };
     switch (below(40)) {

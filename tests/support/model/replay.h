@@ -15,7 +15,7 @@
 
 namespace tessel::model {
 
-/// The scenario as the text that the program reads.
+// The scenario as the text that the program reads.
 std::string scenario_text(const ScenarioSettings& settings);
 
 struct Replay {
@@ -32,11 +32,11 @@ struct Replay {
     void scenario_events();
     void heartbeat();
     void command(const std::string& line);
-    void compare_files();  ///< book and BBO texts
+    void compare_files();  // book and BBO texts
     void compare_spin();
 
-    /// Compares what the last steps put out. "" when all is equal; else what differs, with the step and the
-    /// seeds.
+    // Compares what the last steps put out. "" when all is equal; else what differs, with the step and the
+    // seeds.
     std::string first_difference();
 
 private:
@@ -59,8 +59,8 @@ private:
     std::string program_err_;
 };
 
-/// One random command line for this market, mostly sensible. Resumptions outnumber halts, so that the market
-/// goes on.
+// One random command line for this market, mostly sensible. Resumptions outnumber halts, so that the market
+// goes on.
 std::string random_command(std::mt19937_64& random, const Options& options);
 
 }  // namespace tessel::model
