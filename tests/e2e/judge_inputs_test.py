@@ -11,6 +11,7 @@ from feed import program
 
 TRUTH = "".join(f'{{"seq":{seq},"symbol":"AAPL","id":{seq},"status":"T"}}\n' for seq in range(1, 40_001))
 OUTPUT = "".join(f'{{"seq":{seq},"symbol":"AAPL","status":"T"}}\n' for seq in range(1, 40_001))
+LIST = '{"version":1,"channels":[{"name":"a"}]}'
 
 
 def judge(*args, **options):
@@ -110,6 +111,25 @@ def test_same_file_twice_is_status_2(tmp_path, files):
     assert judge("-", "-").returncode == 2
     with open(truth, "rb") as file:
         assert judge(truth, "-", stdin=file).returncode == 2
+
+
+def test_report_over_the_times_or_the_channel_list_is_status_2(tmp_path, files):
+    truth, output = files
+    times, channels, link = tmp_path / "times", tmp_path / "channels.json", tmp_path / "link"
+    times.write_text('{"seq":1,"sip":5}\n')
+    channels.write_text(LIST)
+    link.symlink_to(times)
+    latency = (truth, output, "--latency", "at", "--times")
+    for arguments, words in (
+            ((*latency, times, "--json", times), "--times and --json are the same file"),
+            ((*latency, times, "--report", link), "--times and --report are the same file"),
+            ((*latency, output), "OUTPUT and --times are the same file"),
+            ((tmp_path, tmp_path, "--channels", channels, "--json", channels),
+             "--channels and --json are the same file")):
+        done = judge(*arguments)
+        assert (done.returncode, done.stderr) == (2, f"tessel-judge: {words}\n"), arguments
+    assert times.read_text() == '{"seq":1,"sip":5}\n'
+    assert channels.read_text() == LIST
 
 
 def test_errors_are_one_short_line(tmp_path, files):

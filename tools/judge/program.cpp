@@ -12,7 +12,6 @@
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace tessel::judge {
@@ -50,30 +49,27 @@ struct NamedFile {
     ino_t inode = 0;
 };
 
-// The regular files that the reports would go to; those that do not exist yet are nobody else's.
+// Adds the regular file of that path; one that does not exist yet is nobody else's.
+void add_file(std::string_view role, const std::string& path, std::vector<NamedFile>& files) {
+    struct stat facts {};
+    if (!path.empty() && path != "-" && ::stat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode)) {
+        files.push_back({role, facts.st_dev, facts.st_ino});
+    }
+}
+
+// The files that the reports would go to.
 std::vector<NamedFile> report_files(const ProgramOptions& options) {
     std::vector<NamedFile> files;
-    const std::array<std::pair<std::string_view, const std::string*>, 4> reports = {
-        {{"--report", &options.html_path},
-         {"--json", &options.json_path},
-         {"--junit", &options.junit_path},
-         {"--summary-md", &options.markdown_path}}};
-    for (const auto& [role, path] : reports) {
-        struct stat facts {};
-        if (!path->empty() && *path != "-" && ::stat(path->c_str(), &facts) == 0 && S_ISREG(facts.st_mode)) {
-            files.push_back({role, facts.st_dev, facts.st_ino});
-        }
-    }
+    add_file("--report", options.html_path, files);
+    add_file("--json", options.json_path, files);
+    add_file("--junit", options.junit_path, files);
+    add_file("--summary-md", options.markdown_path, files);
     return files;
 }
 
 // No file may be given twice, whatever its names: a report would overwrite what is judged, or another report.
-bool check_files(const ProgramOptions& options, const Input& truth, const Input& output, std::string& error) {
-    std::vector<NamedFile> files = {{"TRUTH", truth.device, truth.inode},
-                                    {"OUTPUT", output.device, output.inode}};
-    const std::vector<NamedFile> reports = report_files(options);
-    files.insert(files.end(), reports.begin(), reports.end());
-    for (std::size_t index = 1; index != files.size(); ++index) {
+bool all_differ(const std::vector<NamedFile>& files, std::string& error) {
+    for (std::size_t index = 1; index < files.size(); ++index) {
         for (std::size_t before = 0; before != index; ++before) {
             if (files[before].device == files[index].device && files[before].inode == files[index].inode) {
                 error = fmt::format("{} and {} are the same file", files[before].role, files[index].role);
@@ -82,6 +78,15 @@ bool check_files(const ProgramOptions& options, const Input& truth, const Input&
         }
     }
     return true;
+}
+
+bool check_files(const ProgramOptions& options, const Input& truth, const Input& output, std::string& error) {
+    std::vector<NamedFile> files = {{"TRUTH", truth.device, truth.inode},
+                                    {"OUTPUT", output.device, output.inode}};
+    add_file("--times", options.judged.times_path, files);
+    const std::vector<NamedFile> reports = report_files(options);
+    files.insert(files.end(), reports.begin(), reports.end());
+    return all_differ(files, error);
 }
 
 bool write_reports(const ProgramOptions& options, const Result& result, std::string& error) {
@@ -116,10 +121,16 @@ int judge_pair(const ProgramOptions& options) {
     return verdict(result) == Verdict::agrees ? status_agrees : status_differs;
 }
 
-// The channels' files may not be what the JSON is written to.
+// Neither the list nor the channels' files may be what the JSON is written to.
 bool check_channel_files(const ProgramOptions& options, const std::vector<std::string>& names,
                          std::string& error) {
     const std::vector<NamedFile> reports = report_files(options);
+    std::vector<NamedFile> files;
+    add_file("--channels", options.channels_path, files);
+    files.insert(files.end(), reports.begin(), reports.end());
+    if (!all_differ(files, error)) {
+        return false;
+    }
     for (const std::string& name : names) {
         for (const std::string& folder : {options.judged.truth_path, options.judged.output_path}) {
             const std::string path = channel_file(folder, name);
