@@ -4,7 +4,7 @@ namespace tessel {
 
 namespace {
 
-// The header letters are category, type and originator; the sub-market center is a blank and the token 0.
+// The header letters are category, type and market center; the sub-market center is a blank and the token 0.
 MessageHeader admin_header(AdminTimes times, char category, char type, char market_center) {
     MessageHeader header;
     header.category = category;

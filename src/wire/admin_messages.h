@@ -41,7 +41,7 @@ struct DirectoryRecord {
     char indicator = '0';
 };
 
-// Category, type and originator letters: "CI E" start of day, "CO <market_center>" session open, "CP
+// Category, type and market center letters: "CI E" start of day, "CO <market_center>" session open, "CP
 // <market_center>" wipe-out.
 void build_start_of_day(MessageWriter& writer, AdminTimes times);
 void build_session_open(MessageWriter& writer, AdminTimes times, char market_center);

@@ -172,7 +172,7 @@ inline constexpr Field odd_lot_long_fields[] = {
 inline constexpr Field trade_short_fields[] = {
     {29, 8, Kind::time, "trf_time", "FINRA/TRF Timestamp", {}, "0 unless the market center is D"},
     {37, 5, Kind::text, "symbol", "Symbol"},
-    {42, 8, Kind::integer, "id", "Trade ID", {}, "counts for each originator"},
+    {42, 8, Kind::integer, "id", "Trade ID", {}, "counts for each market center"},
     {50, 2, Kind::cents, "price", "Trade Price"},
     {52, 8, Kind::shares, "size", "Trade Size"},
     {60, 4, Kind::conditions, "conditions", "Sale Conditions", sale_condition_codes},

@@ -17,9 +17,9 @@ struct MessageHeader {
     char version = '1';
     char category = ' ';
     char type = ' ';
-    char market_center = ' ';      // market center originator; 'E' on messages that the SIP itself makes
-    char sub_market_center = ' ';  // sub-market center
-    std::uint64_t sip_time = 0;    // wall-clock ns: when the message was built
+    char market_center = ' ';            // 'E' on messages that the SIP itself makes
+    char sub_market_center = ' ';        // sub-market center
+    std::uint64_t sip_time = 0;          // wall-clock ns: when the message was built
     std::uint64_t participant_time = 0;  // wall-clock ns: the participant's event
     std::uint64_t participant_token = 0;
 };

@@ -38,7 +38,7 @@ struct OddLotQuote {
 // Everything a quote message can say. Prices are millionths of a dollar, sizes shares.
 struct QuoteRecord {
     MessageHeader header;
-    std::uint64_t adf_time = 0;  // participant time for originator 'D', else 0
+    std::uint64_t adf_time = 0;  // participant time for market center 'D', else 0
     std::string_view symbol;
     std::int64_t bid = 0;
     std::int64_t ask = 0;

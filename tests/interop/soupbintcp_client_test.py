@@ -59,7 +59,7 @@ def test_client_logs_in_gets_the_spin_stays_for_several_heartbeats_and_logs_out(
         assert [without_stamps(message) for message in messages] == \
                [without_stamps(message) for message in seen["messages"]]
         quotes = [letters(message) for message in messages if letters(message)[0] == "Q"]
-        assert quotes == [f"QD{mc} " for mc in "DKNPQVZ"] * 2
+        assert quotes == [f"QD{center} " for center in "DKNPQVZ"] * 2
         numbers = feed.stats()
         assert (numbers["snapshots"], numbers["snapshot_rejects"]) == (2, 0)
     assert feed.exit_code == 0

@@ -4,7 +4,7 @@
         client.send(login_request("LATE"))
         accepted, messages = client.read_spin()      # the last message is the end of snapshot
 
-Messages are bytes; letters(message) gives category, type, originator and sub-market center.
+Messages are bytes; letters(message) gives category, type, market center and sub-market center.
 """
 
 import socket

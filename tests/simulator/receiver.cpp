@@ -85,7 +85,7 @@ void offer_packet(Receiver& receiver, const Bytes& packet, std::int64_t now_ms) 
     }
 }
 
-std::uint64_t take_time(Receiver& receiver, std::int64_t now_ms) {
+std::uint64_t pass_time(Receiver& receiver, std::int64_t now_ms) {
     receiver::on_timer(receiver.sequencer, now_ms);
     return serve_requests(receiver, now_ms);
 }
@@ -94,7 +94,7 @@ std::uint64_t finish_receiver(Receiver& receiver, std::int64_t now_ms) {
     std::uint64_t requests = 0;
     for (int step = 0; step < finish_steps_max && !nothing_missing(receiver.sequencer); ++step) {
         now_ms += finish_step_ms;
-        requests += take_time(receiver, now_ms);
+        requests += pass_time(receiver, now_ms);
     }
     const std::uint64_t expected = receiver.appended->size() + 1 - receiver.first;
     if (receiver.taken != expected || receiver.sequencer.counters.lost != 0) {

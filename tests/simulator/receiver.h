@@ -37,7 +37,7 @@ void offer_packet(Receiver& receiver, const Bytes& packet, std::int64_t now_ms);
 
 // Lets time pass: what is missing is asked for and the answers are taken. Returns the requests that were
 // made.
-std::uint64_t take_time(Receiver& receiver, std::int64_t now_ms);
+std::uint64_t pass_time(Receiver& receiver, std::int64_t now_ms);
 
 // After the run's last packet: asks on until nothing is missing, then everything must be there. now_ms goes
 // on.

@@ -283,7 +283,7 @@ void run_pass(Simulation& sim, RunResult& result) {
         ++result.requests;
     }
     for (const std::unique_ptr<Receiver>& receiver : sim.receivers) {
-        sim.requests_served += take_time(*receiver, now_of(sim));
+        sim.requests_served += pass_time(*receiver, now_of(sim));
     }
     plant_in_market(sim);
     if (sim.pass % state_check_every == 0 || sim.canary.planted) {

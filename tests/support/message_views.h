@@ -87,7 +87,7 @@ struct StatisticsView {
 // A trade report, cancel/error, correction or as-of trade.
 struct TradeView {
     char type = '-';     // M, N, O, P or Q
-    std::string center;  // originator and sub-market center
+    std::string center;  // market center and sub-market center
     std::uint64_t sip_time = 0;
     std::uint64_t participant_time = 0;
     std::uint64_t trf_time = 0;

@@ -77,7 +77,7 @@ struct TestMarket {
     std::vector<std::string> truth_lines() const;
 };
 
-// Category, type, originator and sub-market center of a message: "AHQ ".
+// Category, type, market center and sub-market center of a message: "AHQ ".
 std::string letters(const Bytes& message);
 
 // Big-endian fields and texts of a message, read at an offset.
