@@ -1,2 +1,2 @@
 tessel_tool_library(
-  PACKAGES zstd)
+  PACKAGES ZLIB zstd)

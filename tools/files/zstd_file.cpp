@@ -1,5 +1,7 @@
 #include "files/zstd_file.h"
 
+#include "files/decompress.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 #include <zstd.h>
@@ -18,20 +20,18 @@ namespace {
 
 constexpr std::size_t chunk_bytes = std::size_t{256} << 10;
 constexpr int compression_level = 3;  // the library's default
-constexpr int window_log_max = 27;
 constexpr mode_t new_file_mode = 0666;
-constexpr unsigned char zstd_magic[] = {0x28, 0xb5, 0x2f, 0xfd};
 constexpr std::string_view suffix = ".zst";
 
 // A descriptor with what was read of it and not handed out yet.
 struct Source {
     int fd = -1;
-    std::vector<unsigned char> bytes;
+    std::vector<char> bytes;
     std::size_t begin = 0;
     std::size_t end = 0;
     bool ended = false;
-    ZSTD_DCtx* unpacker = nullptr;  // null: not compressed
-    bool inside_frame = false;
+    bool packed = false;
+    Decoder decoder;  // of what is packed
 };
 
 // A descriptor to which the bytes of a stream go, compressed or not.
@@ -68,38 +68,38 @@ ssize_t read_plain(Source& source, char* to, std::size_t room) {
 }
 
 ssize_t read_packed(Source& source, char* to, std::size_t room) {
-    ZSTD_outBuffer out{to, room, 0};
-    while (out.pos == 0) {
+    while (true) {
         if (source.begin == source.end && !source.ended && !refill(source)) {
             return -1;
         }
-        ZSTD_inBuffer in{source.bytes.data() + source.begin, source.end - source.begin, 0};
-        if (in.size == 0) {
-            if (source.inside_frame) {
-                errno = EPIPE;
-                return -1;
-            }
+        std::string_view packed(source.bytes.data() + source.begin, source.end - source.begin);
+        const bool at_end = packed.empty();
+        if (at_end && source.decoder.between_frames) {
             return 0;
         }
-        const std::size_t left = ZSTD_decompressStream(source.unpacker, &out, &in);
-        source.begin += in.pos;
-        if (ZSTD_isError(left) != 0) {
+        std::size_t produced = 0;
+        if (!decode(source.decoder, packed, to, room, produced)) {
             errno = EBADMSG;
             return -1;
         }
-        source.inside_frame = left != 0;
+        source.begin = source.end - packed.size();
+        if (produced != 0) {
+            return static_cast<ssize_t>(produced);
+        }
+        if (at_end) {
+            errno = EPIPE;
+            return -1;
+        }
     }
-    return static_cast<ssize_t>(out.pos);
 }
 
 ssize_t read_source(void* cookie, char* to, std::size_t room) {
     auto& source = *static_cast<Source*>(cookie);
-    return source.unpacker != nullptr ? read_packed(source, to, room) : read_plain(source, to, room);
+    return source.packed ? read_packed(source, to, room) : read_plain(source, to, room);
 }
 
 int close_source(void* cookie) {
     const std::unique_ptr<Source> source(static_cast<Source*>(cookie));
-    ZSTD_freeDCtx(source->unpacker);
     return source->fd == STDIN_FILENO ? 0 : close(source->fd);
 }
 
@@ -169,7 +169,7 @@ std::FILE* open_for_reading(const std::string& path, std::string& error) {
     }
     source->bytes.resize(chunk_bytes);
     // A pipe may deliver the first bytes one by one.
-    while (source->end < sizeof zstd_magic) {
+    while (source->end < compression_head_bytes) {
         const ssize_t count =
             read(source->fd, source->bytes.data() + source->end, source->bytes.size() - source->end);
         if (count < 0 && errno == EINTR) {
@@ -186,13 +186,10 @@ std::FILE* open_for_reading(const std::string& path, std::string& error) {
         }
         source->end += static_cast<std::size_t>(count);
     }
-    if (source->end >= sizeof zstd_magic &&
-        std::memcmp(source->bytes.data(), zstd_magic, sizeof zstd_magic) == 0) {
-        source->unpacker = ZSTD_createDCtx();
-        if (source->unpacker == nullptr) {
-            throw std::bad_alloc();
-        }
-        ZSTD_DCtx_setParameter(source->unpacker, ZSTD_d_windowLogMax, window_log_max);
+    const std::string_view head(source->bytes.data(), source->end);
+    source->packed = detect_compression(head) == Compression::zstd;
+    if (source->packed) {
+        start_decoder(source->decoder, Compression::zstd);
     }
     std::FILE* const file = fopencookie(source.get(), "rb", {read_source, nullptr, nullptr, close_source});
     if (file == nullptr) {

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <string>
 
-// Files that may be compressed, as plain C streams: who reads or writes one need not know. The only place
-// that uses the zstd library.
+// Files that may be compressed, as plain C streams: callers need not know. Only this folder uses the
+// compression libraries.
 namespace tessel::files {
 
 // Opens a file for reading; "-" is standard input. A stream that begins with a zstd frame is unpacked,

@@ -39,15 +39,15 @@ bool begin_file(Input& input, std::string& error) {
         return fail(error, input, "stat");
     }
     input.file_bytes = static_cast<std::uint64_t>(facts.st_size);
-    std::array<char, compression_head_bytes> head{};
+    std::array<char, files::compression_head_bytes> head{};
     const ssize_t got = read_at(input.fd, head.data(), head.size(), 0);
     if (got < 0) {
         return fail(error, input, "read");
     }
-    input.compression = detect_compression({head.data(), static_cast<std::size_t>(got)});
-    if (input.compression != Compression::none) {
+    input.compression = files::detect_compression({head.data(), static_cast<std::size_t>(got)});
+    if (input.compression != files::Compression::none) {
         input.packed.resize(packed_bytes);
-        start_decoder(input.decoder, input.compression);
+        files::start_decoder(input.decoder, input.compression);
     }
     return true;
 }
@@ -122,7 +122,7 @@ bool copy_all(std::vector<PipeCopy>& copies, std::string& error) {
 ssize_t read_packed(Input& input, char* to, std::size_t room, std::string& error) {
     const auto damaged = [&](std::string_view how) {
         error = fmt::format("{}: damaged: {} {} data at byte {}", input.name, how,
-                            compression_name(input.compression),
+                            files::compression_name(input.compression),
                             input.file_offset - (input.packed_end - input.packed_begin));
         return -1;
     };
@@ -131,7 +131,7 @@ ssize_t read_packed(Input& input, char* to, std::size_t room, std::string& error
                                 input.packed_end - input.packed_begin);
         if (!packed.empty() || !input.decoder.between_frames) {
             std::size_t produced = 0;
-            const bool good = decode(input.decoder, packed, to, room, produced);
+            const bool good = files::decode(input.decoder, packed, to, room, produced);
             input.packed_begin = input.packed_end - packed.size();
             if (!good) {
                 return damaged("broken");
@@ -216,7 +216,7 @@ bool same_file(const Input& one, const Input& other) {
 
 ssize_t read_input(Input& input, char* to, std::size_t room, std::string& error) {
     ssize_t got = 0;
-    if (input.compression != Compression::none) {
+    if (input.compression != files::Compression::none) {
         got = read_packed(input, to, room, error);
     } else {
         const std::uint64_t rest = input.file_bytes - std::min(input.offset, input.file_bytes);
@@ -230,12 +230,12 @@ ssize_t read_input(Input& input, char* to, std::size_t room, std::string& error)
 }
 
 bool seek_input(Input& input, std::uint64_t offset, std::string& error) {
-    if (input.compression == Compression::none) {
+    if (input.compression == files::Compression::none) {
         input.offset = offset;
         return true;
     }
     if (offset < input.offset) {
-        start_decoder(input.decoder, input.compression);
+        files::start_decoder(input.decoder, input.compression);
         input.offset = 0;
         input.file_offset = 0;
         input.packed_begin = 0;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "judge/decompress.h"
+#include "files/decompress.h"
 
 #include <sys/types.h>
 #include <cstdint>
@@ -18,12 +18,12 @@ struct Input {
     bool is_pipe = false;  // nothing can be read before `copy_pipes`
     dev_t device = 0;
     ino_t inode = 0;
-    Compression compression = Compression::none;
+    files::Compression compression = files::Compression::none;
     std::uint64_t file_bytes = 0;  // its size when it was opened: what is appended later is not read
     std::uint64_t offset = 0;      // of the next byte that is read, unpacked
     std::uint64_t file_offset = 0;
 
-    Decoder decoder;
+    files::Decoder decoder;
     std::vector<char> packed;  // read and not unpacked yet: from packed_begin to packed_end
     std::size_t packed_begin = 0;
     std::size_t packed_end = 0;

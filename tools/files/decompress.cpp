@@ -1,4 +1,4 @@
-#include "judge/decompress.h"
+#include "files/decompress.h"
 
 #include <algorithm>
 #include <climits>
@@ -8,7 +8,7 @@
 #include <zlib.h>
 #include <zstd.h>
 
-namespace tessel::judge {
+namespace tessel::files {
 
 struct DecoderState {
     Compression compression = Compression::none;
@@ -110,4 +110,4 @@ bool decode(Decoder& decoder, std::string_view& input, char* output, std::size_t
                : decode_zstd(decoder, input, output, room, produced);
 }
 
-}  // namespace tessel::judge
+}  // namespace tessel::files

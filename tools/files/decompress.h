@@ -5,7 +5,7 @@
 #include <memory>
 #include <string_view>
 
-namespace tessel::judge {
+namespace tessel::files {
 
 enum class Compression : std::uint8_t { none, gzip, zstd };
 
@@ -39,4 +39,4 @@ void start_decoder(Decoder& decoder, Compression compression);
 // `output`; `produced` is how many it wrote. False when the data is damaged.
 bool decode(Decoder& decoder, std::string_view& input, char* output, std::size_t room, std::size_t& produced);
 
-}  // namespace tessel::judge
+}  // namespace tessel::files
