@@ -47,7 +47,7 @@ def parse_option(spec, text):
     rest, _, default = rest.partition("=")
     value, _, check = rest.partition(":")
     limits = re.search(r"\[(-?[\d.]+) - (-?[\d.]+)\]", check)
-    # A value may stand in place of its check's name: "HOST:PORT".
+    # A value may take the place of its check's name: "HOST:PORT".
     if check and not limits and check not in ("NONNEGATIVE", "POSITIVE"):
         value = rest
     at_end = re.search(r"^[^\[]* \[([^\]]+)\]$", text)

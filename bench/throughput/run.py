@@ -199,9 +199,9 @@ def bare_round(build, port, seconds, core, truth, receiver):
     before = receiver.cpu() if receiver else 0.0
     with Emptied(truth):
         command = [build / "bare_loop", GROUP, port, INTERFACE, seconds, *([truth] if truth else [])]
-        told = run_json(command, core)
-    own = told["messages"] * told["cpu_ns"] * 1e-9 + (receiver.cpu() - before if receiver else 0.0)
-    return told["cpu_ns"], load.share(own)
+        report = run_json(command, core)
+    own = report["messages"] * report["cpu_ns"] * 1e-9 + (receiver.cpu() - before if receiver else 0.0)
+    return report["cpu_ns"], load.share(own)
 
 
 def rate_rounds(build, rounds, seconds, truth, joined):
@@ -230,22 +230,22 @@ def rate_rounds(build, rounds, seconds, truth, joined):
 def counted_allocations(build, truth):
     """Allocations a message in the steady state: counted over some seconds by a preloaded counter."""
     with tempfile.TemporaryDirectory() as folder:
-        library, told = os.path.join(folder, "counter.so"), os.path.join(folder, "count")
+        library, count_file = os.path.join(folder, "counter.so"), os.path.join(folder, "count")
         source = pathlib.Path(__file__).with_name("allocation_counter.c")
         subprocess.run(["gcc", "-O2", "-shared", "-fPIC", "-o", library, str(source)], check=True)
         path = os.path.join(TMPFS, "tessel-bench-%d" % os.getpid())
-        environment = {"LD_PRELOAD": library, "ALLOCATION_COUNT_FILE": told}
+        environment = {"LD_PRELOAD": library, "ALLOCATION_COUNT_FILE": count_file}
         options = ["--truth-out", path] if truth else []
         with Feed(build, free_port(socket.SOCK_DGRAM), options, None, environment) as feed:
 
             def count():
-                if os.path.exists(told):
-                    os.unlink(told)
+                if os.path.exists(count_file):
+                    os.unlink(count_file)
                 sequence = feed.sequence()
                 feed.process.send_signal(signal.SIGUSR2)
-                while not os.path.exists(told) or os.path.getsize(told) == 0:
+                while not os.path.exists(count_file) or os.path.getsize(count_file) == 0:
                     time.sleep(0.01)
-                return sequence, int(pathlib.Path(told).read_text())
+                return sequence, int(pathlib.Path(count_file).read_text())
 
             time.sleep(2.0)
             first, before = count()
@@ -304,8 +304,8 @@ def idle_share(build, rounds, seconds):
 def tick_costs(build, rounds):
     def cost(count, ticks):
         command = [str(build / "tick_profile"), str(count), str(ticks)]
-        told = subprocess.run(command, stdout=subprocess.PIPE, check=True)
-        return float(told.stdout.split()[3])
+        report = subprocess.run(command, stdout=subprocess.PIPE, check=True)
+        return float(report.stdout.split()[3])
 
     return [{"many_ns": cost(INSTRUMENTS, 60), "few_ns": cost(3, 150000)} for _ in range(rounds)]
 
@@ -353,17 +353,17 @@ def table(result):
         rows.append(("bytes a packet, of what fits", "%.4f" % result["packet_fill"], "0.97", "0.99", "",
                      "mean packet %.0f bytes" % result["packet_bytes"]))
     if "services" in result:
-        told = result["services"]
+        report = result["services"]
         rows.append(("resident growth of the full history over its payload",
-                     "%.3f" % told["history"], "1.45", "1.2", "", ""))
+                     "%.3f" % report["history"], "1.45", "1.2", "", ""))
         rows.append(("retransmission reply over the bare server",
-                     "%.3f" % told["retransmission"], "0.80", "0.95",
-                     "%.3f to %.3f" % (told["retransmission_min"], told["retransmission_max"]),
+                     "%.3f" % report["retransmission"], "0.80", "0.95",
+                     "%.3f to %.3f" % (report["retransmission_min"], report["retransmission_max"]),
                      "65,535 messages"))
         rows.append(("spin of 8,000 instruments over sending a ready buffer",
-                     "%.3f" % told["spin"], "0.55", "0.70",
-                     "%.3f to %.3f" % (told["spin_min"], told["spin_max"]),
-                     "%.1f MB, built in %.1f ms" % (told["spin_bytes"] / 1e6, told["spin_build_ms"])))
+                     "%.3f" % report["spin"], "0.55", "0.70",
+                     "%.3f to %.3f" % (report["spin_min"], report["spin_max"]),
+                     "%.1f MB, built in %.1f ms" % (report["spin_bytes"] / 1e6, report["spin_build_ms"])))
         rows.append(("idle CPU over the empty loop", "%.3f" % median(result["idle"], "ratio"), "1.25", "1.1",
                      spread(result["idle"], "ratio"),
                      "%.2f %% of a core" % (100 * median(result["idle"], "feed"))))

@@ -33,7 +33,7 @@ BlockPool pool;
 [[gnu::noinline]] void add_slab() {
     const std::size_t bytes = std::clamp(pool.bytes, slab_bytes_min, slab_bytes_max);
     auto& slab = pool.slabs.emplace_back();
-    slab.reserve(bytes / sizeof(Block));  // never filled: the blocks belong to who takes them
+    slab.reserve(bytes / sizeof(Block));  // never filled: the blocks belong to the callers
     pool.next = slab.data();
     pool.end = pool.next + bytes / sizeof(Block);
     pool.bytes += bytes;

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-// Several lines that carry the same numbered messages: which numbers each has passed, who brought a number
+// Several lines that carry the same numbered messages: which numbers each has passed, which brought a number
 // first, and how far a line comes after the first one. Lines may be packed differently.
 //
 // A number is missing when every line has passed it. A line that lags and has brought nothing new for
@@ -16,8 +16,8 @@
 namespace tessel::receiver {
 
 constexpr std::size_t lines_max = 16;
-// Numbers of which it is remembered who brought them, 16 bytes each, the latest ones; a power of two. A copy
-// that comes later than this many numbers is not counted.
+// Numbers of which it is remembered which line brought them, 16 bytes each, the latest ones; a power of two.
+// A copy that comes later than this many numbers is not counted.
 constexpr std::uint64_t remembered_copies = 1u << 20;
 
 // In messages, over all runs.

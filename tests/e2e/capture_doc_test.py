@@ -1,4 +1,4 @@
-"""The commands of docs/captures.md run as they stand, and every sample is read back and judged."""
+"""The commands of docs/captures.md run unchanged, and every sample is read back and judged."""
 
 import os
 import re

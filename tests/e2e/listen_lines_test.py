@@ -18,7 +18,7 @@ SUMMARY = re.compile(r"line (\w+): (\d+) first, (\d+) second, (\d+) missing, beh
 
 
 class Run:
-    """A feed of at least so many messages, received on its lines until it is silent."""
+    """A feed of at least that many messages, received on its lines until it is silent."""
 
     def __init__(self, feed, lines, messages, *options):
         self.out = feed.folder / "out.jsonl"

@@ -34,7 +34,7 @@ def counters_of(lines, name):
     return {key: int(value) for key, value in numbers.items()}
 
 
-def tell(port, text):
+def ask(port, text):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
         client.settimeout(scaled(30))
         client.connect(("127.0.0.1", port))
@@ -101,18 +101,18 @@ def test_impairments_change_while_it_runs(tmp_path):
     feed = Feed(tmp_path, interval_ms=5)
     line = f"A={unique_group()}:{free_port()}"
     with start_relay(feed, "--line", line, "--control-port", port) as relay, feed.start():
-        assert tell(port, "line A drop=100%") == "ok line A drop=100%"
-        wait_until(lambda: counters_of(tell(port, "stats").splitlines(), "A")["dropped"] > 5)
-        assert tell(port, "line A drop=0%").startswith("ok ")
-        dropped = counters_of(tell(port, "stats").splitlines(), "A")["dropped"]
-        sent = counters_of(tell(port, "stats").splitlines(), "A")["sent"]
-        wait_until(lambda: counters_of(tell(port, "stats").splitlines(), "A")["sent"] > sent + 5)
-        assert counters_of(tell(port, "stats").splitlines(), "A")["dropped"] == dropped
-        assert tell(port, "line B drop=1%") == "err unknown line 'B'"
-        assert tell(port, "line A drop=5") == "err drop: '5' is no percentage: write 0% to 100%"
-        assert tell(port, "frobnicate").startswith("err ")
-        assert tell(port, "x" * 600).startswith("err ")
-        assert tell(port, "stop") == "ok stopping"
+        assert ask(port, "line A drop=100%") == "ok line A drop=100%"
+        wait_until(lambda: counters_of(ask(port, "stats").splitlines(), "A")["dropped"] > 5)
+        assert ask(port, "line A drop=0%").startswith("ok ")
+        dropped = counters_of(ask(port, "stats").splitlines(), "A")["dropped"]
+        sent = counters_of(ask(port, "stats").splitlines(), "A")["sent"]
+        wait_until(lambda: counters_of(ask(port, "stats").splitlines(), "A")["sent"] > sent + 5)
+        assert counters_of(ask(port, "stats").splitlines(), "A")["dropped"] == dropped
+        assert ask(port, "line B drop=1%") == "err unknown line 'B'"
+        assert ask(port, "line A drop=5") == "err drop: '5' is no percentage: write 0% to 100%"
+        assert ask(port, "frobnicate").startswith("err ")
+        assert ask(port, "x" * 600).startswith("err ")
+        assert ask(port, "stop") == "ok stopping"
         assert relay.wait() == 0
 
 
@@ -305,10 +305,10 @@ def test_capture_that_is_not_there_ends_with_1(tmp_path):
 
 
 def test_every_option_of_the_page_is_one_of_the_program():
-    told = set(re.findall(r"--[a-z][a-z-]+", PAGE.read_text()))
+    named = set(re.findall(r"--[a-z][a-z-]+", PAGE.read_text()))
     helped = subprocess.run([program("tessel-relay"), "--help"], capture_output=True, text=True,
                             timeout=scaled(60), check=True).stdout
-    assert told <= set(re.findall(r"--[a-z-]+", helped)) and len(told) > 10
+    assert named <= set(re.findall(r"--[a-z-]+", helped)) and len(named) > 10
 
 
 def test_tesselctl_passes_words_on(tmp_path):

@@ -15,7 +15,7 @@ PAGE = Path(__file__).resolve().parents[2] / "docs" / "steering.md"
 
 def examples():
     """(command, reply) of every console example, in order."""
-    found = re.findall(r"^\$ tell (.*)\n(.*)$", PAGE.read_text(), re.M)
+    found = re.findall(r"^\$ send (.*)\n(.*)$", PAGE.read_text(), re.M)
     assert len(found) > 30
     return found
 
@@ -40,9 +40,9 @@ def test_every_command_of_the_page_gives_its_reply(tmp_path):
 
 
 def test_the_pages_own_shell_function_talks_to_the_feed(tmp_path):
-    function = re.search(r"^tell\(\).*$", PAGE.read_text(), re.M).group(0)
+    function = re.search(r"^send\(\).*$", PAGE.read_text(), re.M).group(0)
     with Feed(tmp_path) as feed:
-        script = function.replace("25180", str(feed.control_port)) + "\ntell drop 2\ntell stop\n"
+        script = function.replace("25180", str(feed.control_port)) + "\nsend drop 2\nsend stop\n"
         done = subprocess.run(["bash", "-c", script], capture_output=True, text=True,
                               timeout=scaled(60), check=True)
         assert done.stdout == "ok drop 2\nok stopping"

@@ -50,7 +50,7 @@ def test_the_library_finds_the_percentiles_that_the_program_prints(tmp_path):
         assert read[stage]["intervals"] >= 2
         levels = map(float, LEVELS.fullmatch(printed[2]).groups())
         for mine, theirs in zip(levels, read[stage]["percentiles"]):
-            # Three digits, and one digit behind the point in the printed text.
+            # Three digits, and one digit after the point in the printed text.
             assert mine == pytest.approx(theirs / 1000, rel=0.001, abs=0.051), (stage, printed[0])
         ours = (folder / f"{stage}.hgrm").read_text()
         assert comparable(ours) == comparable(read[stage]["text"])

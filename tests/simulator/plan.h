@@ -30,7 +30,7 @@ struct RunPlan {
 
 RunPlan draw_plan(std::uint64_t seed);
 
-// The plan on a few lines, for the one who looks into a failing seed.
+// The plan on a few lines, for whoever looks into a failing seed.
 std::string describe(const RunPlan& plan);
 
 }  // namespace tessel::simulator

@@ -68,7 +68,7 @@ void start_receiver(Receiver& receiver, std::uint64_t first) {
     };
     sinks.lost = [self](std::uint64_t lost, std::uint64_t count) {
         self->violations->report("receivers",
-                                 "gave up " + std::to_string(count) + " from " + std::to_string(lost));
+                                 "abandoned " + std::to_string(count) + " from " + std::to_string(lost));
     };
     sinks.request = [self](const unsigned char* bytes, std::size_t length) {
         self->requests.emplace_back(bytes, bytes + length);

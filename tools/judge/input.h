@@ -49,7 +49,7 @@ bool same_file(const Input& one, const Input& other);
 // read or is damaged.
 ssize_t read_input(Input& input, char* to, std::size_t room, std::string& error);
 
-// Goes on at byte `offset` of the unpacked data. Going back in a compressed file unpacks it anew from the
+// Goes on at byte `offset` of the unpacked data. Going back in a compressed file unpacks it again from the
 // beginning.
 bool seek_input(Input& input, std::uint64_t offset, std::string& error);
 

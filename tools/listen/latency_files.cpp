@@ -89,7 +89,7 @@ void append_variable(Bytes& out, std::int64_t value) {
     out.push_back(static_cast<unsigned char>(rest));
 }
 
-// The counts up to the last one that is not 0; a negative number stands for that many zeros.
+// The counts up to the last one that is not 0; a negative number means that many zeros.
 Bytes payload_of(const LatencyHistogram& histogram) {
     Bytes counts;
     std::int64_t zeros = 0;
@@ -111,7 +111,7 @@ Bytes payload_of(const LatencyHistogram& histogram) {
     append_number(payload, counts.size(), 4);
     append_number(payload, 0, 4);  // offset of the counts
     append_number(payload, significant_digits, 4);
-    append_number(payload, 1, 8);  // the lowest value told apart from 0
+    append_number(payload, 1, 8);  // the lowest value distinguished from 0
     append_number(payload, highest_value(histogram), 8);
     append_number(payload, std::bit_cast<std::uint64_t>(1.0), 8);  // factor of the values
     payload.insert(payload.end(), counts.begin(), counts.end());

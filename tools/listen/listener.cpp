@@ -67,7 +67,7 @@ void note_times(Listener& listener, std::uint64_t sequence) {
                        sip_ns);
         flush_when_large(listener.times);
     }
-    // A recovered message says nothing about the way of a packet.
+    // A recovered message says nothing about a packet's transit time.
     const receiver::PacketArrival& arrival = listener.sequencer.delivering;
     if (listener.latency && arrival.source == receiver::PacketSource::multicast && arrival.stamp_ns > 0) {
         note_latency(*listener.latency, sip_ns, static_cast<std::uint64_t>(arrival.stamp_ns),

@@ -160,7 +160,7 @@ void declare_run(CLI::App& app, Options& options) {
     app.footer("Ends with 0 when nothing is missing, 1 when something is, 2 for a bad command line.");
 }
 
-// The texts of --line as lines with names of their own.
+// The texts of --line as lines with distinct names.
 std::string take_lines(Options& options, const std::vector<std::string>& texts) {
     if (texts.size() > receiver::lines_max) {
         return fmt::format("--line: {} lines; at most {} are received together", texts.size(),

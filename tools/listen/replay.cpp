@@ -66,8 +66,8 @@ void begin_receiving(Replay& replay) {
     release_packets(replay);
 }
 
-// The line that the datagram came on; their number when it came on none. In a capture no line is told from
-// another by its interface.
+// The line that the datagram came on; their number when it came on none. In a capture the interface
+// does not distinguish lines.
 std::size_t line_of(const Replay& replay, const PcapFlow& flow) {
     std::size_t line = 0;
     while (line < replay.lines.size() && (flow.destination != replay.lines[line].destination ||

@@ -174,7 +174,8 @@ void declare(CLI::App& app, Options& o, Texts& texts) {
     app.add_option("--speed", o.speed, "Of a replay: 10 is ten times as fast")->check(CLI::Range(1e-6, 1e6));
     app.add_option("--rate", texts.rate, "Of a replay: messages a second");
     app.add_option("--ramp", texts.ramp, "Of a replay: FIRST:LAST:TIME, from one rate to another");
-    app.add_option("--loop", o.loops, "Replay the capture so many times")->check(CLI::Range(1u, 1000000000u));
+    app.add_option("--loop", o.loops, "Replay the capture this many times")
+        ->check(CLI::Range(1u, 1000000000u));
     app.add_flag("--quiet", o.quiet, "No line for each fault");
     app.footer(footer);
 }

@@ -34,7 +34,7 @@ struct SnapshotOptions {
     sockaddr_in upstream{};
     std::int64_t delay_ns = 0;
     double rate_bits = 0;           // to the client, a second; 0: no limit
-    std::uint64_t close_bytes = 0;  // the connection is closed after so many bytes to the client; 0: never
+    std::uint64_t close_bytes = 0;  // the connection is closed after this many bytes to the client; 0: never
 };
 
 struct Options {

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-// Passes requests for retransmission on, and the replies back, with loss and delay of its own and a limit for
+// Passes requests for retransmission on, and the replies back, with separate loss and delay and a limit for
 // each client.
 namespace tessel::relay {
 
@@ -26,7 +26,7 @@ struct RetransCounters {
     std::uint64_t limited = 0;  // requests beyond the limit
 };
 
-// One client address, with a socket of its own towards the service so that replies find their way back.
+// One client address, with a separate socket towards the service so that replies find their way back.
 struct RetransClient {
     int fd = -1;
     std::int64_t last_ns = 0;

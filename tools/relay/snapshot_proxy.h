@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// Passes Snap-Shot connections on, with delay, bandwidth and sudden closes of its own.
+// Passes Snap-Shot connections on, with separate delay, bandwidth and sudden closes.
 namespace tessel::relay {
 
 constexpr std::size_t snapshot_connections_max = 64;

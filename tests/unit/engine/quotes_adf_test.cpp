@@ -70,7 +70,7 @@ TEST(AdfQuote, EverySeventhQuote_IsFollowedByAnMpidQuoteOutsideBookAndTruth) {
         EXPECT_EQ(mpid.mpids, "VIRT");
         EXPECT_EQ(mpid.participant_time, 1000u + static_cast<unsigned>(round));
         EXPECT_EQ(mpid.adf_time, mpid.participant_time);
-        EXPECT_EQ(mpid.sip_time, quote.sip_time + 1);  // a reading of its own
+        EXPECT_EQ(mpid.sip_time, quote.sip_time + 1);  // a separate reading
         EXPECT_EQ(single.instrument().nbbo.bid, quote.bid);
     }
     EXPECT_EQ(single.stats().quotes, 21u);
