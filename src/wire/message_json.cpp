@@ -80,7 +80,10 @@ void append_field(std::string& out, const unsigned char* bytes, const LocatedFie
 void change_object(std::string& out, const LocatedField* before, const LocatedField* next) {
     const Block* const old_block = before == nullptr ? nullptr : before->block;
     const Block* const new_block = next == nullptr ? nullptr : next->block;
-    if (old_block == new_block && before->entry == next->entry) {
+    if (before == nullptr && next == nullptr) {
+        return;
+    }
+    if (before != nullptr && next != nullptr && old_block == new_block && before->entry == next->entry) {
         return;
     }
     if (old_block != nullptr && !old_block->object.empty()) {

@@ -22,7 +22,8 @@ std::string find_feed() {
     const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
     if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
         std::string beside(self, static_cast<std::size_t>(length));
-        beside = beside.substr(0, beside.rfind('/') + 1) + "tessel";
+        beside.resize(beside.rfind('/') + 1);
+        beside += "tessel";
         if (access(beside.c_str(), X_OK) == 0) {
             return beside;
         }

@@ -81,7 +81,8 @@ void append_number(Bytes& out, std::uint64_t value, std::size_t width) {
 
 // A signed number in 1 to 9 bytes: zigzag, seven bits a byte, lowest first; the ninth byte holds eight.
 void append_variable(Bytes& out, std::int64_t value) {
-    std::uint64_t rest = (static_cast<std::uint64_t>(value) << 1) ^ static_cast<std::uint64_t>(value >> 63);
+    const std::uint64_t shifted = static_cast<std::uint64_t>(value) << 1;
+    std::uint64_t rest = value < 0 ? ~shifted : shifted;
     for (int at = 0; at < 8 && rest >= 0x80; ++at) {
         out.push_back(static_cast<unsigned char>(rest | 0x80));
         rest >>= 7;
