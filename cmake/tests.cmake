@@ -90,6 +90,10 @@ target_link_libraries(tessel_reference PRIVATE tessel_test_support)
 add_test(NAME build.generated_files COMMAND tessel_reference --check ${PROJECT_SOURCE_DIR})
 set_tests_properties(build.generated_files PROPERTIES LABELS build)
 
+# Writes what the market sends, for the comparison between compilers and machines.
+add_executable(tessel_digest ${PROJECT_SOURCE_DIR}/tests/build/digest/digest_main.cpp)
+target_link_libraries(tessel_digest PRIVATE tessel_engine)
+
 # The simulator takes a seed and a length and reports the first violated invariant.
 file(GLOB simulator_files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/simulator/*.cpp)
 add_executable(tessel_simulator ${simulator_files})

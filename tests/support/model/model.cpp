@@ -2,6 +2,7 @@
 
 #include "support/model/model.h"
 
+#include "support/model/logarithm.h"
 #include "support/model/model_wire.h"
 
 #include <cmath>
@@ -85,7 +86,7 @@ double Model::normal_deviate() {
         y = 2 * u2 - 1;
         s = x * x + y * y;
     } while (!(s > 0 && s <= 1));
-    const double f = std::sqrt((-2 * std::log(s)) / s);
+    const double f = std::sqrt((-2 * logarithm(s)) / s);
     saved_deviate = x * f;
     have_deviate = true;
     return y * f;

@@ -5,6 +5,7 @@
 #include "engine/luld.h"
 #include "engine/publication.h"
 #include "support/message_views.h"
+#include "support/model/logarithm.h"
 #include "support/scripted_draws.h"
 #include "support/test_market.h"
 
@@ -41,7 +42,7 @@ using Draws = std::vector<std::uint64_t>;
 // The two uniforms of a pair of deviates: x = 0.5 and y = 0.25. The first is y times the factor, the second x
 // times it.
 const Draws deviate_pair = {real_draw(0.75), real_draw(0.625)};
-const double deviate_factor = std::sqrt((-2 * std::log(0.3125)) / 0.3125);
+const double deviate_factor = std::sqrt((-2 * model::logarithm(0.3125)) / 0.3125);
 
 constexpr double no_trade = 0.5;  // the first draw of the exchange print
 
