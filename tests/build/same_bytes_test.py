@@ -1,8 +1,9 @@
 """The same seed gives the same feed, whatever compiled it and whatever runs it.
 
-A small program (digest/digest_main.cpp) runs the market in memory under a simulated clock and writes every packet
-and the truth log to files. The one of the build under test, and one that the other compiler made at the level of
-its release builds, write what tests/golden/digest.sha256 says; scripts/cross holds other machines to the same file.
+A small program (digest/digest_main.cpp) runs the market in memory under a simulated clock and writes every
+packet and the truth log to files. The program of the build under test, and one that the other compiler made
+at the level of its release builds, write what tests/golden/digest.sha256 says; scripts/cross holds other
+machines to the same file.
 `TESSEL_UPDATE_GOLDEN=1` rewrites it from the build under test.
 """
 
@@ -71,7 +72,7 @@ def run(program, folder, seed=SEED, environment=None):
         path.unlink(missing_ok=True)
     subprocess.run([program, str(seed), str(TICKS), packets, truth], check=True, stderr=subprocess.DEVNULL,
                    env={**os.environ, **(environment or {})}, timeout=scaled(60))
-    assert min(packets.stat().st_size, truth.stat().st_size) > 100 * TICKS, "the run is too small to say anything"
+    assert min(packets.stat().st_size, truth.stat().st_size) > 100 * TICKS, "too small to say anything"
     return [f"{hashlib.sha256(path.read_bytes()).hexdigest()}  {path.name}" for path in (packets, truth)]
 
 
