@@ -323,9 +323,10 @@ void start_at(Sequencer& sequencer, std::uint64_t sequence) {
 namespace {
 
 // Delivers or keeps what the packet brings. `was_new_on_line`: it has a message that no packet of its line
-// had before.
-void take_messages(Sequencer& sequencer, const PacketRange& range, const unsigned char* bytes,
-                   std::size_t length, const PacketArrival& arrival, bool was_new_on_line) {
+// had before. Inline: replies, too, come here, and the call would cost each packet 60 instructions.
+[[gnu::always_inline]] inline void take_messages(Sequencer& sequencer, const PacketRange& range,
+                                                 const unsigned char* bytes, std::size_t length,
+                                                 const PacketArrival& arrival, bool was_new_on_line) {
     const std::int64_t now_ms = arrival.now_ms;
     learn_of(sequencer, range.first, now_ms);
     if (range.first == range.end || range.end <= sequencer.next) {
