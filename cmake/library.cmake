@@ -6,7 +6,7 @@
 set(library_version 0.1.0)
 
 set(wire_headers
-  wire/admin_messages.h wire/codes.h wire/field_table.h wire/layout.h wire/message_decoder.h
+  base/byte_order.h wire/admin_messages.h wire/codes.h wire/field_table.h wire/layout.h wire/message_decoder.h
   wire/message_json.h wire/message_writer.h wire/quote_messages.h wire/trade_messages.h)
 set(receiver_headers
   base/clock.h mold/history_search.h mold/line_arbiter.h mold/packet.h mold/restart_detector.h mold/sequencer.h

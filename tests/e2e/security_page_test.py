@@ -28,9 +28,9 @@ def constant(path, name):
 
 
 def test_figures_of_the_page_are_those_of_the_program():
-    kept = constant("src/market/instrument.h", "trade_history_bytes_max")
-    erased = constant("src/market/instrument.h", "trade_history_bytes_erased")
-    record = constant("src/market/instrument.h", "trade_history_record_bytes")
+    kept = constant("src/market/constants.h", "trade_history_bytes_max")
+    erased = constant("src/market/constants.h", "trade_history_bytes_erased")
+    record = constant("src/market/constants.h", "trade_history_record_bytes")
     assert (kept - erased) // record == 50_000 and kept // record == 100_000
     assert "last 50,000 to 100,000 trades" in PAGE
     # A record takes 32 bytes, which the source asserts.

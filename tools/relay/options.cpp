@@ -171,7 +171,8 @@ void declare(CLI::App& app, Options& o, Texts& texts) {
     app.add_option("--control-port", texts.control_port, "UDP port for text commands, on 127.0.0.1")
         ->check(CLI::Range(1, 65535));
     app.add_option("--control", texts.control, "The same as HOST:PORT");
-    app.add_option("--speed", o.speed, "Of a replay: 10 is ten times as fast")->check(CLI::Range(1e-6, 1e6));
+    app.add_option("--speed", o.speed, "Of a replay: 10 is ten times as fast")
+        ->check(CLI::Range(0.001, 10000.0));
     app.add_option("--rate", texts.rate, "Of a replay: messages a second");
     app.add_option("--ramp", texts.ramp, "Of a replay: FIRST:LAST:TIME, from one rate to another");
     app.add_option("--loop", o.loops, "Replay the capture this many times")
