@@ -127,6 +127,24 @@ struct LoopFeed {
     std::vector<Bytes> packets;
 };
 
+// What the service sends to a client in memory.
+struct PeerInMemory {
+    PeerInMemory() {
+        peer.sink.write = [](void* context, const unsigned char* bytes, std::size_t size) {
+            auto& taken = *static_cast<Bytes*>(context);
+            taken.insert(taken.end(), bytes, bytes + size);
+        };
+        peer.sink.context = &sent;
+    }
+    void log_in() {
+        peer.input = {0, 47, 'L'};
+        peer.input.resize(2 + 47, ' ');
+        peer.input[3] = 'U';
+    }
+    SnapshotPeer peer;
+    Bytes sent;
+};
+
 std::size_t count_of(const std::string& text, const std::string& part) {
     std::size_t count = 0;
     for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
@@ -377,6 +395,28 @@ TEST(FeedLoop, Wait_WithoutControlChannel_ListenerAlone) {
     loop.pass_at(1);
     EXPECT_EQ(loop.feed.poll_set.size(), 1u);
     EXPECT_TRUE(loop.waits_for(loop.feed.snapshot.listener));
+}
+
+TEST(FeedLoop, ListenerWithoutDescriptorsForClients_IsNotWaitedFor) {
+    LoopFeed loop;
+    list_inputs(loop.feed);
+    EXPECT_TRUE(loop.waits_for(loop.feed.snapshot.listener));
+    loop.feed.snapshot.accept_failing = true;
+    list_inputs(loop.feed);
+    EXPECT_FALSE(loop.waits_for(loop.feed.snapshot.listener));
+}
+
+TEST(FeedLoop, LoginInThePassOfATick_IsServedTheStateBeforeTheTick) {
+    LoopFeed loop;
+    PeerInMemory client;
+    connect_in_memory(loop.feed.snapshot, client.peer, static_cast<std::int64_t>(start_ms));
+    run_one_pass(loop.feed, start_ms + 100);
+    const std::uint64_t before = last_sequence(loop.feed.publisher);
+    client.log_in();
+    run_one_pass(loop.feed, start_ms + 200);
+    EXPECT_GT(last_sequence(loop.feed.publisher), before);
+    ASSERT_GE(client.sent.size(), 8u);
+    EXPECT_EQ(get_u64(client.sent, client.sent.size() - 8), before);
 }
 
 }  // namespace

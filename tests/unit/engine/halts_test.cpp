@@ -165,7 +165,7 @@ TEST(Halt, LongestHalt_DoesNotOverflow) {
 
 TEST(Resume, TwiceAfterAHalt_QuotesThenTradesWithTheSameReason) {
     Session session;
-    halt_instrument(session.market.engine, session.instrument(), "T1", 0);
+    halt_instrument(session.market.engine, session.instrument(), "T1", 5);
     session.sent();
     session.errors.take();
     resume_quotation(session.market.engine, session.instrument(), 77);

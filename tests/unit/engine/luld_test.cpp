@@ -114,6 +114,7 @@ TEST(BandIsStale, OnePercentExactly_OrMore) {
     for (const Row& row : {Row{100'000'000, 101.0, true},
                            {100'000'000, 100.99, false},
                            {100'000'000, 99.0, true},
+                           {100'990'000, 101.99, false},
                            {100'000'000, 99.01, false},
                            {100'000'000, 100.995, true},
                            {100'000'000, 100.9949, false},

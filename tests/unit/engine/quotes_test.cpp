@@ -119,6 +119,15 @@ TEST(DrawnQuote, OddLotsWithAnEmptyAsk_AreAtTheReference) {
               (std::vector<OddLotPart>{{'A', 'B', 100'000'000, 5, ""}, {'A', 'A', 100'000'000, 6, ""}}));
 }
 
+TEST(DrawnQuote, OddLotsWithAnEmptyBid_StandAtTheReference) {
+    OneInstrument single("A", "IBM:100", "odd_lot_every=1");
+    const QuoteView& view =
+        single.draw('A', joined_draws({quote_draws(1, 1, 1, 1, 0.0),
+                                       {real_draw(0.9), int_draw(1, 99, 5), int_draw(1, 99, 6)}}));
+    EXPECT_EQ(view.odd_lots,
+              (std::vector<OddLotPart>{{'A', 'B', 100'000'000, 5, ""}, {'A', 'A', 100'000'000, 6, ""}}));
+}
+
 // ------------------------------------------------------------------ reporting the NBBO
 
 TEST(NbboIndicator, FirstQuoteStillWithoutNbbo_IsReportedOnceAndIsNoChange) {

@@ -218,6 +218,15 @@ TEST(RecordTrade, CancelEveryOne_EachTradeIsFollowedByTheCancelOfTheNewest) {
     EXPECT_EQ(fixture.stats().errors, 3u);
 }
 
+TEST(RecordTrade, DueCancel_IsAddedToThePendingOnes) {
+    TradeFixture fixture("cancel_every=1,correct_every=1");
+    fixture.market.engine.pending_cancels = 2;
+    fixture.market.engine.pending_corrections = 4;
+    fixture.record('Q', 100, 5000, "@O  ", ' ', TradeKind::cross);
+    EXPECT_EQ(fixture.market.engine.pending_cancels, 2u);
+    EXPECT_EQ(fixture.market.engine.pending_corrections, 4u);
+}
+
 TEST(RecordTrade, PendingRequests_OneOfEachATradeOfAnyKind_EvenWithoutAnEligibleTrade) {
     TradeFixture fixture;
     fixture.market.engine.pending_cancels = 2;

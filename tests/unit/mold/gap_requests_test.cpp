@@ -23,6 +23,23 @@ TEST(GapRequests, HeldPacket_ClosesItsGapWithoutARequest) {
     EXPECT_EQ(bench.sequencer.counters.gaps, 1u);
 }
 
+TEST(GapRequests, NextTimer_IsTheRestOfTheWaitForAGap) {
+    Bench bench;
+    bench.now_ms = 1000;
+    bench.take(4, 7);
+    EXPECT_EQ(next_timer_ms(bench.sequencer, 1000), bench.sequencer.settings.settle_ms);
+    EXPECT_EQ(next_timer_ms(bench.sequencer, 1002), bench.sequencer.settings.settle_ms - 2);
+}
+
+TEST(GapRequests, FullBuffer_OnlyTheFirstGapIsRequested) {
+    Bench bench;
+    bench.sequencer.settings.buffer_bytes_max = bench.numbers(3, 4).size() + bench.numbers(5, 6).size();
+    bench.take(3, 4);
+    bench.take(5, 6);
+    bench.wait(5);
+    EXPECT_EQ(bench.requests, (std::vector<Request>{{1, 2}}));
+}
+
 TEST(GapRequests, Gap_IsRequestedOnceWithItsExactCount_AndRepliesAreNotRequestedAgain) {
     Bench bench;
     bench.take(1, 3);

@@ -35,6 +35,33 @@ SearchStep run_search(HistorySearch& search, std::uint64_t first, std::uint64_t 
     }
 }
 
+TEST(HistorySearch, FirstRound_SpreadsItsProbesOverTheWholeRange) {
+    HistorySearch search;
+    begin_search(search, 1, 10'000, 0);
+    EXPECT_EQ(search.probes.size(), probes_a_round);
+    EXPECT_EQ(search.probes.front().number, 1u);
+    EXPECT_EQ(search.probes.back().number, 9'999u);
+}
+
+TEST(HistorySearch, Reply_AnswersTheProbesThatItHolds) {
+    HistorySearch search;
+    begin_search(search, 1, 5, 0);
+    note_reply(search, 2, 4, 0);
+    ASSERT_EQ(search.probes.size(), 4u);
+    EXPECT_FALSE(search.probes[0].answered);
+    EXPECT_TRUE(search.probes[1].answered);
+    EXPECT_TRUE(search.probes[2].answered);
+    EXPECT_FALSE(search.probes[3].answered);
+}
+
+TEST(HistorySearch, OldestAnsweredIsOneAboveTheFirst_TheFirstIsProbedToo) {
+    HistorySearch search;
+    begin_search(search, 10, 1000, 0);
+    search.probes = {{11, true}, {999, true}};
+    EXPECT_EQ(step_search(search, 1000, 5, 250, 3), SearchStep::probe);
+    EXPECT_EQ(search.probes.front().number, 10u);
+}
+
 TEST(HistorySearch, EveryBeginningOfASmallRange_IsFound) {
     for (std::uint64_t end = 3; end < 40; ++end) {
         for (std::uint64_t oldest = 1; oldest < end; ++oldest) {

@@ -119,6 +119,15 @@ TEST(MessageHistory, ManyTimesAround_MemoryStaysBounded) {
               expected_blocks(store.first_index, store.end_index));
 }
 
+TEST(MessageHistory, LastMessageOfAChunkGivenUp_TheChunkGoesWithIt) {
+    RetransStore store;
+    const Bytes message(40'000, 7);  // one a chunk
+    store_message(store, message.data(), message.size(), 1);
+    store_message(store, message.data(), message.size(), 1);
+    EXPECT_EQ(message_count(store), 1u);
+    EXPECT_EQ(store.chunks.size(), 1u);
+}
+
 TEST(MessageHistory, ChunkGivenUp_IsTheNextOneUsed) {
     RetransStore store;
     while (!store.recycled_chunk) {

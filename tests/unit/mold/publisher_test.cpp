@@ -454,6 +454,11 @@ TEST(PublisherSockets, RetransSocket_BoundToEveryAddressAndNonBlocking) {
     socklen_t reuse_bytes = sizeof reuse;
     EXPECT_EQ(getsockopt(test.publisher.retrans_socket, SOL_SOCKET, SO_REUSEADDR, &reuse, &reuse_bytes), 0);
     EXPECT_EQ(reuse, 1);
+    int notes_asked_address = 0;
+    bytes = sizeof notes_asked_address;
+    EXPECT_EQ(getsockopt(test.publisher.retrans_socket, IPPROTO_IP, IP_PKTINFO, &notes_asked_address, &bytes),
+              0);
+    EXPECT_EQ(notes_asked_address, 1);
 }
 
 TEST(PublisherSockets, TextsThatAreNoAddresses_LeaveZeroAndTheFeedRuns) {

@@ -72,6 +72,65 @@ TEST(Sequencer, OtherSessionsAndMalformedPackets_ChangeNothing) {
     EXPECT_TRUE(nothing_missing(bench.sequencer));
 }
 
+TEST(Sequencer, EndOfSession_ReportsTheNextNumberAsAHeartbeatDoes) {
+    Bench bench;
+    std::string data = bench.numbers(4, 4);
+    data[18] = data[19] = '\xff';
+    on_packet(bench.sequencer, raw(data), data.size(), 0, PacketSource::multicast);
+    EXPECT_EQ(bench.sequencer.counters.malformed, 0u);
+    EXPECT_EQ(bench.sequencer.counters.heartbeats, 1u);
+    bench.wait(5);
+    EXPECT_EQ(bench.requests, (std::vector<Request>{{1, 3}}));
+}
+
+TEST(Sequencer, LongerPacketAfterAGap_ReplacesTheShorterOneThatWaits) {
+    Bench bench;
+    bench.take(5, 6);
+    bench.take(5, 8);
+    EXPECT_EQ(bench.sequencer.waiting_bytes, bench.numbers(5, 8).size());
+    bench.take(1, 5);
+    EXPECT_EQ(bench.out, bench.upto(7));
+    EXPECT_EQ(bench.sequencer.waiting_bytes, 0u);
+}
+
+TEST(Sequencer, ReplyThatOverlaps_CountsOnlyWhatWasMissingAsRecovered) {
+    Bench bench;
+    bench.take(1, 2);
+    bench.take(4, 5);
+    bench.reply(1, 5);
+    EXPECT_EQ(bench.out, bench.upto(4));
+    EXPECT_EQ(bench.sequencer.counters.recovered, 2u);
+}
+
+TEST(Sequencer, RequestsOfNoMessages_AreOfOneEach) {
+    SequencerSettings settings;
+    settings.request_messages_max = 0;
+    Bench bench(true, 1, settings);
+    bench.take(3, 4);
+    bench.wait(5);
+    EXPECT_EQ(bench.requests, (std::vector<Request>{{1, 1}, {2, 1}}));
+}
+
+TEST(Sequencer, StartDuringASearch_EndsIt) {
+    Bench bench;
+    begin_search(bench.sequencer.search, 1, 1000, 0);
+    start_at(bench.sequencer, 41);
+    EXPECT_FALSE(bench.sequencer.search.active);
+}
+
+TEST(Sequencer, SilenceOfExactlyTheLimit_RequestsTheLastMessageAgain) {
+    SequencerSettings settings;
+    settings.silence_ms = 1000;
+    Bench bench(true, 1, settings);
+    bench.take(1, 4);
+    bench.now_ms += 999;
+    bench.take(4, 5);
+    EXPECT_TRUE(bench.requests.empty());
+    bench.now_ms += 1000;
+    bench.take(5, 6);
+    EXPECT_EQ(bench.requests, (std::vector<Request>{{4, 1}}));
+}
+
 TEST(Sequencer, ShortSession_IsPaddedWithBlanks) {
     SequencerSettings settings;
     settings.session = "ABC";

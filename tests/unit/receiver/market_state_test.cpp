@@ -92,6 +92,39 @@ TEST(MarketState, TradesAndRevisions_KeepLastVolumeHighAndLow) {
     EXPECT_EQ(instrument.center_sales[0].sales, (SaleStatistics{21, 22, 23, 24}));
 }
 
+TEST(MarketState, RevisedLastSale_ComesWithItsCenter) {
+    ReceivedMarket received;
+    received.take(trade_short('N', ' ', 1, 1000, 100, "@   ", '7'));
+    received.take(trade_short('P', ' ', 1, 1001, 100, "@   ", '7'));
+    EXPECT_EQ(received.market.instruments[0].last_center, 'P');
+    received.take(cancel_error('P', 'C', 1, 10'010'000, 100));
+    EXPECT_EQ(received.market.instruments[0].last_center, 'Q');
+}
+
+TEST(MarketState, SaleConditions_DecideAboutLastAndVolume) {
+    const std::string_view last_letters = "@ABDFKLOSXY1569";
+    const std::string_view volume_letters = "@ABCDFGHIKLOPRSTUVWXYZ14567";
+    for (int code = '!'; code <= '~'; ++code) {
+        const char letter = static_cast<char>(code);
+        ReceivedMarket received;
+        received.take(trade_short('N', ' ', 1, 1000, 100, std::string("@  ") + letter, '0'));
+        const Instrument& instrument = received.market.instruments[0];
+        const bool last = last_letters.find(letter) != std::string_view::npos;
+        const bool volume = volume_letters.find(letter) != std::string_view::npos;
+        EXPECT_EQ(instrument.sales.last, last ? 10'000'000 : 0) << letter;
+        EXPECT_EQ(instrument.last_center, last ? 'N' : ' ') << letter;
+        EXPECT_EQ(instrument.sales.volume, volume ? 100'000'000u : 0u) << letter;
+    }
+}
+
+TEST(MarketState, OneSidedQuote_IsPresent) {
+    ReceivedMarket received;
+    received.take(quote_short(quote_of('Q', 1000, 100, 0, 0)));
+    received.take(quote_short(quote_of('N', 0, 0, 1002, 100)));
+    EXPECT_TRUE(find_quote(received.market.instruments[0], 'Q')->present);
+    EXPECT_TRUE(find_quote(received.market.instruments[0], 'N')->present);
+}
+
 TEST(MarketState, KeptTrades_AreBounded) {
     ReceivedMarket received;
     for (std::uint64_t id = 1; id <= 3 * trades_kept_max; ++id) {
