@@ -94,5 +94,24 @@ TEST(LatencyHistogram, SumOfTwo_EqualsOneOfAllValues) {
     EXPECT_EQ(first.max, whole.max);
 }
 
+TEST(LatencyHistogram, SumWithALargerValue_HasItAsItsMaximum) {
+    LatencyHistogram first;
+    LatencyHistogram second;
+    record_latency(first, 100);
+    record_latency(second, 5'000'001);
+    add_histogram(first, second);
+    EXPECT_EQ(first.max, 5'000'001U);
+    EXPECT_EQ(latency_percentile(first, 100), 5'000'001U);
+}
+
+TEST(LatencyHistogram, PercentileZero_IsTheSmallestValueRoundedUp) {
+    LatencyHistogram histogram;
+    record_latency(histogram, 5'000);
+    record_latency(histogram, 9'000);
+    // 5,000 to 5,003 are counted together.
+    EXPECT_EQ(latency_percentile(histogram, 0), 5'003U);
+    EXPECT_EQ(latency_percentile(histogram, 50), 5'003U);
+}
+
 }  // namespace
 }  // namespace tessel

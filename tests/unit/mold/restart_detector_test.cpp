@@ -70,6 +70,15 @@ TEST(RestartDetector, NumbersThatWereNeverReceivedOrAreTooOld_AreUnknown) {
     EXPECT_EQ(compare_packet(full, raw(old), 1, 3, next), PacketMemory::unknown);
 }
 
+TEST(RestartDetector, OldestRememberedNumber_IsCompared_TheOneBeforeItIsNot) {
+    const std::uint64_t next = remembered_messages + 50;
+    const RestartDetector detector = detector_of(1, next);
+    const std::string oldest = texts(50, 51, "new");
+    EXPECT_EQ(compare_packet(detector, raw(oldest), 50, 51, next), PacketMemory::different);
+    const std::string forgotten = texts(49, 50, "new");
+    EXPECT_EQ(compare_packet(detector, raw(forgotten), 49, 50, next), PacketMemory::unknown);
+}
+
 TEST(RestartDetector, LostNumbers_AreNotCompared) {
     RestartDetector detector = detector_of(1, 100);
     forget_messages(detector, 50, 10);
@@ -88,6 +97,37 @@ TEST(RestartDetector, SuspectsThatDoNotFollowEachOther_ProveNothing) {
     EXPECT_EQ(find_restart(detector, signs, raw(apart), 700, 710, 1100), 0u);
     const std::string following = texts(710, 720);
     EXPECT_EQ(find_restart(detector, signs, raw(following), 710, 720, 1100), 700u);
+}
+
+TEST(RestartDetector, SuspectBeforeADifferentPacket_BelongsToTheNewRun) {
+    const RestartDetector detector = detector_of(1000, 1100);
+    RestartSigns signs = signs_reached();
+    const std::string unknown = texts(990, 1000, "new");
+    const std::string different = texts(1000, 1010, "new");
+    EXPECT_EQ(find_restart(detector, signs, raw(unknown), 990, 1000, 1100), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(different), 1000, 1010, 1100), 990u);
+    EXPECT_EQ(find_restart(detector, signs, raw(different), 1000, 1010, 1100), 1000u);
+}
+
+TEST(RestartDetector, KnownPacketAfterASuspect_ClearsIt) {
+    const RestartDetector detector = detector_of(1000, 1100);
+    RestartSigns signs = signs_reached();
+    const std::string suspect = texts(500, 510);
+    const std::string known = texts(1050, 1060);
+    const std::string following = texts(510, 520);
+    EXPECT_EQ(find_restart(detector, signs, raw(suspect), 500, 510, 1100), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(known), 1050, 1060, 1100), 0u);
+    EXPECT_EQ(find_restart(detector, signs, raw(following), 510, 520, 1100), 0u);
+}
+
+TEST(RestartDetector, NumberOne_IsAProofWhenMoreThanTheDistanceBelow) {
+    const std::uint64_t next = 1 + restart_distance_min;
+    const RestartDetector detector = detector_of(1000, next + 1);
+    const std::string start = texts(1, 2);
+    RestartSigns near = signs_reached();
+    EXPECT_EQ(find_restart(detector, near, raw(start), 1, 2, next), 0u);
+    RestartSigns far = signs_reached();
+    EXPECT_EQ(find_restart(detector, far, raw(start), 1, 2, next + 1), 1u);
 }
 
 TEST(RestartDetector, NumberOneNearby_IsNoProofByItself) {

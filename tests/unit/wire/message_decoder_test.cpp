@@ -77,6 +77,8 @@ TEST(MessageDecoder, LongQuoteOfTheAdf_CarriesMpidsBetweenNbboAndOddLots) {
     EXPECT_EQ(message.quote.bid_mpid, "NITE");
     EXPECT_EQ(message.quote.ask_mpid, "GSCO");
     EXPECT_EQ(message.nbbo.ask_center, 'D');
+    EXPECT_EQ(message.nbbo.bid_size, 300u);
+    EXPECT_EQ(message.nbbo.ask_size, 200u);
     EXPECT_EQ(message.best_odd_lot.bid, 190'020'000);
     EXPECT_EQ(message.best_odd_lot.bid_mpid, "NITE");
     EXPECT_EQ(message.best_odd_lot.ask_mpid, "");
@@ -92,6 +94,27 @@ TEST(MessageDecoder, OddLotListIndicator4_HasACountButNoEntries) {
     ASSERT_TRUE(decode(message, quote_short(quote)));
     EXPECT_EQ(message.quote.odd_lot_count, 65535);
     EXPECT_TRUE(message.odd_lots.empty());
+}
+
+TEST(MessageDecoder, SecondMessageInOneRecord_HasOnlyItsOwnOddLots) {
+    Message message;
+    ASSERT_TRUE(decode(message, one_of_each()[14].second));
+    ASSERT_EQ(message.odd_lots.size(), 2u);
+    ASSERT_TRUE(decode(message, one_of_each()[15].second));
+    ASSERT_EQ(message.odd_lots.size(), 1u);
+    EXPECT_EQ(message.odd_lots[0].center, 'D');
+    ASSERT_TRUE(decode(message, quote_long(QuoteHand{})));
+    EXPECT_TRUE(message.odd_lots.empty());
+}
+
+TEST(MessageDecoder, LongDirectory_HasTheTradingStateBeforeItsReason) {
+    Message message;
+    ASSERT_TRUE(decode(message, directory_long("AAPL")));
+    EXPECT_EQ(message.directory.round_lot, 100);
+    EXPECT_EQ(message.directory.flag_92, '3');
+    EXPECT_EQ(message.directory.state, 'H');
+    EXPECT_EQ(message.directory.reason, "T1");
+    EXPECT_EQ(message.directory.indicator, '0');
 }
 
 TEST(MessageDecoder, OddLotCountBeyondTheMessage_IsRefused) {
