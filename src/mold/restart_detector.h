@@ -15,7 +15,7 @@ namespace tessel::receiver {
 // never this far back; a power of two.
 constexpr std::uint64_t remembered_messages = 65'536;
 
-// Number 1 this far below the next number begins a new run without further proof.
+// Number 1 more than this far below the next number begins a new run without further proof.
 constexpr std::uint64_t restart_distance_min = 1024;
 
 struct RestartDetector {
