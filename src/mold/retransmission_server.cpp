@@ -28,7 +28,8 @@ struct PacketInfoBuffer {
     alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(sizeof(in_pktinfo))> bytes{};
 };
 
-// Reads one datagram, its sender and the address that it was sent to. The result is recvmsg's.
+// Reads one datagram, its sender and the address that it was sent to. The result is recvmsg's, which writes
+// the request. NOLINTNEXTLINE(readability-non-const-parameter)
 ssize_t receive_request(Requester& requester, unsigned char* request, std::size_t room) {
     PacketInfoBuffer info;
     iovec data{request, room};

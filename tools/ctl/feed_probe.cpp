@@ -219,7 +219,8 @@ Probe probe_feed(const ProbeSettings& settings, const std::function<void(double,
     probe.saw_wire = wire >= 0;
     const std::uint64_t drops_before = reverse_path_drops();
     const double start = now_seconds();
-    for (double passed = 0; passed < settings.seconds; passed = now_seconds() - start) {
+    double passed = 0;
+    while (passed < settings.seconds) {
         pollfd waited[2] = {{socket.fd, POLLIN, 0}, {wire, POLLIN, 0}};
         poll(waited, 2, turn_ms);
         drain_socket(probe, expected, socket.fd);
@@ -227,6 +228,7 @@ Probe probe_feed(const ProbeSettings& settings, const std::function<void(double,
             drain_wire(probe, wire, group, settings.port);
         }
         progress(passed, probe);
+        passed = now_seconds() - start;
     }
     probe.reverse_path_drops = reverse_path_drops() - drops_before;
     close(socket.fd);

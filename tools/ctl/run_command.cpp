@@ -32,7 +32,7 @@ std::string find_feed() {
     std::string folders = search == nullptr ? "" : search;
     while (!folders.empty()) {
         const std::size_t colon = folders.find(':');
-        const std::string candidate = folders.substr(0, colon) + "/tessel";
+        std::string candidate = folders.substr(0, colon) + "/tessel";
         if (candidate != "/tessel" && access(candidate.c_str(), X_OK) == 0) {
             return candidate;
         }

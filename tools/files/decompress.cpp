@@ -51,6 +51,8 @@ bool decode_gzip(Decoder& decoder, std::string_view& input, char* output, std::s
     return status == Z_OK || status == Z_STREAM_END || status == Z_BUF_ERROR;
 }
 
+// The library writes the output.
+// NOLINTNEXTLINE(readability-non-const-parameter)
 bool decode_zstd(Decoder& decoder, std::string_view& input, char* output, std::size_t room,
                  std::size_t& produced) {
     ZSTD_inBuffer in{input.data(), input.size(), 0};

@@ -195,7 +195,7 @@ std::FILE* open_for_reading(const std::string& path, std::string& error) {
     if (file == nullptr) {
         throw std::bad_alloc();
     }
-    source.release();
+    static_cast<void>(source.release());  // the stream closes it
     return file;
 }
 
@@ -223,7 +223,7 @@ std::FILE* open_for_writing(const std::string& path, std::string& error) {
     // A buffer that is worth a system call; it lives until the stream is closed.
     target->gathered.resize(chunk_bytes);
     std::setvbuf(file, target->gathered.data(), _IOFBF, target->gathered.size());
-    target.release();
+    static_cast<void>(target.release());  // the stream closes it
     return file;
 }
 

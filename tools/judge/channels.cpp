@@ -121,7 +121,7 @@ bool read_channel_names(const std::string& file, std::vector<std::string>& names
 }
 
 std::string channel_file(const std::string& folder, const std::string& name) {
-    const std::string plain = folder + "/" + name + ".jsonl";
+    std::string plain = folder + "/" + name + ".jsonl";
     for (const std::string_view suffix : {"", ".zst", ".gz"}) {
         std::string path = plain + std::string(suffix);
         struct stat facts {};

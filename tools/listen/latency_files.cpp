@@ -32,7 +32,8 @@ constexpr std::size_t stored_block_max = 65'535;         // bytes in a block tha
 // The middle of the values that are counted together.
 double middle_value_at(std::size_t index) {
     const std::uint64_t low = lowest_value_at(index);
-    return static_cast<double>(low + (highest_value_at(index) - low + 1) / 2);
+    const std::uint64_t half = (highest_value_at(index) - low + 1) / 2;
+    return static_cast<double>(low + half);
 }
 
 std::uint64_t highest_value(const LatencyHistogram& histogram) {
