@@ -50,6 +50,16 @@ def packages():
     return {path.name.split("_")[0] + path.suffix: path for path in FOLDER.iterdir()}
 
 
+# What a user's system has beside the package, as far as the package has something for it.
+USER_PACKAGES = ["bash-completion", "iproute2", "man-db", "procps", "python3", "systemd", "tshark", "zsh"]
+
+
+def needed_packages():
+    """The names of the Debian packages that the package depends on."""
+    depends = run("dpkg-deb", "-f", packages()["tessel.deb"], "Depends")
+    return sorted(each.split()[0] for each in depends.split(","))
+
+
 def debian_root(name, names):
     """A tar file with Debian 12 and the packages named, made once for each list; None with the reason when it
     cannot be made here."""
