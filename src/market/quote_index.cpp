@@ -288,7 +288,7 @@ BestQuotes find_best_quotes(const Instrument& instrument) {
 
 namespace {
 
-using Distances = std::array<std::int32_t, QuoteBlock::centers>;
+using Distances = std::array<std::uint32_t, QuoteBlock::centers>;
 
 // Distances of four prices from the best one, in cents. Centers that don't count are far below the best: they
 // go into the first bucket, to which they add no lots.
@@ -304,15 +304,17 @@ using Distances = std::array<std::int32_t, QuoteBlock::centers>;
     Distances distances;
     __builtin_memcpy(distances.data(), &low, sizeof low);
     __builtin_memcpy(distances.data() + 4, &high, sizeof high);
+    std::uint64_t used = 0;  // not side.used, which each store of lots could change
 #pragma GCC unroll 8
     for (std::size_t at = 0; at < distances.size(); ++at) {
-        const auto bucket = static_cast<std::size_t>(distances[at]);
+        const std::uint32_t bucket = distances[at];
         // Not lots[bucket]: fill_level_buckets has looked at all distances together, and the library's check
         // of each index made the message 5 % more expensive.
         std::uint8_t& sum = side.lots.data()[bucket];
         sum = static_cast<std::uint8_t>(sum + lots[at]);
-        side.used |= std::uint64_t{1} << bucket;
+        used |= std::uint64_t{1} << bucket;
     }
+    side.used = used;
 }
 
 void list_side(const LevelBuckets& side, std::int64_t step, std::size_t most, PriceLevels& levels) {
@@ -352,8 +354,6 @@ bool fill_level_buckets(const Instrument& instrument, LevelBuckets& bids, LevelB
     const auto ask_cents = static_cast<std::int32_t>(best[1]);
     bids.best = bid_cents;
     asks.best = -static_cast<std::int64_t>(ask_cents);
-    bids.used = 0;
-    asks.used = 0;
     bids.lots.fill(0);
     asks.lots.fill(0);
     add_lots(bids, bid_low, bid_high, block.lots.data());
