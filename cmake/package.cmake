@@ -50,6 +50,21 @@ if(manual_made)
   install(DIRECTORY ${CMAKE_BINARY_DIR}/pages/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
 endif()
 
+# ------------------------------------------------------------------ the samples
+
+if(manual_made AND capture IN_LIST tools_here)
+  set(samples ${CMAKE_BINARY_DIR}/samples)
+  add_custom_command(OUTPUT ${samples}/README.md
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${samples}
+    COMMAND ${CMAKE_COMMAND} -E env TESSEL_BIN=$<TARGET_FILE_DIR:tessel-capture>
+            ${PROJECT_SOURCE_DIR}/scripts/samples ${samples}
+    DEPENDS tessel-capture ${PROJECT_SOURCE_DIR}/scripts/samples ${PROJECT_SOURCE_DIR}/scripts/lib.sh
+    COMMENT "Making the samples"
+    VERBATIM)
+  add_custom_target(tessel_samples ALL DEPENDS ${samples}/README.md)
+  install(DIRECTORY ${samples} DESTINATION ${CMAKE_INSTALL_DATADIR}/tessel)
+endif()
+
 # ------------------------------------------------------------------ the other files
 
 # Where Wireshark and tshark look for every user's plugins.
@@ -126,14 +141,17 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any, tessel (>= ${PROJECT_VERSION})")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "market-data feed emulator")
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Publishes a synthetic market as UQDF and UTDF messages over UDP multicast, with
+# The first line of each is the package's synopsis; a common summary would take its place.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "market-data feed emulator for testing feed handlers
+Publishes a synthetic market as UQDF and UTDF messages over UDP multicast, with
 retransmission and Snap-Shot services, and records the truth of every message.
 Its companion programs receive the feed, judge a handler's output against the
 truth, steer a run and find out why nothing arrives.")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "The receiver library: headers and static libraries that put the packets
-of the feed in order, decode its messages and rebuild the market from them, for
-CMake and pkg-config.")
-set(CPACK_COMPONENT_PYTHON_DESCRIPTION "The Python package: starts the feed for a test, steers it, and judges
-what a handler wrote against the truth. With fixtures for pytest.")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "receiver library for UQDF and UTDF feeds
+Headers and static libraries that put the packets of the feed in order, decode
+its messages and rebuild the market from them, for CMake and pkg-config.")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "market-data feed emulator for tests in Python
+Starts the feed for a test, steers it, and judges what a handler wrote against
+the truth. With fixtures for pytest.")
 include(CPack)

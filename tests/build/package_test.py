@@ -7,6 +7,7 @@ import subprocess
 import pytest
 
 from package import packages, run
+from samples import judge_samples
 from time_scale import scaled
 
 
@@ -54,3 +55,13 @@ def test_the_python_package_has_its_plugin(made):
     names = run("dpkg", "-c", made["python3-tessel.deb"])
     assert "/usr/lib/python3/dist-packages/tessel/__init__.py" in names
     assert ".dist-info/entry_points.txt" in names
+
+
+def test_the_package_has_the_samples_and_each_agrees_with_its_truth(unpacked, tmp_path):
+    judge_samples(unpacked / "usr/share/tessel/samples", tmp_path / "lines.jsonl")
+
+
+def test_no_two_packages_share_a_synopsis(made):
+    debs = [path for name, path in made.items() if name.endswith(".deb")]
+    synopses = {run("dpkg-deb", "-f", path, "Description").splitlines()[0] for path in debs}
+    assert len(synopses) == len(debs) == 3

@@ -5,8 +5,8 @@ import re
 import subprocess
 from pathlib import Path
 
-from capture_files_test import judge, listen
 from feed import program
+from samples import judge_samples
 from time_scale import scaled
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -43,19 +43,4 @@ def test_every_sample_is_small_and_judged_to_be_the_truth(tmp_path):
                           text=True, timeout=scaled(240), check=False,
                           env={**os.environ, "TESSEL_BIN": str(folder)})
     assert done.returncode == 0, done.stderr
-    captures = sorted((tmp_path / "samples").glob("*.pcap.zst"))
-    assert len(captures) == 8
-    table = (tmp_path / "samples" / "README.md").read_text()
-    for capture in captures:
-        name = capture.name.removesuffix(".pcap.zst")
-        truth = capture.with_name(name + ".truth.jsonl.zst")
-        assert capture.stat().st_size < 2_000_000 and truth.stat().st_size < 2_000_000
-        row, = re.findall(rf"^\| `{name}` \|.*$", table, re.M)
-        options = re.search(r"\| `(--[^`]*)` \|$", row)
-        listen(capture, *(options.group(1).split() if options else ()), "--out", tmp_path / "lines.jsonl")
-        late = ["--late"] if "late" in name else []
-        judge(truth, tmp_path / "lines.jsonl", *late)
-        # Whoever gives both services gets the same verdict.
-        if not late:
-            listen(capture, "--retrans", "127.0.0.1:25178", "--out", tmp_path / "lines.jsonl")
-            judge(truth, tmp_path / "lines.jsonl")
+    judge_samples(tmp_path / "samples", tmp_path / "lines.jsonl")

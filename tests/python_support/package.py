@@ -16,7 +16,7 @@ SOURCE = Path(os.environ["TESSEL_SOURCE"])
 BUILD = Path(os.environ["TESSEL_BUILD"])
 FOLDER = SOURCE / "build" / "package"
 PACKAGED = ("man", "packaging", "docs", "examples", "python", "vectors", "tools/wireshark", "cmake",
-            "scripts/package")
+            "scripts/package", "scripts/samples")
 
 
 @contextmanager
@@ -45,7 +45,8 @@ def packages():
         sources = [path for name in PACKAGED for path in [SOURCE / name, *(SOURCE / name).rglob("*")]
                    if "__pycache__" not in path.parts]
         programs = [path for path in BUILD.glob("tessel*") if os.access(path, os.X_OK)]
-        if made <= newest(sources + programs + [BUILD / "manual/made", BUILD / "pages/made"]):
+        generated = [BUILD / name for name in ("manual/made", "pages/made", "samples/README.md")]
+        if made <= newest(sources + programs + generated):
             run(SOURCE / "scripts/package", "--no-build", seconds=120)
     return {path.name.split("_")[0] + path.suffix: path for path in FOLDER.iterdir()}
 
