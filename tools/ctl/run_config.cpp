@@ -1,7 +1,6 @@
 #include "ctl/run_config.h"
 
 #include "common/nearest_word.h"
-#include "ctl/toml_file.h"
 
 #include <algorithm>
 #include <array>
@@ -255,11 +254,16 @@ bool read_run_config(std::string_view text, const std::string& name, const std::
                      RunConfig& config, std::vector<std::string>& faults) {
     std::vector<TomlEntry> entries;
     std::string error;
-    const std::size_t before = faults.size();
     if (!read_toml(text, name, entries, error)) {
         fault(faults, error);
         return false;
     }
+    return read_run_entries(entries, name, folder, config, faults);
+}
+
+bool read_run_entries(const std::vector<TomlEntry>& entries, const std::string& name,
+                      const std::string& folder, RunConfig& config, std::vector<std::string>& faults) {
+    const std::size_t before = faults.size();
     Reader reader{name, folder, config, faults};
     for (const TomlEntry& entry : entries) {
         read_entry(reader, entry);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ctl/settings.h"
+#include "ctl/toml_file.h"
 
 #include <string>
 #include <string_view>
@@ -36,6 +37,11 @@ constexpr std::size_t faults_listed_max = 20;
 // Every fault found is one line in `faults`: "FILE:LINE: TABLE.KEY: what is wrong". True when there is none.
 bool read_run_config(std::string_view text, const std::string& name, const std::string& folder,
                      RunConfig& config, std::vector<std::string>& faults);
+
+// The same from entries that were read already; a file that holds more than a run's tables gives those of
+// them.
+bool read_run_entries(const std::vector<TomlEntry>& entries, const std::string& name,
+                      const std::string& folder, RunConfig& config, std::vector<std::string>& faults);
 
 // The same from the file at `path`.
 bool read_run_config_file(const std::string& path, RunConfig& config, std::vector<std::string>& faults);
