@@ -30,3 +30,5 @@ tessel_package(tomlplusplus DEBIAN libtomlplusplus-dev TARGET tomlplusplus::toml
 tessel_package(ZLIB DEBIAN zlib1g-dev TARGET ZLIB::ZLIB)
 tessel_package(pcap DEBIAN libpcap-dev TARGET PkgConfig::pcap PKGCONFIG libpcap)
 tessel_package(zstd DEBIAN libzstd-dev TARGET PkgConfig::zstd PKGCONFIG libzstd)
+tessel_package(httplib DEBIAN libcpp-httplib-dev TARGET PkgConfig::httplib PKGCONFIG cpp-httplib)
+tessel_package(prometheus DEBIAN libprometheus-cpp-dev TARGET PkgConfig::prometheus PKGCONFIG prometheus-cpp-core)

@@ -4,10 +4,11 @@
 # tools_declared: every folder with a tool.cmake. tools_here: those whose packages are installed.
 
 # tessel_tool(PROGRAM [PACKAGES keys of cmake/packages.cmake] [LIBRARIES tessel_receiver ...] [TOOLS other folders]
-# [PROGRAM_LIBRARIES ...]): for tools/*/tool.cmake. TOOLS are the tools whose libraries this one uses; PROGRAM_LIBRARIES
-# is for the program alone, not for its tests. The folder's name is in `tool`.
+# [PROGRAM_LIBRARIES ...] [SOURCES ...]): for tools/*/tool.cmake. TOOLS are the tools whose libraries this one uses;
+# PROGRAM_LIBRARIES is for the program alone, not for its tests; SOURCES are files that the build makes. The folder's
+# name is in `tool`.
 macro(tessel_tool program)
-  cmake_parse_arguments(${tool} "" "" "PACKAGES;LIBRARIES;PROGRAM_LIBRARIES;TOOLS" ${ARGN})
+  cmake_parse_arguments(${tool} "" "" "PACKAGES;LIBRARIES;PROGRAM_LIBRARIES;TOOLS;SOURCES" ${ARGN})
   set(${tool}_PROGRAM ${program})
 endmacro()
 
@@ -62,7 +63,7 @@ foreach(tool ${tools_here})
   foreach(other ${${tool}_TOOLS})
     list(APPEND libraries tessel_${other}_lib)
   endforeach()
-  add_library(tessel_${tool}_lib STATIC ${files})
+  add_library(tessel_${tool}_lib STATIC ${files} ${${tool}_SOURCES})
   target_include_directories(tessel_${tool}_lib PUBLIC ${PROJECT_SOURCE_DIR}/tools)
   target_link_libraries(tessel_${tool}_lib PUBLIC ${libraries} tessel_version PRIVATE tessel_hardening)
   tessel_precompile(tessel_${tool}_lib <algorithm> <array> <cstdint> <cstdio> <cstring> <fstream> <functional>
