@@ -289,6 +289,21 @@ def test_help_names_every_option():
     assert "Examples:" in text and "Exit status:" in text
 
 
+def test_command_beyond_the_end_is_reported(tmp_path):
+    script = tmp_path / "a.timeline"
+    script.write_text("+1s pause\n+2s resume\n+5s halt AAPL\nat seq 9999 drop 1\n")
+    log = make("--script", script, "--duration", "3s", "--pcap", tmp_path / "a.pcap").stderr.splitlines()
+    assert log[-2] == f"tessel-capture: 2 commands of {script} were not reached; the first is in line 3"
+    assert "; 3 s of market in " in log[-1]
+
+
+def test_outputs_that_cannot_be_opened_are_found_before_the_run(tmp_path):
+    for option in ("--pcap", "--truth-out", "--plot"):
+        path = tmp_path / "missing" / "file"
+        log = make(option, path, "--duration", "100h", status=1).stderr
+        assert log == f"tessel-capture: {path}: No such file or directory\n"
+
+
 def test_timeline_commands_fall_on_their_moment(tmp_path):
     script = tmp_path / "a.timeline"
     script.write_text("+2.5s halt AAPL\n+2.5s mark same\nat seq 60 mark number\n+3s stop\n")

@@ -34,6 +34,14 @@ def converted(clean, tmp_path, *args):
     return path
 
 
+def test_capture_of_another_group_says_which_it_holds(clean):
+    log = listen(clean / "a.pcap", "--mcast", "239.1.1.1", status=1).stderr.splitlines()
+    packets = len(list(records(clean / "a.pcap")))
+    assert f"tessel-listen: the capture has {packets} packets to 239.255.25.177:25177; --mcast and --port " \
+           "name the feed's" in log
+    assert log[-1] == "tessel-listen: no packets received"
+
+
 @pytest.mark.parametrize("args", [("-F", "pcapng"), ("-F", "pcap"), ("-F", "nsecpcap")])
 def test_every_format_gives_the_same_lines(clean, tmp_path, args):
     truth = (clean / "a.jsonl").read_text()

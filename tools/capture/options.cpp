@@ -3,6 +3,7 @@
 #include "base/version.h"
 #include "capture/start_time.h"
 #include "common/duration.h"
+#include "common/nearest_word.h"
 #include "market/instrument.h"
 
 #include <CLI/CLI.hpp>
@@ -42,9 +43,17 @@ constexpr FeedOption feed_options[] = {
     {"--reorder-every", "N", "Hold every Nth packet back for one packet"},
 };
 
+// Those that a capture has no use for, and what serves instead. Declared to be refused with a reason.
+constexpr std::pair<const char*, const char*> refused_options[] = {
+    {"--control-port", "a capture has no control channel; give its commands in a timeline with --script"},
+    {"--book-out", "a capture writes no book file; make it from the capture, or run the feed"},
+    {"--bbo-out", "a capture writes no BBO file; make it from the capture, or run the feed"},
+};
+
 // Texts of the options that need more than CLI11's checks.
 struct Texts {
     std::map<std::string, std::string> feed;  // by option
+    std::string refused;
     bool quiet = false;
     std::string start = "2026-01-05T09:30:00-05:00";
     std::string duration = "1m";
@@ -97,6 +106,9 @@ void declare(CLI::App& app, Options& o, Texts& texts) {
         ->check(CLI::Range(1, int{vlan_max}));
     app.add_option("--plot", o.plot, "SVG to draw: rates, packet sizes, faults and events over the run")
         ->type_name("FILE");
+    for (const auto& [name, reason] : refused_options) {
+        app.add_option(name, texts.refused)->group("");
+    }
     app.footer(examples);
 }
 
@@ -187,6 +199,11 @@ std::string check_outputs(const Options& o) {
 
 // What CLI11 cannot check by itself; empty when all is well.
 std::string check(const CLI::App& app, const Texts& texts, Options& o) {
+    for (const auto& [name, reason] : refused_options) {
+        if (app.get_option(name)->count() != 0) {
+            return std::string(name) + ": " + reason;
+        }
+    }
     if (std::string fault = read_feed_options(app, texts, o.feed); !fault.empty()) {
         return fault;
     }
@@ -209,6 +226,23 @@ std::string check(const CLI::App& app, const Texts& texts, Options& o) {
         return "--join-at needs a Snap-Shot service: --snapshot-port is 0";
     }
     return check_outputs(o);
+}
+
+// The first word that is no option and no option's value.
+std::string unexpected(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining();
+    const std::string& word = *std::find_if(words.begin(), words.end(), [&words](const std::string& each) {
+        return each.starts_with("-") || &each == &words.back();
+    });
+    if (!word.starts_with("-")) {
+        return "'" + word + "' belongs to no option; see --help";
+    }
+    std::vector<std::string> names;
+    for (const CLI::Option* const option : app.get_options()) {
+        names.push_back(option->get_name());
+    }
+    const std::vector<std::string_view> views(names.begin(), names.end());
+    return "unknown option '" + word + "'" + common::did_you_mean(word, views);
 }
 
 }  // namespace
@@ -241,6 +275,9 @@ int parse_options(Options& options, int argc, const char* const* argv) {
     declare(app, options, texts);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ExtrasError&) {
+        std::cerr << "tessel-capture: " << unexpected(app) << '\n';
+        return static_cast<int>(ExitStatus::bad_options);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return app.exit(error);

@@ -42,6 +42,7 @@ struct Capture {
     common::Timeline timeline;
     common::TimelineCursor cursor;
     std::FILE* truth = nullptr;
+    std::FILE* svg = nullptr;
     PlotTally plot;
     Progress progress;
     std::uint64_t now_ns = 0;  // of the pass, since the start
@@ -139,6 +140,11 @@ bool open_outputs(Capture& capture) {
         capture.feed.engine.truth.enabled = true;
     }
     if (!options.plot.empty()) {
+        capture.svg = files::open_for_writing(options.plot, error);
+        if (capture.svg == nullptr) {
+            say(error);
+            return false;
+        }
         begin_plot(capture.plot, static_cast<std::uint64_t>(options.duration_ns));
     }
     return true;
@@ -319,26 +325,20 @@ bool close_truth(Capture& capture) {
     return good;
 }
 
-bool write_plot(const Capture& capture) {
-    const std::string& path = capture.options.plot;
-    if (path.empty()) {
+bool write_plot(Capture& capture) {
+    if (capture.svg == nullptr) {
         return true;
-    }
-    std::string error;
-    std::FILE* const file = files::open_for_writing(path, error);
-    if (file == nullptr) {
-        say(error);
-        return false;
     }
     const std::string svg = draw_plot(
         capture.plot, fmt::format("{}: {} messages, seed {}", capture.options.feed.session,
                                   capture.feed.publisher.messages_sequenced, capture.options.feed.seed));
-    (void)std::fwrite(svg.data(), 1, svg.size(), file);
-    if (std::fclose(file) != 0) {
-        say(path + ": " + std::strerror(errno));
-        return false;
+    const bool whole = std::fwrite(svg.data(), 1, svg.size(), capture.svg) == svg.size();
+    const bool closed = std::fclose(capture.svg) == 0;
+    capture.svg = nullptr;
+    if (!whole || !closed) {
+        say(capture.options.plot + ": " + std::strerror(errno));
     }
-    return true;
+    return whole && closed;
 }
 
 bool close_outputs(Capture& capture) {
@@ -382,6 +382,9 @@ ExitStatus make_capture(const Options& options) {
     run_passes(*capture);
     finish_exchanges(*capture);
     clear_progress(capture->progress);
+    if (const std::string left = common::unplayed_text(capture->timeline, capture->cursor); !left.empty()) {
+        say(left);
+    }
     const bool written = close_outputs(*capture);
     Totals totals = totals_of(*capture);
     totals.market_ns = std::min(totals.market_ns, static_cast<std::uint64_t>(options.duration_ns));

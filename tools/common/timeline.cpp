@@ -352,4 +352,23 @@ bool all_played(const Timeline& timeline, const TimelineCursor& cursor) {
     return cursor.timed == timeline.timed.size() && cursor.by_sequence == timeline.by_sequence.size();
 }
 
+std::string unplayed_text(const Timeline& timeline, const TimelineCursor& cursor) {
+    if (all_played(timeline, cursor)) {
+        return "";
+    }
+    std::size_t count = 0;
+    const TimelineAction* first = nullptr;
+    const auto add = [&count, &first](const std::vector<TimelineAction>& actions, std::size_t begin) {
+        for (std::size_t at = begin; at < actions.size(); ++at) {
+            ++count;
+            first = first == nullptr || actions[at].order < first->order ? &actions[at] : first;
+        }
+    };
+    add(timeline.timed, cursor.timed);
+    add(timeline.by_sequence, cursor.by_sequence);
+    return std::to_string(count) + (count == 1 ? " command of " : " commands of ") + timeline.name +
+           (count == 1 ? " was" : " were") + " not reached; the first is in line " +
+           std::to_string(timeline.commands[first->command].line);
+}
+
 }  // namespace tessel::common

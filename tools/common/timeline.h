@@ -72,4 +72,8 @@ std::uint64_t next_timed_ns(const Timeline& timeline, const TimelineCursor& curs
 
 bool all_played(const Timeline& timeline, const TimelineCursor& cursor);
 
+// What a run did not reach, for its user: "N commands of NAME were not reached; the first is in line L".
+// Empty when all were played.
+std::string unplayed_text(const Timeline& timeline, const TimelineCursor& cursor);
+
 }  // namespace tessel::common

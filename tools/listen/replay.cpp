@@ -25,6 +25,9 @@ constexpr std::int64_t begin_wait_ms = 1'500;  // of the capture's time, for rep
 constexpr std::int64_t reply_wait_ms = 1'000;  // beyond the last attempt of a receiver
 constexpr std::size_t decoded_sessions_max = 64;
 
+// Kept of a capture's destinations beside the feed's: enough to name the one that was probably meant.
+constexpr std::size_t destinations_max = 64;
+
 // How far a receiver is that reads the capture.
 enum class Stage : std::uint8_t {
     receiving,
@@ -40,6 +43,7 @@ struct Replay {
     HeldPackets held;
     CapturedSessions sessions;
     std::map<PcapFlow, SoupReader> decoded;  // with --decode: every session's messages, as they come
+    std::map<std::pair<std::uint32_t, std::uint16_t>, std::uint64_t> others;  // datagrams to other groups
 };
 
 bool is_from(const PcapFlow& flow, const sockaddr_in& address) {
@@ -77,6 +81,28 @@ std::size_t line_of(const Replay& replay, const PcapFlow& flow) {
     return line;
 }
 
+void count_other(Replay& replay, const PcapFlow& flow) {
+    const std::pair destination{flow.destination, flow.destination_port};
+    if (replay.others.size() < destinations_max || replay.others.contains(destination)) {
+        ++replay.others[destination];
+    }
+}
+
+// Where nothing came for the feed's group, the group that the options probably meant to name.
+void report_others(const Replay& replay) {
+    const auto most = std::max_element(replay.others.begin(), replay.others.end(),
+                                       [](const auto& a, const auto& b) { return a.second < b.second; });
+    if (replay.listener.sequencer.counters.packets != 0 || most == replay.others.end()) {
+        return;
+    }
+    const auto& [address, port] = most->first;
+    const in_addr network{htonl(address)};
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &network, text, sizeof text);
+    report(fmt::format("the capture has {} packets to {}:{}; --mcast and --port name the feed's",
+                       most->second, text, port));
+}
+
 void take_datagram(Replay& replay, const PcapFlow& flow, std::int64_t time_ns, const unsigned char* bytes,
                    std::size_t length) {
     const Options& options = replay.options;
@@ -85,6 +111,7 @@ void take_datagram(Replay& replay, const PcapFlow& flow, std::int64_t time_ns, c
     std::size_t line = line_of(replay, flow);
     if (line == replay.lines.size()) {
         if (options.retrans.empty() || !is_from(flow, options.retrans_address)) {
+            count_other(replay, flow);
             return;
         }
         source = PacketSource::retransmission;
@@ -224,6 +251,7 @@ ExitStatus run_replay(const Options& options) {
     if (result == PcapResult::broken) {
         report(error);
     }
+    report_others(replay);
     return finish_listener(listener);
 }
 

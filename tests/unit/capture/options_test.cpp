@@ -97,9 +97,11 @@ TEST(CaptureOptions, Faults_NameTheOptionAndTheValue) {
         {{"--join-at", "1", "--snapshot-port", "0", "--pcap", "a"}, "--join-at "},
         {{"--pcap", "a", "--truth-out", "a"}, "--pcap and --truth-out both go to 'a'"},
         {{}, "nothing to write: "},
-        {{"--control-port", "1", "--pcap", "a"}, ""},
-        {{"--book-out", "b", "--pcap", "a"}, ""},
-        {{"--bbo-out", "b", "--pcap", "a"}, ""},
+        {{"--control-port", "1", "--pcap", "a"}, "--control-port: a capture has no control channel"},
+        {{"--book-out", "b", "--pcap", "a"}, "--book-out: "},
+        {{"--bbo-out", "b", "--pcap", "a"}, "--bbo-out: "},
+        {{"--duraton", "1m", "--pcap", "a"}, "unknown option '--duraton'; did you mean '--duration'?"},
+        {{"--pcap", "a", "1m"}, "'1m' belongs to no option"},
     };
     for (const auto& [words, beginning] : faults) {
         EXPECT_EQ(refusal(words).find(beginning), 0u) << refusal(words);

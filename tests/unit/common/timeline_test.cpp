@@ -87,6 +87,19 @@ TEST(Timeline, LineByNumber_WaitsForTheNextNumber) {
     EXPECT_TRUE(all_played(timeline, cursor));
 }
 
+TEST(Timeline, RunThatEndsEarly_SaysWhatItDidNotReach) {
+    const Timeline timeline = parsed("+1s pause\nat seq 500 drop 1\n+9s resume\n");
+    TimelineCursor cursor;
+    EXPECT_EQ(unplayed_text(timeline, cursor),
+              "3 commands of " + timeline.name + " were not reached; the first is in line 1");
+    EXPECT_EQ(due(timeline, cursor, second, 499), Lines{"pause"});
+    EXPECT_EQ(due(timeline, cursor, 9 * second, 499), Lines{"resume"});
+    EXPECT_EQ(unplayed_text(timeline, cursor),
+              "1 command of " + timeline.name + " was not reached; the first is in line 2");
+    EXPECT_EQ(due(timeline, cursor, 9 * second, 500), Lines{"drop 1"});
+    EXPECT_EQ(unplayed_text(timeline, cursor), "");
+}
+
 TEST(Timeline, TimeAndNumberInOnePass_KeepTheOrderOfTheFile) {
     const Timeline timeline = parsed("at seq 10 drop 1\n+1s dup 1\nat seq 10 drop 2\n");
     TimelineCursor cursor;
