@@ -20,7 +20,8 @@ mapfile -t TOOL_PACKAGES < <(
 )
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
 TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest mypy tshark
-    chromium valgrind jq procps iproute2 nftables pkg-config zstd wireshark-common tcpreplay)
+    chromium valgrind jq procps iproute2 nftables pkg-config zstd wireshark-common tcpreplay
+    curl prometheus python3-jsonschema)
 # What makes the packages, and what their tests use.
 PACKAGE_PACKAGES=(scdoc python3 python3-pip python3-setuptools python3-wheel dpkg-dev fakeroot)
 TEST_PACKAGES+=("${PACKAGE_PACKAGES[@]}" lintian mmdebstrap man-db bash-completion zsh systemd util-linux
@@ -73,6 +74,11 @@ install_missing() {
     if command -v debconf-set-selections >/dev/null; then
         echo 'wireshark-common wireshark-common/install-setuid boolean false' |
             as_root debconf-set-selections || true
+    fi
+    # A service comes with the monitoring server; the tests start their own, and nobody asked for another one.
+    if [[ " ${missing[*]} " == *" prometheus "* ]] && [ ! -e /etc/systemd/system/prometheus.service ]; then
+        as_root mkdir -p /etc/systemd/system
+        as_root ln -s /dev/null /etc/systemd/system/prometheus.service
     fi
     if ! as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get -q -y install --no-install-recommends "${missing[@]}" >/dev/null; then
