@@ -22,9 +22,10 @@ void maybe_exchange_print(SipEngine& engine, Instrument& instrument, std::uint64
 void trf_print(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns);
 
 // The crosses, all on market center 'Q' at the cross price.
-void reopening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns);  // 3000 shares, "@5  "
-void closing_cross(SipEngine& engine, Instrument& instrument,
-                   std::uint64_t now_ns);  // 8000, "@6  ", then "@  M"
+// Reopening trade, 3000 shares, "@5  ".
+void reopening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns);
+// Closing trade, 8000 shares, "@6  ", then the official close, "@  M".
+void closing_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns);
 // Opening trade, 5000 shares, "@O  ": at the midpoint when there is a bid, else at the reference price.
 void opening_cross(SipEngine& engine, Instrument& instrument, std::uint64_t now_ns);
 

@@ -24,8 +24,8 @@ struct alignas(64) QuoteBlock {
     std::array<std::uint8_t, 2 * centers> odd_sizes;  // 1 to 99 shares; bids, then asks
     std::array<char, centers> market_center;
     std::uint8_t fallback_bits;  // a bit for each center with a price or size that is not representable here
-    std::uint8_t
-        levels_only_bits;  // a bit for each whose quote makes a price level without counting for the NBBO
+    // A bit for each whose quote makes a price level without counting for the NBBO.
+    std::uint8_t levels_only_bits;
     std::array<std::uint64_t, centers> time;  // of the quote
 };
 static_assert(sizeof(QuoteBlock) == 256);

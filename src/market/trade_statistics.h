@@ -31,7 +31,7 @@ std::uint64_t next_trade_id(Instrument& instrument, ParticipantTradeStats* stats
                             char sub_market_center);
 
 StatisticsRecord consolidated_statistics(const Instrument& instrument);
-StatisticsRecord participant_statistics(const Instrument& instrument,
-                                        char market_center);  // zeros when there are none
+// Zeros when there are none.
+StatisticsRecord participant_statistics(const Instrument& instrument, char market_center);
 
 }  // namespace tessel

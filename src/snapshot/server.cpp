@@ -1,5 +1,6 @@
 #include "snapshot/server.h"
 
+#include "base/byte_order.h"
 #include "mold/publisher.h"
 #include "wire/message_writer.h"
 
@@ -60,14 +61,14 @@ void send_login_rejected(const SnapshotConnection& connection, char code) {
 void send_login_accepted(const SnapshotConnection& connection,
                          const std::array<char, mold_session_bytes>& session) {
     static_assert(mold_session_bytes == soup_session_bytes);
-    constexpr std::size_t packet_bytes = 3 + soup_session_bytes + soup_sequence_bytes;
+    constexpr std::size_t packet_bytes = soup_header_bytes + soup_session_bytes + soup_sequence_bytes;
     std::array<char, packet_bytes> packet;
     packet.fill(' ');
     packet[0] = 0;
-    packet[1] = static_cast<char>(packet.size() - 2);
+    packet[1] = static_cast<char>(packet.size() - soup_length_bytes);
     packet[2] = soup_login_accepted;
-    std::copy(session.begin(), session.end(), packet.begin() + 3);
-    packet[3 + soup_session_bytes] = '1';  // the spin always starts at sequence number 1
+    std::copy(session.begin(), session.end(), packet.begin() + soup_header_bytes);
+    packet[soup_header_bytes + soup_session_bytes] = '1';  // the spin always starts at sequence number 1
     send_packet(connection, packet);
 }
 
@@ -313,21 +314,21 @@ std::string cut_field(std::span<const unsigned char> payload, std::size_t offset
 }  // namespace
 
 bool next_soup_packet(std::span<const unsigned char> input, SoupPacket& packet, std::size_t& consumed) {
-    if (input.size() < 2) {
+    if (input.size() < soup_length_bytes) {
         return false;
     }
-    const std::size_t length = static_cast<std::size_t>(input[0]) << 8 | input[1];
-    if (length == 0 || input.size() < 2 + length) {
+    const auto length = static_cast<std::size_t>(read_big_endian(input.data(), soup_length_bytes));
+    if (length == 0 || input.size() < soup_length_bytes + length) {
         return false;
     }
-    packet.type = static_cast<char>(input[2]);
-    packet.payload = input.subspan(3, length - 1);
-    consumed = 2 + length;
+    packet.type = static_cast<char>(input[soup_length_bytes]);
+    packet.payload = input.subspan(soup_header_bytes, length - 1);
+    consumed = soup_length_bytes + length;
     return true;
 }
 
 bool is_blocked(std::span<const unsigned char> input) {
-    return input.size() >= 2 && input[0] == 0 && input[1] == 0;
+    return input.size() >= soup_length_bytes && read_big_endian(input.data(), soup_length_bytes) == 0;
 }
 
 LoginRequest read_login(std::span<const unsigned char> payload) {
@@ -335,9 +336,11 @@ LoginRequest read_login(std::span<const unsigned char> payload) {
     if (payload.size() < soup_login_request_bytes) {
         return login;
     }
-    login.username = cut_field(payload, 0, 6);
-    login.session = cut_field(payload, 16, soup_session_bytes);
-    login.sequence = std::strtoull(cut_field(payload, 26, soup_sequence_bytes).c_str(), nullptr, 10);
+    constexpr std::size_t session_at = soup_username_bytes + soup_password_bytes;
+    constexpr std::size_t sequence_at = session_at + soup_session_bytes;
+    login.username = cut_field(payload, 0, soup_username_bytes);
+    login.session = cut_field(payload, session_at, soup_session_bytes);
+    login.sequence = std::strtoull(cut_field(payload, sequence_at, soup_sequence_bytes).c_str(), nullptr, 10);
     return login;
 }
 

@@ -1,5 +1,6 @@
 #include "snapshot/spin.h"
 
+#include "base/byte_order.h"
 #include "engine/luld.h"
 #include "engine/quote_record.h"
 #include "market/luld_indicator.h"
@@ -53,7 +54,7 @@ void frame_message(SpinBuffer& spin, std::size_t length) {
     assert(soup_header_bytes + length <= message_room);
     unsigned char* const out = spin.bytes.data() + spin.size;
     put_u16(out, 0, static_cast<std::uint16_t>(length + 1));
-    put_u8(out, 2, soup_sequenced_data);
+    put_u8(out, soup_length_bytes, soup_sequenced_data);
     spin.size += soup_header_bytes + length;
 }
 
@@ -192,9 +193,10 @@ std::vector<std::span<const unsigned char>> spin_messages(const SpinBuffer& spin
     std::size_t at = 0;
     while (at < spin.size) {
         const unsigned char* packet = spin.bytes.data() + at;
-        const std::size_t packet_length = static_cast<std::size_t>(packet[0]) << 8 | packet[1];
+        const std::size_t packet_length =
+            static_cast<std::size_t>(read_big_endian(packet, soup_length_bytes));
         messages.emplace_back(packet + soup_header_bytes, packet_length - 1);
-        at += 2 + packet_length;
+        at += soup_length_bytes + packet_length;
     }
     return messages;
 }

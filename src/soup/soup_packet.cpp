@@ -1,5 +1,9 @@
 #include "soup/soup_packet.h"
 
+#include "base/byte_order.h"
+
+#include <array>
+
 namespace tessel::receiver {
 
 namespace {
@@ -11,12 +15,9 @@ std::string padded(const std::string& text, std::size_t width) {
 }
 
 std::string framed(char type, const std::string& payload) {
-    const std::size_t length = payload.size() + 1;
-    std::string packet;
-    packet += static_cast<char>(length >> 8);
-    packet += static_cast<char>(length & 0xff);
-    packet += type;
-    return packet + payload;
+    std::array<unsigned char, soup_length_bytes> length;
+    write_big_endian(length.data(), payload.size() + 1, length.size());
+    return std::string(length.begin(), length.end()) + type + payload;
 }
 
 }  // namespace
@@ -34,7 +35,7 @@ bool soup_next(SoupReader& reader, SoupPacket& packet, bool* broken) {
         return false;
     }
     const unsigned char* at = reader.bytes.data() + reader.taken;
-    const std::size_t length = static_cast<std::size_t>((at[0] << 8) | at[1]);
+    const std::size_t length = static_cast<std::size_t>(read_big_endian(at, soup_length_bytes));
     if (length == 0) {
         *broken = true;
         return false;

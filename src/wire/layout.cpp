@@ -1,5 +1,7 @@
 #include "wire/layout.h"
 
+#include "base/byte_order.h"
+
 namespace tessel::layout {
 
 namespace {
@@ -72,9 +74,8 @@ std::size_t add_appendages(std::vector<LocatedField>& out, const Message& messag
             continue;
         }
         const std::size_t count_at = message.indicators.odd_lot_count;
-        const std::size_t count = appendage.block.repeated
-                                      ? static_cast<std::size_t>(bytes[count_at] << 8 | bytes[count_at + 1])
-                                      : 1;
+        const std::size_t count =
+            appendage.block.repeated ? static_cast<std::size_t>(read_big_endian(bytes + count_at, 2)) : 1;
         const std::size_t entry_bytes = bytes_of(appendage.block.fields);
         for (std::size_t entry = 0; entry < count && at + entry * entry_bytes < length; ++entry) {
             add_block(out, appendage.block, at + entry * entry_bytes, entry, length);
@@ -106,11 +107,7 @@ std::size_t locate_fields(std::vector<LocatedField>& out, const unsigned char* b
 }
 
 std::uint64_t integer_at(const unsigned char* bytes, const LocatedField& located) {
-    std::uint64_t value = 0;
-    for (std::size_t at = 0; at < located.field->width; ++at) {
-        value = value << 8 | bytes[located.offset + at];
-    }
-    return value;
+    return read_big_endian(bytes + located.offset, located.field->width);
 }
 
 }  // namespace tessel::layout

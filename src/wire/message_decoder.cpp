@@ -1,6 +1,7 @@
 #include "wire/message_decoder.h"
 
-#include <endian.h>
+#include "base/byte_order.h"
+
 #include <cstring>
 
 namespace tessel::receiver {
@@ -25,19 +26,19 @@ constexpr std::int64_t millionths_per_cent = 10'000;
 std::uint16_t u16_at(const unsigned char* p, std::size_t offset) {
     std::uint16_t value;
     std::memcpy(&value, p + offset, sizeof value);
-    return be16toh(value);
+    return big_endian(value);
 }
 
 std::uint32_t u32_at(const unsigned char* p, std::size_t offset) {
     std::uint32_t value;
     std::memcpy(&value, p + offset, sizeof value);
-    return be32toh(value);
+    return big_endian(value);
 }
 
 std::uint64_t u64_at(const unsigned char* p, std::size_t offset) {
     std::uint64_t value;
     std::memcpy(&value, p + offset, sizeof value);
-    return be64toh(value);
+    return big_endian(value);
 }
 
 char char_at(const unsigned char* p, std::size_t offset) {

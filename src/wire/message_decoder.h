@@ -71,8 +71,8 @@ struct QuoteFields {
     char adf_mpid_indicator = ' ';
     char best_odd_lot_indicator = '0';
     char odd_lot_list_indicator = '0';
-    std::uint16_t odd_lot_count =
-        0;                      // as the message says; the list may hold fewer when the indicator has none
+    // As the message says; the list may hold fewer when the indicator has none.
+    std::uint16_t odd_lot_count = 0;
     std::string_view bid_mpid;  // of "D"; the one MPID of an MPID quote
     std::string_view ask_mpid;
 };

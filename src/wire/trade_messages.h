@@ -79,11 +79,12 @@ struct AsOfRecord {
     std::uint64_t execution_time_ns = 0;
 };
 
-// Each sets the header's category ("T") and type and leaves the whole message in writer.
-void build_trade(MessageWriter& writer, const TradeReport& report, bool short_form);  // 'M' short, 'N' long
-void build_cancel(MessageWriter& writer, const CancelRecord& record);                 // 'O'
-void build_correction(MessageWriter& writer, const CorrectionRecord& record);         // 'P'
-void build_as_of(MessageWriter& writer,
-                 const AsOfRecord& record);  // 'Q': id 0, conditions "@   ", action 'A'
+// Each sets the header's category ("T") and type and leaves the whole message in writer: a trade is of type
+// 'M' (short) or 'N' (long), a cancel 'O', a correction 'P', an as-of trade 'Q' with id 0, conditions "@   "
+// and action 'A'.
+void build_trade(MessageWriter& writer, const TradeReport& report, bool short_form);
+void build_cancel(MessageWriter& writer, const CancelRecord& record);
+void build_correction(MessageWriter& writer, const CorrectionRecord& record);
+void build_as_of(MessageWriter& writer, const AsOfRecord& record);
 
 }  // namespace tessel

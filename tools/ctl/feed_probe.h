@@ -29,8 +29,8 @@ struct Probe {
     bool saw_wire = false;      // whether this process may look at the interface itself
     std::uint64_t on_wire = 0;  // datagrams for the group and port that reached the interface
     std::string wire_source;    // where the last of them came from
-    std::uint64_t reverse_path_drops =
-        0;  // packets of this host that failed the reverse-path check meanwhile
+    // Packets of this host that failed the reverse-path check meanwhile.
+    std::uint64_t reverse_path_drops = 0;
 };
 
 struct ProbeSettings {

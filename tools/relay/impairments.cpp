@@ -310,10 +310,12 @@ bool set_impairment(Impairments& impairments, std::string_view assignment, bool 
     return true;
 }
 
-bool is_clean(const Impairments& i) {
-    return i.drop == 0 && i.burst_begin == 0 && i.every == 0 && i.sequences.empty() && i.duplicate == 0 &&
-           i.reorder == 0 && i.delays.empty() && i.rate_bits == 0 && i.flip_bit == 0 && i.truncate == 0 &&
-           i.foreign == 0 && i.dark_end_ns <= i.dark_begin_ns && i.payload_bytes_max == 0;
+bool is_clean(const Impairments& impairments) {
+    return impairments.drop == 0 && impairments.burst_begin == 0 && impairments.every == 0 &&
+           impairments.sequences.empty() && impairments.duplicate == 0 && impairments.reorder == 0 &&
+           impairments.delays.empty() && impairments.rate_bits == 0 && impairments.flip_bit == 0 &&
+           impairments.truncate == 0 && impairments.foreign == 0 &&
+           impairments.dark_end_ns <= impairments.dark_begin_ns && impairments.payload_bytes_max == 0;
 }
 
 }  // namespace tessel::relay

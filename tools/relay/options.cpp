@@ -148,40 +148,42 @@ struct Texts {
     std::uint32_t control_port = 0;
 };
 
-void declare(CLI::App& app, Options& o, Texts& texts) {
+void declare(CLI::App& app, Options& options, Texts& texts) {
     app.set_version_flag("--version", version_line("tessel-relay"));
-    app.add_option("--mcast", o.group, "Multicast group to join")->capture_default_str();
-    app.add_option("--port", o.port, "UDP port of the group")
+    app.add_option("--mcast", options.group, "Multicast group to join")->capture_default_str();
+    app.add_option("--port", options.port, "UDP port of the group")
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
-    app.add_option("--iface", o.iface, "IPv4 address of the interface to join on")->capture_default_str();
-    app.add_option("--session", o.session, "Relay this session only (default: every packet)");
-    app.add_option("--from-pcap", o.from_pcap, "Read a capture instead, - for standard input");
+    app.add_option("--iface", options.iface, "IPv4 address of the interface to join on")
+        ->capture_default_str();
+    app.add_option("--session", options.session, "Relay this session only (default: every packet)");
+    app.add_option("--from-pcap", options.from_pcap, "Read a capture instead, - for standard input");
     app.add_option("--line", texts.lines, "An output, NAME=DEST[,KEY=VALUE...]; may be repeated");
     app.add_option("--retrans", texts.retrans,
                    "LISTEN=UPSTREAM[,drop=P%][,delay=T][,limit=N/s]: pass requests on");
     app.add_option("--snapshot", texts.snapshots,
                    "LISTEN=UPSTREAM[,delay=T][,rate=XMbit][,close=BYTES]: pass Snap-Shot connections on");
-    app.add_option("--seed", o.seed, "Seed of every random draw; each line draws for itself")
+    app.add_option("--seed", options.seed, "Seed of every random draw; each line draws for itself")
         ->capture_default_str();
-    app.add_option("--max-payload", o.payload_bytes_max,
+    app.add_option("--max-payload", options.payload_bytes_max,
                    "Split packets for every line, as payload=N does for one")
         ->check(CLI::Range(200, 65507));
-    app.add_flag("--end-of-session", o.end_of_session, "Send an end-of-session packet when the relay ends");
+    app.add_flag("--end-of-session", options.end_of_session,
+                 "Send an end-of-session packet when the relay ends");
     app.add_option("--control-port", texts.control_port, "UDP port for text commands, on 127.0.0.1")
         ->check(CLI::Range(1, 65535));
     app.add_option("--control", texts.control, "The same as HOST:PORT");
-    app.add_option("--speed", o.speed, "Of a replay: 10 is ten times as fast")
+    app.add_option("--speed", options.speed, "Of a replay: 10 is ten times as fast")
         ->check(CLI::Range(0.001, 10000.0));
     app.add_option("--rate", texts.rate, "Of a replay: messages a second");
     app.add_option("--ramp", texts.ramp, "Of a replay: FIRST:LAST:TIME, from one rate to another");
-    app.add_option("--loop", o.loops, "Replay the capture this many times")
+    app.add_option("--loop", options.loops, "Replay the capture this many times")
         ->check(CLI::Range(1u, 1000000000u));
-    app.add_flag("--quiet", o.quiet, "No line for each fault");
+    app.add_flag("--quiet", options.quiet, "No line for each fault");
     app.footer(footer);
 }
 
-bool read_lines(Options& o, const Texts& texts, std::string& error) {
+bool read_lines(Options& options, const Texts& texts, std::string& error) {
     std::set<std::string> names;
     if (texts.lines.empty()) {
         error = "--line: name at least one output, as in --line A=239.1.1.1:4001";
@@ -198,22 +200,22 @@ bool read_lines(Options& o, const Texts& texts, std::string& error) {
             return false;
         }
         if (line.impairments.payload_bytes_max == 0) {
-            line.impairments.payload_bytes_max = o.payload_bytes_max;
+            line.impairments.payload_bytes_max = options.payload_bytes_max;
         }
-        o.lines.push_back(std::move(line));
+        options.lines.push_back(std::move(line));
     }
     return true;
 }
 
-bool read_services(Options& o, const Texts& texts, std::string& error) {
+bool read_services(Options& options, const Texts& texts, std::string& error) {
     for (const std::string& text : texts.retrans) {
-        if (!parse_retrans_option(text, o.retrans.emplace_back(), error)) {
+        if (!parse_retrans_option(text, options.retrans.emplace_back(), error)) {
             error = "--retrans: " + error;
             return false;
         }
     }
     for (const std::string& text : texts.snapshots) {
-        if (!parse_snapshot_option(text, o.snapshots.emplace_back(), error)) {
+        if (!parse_snapshot_option(text, options.snapshots.emplace_back(), error)) {
             error = "--snapshot: " + error;
             return false;
         }
@@ -221,50 +223,50 @@ bool read_services(Options& o, const Texts& texts, std::string& error) {
     return true;
 }
 
-bool read_control(Options& o, const Texts& texts, std::string& error) {
+bool read_control(Options& options, const Texts& texts, std::string& error) {
     const std::string where =
         texts.control_port != 0 ? "127.0.0.1:" + std::to_string(texts.control_port) : texts.control;
     if (where.empty()) {
         return true;
     }
-    o.control = true;
-    if (!parse_address(where, o.control_address, error)) {
+    options.control = true;
+    if (!parse_address(where, options.control_address, error)) {
         error = "--control: " + error;
         return false;
     }
     return true;
 }
 
-bool check_input(Options& o, const Texts& texts, std::string& error) {
+bool check_input(Options& options, const Texts& texts, std::string& error) {
     in_addr address{};
-    if (inet_pton(AF_INET, o.group.c_str(), &address) != 1 || (ntohl(address.s_addr) >> 28) != 0xE) {
-        error = "--mcast: '" + o.group + "' is no multicast group: 224.0.0.0 to 239.255.255.255";
+    if (inet_pton(AF_INET, options.group.c_str(), &address) != 1 || (ntohl(address.s_addr) >> 28) != 0xE) {
+        error = "--mcast: '" + options.group + "' is no multicast group: 224.0.0.0 to 239.255.255.255";
         return false;
     }
-    if (inet_pton(AF_INET, o.iface.c_str(), &address) != 1) {
-        error = "--iface: '" + o.iface + "' is no IPv4 address";
+    if (inet_pton(AF_INET, options.iface.c_str(), &address) != 1) {
+        error = "--iface: '" + options.iface + "' is no IPv4 address";
         return false;
     }
-    if (o.session.size() > 10) {
-        error = "--session: '" + o.session + "' has more than 10 characters";
+    if (options.session.size() > 10) {
+        error = "--session: '" + options.session + "' has more than 10 characters";
         return false;
     }
     if (!texts.rate.empty()) {
-        if (!parse_rate_option(texts.rate, o.rate_first, error)) {
+        if (!parse_rate_option(texts.rate, options.rate_first, error)) {
             error = "--rate: " + error;
             return false;
         }
-        o.rate_last = o.rate_first;
+        options.rate_last = options.rate_first;
     }
-    if (!texts.ramp.empty() && !parse_ramp(texts.ramp, o, error)) {
+    if (!texts.ramp.empty() && !parse_ramp(texts.ramp, options, error)) {
         error = "--ramp: " + error;
         return false;
     }
-    if (o.from_pcap.empty() && (o.loops != 1 || o.speed != 1 || o.rate_first != 0)) {
+    if (options.from_pcap.empty() && (options.loops != 1 || options.speed != 1 || options.rate_first != 0)) {
         error = "--speed, --rate, --ramp and --loop are for a replay: add --from-pcap FILE";
         return false;
     }
-    if (o.from_pcap == "-" && o.loops != 1) {
+    if (options.from_pcap == "-" && options.loops != 1) {
         error = "--loop: standard input can be read once only";
         return false;
     }
