@@ -60,6 +60,7 @@ bool is_group(const std::string& text) {
     return inet_pton(AF_INET, text.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 28) == 0xE;
 }
 
+// An empty text is an option that was not given.
 bool check_service(const char* name, const std::string& text, bool& has, sockaddr_in& address,
                    std::string& error) {
     has = !text.empty();
@@ -96,6 +97,10 @@ bool check(const Texts& texts, Options& options, std::string& error) {
     }
     sockaddr_in unused{};
     bool has = false;
+    if (options.control.feed.empty()) {
+        error = "--control: it is HOST:PORT, not empty";
+        return false;
+    }
     return check_service("--retrans", texts.retrans, reception.has_retrans, reception.retrans, error) &&
            check_service("--snapshot", texts.snapshot, reception.has_snapshot, reception.snapshot, error) &&
            check_service("--control", options.control.feed, has, unused, error) &&

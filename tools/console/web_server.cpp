@@ -217,6 +217,10 @@ private:
             fill(to, error_reply(400, "the body is one JSON object"));
             return true;
         }
+        if (length.find_first_not_of("0123456789") != std::string::npos) {
+            fill(to, error_reply(400, "the Content-Length is no number"));
+            return true;
+        }
         if (length.size() > 4 || std::strtoul(length.c_str(), nullptr, 10) > body_bytes_max) {
             fill(to, error_reply(413, "a body has at most 4096 bytes"));
             return true;
