@@ -11,36 +11,47 @@
 namespace tessel {
 namespace {
 
-TEST(BlockPool, ManyBlocks_AreApartAndOnesOwn) {
+constexpr std::size_t node_bytes = 512;  // of a deque
+
+std::vector<unsigned char*> take_blocks(std::size_t count) {
     std::vector<unsigned char*> blocks;
-    for (int at = 0; at < 10'000; ++at) {
-        blocks.push_back(static_cast<unsigned char*>(allocate_block()));
-        std::memset(blocks.back(), at % 251, pooled_block_bytes);
+    for (std::size_t at = 0; at < count; ++at) {
+        blocks.push_back(static_cast<unsigned char*>(block_pool().allocate(node_bytes)));
+        std::memset(blocks.back(), static_cast<int>(at % 251), node_bytes);
     }
+    return blocks;
+}
+
+void give_back(const std::vector<unsigned char*>& blocks) {
+    for (unsigned char* const block : blocks) {
+        block_pool().deallocate(block, node_bytes);
+    }
+}
+
+TEST(BlockPool, ManyBlocks_AreApartAndOnesOwn) {
+    const std::vector<unsigned char*> blocks = take_blocks(10'000);
     const std::set<unsigned char*> sorted(blocks.begin(), blocks.end());
     ASSERT_EQ(sorted.size(), blocks.size());
     const unsigned char* before = nullptr;
     for (const unsigned char* const block : sorted) {
-        EXPECT_TRUE(before == nullptr || block - before >= static_cast<std::ptrdiff_t>(pooled_block_bytes));
+        EXPECT_TRUE(before == nullptr || block - before >= static_cast<std::ptrdiff_t>(node_bytes));
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignof(std::max_align_t), 0u);
         before = block;
     }
     for (std::size_t at = 0; at < blocks.size(); ++at) {
         ASSERT_EQ(blocks[at][0], at % 251);
-        ASSERT_EQ(blocks[at][pooled_block_bytes - 1], at % 251);
-        free_block(blocks[at]);
+        ASSERT_EQ(blocks[at][node_bytes - 1], at % 251);
     }
+    give_back(blocks);
 }
 
-TEST(BlockPool, GivenBack_IsTheNextTaken) {
-    void* const first = allocate_block();
-    void* const second = allocate_block();
-    free_block(first);
-    free_block(second);
-    EXPECT_EQ(allocate_block(), second);
-    EXPECT_EQ(allocate_block(), first);
-    free_block(first);
-    free_block(second);
+TEST(BlockPool, GivenBack_AreTakenAgain) {
+    const std::vector<unsigned char*> before = take_blocks(5'000);
+    give_back(before);
+    const std::vector<unsigned char*> after = take_blocks(5'000);
+    EXPECT_EQ(std::set<unsigned char*>(before.begin(), before.end()),
+              std::set<unsigned char*>(after.begin(), after.end()));
+    give_back(after);
 }
 
 struct Record {
