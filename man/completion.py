@@ -21,6 +21,13 @@ def pattern(options):
     return "|".join(name for option in options for name in option.names)
 
 
+def inner_commands(details):
+    """The commands of a command, and all their options."""
+    names = [each for _, each, _ in details.commands]
+    options = {option.names[-1]: option for each in details.command_help.values() for option in each.options}
+    return names, list(options.values())
+
+
 BASH_HEAD = """# bash completion for {name}(1)                              -*- shell-script -*-
 # Made from {name}'s own help.
 
@@ -57,6 +64,7 @@ def bash(name, shown):
     every = {option.names[-1]: option for option in shown.options}
     for details in shown.command_help.values():
         every.update({option.names[-1]: option for option in details.options})
+        every.update({option.names[-1]: option for option in inner_commands(details)[1]})
     text += bash_values(list(every.values()))
     if shown.commands:
         names = " ".join(each for _, each, _ in shown.commands)
@@ -69,7 +77,10 @@ def bash(name, shown):
                  "    local options\n"
                  "    case $command in\n")
         for _, each, _ in shown.commands:
-            text += f"    {each}) options='{words(shown.command_help[each].options)}' ;;\n"
+            details = shown.command_help[each]
+            names_inside, options_inside = inner_commands(details)
+            offered = " ".join([*names_inside, words(options_inside or details.options)])
+            text += f"    {each}) options='{offered}' ;;\n"
         text += f"    *) options='{names} {words(shown.options)}' ;;\n    esac\n"
     else:
         text += f"    local options='{words(shown.options)}'\n"
@@ -119,6 +130,9 @@ def zsh(name, shown):
     text += "case $state in\ncommand) _describe command commands ;;\nargument)\n    case $line[1] in\n"
     for _, each, _ in shown.commands:
         details = shown.command_help[each]
-        arguments = [*zsh_options(details.options), *zsh_positionals(details.positionals)]
+        names_inside, options_inside = inner_commands(details)
+        arguments = [*zsh_options(options_inside or details.options), *zsh_positionals(details.positionals)]
+        if names_inside:
+            arguments.append(f"'1:command:({' '.join(names_inside)})'")
         text += f"    {each}) _arguments " + " \\\n        ".join(arguments) + " ;;\n"
     return text + "    esac\n    ;;\nesac\n"

@@ -58,6 +58,16 @@ def command_entry(program, name, text, details):
     return "\n".join(lines)
 
 
+def command_entries(program, shown):
+    """The entries of all commands, each followed by those of its own commands."""
+    entries = []
+    for _, each, text in shown.commands:
+        details = shown.command_help[each]
+        entries.append(command_entry(program, each, text, details))
+        entries += command_entries(f"{program} {each}", details)
+    return entries
+
+
 def extra_text(name):
     """(paragraphs of the description, sections) of NAME.scd; empty without one."""
     path = HERE / f"{name}.scd"
@@ -81,8 +91,7 @@ def page(name, shown, version, see_also):
     parts += ["# OPTIONS", "\n".join(option_entry(option) for option in shown.options)]
     if shown.commands:
         parts.append("# COMMANDS")
-        parts += [command_entry(name, each, text, shown.command_help[each])
-                  for _, each, text in shown.commands]
+        parts += command_entries(name, shown)
     parts.append(sections)
     if shown.examples:
         parts += ["# EXAMPLES", literal(shown.examples)]

@@ -72,23 +72,32 @@ class PortLease:
     process bind it, whoever that is, and takes it back when that process ends. Nothing is left on any disk.
     Names and ports alike belong to a network namespace."""
 
-    def __init__(self):
-        for _ in range(1000):
-            number = _chooser.randint(PORT_FIRST, PORT_LAST)
-            lease = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-            try:
-                lease.bind(lease_name(number))
-                with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp, \
-                        socket.socket(socket.AF_INET, socket.SOCK_STREAM) as tcp:
-                    udp.bind(("", number))
-                    tcp.bind(("", number))
-            except OSError:
-                lease.close()
-                continue
-            self.number = number
-            self._lease = lease
+    def __init__(self, number=None):
+        """Any port, or that of this number: OSError when it is taken."""
+        if number is not None:
+            self._take(number)
             return
+        for _ in range(1000):
+            try:
+                self._take(_chooser.randint(PORT_FIRST, PORT_LAST))
+                return
+            except OSError:
+                continue
         raise RuntimeError("no free port found")
+
+    def _take(self, number):
+        lease = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        try:
+            lease.bind(lease_name(number))
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp, \
+                    socket.socket(socket.AF_INET, socket.SOCK_STREAM) as tcp:
+                udp.bind(("", number))
+                tcp.bind(("", number))
+        except OSError:
+            lease.close()
+            raise
+        self.number = number
+        self._lease = lease
 
     def release(self):
         self._lease.close()

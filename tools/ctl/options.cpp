@@ -3,14 +3,17 @@
 #include "base/version.h"
 #include "common/control_commands.h"
 #include "common/nearest_word.h"
+#include "ctl/channel_commands.h"
 #include "ctl/commands.h"
 #include "ctl/doctor.h"
 #include "ctl/run_command.h"
+#include "ctl/settings.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -27,6 +30,8 @@ constexpr const char* examples = R"(Examples:
   tesselctl doctor --iface 10.0.0.2            why does nothing arrive?
   tesselctl account --received 8000
   tesselctl relay --control 127.0.0.1:25190 line A drop=5%
+  tesselctl channels plan --symbols symbols.txt --channels 24 --out day
+  tesselctl channels up --dir day              start a feed a channel; status, stats, halt SYM, stop
 
 tesselctl COMMAND --help has the options of a command.
 Exit status: 0 done; 1 the feed answered err, or doctor found a problem; 2 asked wrongly; 3 nobody answers.)";
@@ -41,9 +46,17 @@ struct CommandLine {
     AccountOptions account;
     DoctorOptions doctor;
     std::vector<std::string> relay;  // words of a relay's command
-    std::string argument;            // of a control command
+    PlanCommand plan;
+    ChannelsOptions channels;
+    std::string channels_command;
+    std::string argument;  // of a control command
     std::vector<std::string> further;
 };
+
+int fail(const std::string& error) {
+    std::fprintf(stderr, "tesselctl: %s\n", error.c_str());
+    return static_cast<int>(ExitStatus::asked_wrongly);
+}
 
 CLI::App* add_command(CLI::App& app, const std::string& name, const std::string& text,
                       const std::string& group) {
@@ -137,6 +150,100 @@ Examples:
   tesselctl relay --control 127.0.0.1:25190 stats)");
 }
 
+void add_channels_plan(CLI::App& channels, CommandLine& line) {
+    using channels::Division;
+    const std::map<std::string, Division> divisions = {
+        {"range", Division::range}, {"hash", Division::hash}, {"count", Division::count}};
+    CLI::App* const plan = add_command(
+        channels, "plan", "Divide symbols into channels and write their configurations", "Commands");
+    channels::PlanOptions& options = line.plan.options;
+    plan->add_option("--symbols", line.plan.symbols, "File with SYMBOL:PRICE a line")->required();
+    plan->add_option("--channels", options.channels, "Number of channels")->required();
+    // The names are in the text, so that --help does not print the numbers behind them.
+    plan->add_option("--by", options.by,
+                     "range: alphabetical ranges; hash: by the symbol alone; count: in turn [range]")
+        ->transform(CLI::CheckedTransformer(divisions, CLI::ignore_case).description(""))
+        ->type_name("RULE");
+    plan->add_option("--group-base", options.group_base,
+                     "Multicast group of the first channel; others follow")
+        ->capture_default_str();
+    plan->add_option("--port-base", options.port_base, "First port; each channel has four, none twice")
+        ->capture_default_str();
+    plan->add_option("--iface", options.iface, "IPv4 address of the interface to send on")
+        ->capture_default_str();
+    // Its own check: the conversion to a number without a sign turns -1 into a large one.
+    plan->add_option("--seed", options.seed, "Each channel's seed is made of this one")
+        ->check(CLI::Validator([](std::string& text) { return value_error(Form::seed, text); }, ""))
+        ->capture_default_str();
+    plan->add_option("--out", line.plan.folder, "Folder for channels.json and the other files")->required();
+    plan->footer(R"(tesselctl channels plan --symbols FILE --channels N [--by RULE] --out DIR
+
+Examples:
+  tesselctl channels plan --symbols symbols.txt --channels 24 --by range --out day)");
+}
+
+CLI::App* add_channels_command(CLI::App& channels, CommandLine& line, const std::string& name,
+                               const std::string& text, const std::string& group) {
+    CLI::App* const command = add_command(channels, name, text, group);
+    command->add_option("--dir", line.channels.folder, "Folder of the plan")->required();
+    return command;
+}
+
+void add_channels(CLI::App& app, CommandLine& line) {
+    CLI::App* const channels =
+        add_command(app, "channels", "Plan and run a feed of several channels", "Commands");
+    channels->require_subcommand(1);
+    add_channels_plan(*channels, line);
+    add_channels_command(*channels, line, "up", "Start the feed of every channel; returns when all answer",
+                         "Commands")
+        ->footer(R"(tesselctl channels up --dir DIR [--json] [-- options of every feed]
+Truth logs are DIR/truth/NAME.jsonl, standard error DIR/log/NAME.log, process numbers DIR/run/NAME.pid.
+
+Examples:
+  tesselctl channels up --dir day -- --interval-ms 100 --drop-every 1000)");
+    add_channels_command(*channels, line, "status", "Rate, faults and gaps of every channel", "Commands")
+        ->add_option("--interval", line.channels.interval_seconds, "Seconds to look at the channels")
+        ->check(CLI::Range(0.01, 3600.0))
+        ->capture_default_str();
+    add_channels_command(*channels, line, "stats", "The counters of all channels, added up", "Commands");
+    add_channels_command(*channels, line, "stop", "End the feeds that up has started", "Commands");
+    for (const common::ControlCommand& each : common::control_commands()) {
+        if (each.argument == common::Argument::symbol || each.word == "resume") {
+            const std::string word(each.word);
+            const std::string effect = word == "resume" ? "From halt or pause to quotation, then to trading"
+                                                        : std::string(each.effect);
+            CLI::App* const command = add_channels_command(
+                *channels, line, word, effect + "; the symbol's channel is found", "Control commands");
+            command->add_option("SYM", line.argument, "Symbol")->required();
+        }
+    }
+}
+
+int dispatch_channels(const std::string& command, CommandLine& line) {
+    line.channels.json = line.plan.json = line.control.json;
+    line.channels.timeout_ms = line.control.timeout_ms;
+    line.channels.options = line.further;
+    if (!line.further.empty() && command != "up") {
+        return fail("-- and options of the feed go with channels up, not with channels " + command);
+    }
+    if (command == "plan") {
+        return plan_channels(line.plan);
+    }
+    if (command == "up") {
+        return channels_up(line.channels);
+    }
+    if (command == "status") {
+        return channels_status(line.channels);
+    }
+    if (command == "stats") {
+        return channels_stats(line.channels);
+    }
+    if (command == "stop") {
+        return channels_stop(line.channels);
+    }
+    return channels_control(line.channels, command, line.argument);
+}
+
 void add_control_commands(CLI::App& app, CommandLine& line) {
     for (const common::ControlCommand& each : common::control_commands()) {
         if (each.word == "stats") {
@@ -170,13 +277,9 @@ void declare(CLI::App& app, CommandLine& line) {
     add_doctor(app, line);
     add_account(app, line);
     add_relay(app, line);
+    add_channels(app, line);
     add_control_commands(app, line);
     app.footer(examples);
-}
-
-int fail(const std::string& error) {
-    std::fprintf(stderr, "tesselctl: %s\n", error.c_str());
-    return static_cast<int>(ExitStatus::asked_wrongly);
 }
 
 // What is wrong with the word where the command should be; empty when it is one, or when there is no word.
@@ -194,7 +297,7 @@ std::string unknown_command(int count, const char* const* words) {
     for (const common::ControlCommand& command : common::control_commands()) {
         names.push_back(command.word);
     }
-    names.insert(names.end(), {"run", "script", "doctor", "account", "relay"});
+    names.insert(names.end(), {"run", "script", "doctor", "account", "relay", "channels"});
     if (word.empty() || std::find(names.begin(), names.end(), word) != names.end()) {
         return "";
     }
@@ -203,7 +306,7 @@ std::string unknown_command(int count, const char* const* words) {
 }
 
 int dispatch(const std::string& command, CommandLine& line) {
-    if (!line.further.empty() && command != "run") {
+    if (!line.further.empty() && command != "run" && command != "channels") {
         return fail("-- and options of the feed go with run, not with " + command);
     }
     if (command == "run") {
@@ -235,6 +338,9 @@ int dispatch(const std::string& command, CommandLine& line) {
         }
         return plain_command(line.control, words);
     }
+    if (command == "channels") {
+        return dispatch_channels(line.channels_command, line);
+    }
     return control_command(line.control, command + (line.argument.empty() ? "" : " " + line.argument));
 }
 
@@ -261,7 +367,11 @@ int run_command_line(int argc, const char* const* argv) {
         const std::string text = unknown.empty() ? fault.what() : unknown;
         return fail(text.substr(0, text.find('\n')) + "; see tesselctl --help");
     }
-    return dispatch(app.get_subcommands().front()->get_name(), line);
+    const CLI::App* const command = app.get_subcommands().front();
+    if (!command->get_subcommands().empty()) {
+        line.channels_command = command->get_subcommands().front()->get_name();
+    }
+    return dispatch(command->get_name(), line);
 }
 
 }  // namespace tessel::ctl

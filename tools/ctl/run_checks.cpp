@@ -1,6 +1,7 @@
 #include "ctl/run_checks.h"
 
 #include "app/config.h"
+#include "common/symbol_entry.h"
 #include "ctl/host.h"
 
 #include <arpa/inet.h>
@@ -14,6 +15,8 @@
 #include <utility>
 
 namespace tessel::ctl {
+
+using common::argument_bytes_max;
 
 namespace {
 

@@ -16,31 +16,6 @@ namespace {
 
 constexpr int status_asked_wrongly = 2;
 
-// The feed beside this program, else the first on the search path; empty when there is none.
-std::string find_feed() {
-    char self[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
-    if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
-        std::string beside(self, static_cast<std::size_t>(length));
-        beside.resize(beside.rfind('/') + 1);
-        beside += "tessel";
-        if (access(beside.c_str(), X_OK) == 0) {
-            return beside;
-        }
-    }
-    const char* search = std::getenv("PATH");
-    std::string folders = search == nullptr ? "" : search;
-    while (!folders.empty()) {
-        const std::size_t colon = folders.find(':');
-        std::string candidate = folders.substr(0, colon) + "/tessel";
-        if (candidate != "/tessel" && access(candidate.c_str(), X_OK) == 0) {
-            return candidate;
-        }
-        folders.erase(0, colon == std::string::npos ? folders.size() : colon + 1);
-    }
-    return "";
-}
-
 void print_faults(const std::vector<std::string>& faults) {
     for (const std::string& fault : faults) {
         std::fprintf(stderr, "tesselctl: %s\n", fault.c_str());
@@ -65,6 +40,30 @@ int become_feed(const RunConfig& config, const std::string& program) {
 }
 
 }  // namespace
+
+std::string find_feed() {
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+    if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
+        std::string beside(self, static_cast<std::size_t>(length));
+        beside.resize(beside.rfind('/') + 1);
+        beside += "tessel";
+        if (access(beside.c_str(), X_OK) == 0) {
+            return beside;
+        }
+    }
+    const char* search = std::getenv("PATH");
+    std::string folders = search == nullptr ? "" : search;
+    while (!folders.empty()) {
+        const std::size_t colon = folders.find(':');
+        std::string candidate = folders.substr(0, colon) + "/tessel";
+        if (candidate != "/tessel" && access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+        folders.erase(0, colon == std::string::npos ? folders.size() : colon + 1);
+    }
+    return "";
+}
 
 std::string shell_word(const std::string& text) {
     constexpr std::string_view plain =

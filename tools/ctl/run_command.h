@@ -18,6 +18,9 @@ struct RunOptions {
 // 25177".
 std::string command_line(const RunConfig& config, const std::string& program);
 
+// The feed beside this program, otherwise the first on the search path; empty when there is none.
+std::string find_feed();
+
 // Text as one word of a shell's command line.
 std::string shell_word(const std::string& text);
 

@@ -1,6 +1,7 @@
 #include "ctl/run_config.h"
 
 #include "common/nearest_word.h"
+#include "common/symbol_entry.h"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +13,10 @@
 #include <unordered_set>
 
 namespace tessel::ctl {
+
+using common::symbol_error;
+using common::symbol_of;
+using common::symbols_max;
 
 namespace {
 

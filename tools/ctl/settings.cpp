@@ -1,5 +1,7 @@
 #include "ctl/settings.h"
 
+#include "common/symbol_entry.h"
+
 #include <arpa/inet.h>
 #include <algorithm>
 #include <array>
@@ -8,6 +10,10 @@
 #include <unordered_set>
 
 namespace tessel::ctl {
+
+using common::symbol_error;
+using common::symbol_of;
+using common::symbols_max;
 
 namespace {
 
@@ -49,9 +55,6 @@ constexpr SettingKey keys[] = {
 
 constexpr std::size_t quoted_bytes_max = 40;
 constexpr std::size_t session_bytes_max = 10;
-constexpr std::size_t symbol_bytes_max = 11;  // the width of the wire's long symbol field
-// A price in millionths of a dollar, and sums of a few of them, must fit into 64 bits.
-constexpr double price_max = 1e9;
 
 std::string in_quotes(std::string_view text) {
     std::string shown(text.substr(0, quoted_bytes_max));
@@ -191,28 +194,6 @@ const SettingKey* find_option(std::string_view option) {
         }
     }
     return nullptr;
-}
-
-std::string_view symbol_of(std::string_view entry) {
-    return entry.substr(0, entry.find(':'));
-}
-
-std::string symbol_error(std::string_view entry) {
-    const std::string_view symbol = symbol_of(entry);
-    const auto allowed = [](char letter) {
-        return letter > ' ' && letter <= '~' && letter != ',' && letter != '"' && letter != '\\';
-    };
-    if (symbol.empty() || symbol.size() > symbol_bytes_max ||
-        !std::all_of(symbol.begin(), symbol.end(), allowed)) {
-        return in_quotes(entry) +
-               " has no good symbol: 1 to 11 printable characters without blank, comma, quote, backslash";
-    }
-    if (symbol.size() == entry.size()) {
-        return "";
-    }
-    const std::string_view price = entry.substr(symbol.size() + 1);
-    const std::string error = number_error<double>(price, 0.01, price_max);
-    return error.empty() ? "" : "price of " + std::string(symbol) + ": " + error;
 }
 
 std::string value_error(Form form, std::string_view value) {

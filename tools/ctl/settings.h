@@ -46,17 +46,4 @@ const SettingKey* find_option(std::string_view option);
 // What is wrong with a value; empty when nothing is. `value` is the text that the feed would get.
 std::string value_error(Form form, std::string_view value);
 
-// What is wrong with one symbol of a list, "AAPL:190.00" or "AAPL"; empty when nothing is.
-std::string symbol_error(std::string_view entry);
-
-// The symbol of such an entry.
-std::string_view symbol_of(std::string_view entry);
-
-// One argument of a command line, or NAME=VALUE of the environment, is at most so long; the kernel's limit
-// (MAX_ARG_STRLEN: 32 pages) counts the NUL at its end.
-constexpr std::size_t argument_bytes_max = 128 * 1024 - 1;
-
-// The security id on the wire has 16 bits and begins with 1.
-constexpr std::size_t symbols_max = 65'535;
-
 }  // namespace tessel::ctl

@@ -1,4 +1,4 @@
 tessel_tool(tesselctl
   PACKAGES CLI11 nlohmann_json tomlplusplus
   LIBRARIES tessel_app tessel_receiver
-  TOOLS common)
+  TOOLS common channels)

@@ -1,31 +1,21 @@
 #include "judge/channels.h"
 
+#include "channels/channel_list.h"
 #include "judge/findings.h"
 #include "judge/input.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
 #include <algorithm>
 #include <atomic>
 #include <exception>
-#include <set>
 #include <thread>
 #include <vector>
 
 namespace tessel::judge {
 
 namespace {
-
-using Json = nlohmann::json;
-
-constexpr int list_nesting_max = 16;
-
-bool is_file_name(const std::string& name) {
-    return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos &&
-           name.find('\0') == std::string::npos;
-}
 
 // Judges one channel; what goes wrong is in its `error`.
 void judge_channel(Channel& channel) {
@@ -52,47 +42,6 @@ void judge_channel(Channel& channel) {
 
 }  // namespace
 
-bool parse_channel_names(std::string_view text, const std::string& file, std::vector<std::string>& names,
-                         std::string& error) {
-    const auto fail = [&](std::string_view reason) {
-        error = fmt::format("{}: {}", file, reason);
-        return false;
-    };
-    const auto is_shallow = [](int depth, Json::parse_event_t, const Json&) {
-        if (depth > list_nesting_max) {
-            throw std::length_error("nested too deep");
-        }
-        return true;
-    };
-    Json list;
-    try {
-        list = Json::parse(text.begin(), text.end(), is_shallow);
-    } catch (const Json::parse_error& fault) {
-        return fail(fmt::format("not JSON: broken at byte {}", fault.byte));
-    } catch (const std::exception& fault) {
-        return fail(fault.what());
-    }
-    if (!list.is_object() || list.value("version", Json()) != 1) {
-        return fail("not a channel list of version 1");
-    }
-    const auto channels = list.find("channels");
-    if (channels == list.end() || !channels->is_array() || channels->empty()) {
-        return fail("no channels in the list");
-    }
-    std::set<std::string> seen;
-    for (const Json& channel : *channels) {
-        const Json name = channel.is_object() ? channel.value("name", Json()) : Json();
-        if (!name.is_string() || !is_file_name(name.get<std::string>())) {
-            return fail(fmt::format("channel {} has no name that can be a file's", names.size() + 1));
-        }
-        names.push_back(name.get<std::string>());
-        if (!seen.insert(names.back()).second) {
-            return fail(fmt::format("channel '{}' is there twice", names.back()));
-        }
-    }
-    return true;
-}
-
 bool read_channel_names(const std::string& file, std::vector<std::string>& names, std::string& error) {
     Input input;
     if (!open_input(input, file, error)) {
@@ -110,14 +59,22 @@ bool read_channel_names(const std::string& file, std::vector<std::string>& names
             return false;
         }
         if (got == 0) {
-            return parse_channel_names(text, file, names, error);
+            break;
         }
         text.append(buffer.data(), static_cast<std::size_t>(got));
-        if (text.size() > channel_list_bytes_max) {
-            error = fmt::format("{}: longer than {} bytes", file, channel_list_bytes_max);
+        if (text.size() > channels::channel_list_bytes_max) {
+            error = fmt::format("{}: longer than {} bytes", file, channels::channel_list_bytes_max);
             return false;
         }
     }
+    channels::ChannelList list;
+    if (!channels::parse_channel_list(text, file, channels::Needs::names, list, error)) {
+        return false;
+    }
+    for (const channels::Channel& channel : list) {
+        names.push_back(channel.name);
+    }
+    return true;
 }
 
 std::string channel_file(const std::string& folder, const std::string& name) {

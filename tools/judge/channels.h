@@ -3,7 +3,6 @@
 #include "judge/judge.h"
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace tessel::judge {
@@ -16,14 +15,8 @@ struct Channel {
     std::string error;
 };
 
-// A channel list is read up to this size; thousands of channels with their symbols are a tenth of it.
-inline constexpr std::size_t channel_list_bytes_max = 16U << 20;
-
-// The channels' names in a list: {"version": 1, "channels": [{"name": "ch01", ...}, ...]}, other members
-// ignored. A name is part of file names, so it has no '/', does not begin with '.', and comes once. False
-// with the file and a reason in `error`.
-bool parse_channel_names(std::string_view text, const std::string& file, std::vector<std::string>& names,
-                         std::string& error);
+// The channels' names in the list at `file`, which may be compressed. False with the file and a reason in
+// `error`.
 bool read_channel_names(const std::string& file, std::vector<std::string>& names, std::string& error);
 
 // The file of a channel in a folder: NAME.jsonl, or NAME.jsonl.zst, or NAME.jsonl.gz. The first when none

@@ -64,16 +64,6 @@ TEST(Settings, Limits_ComeInPairs) {
     }
 }
 
-TEST(Settings, SymbolsWithBadPrices_AreFound) {
-    for (const char* entry : {"A:0.01", "A", "BRK.A:712000", "ABCDEFGHIJK:1", "A:1e3"}) {
-        EXPECT_EQ(symbol_error(entry), "") << entry;
-    }
-    for (const char* entry : {"A:0", "A:-1", "A:", "A:1x", "A: 1", "A:nan", "A:inf", "A:1e300", "A:0x1", ":1",
-                              "", "ABCDEFGHIJKL:1", "A B:1", "A\":1", "A:1:2"}) {
-        EXPECT_NE(symbol_error(entry), "") << entry;
-    }
-}
-
 TEST(Settings, LongValue_IsQuotedShortly) {
     EXPECT_LE(value_error(Form::port, std::string(100'000, '9')).size(), 120U);
     EXPECT_EQ(value_error(Form::port, "\x1b[2J"), "'?[2J' is no whole number");

@@ -8,49 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace tessel::judge {
 namespace {
-
-std::string reason_for(std::string_view list) {
-    std::vector<std::string> names;
-    std::string error;
-    EXPECT_FALSE(parse_channel_names(list, "list", names, error)) << list;
-    return error;
-}
-
-TEST(JudgeChannels, NamesOfAList_AreReadInOrder) {
-    std::vector<std::string> names;
-    std::string error;
-    ASSERT_TRUE(parse_channel_names(
-        R"({"version":1,"channels":[{"name":"ch02","port":1,"symbols":["A"]},{"name":"ch01"}]})", "list",
-        names, error))
-        << error;
-    const std::vector<std::string> expected = {"ch02", "ch01"};
-    EXPECT_EQ(names, expected);
-}
-
-TEST(JudgeChannels, InvalidLists_AreRefusedWithAReason) {
-    EXPECT_EQ(reason_for("{"), "list: not JSON: broken at byte 2");
-    EXPECT_EQ(reason_for("[]"), "list: not a channel list of version 1");
-    EXPECT_EQ(reason_for(R"({"channels":[{"name":"a"}]})"), "list: not a channel list of version 1");
-    EXPECT_EQ(reason_for(R"({"version":2,"channels":[{"name":"a"}]})"),
-              "list: not a channel list of version 1");
-    EXPECT_EQ(reason_for(R"({"version":1})"), "list: no channels in the list");
-    EXPECT_EQ(reason_for(R"({"version":1,"channels":[]})"), "list: no channels in the list");
-    for (const std::string_view name :
-         {R"("")", R"("../x")", R"("a/b")", R"(".")", "7", "null", R"("a\u0000")"}) {
-        EXPECT_EQ(reason_for(R"({"version":1,"channels":[{"name":)" + std::string(name) + "}]}"),
-                  "list: channel 1 has no name that can be a file's");
-    }
-    EXPECT_EQ(reason_for(R"({"version":1,"channels":[3]})"),
-              "list: channel 1 has no name that can be a file's");
-    EXPECT_EQ(reason_for(R"({"version":1,"channels":[{"name":"a"},{"name":"a"}]})"),
-              "list: channel 'a' is there twice");
-    EXPECT_EQ(reason_for(std::string(100'000, '[')), "list: nested too deep");
-}
 
 TEST(JudgeChannels, Channels_AreJudgedEachAndAddedUp) {
     const Bench bench;
