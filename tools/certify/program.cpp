@@ -1,8 +1,17 @@
 #include "certify/program.h"
 
+#include "base/version.h"
 #include "certify/catalog.h"
+#include "certify/file_text.h"
+#include "certify/processes.h"
+#include "certify/progress.h"
+#include "certify/runner.h"
 
-#include <algorithm>
+#include <fmt/format.h>
+
+#include <unistd.h>
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -41,6 +50,81 @@ int explain(const std::vector<Case>& cases, const std::string& name) {
     return std::fflush(stdout) == 0 ? status_passed : status_bad_input;
 }
 
+// The result as a table: a line a case, and the totals.
+std::string table(const Certificate& certificate) {
+    std::string text;
+    std::array<std::size_t, 4> counts{};
+    for (const CaseResult& result : certificate.cases) {
+        const std::string handler = certificate.handlers.size() > 1 ? result.handler + ": " : "";
+        text += fmt::format("{:<8} {}{}{}{}\n", verdict_word(result.verdict), printable(handler), result.name,
+                            result.reason.empty() ? "" : ": ", printable(result.reason));
+        ++counts[static_cast<std::size_t>(result.verdict)];
+    }
+    return text + fmt::format("{} passed, {} failed, {} in error, {} skipped\n", counts[0], counts[1],
+                              counts[2], counts[3]);
+}
+
+// 0 when cases passed and none failed.
+int status_of(const Certificate& certificate) {
+    bool passed = false;
+    for (const CaseResult& result : certificate.cases) {
+        if (result.verdict == Verdict::fail || result.verdict == Verdict::error) {
+            return status_failed;
+        }
+        passed = passed || result.verdict == Verdict::pass;
+    }
+    return passed ? status_passed : status_failed;
+}
+
+bool write_report(const std::string& path, const std::string& text) {
+    std::string error;
+    if (path.empty()) {
+        return true;
+    }
+    if (path == "-") {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+        return std::fflush(stdout) == 0;
+    }
+    if (!write_file(path, text, error)) {
+        print_error(error);
+        return false;
+    }
+    return true;
+}
+
+bool write_reports(const Options& options, const Certificate& certificate) {
+    const bool taken = options.json_path == "-" || options.junit_path == "-" ||
+                       options.markdown_path == "-" || options.html_path == "-";
+    return write_report(taken ? "" : "-", table(certificate)) &&
+           write_report(options.json_path, certificate_json(certificate));
+}
+
+// Ends as a program does that a signal has ended: whoever waits for it sees that.
+[[noreturn]] void end_by_signal(int number) {
+    std::signal(number, SIG_DFL);
+    raise(number);
+    _exit(128 + number);
+}
+
+int certify(const Options& options, const std::vector<Case>& cases) {
+    const std::string feed = find_program("tessel");
+    if (feed.empty()) {
+        print_error(
+            "the feed's program, tessel, is neither in TESSEL_BIN nor beside this program nor on PATH");
+        return status_bad_input;
+    }
+    Certificate certificate;
+    certificate.tool = version_line("tessel-certify");
+    certificate.handlers = options.handlers;
+    certificate.seed = options.seed;
+    certificate.about = options.about;
+    const int stopped = run_cases(options, cases, feed, certificate);
+    if (stopped != 0) {
+        end_by_signal(stopped);
+    }
+    return write_reports(options, certificate) ? status_of(certificate) : status_bad_input;
+}
+
 }  // namespace
 
 int run_program(const Options& options) {
@@ -60,8 +144,7 @@ int run_program(const Options& options) {
         std::fputs(list_text(cases).c_str(), stdout);
         return std::fflush(stdout) == 0 ? status_passed : status_bad_input;
     }
-    print_error("running cases is not there yet");
-    return status_bad_input;
+    return certify(options, cases);
 }
 
 }  // namespace tessel::certify
