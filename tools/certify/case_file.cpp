@@ -1,5 +1,6 @@
 #include "certify/case_file.h"
 
+#include "certify/traffic.h"
 #include "common/nearest_word.h"
 #include "ctl/run_config.h"
 #include "ctl/toml_file.h"
@@ -330,10 +331,9 @@ void check_whole(Reader& reader) {
     if (!out.restart_at.empty() && out.restart_at.back() >= case_seconds_max) {
         lacks("run.restart_at: beyond the end of the run");
     }
-    for (const Traffic& traffic : out.traffic) {
-        if (traffic.kind.empty()) {
-            lacks("traffic.kind: a [[traffic]] table has none");
-        }
+    std::string error;
+    if (!check_traffic(out.traffic, error)) {
+        lacks("traffic: " + error);
     }
     if (out.load.rates.empty() && (out.load.bisect || out.load.pass_rate != 0)) {
         lacks("load.rates: there are none");

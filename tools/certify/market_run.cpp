@@ -20,6 +20,8 @@ namespace tessel::certify {
 namespace {
 
 constexpr double feed_start_seconds = 30;
+constexpr double traffic_start_seconds = 30;
+constexpr double traffic_end_seconds = 2;
 constexpr double player_seconds = 30;  // beyond the run's end, on a machine that is slow
 constexpr std::string_view session_first = "UTPBENCH01";
 
@@ -30,6 +32,14 @@ std::string numbered(const MarketRun& run, const char* name, const char* ending,
 std::string session_of(const Case& each, std::size_t index) {
     return index == 0 || each.same_session ? std::string(session_first)
                                            : fmt::format("UTPBENCH{:02}", index + 1);
+}
+
+// In a child: what it prints goes to that file.
+void log_to(const std::string& path) {
+    const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    dup2(log, STDOUT_FILENO);
+    dup2(log, STDERR_FILENO);
+    close(log);
 }
 
 bool choose_addresses(MarketRun& run) {
@@ -51,6 +61,50 @@ bool choose_addresses(MarketRun& run) {
         run.feeds.push_back(std::move(feed));
     }
     return true;
+}
+
+// Where traffic stands between, the handler is given addresses of its own.
+bool choose_handler_ends(MarketRun& run) {
+    if (!is_between(run.each->traffic)) {
+        return true;
+    }
+    std::string error;
+    FeedRun before;  // its addresses are what is wanted of it
+    if (!lease_feed(before, run.leases, 0, error)) {
+        return fail_run(run, Verdict::error, error);
+    }
+    before.endpoints.session = run.feeds[0].endpoints.session;
+    run.handler_ends[0] = before.endpoints;
+    return true;
+}
+
+// Runs the extra traffic of the first feed in a process of its own, and waits until it is ready.
+bool start_traffic(MarketRun& run) {
+    if (run.each->traffic.empty()) {
+        return true;
+    }
+    int ends[2];
+    std::string error;
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        return fail_run(run, Verdict::error, "there are no descriptors left");
+    }
+    run.traffic = fork_child(SIGKILL, error);
+    if (run.traffic < 0) {
+        run.traffic = 0;
+        return fail_run(run, Verdict::error, error);
+    }
+    if (run.traffic == 0) {
+        default_signals();
+        log_to(run.folder + "/traffic.log");
+        close(ends[0]);
+        _exit(run_traffic(run.each->traffic, run.feeds[0].endpoints, run.handler_ends[0], ends[1]));
+    }
+    close(ends[1]);
+    char byte = 0;
+    const bool ready =
+        wait_for(run, scaled(traffic_start_seconds), [&] { return read(ends[0], &byte, 1) == 1; });
+    close(ends[0]);
+    return ready || fail_run(run, Verdict::error, "the extra traffic does not start: see traffic.log");
 }
 
 bool open_taps(MarketRun& run) {
@@ -131,10 +185,7 @@ void start_player(MarketRun& run, const FeedRun& feed) {
         return;
     }
     default_signals();
-    const std::string path = run.folder + "/traffic.log";
-    const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-    dup2(log, STDOUT_FILENO);
-    dup2(log, STDERR_FILENO);
+    log_to(run.folder + "/traffic.log");
     constexpr int reply_ms = 5'000;
     ctl::ControlClient client;
     int status = 1;
@@ -263,13 +314,17 @@ bool fail_run(MarketRun& run, Verdict verdict, const std::string& reason) {
 }
 
 bool play_market(MarketRun& run) {
-    return choose_addresses(run) && open_taps(run) && run_market(run) && await_players(run) && freeze(run) &&
-           await_silence(run) && end_handlers(run);
+    return choose_addresses(run) && choose_handler_ends(run) && open_taps(run) && start_traffic(run) &&
+           run_market(run) && await_players(run) && freeze(run) && await_silence(run) && end_handlers(run);
 }
 
 void end_market(MarketRun& run) {
     run.ending = true;
     kill_handlers(run);
+    if (run.traffic != 0) {
+        kill(run.traffic, SIGTERM);  // it writes what it did
+        wait_for_end(run, run.traffic, scaled(traffic_end_seconds));
+    }
     for (FeedRun& feed : run.feeds) {
         stop_feed(feed, run.reaped);
         if (feed.client.fd >= 0) {

@@ -101,6 +101,13 @@ bool wait_until(MarketRun& run, double moment) {
     return run.problem.empty();
 }
 
+void wait_for_end(MarketRun& run, pid_t child, double seconds) {
+    const double end = steady_seconds() + seconds;
+    while (!has_ended(run.reaped, child) && steady_seconds() < end) {
+        take_input(run);
+    }
+}
+
 bool await_silence(MarketRun& run) {
     const double begin = steady_seconds();
     if (!wait_until(run, begin + run.each->expect.wait_seconds)) {

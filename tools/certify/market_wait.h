@@ -15,6 +15,9 @@ bool wait_for(MarketRun& run, double seconds, const std::function<bool()>& is_do
 // Waits until that moment on the steady clock. False only when something went wrong.
 bool wait_until(MarketRun& run, double moment);
 
+// Waits for the end of a child, `seconds` at most, whatever happens meanwhile.
+void wait_for_end(MarketRun& run, pid_t child, double seconds);
+
 // Waits for heartbeats on a market that is frozen: as long as the case says, and longer while a handler still
 // writes, since it may have a slow machine.
 bool await_silence(MarketRun& run);

@@ -4,15 +4,13 @@
 #include "certify/catalog.h"
 #include "certify/file_text.h"
 #include "certify/processes.h"
-#include "certify/progress.h"
+#include "certify/reports.h"
 #include "certify/runner.h"
 
-#include <fmt/format.h>
-
 #include <unistd.h>
-#include <array>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -50,20 +48,6 @@ int explain(const std::vector<Case>& cases, const std::string& name) {
     return std::fflush(stdout) == 0 ? status_passed : status_bad_input;
 }
 
-// The result as a table: a line a case, and the totals.
-std::string table(const Certificate& certificate) {
-    std::string text;
-    std::array<std::size_t, 4> counts{};
-    for (const CaseResult& result : certificate.cases) {
-        const std::string handler = certificate.handlers.size() > 1 ? result.handler + ": " : "";
-        text += fmt::format("{:<8} {}{}{}{}\n", verdict_word(result.verdict), printable(handler), result.name,
-                            result.reason.empty() ? "" : ": ", printable(result.reason));
-        ++counts[static_cast<std::size_t>(result.verdict)];
-    }
-    return text + fmt::format("{} passed, {} failed, {} in error, {} skipped\n", counts[0], counts[1],
-                              counts[2], counts[3]);
-}
-
 // 0 when cases passed and none failed.
 int status_of(const Certificate& certificate) {
     bool passed = false;
@@ -95,8 +79,12 @@ bool write_report(const std::string& path, const std::string& text) {
 bool write_reports(const Options& options, const Certificate& certificate) {
     const bool taken = options.json_path == "-" || options.junit_path == "-" ||
                        options.markdown_path == "-" || options.html_path == "-";
-    return write_report(taken ? "" : "-", table(certificate)) &&
-           write_report(options.json_path, certificate_json(certificate));
+    const bool color = isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
+    return (taken || write_report("-", text_report(certificate, color))) &&
+           write_report(options.json_path, certificate_json(certificate)) &&
+           write_report(options.junit_path, junit_report(certificate)) &&
+           write_report(options.markdown_path, markdown_report(certificate)) &&
+           write_report(options.html_path, html_report(certificate));
 }
 
 // Ends as a program does that a signal has ended: whoever waits for it sees that.
@@ -122,6 +110,7 @@ int certify(const Options& options, const std::vector<Case>& cases) {
     if (stopped != 0) {
         end_by_signal(stopped);
     }
+    certificate.causes = likely_causes(certificate);
     return write_reports(options, certificate) ? status_of(certificate) : status_bad_input;
 }
 
