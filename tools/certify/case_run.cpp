@@ -44,7 +44,7 @@ void judge_market(MarketRun& run, CaseResult& result) {
         if (!judgment.good) {
             const std::string which = run.feeds.size() > 1 ? fmt::format("feed {}: ", index + 1) : "";
             fail_run(run, Verdict::fail, which + judgment.reason);
-            find_differences(judgment, run.feeds[index].endpoints, result);
+            find_differences(input, judgment, run.feeds[index].endpoints, result);
         }
     }
 }
