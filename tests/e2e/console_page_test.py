@@ -105,6 +105,18 @@ def test_FeedKilled_PageSaysGoneAndComesBackByItself(page, feed):
     page.wait(lambda: page.row("MSFT")["status"] == "Halted", "a row of the new run to turn")
 
 
+def test_NewRunWithOtherInstruments_OneOfThemIsChosen(page, feed):
+    page.wait(lambda: page.text("#chosen-title") == "AAPL" and page.texts("#tape tbody tr"), "the first choice")
+    feed.control("halt MSFT")
+    page.wait(lambda: some(page, "#events tbody tr", "MSFT"), "an event of the first run")
+    feed.stop()
+    feed.set_option("--symbols", "ZETA:20.00,YOTA:30.00")
+    feed.start()
+    page.wait(lambda: sorted(row["symbol"] for row in page.rows()) == ["YOTA", "ZETA"], "the new rows")
+    page.wait(lambda: page.text("#chosen-title") == "YOTA" and page.texts("#bids tbody tr"), "another choice")
+    assert not some(page, "#events tbody tr", "MSFT")
+
+
 def test_ConsoleKilled_PageSaysGone(driver, feed):
     with Console(feed) as console:
         page = Page(driver, console).wait_live()

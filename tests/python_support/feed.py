@@ -259,8 +259,13 @@ class Feed:
     def make_process(self):
         return Process(self.command(), env=self.environment())
 
+    def set_option(self, option, value):
+        """Another value for an option that the constructor knows; it counts from the next start."""
+        self._options[option] = value
+
     def start(self):
         """Starts the program and waits for its banner: from then on every service answers."""
+        self.exit_code = None
         self._child = self.make_process()
         self._child.wait_for_line("[tessel] UQDF+UTDF")
         # The banner comes first: an interrupt right after it would end the program without its last lines.

@@ -3,13 +3,22 @@
 
 import { byId, setAttribute, setText, timeOfDay } from "./dom.js";
 import { redrawCharts } from "./charts.js";
-import { addEvent, clearEvents, createFeed, eventText, explainCounters, updateFeed } from "./feed.js";
+import {
+  addEvent,
+  addSkipped,
+  clearEvents,
+  createFeed,
+  eventText,
+  explainCounters,
+  updateFeed,
+} from "./feed.js";
 import { chooseInstrument, createInstrument, markInstrument, updateInstrument } from "./instrument.js";
 import { createSteer, send, updateSteer } from "./steer.js";
 import { createStream, watch } from "./stream.js";
 import { createTable, currentView, showChosen, toTop, updateTable } from "./table.js";
 
 const VIEW_DELAY_MS = 120;
+const MISSES_MAX = 12;
 
 const page = {
   search: "",
@@ -17,8 +26,8 @@ const page = {
   trouble: "",
   up: null,
   lastPacket: 0,
-  session: "",
-  nextSeq: 0,
+  runs: 0,
+  misses: 0,
   viewTimer: 0,
 };
 
@@ -50,11 +59,11 @@ function onState(text, state) {
   if (feed.up) {
     page.lastPacket = Date.now() / 1000;
   }
-  if (page.session !== "" && feed.next_seq < page.nextSeq) {
+  if (page.runs !== 0 && feed.runs !== page.runs) {
     clearEvents(feedView);
+    chooseInstrument(instrument, page.chosen);
   }
-  page.session = feed.session || page.session;
-  page.nextSeq = feed.next_seq;
+  page.runs = feed.runs;
   page.up = feed.up;
   updateFeed(feedView, state);
   // A view that is no longer wanted still says how the feed is.
@@ -65,8 +74,21 @@ function onState(text, state) {
   showHealth();
 }
 
+// Null when the feed has no instrument of that name: after a while, since a new run takes a moment to name
+// its instruments, another one is chosen.
+function onInstrument(data) {
+  if (data !== null) {
+    page.misses = 0;
+    updateInstrument(instrument, data);
+  } else if (++page.misses >= MISSES_MAX && page.up) {
+    page.misses = 0;
+    choose("");
+  }
+}
+
 function onMarket(event) {
-  if (addEvent(feedView, event) && (event.symbol === page.chosen || !event.symbol)) {
+  const isMark = event.kind !== "cancel" && event.kind !== "correction";
+  if (addEvent(feedView, event) && isMark && (event.symbol === page.chosen || !event.symbol)) {
     markInstrument(instrument, eventText(event));
   }
 }
@@ -156,8 +178,9 @@ const feedView = createFeed({ choose });
 const table = createTable({ view: askSoon, choose, command });
 const stream = createStream({
   state: onState,
-  instrument: (data) => updateInstrument(instrument, data),
+  instrument: onInstrument,
   market: onMarket,
+  skipped: ({ count }) => addSkipped(feedView, count),
   trouble: onTrouble,
 });
 

@@ -205,13 +205,27 @@ export function addEvent(view, event) {
     make("td", { textContent: eventText(event) }),
   );
   row.key = key;
+  prependEvent(view, row);
+  return true;
+}
+
+function prependEvent(view, row) {
   const body = byId("events").tBodies[0];
   body.prepend(row);
   while (body.children.length > EVENTS_KEPT) {
     view.seen.delete(body.lastElementChild.key);
     body.lastElementChild.remove();
   }
-  return true;
+}
+
+// More happened than the stream carries.
+export function addSkipped(view, number) {
+  const text = make("td", {
+    className: "muted",
+    colSpan: 4,
+    textContent: `${count(number)} events left out`,
+  });
+  prependEvent(view, make("tr", {}, text));
 }
 
 const RESUMPTIONS = { Q: "Quotation resumes", T: "Trading resumes" };

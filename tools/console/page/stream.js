@@ -5,9 +5,9 @@ const RETRY_MS = 1000;
 const FULL_RETRY_MS = 3000;
 const SILENCE_MS = 4000;
 
-// `handlers` has state(query, data), instrument(data), market(data), and trouble(kind), where kind is ""
-// while all is well, "away" (the console does not answer), "full" (all streams are taken) or "refused" (the
-// token is no longer valid).
+// `handlers` has state(query, data), instrument(data), market(data), skipped({ count }) for market events
+// that were left out, and trouble(kind), where kind is "" while all is well, "away" (the console does not
+// answer), "full" (all streams are taken) or "refused" (the token is no longer valid).
 export function createStream(handlers) {
   const now = performance.now();
   const stream = {
@@ -52,6 +52,7 @@ function open(stream) {
     hear(stream, source);
     stream.handlers.instrument(JSON.parse(event.data));
   });
+  source.addEventListener("skipped", (event) => stream.handlers.skipped(JSON.parse(event.data)));
   source.addEventListener("market", (event) => stream.handlers.market(JSON.parse(event.data)));
 }
 

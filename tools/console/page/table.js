@@ -24,10 +24,10 @@ const ROWS_MAX = 200;
 const COLUMNS = [
   { key: "symbol", title: "Symbol" },
   { key: "status", title: "Status" },
-  { key: "bid_size", title: "Bid size", number: true, show: size },
+  { key: "bid_size", title: "Size", name: "Bid size", number: true, show: size },
   { key: "bid", title: "Bid", number: true, show: price, flashes: true },
   { key: "ask", title: "Ask", number: true, show: price, flashes: true },
-  { key: "ask_size", title: "Ask size", number: true, show: size },
+  { key: "ask_size", title: "Size", name: "Ask size", number: true, show: size },
   { key: "last", title: "Last", number: true, show: price, flashes: true },
   { key: "volume", title: "Volume", number: true, show: count },
   {
@@ -90,6 +90,9 @@ function makeHead(table) {
       head.append(column.title);
     } else {
       const button = make("button", { type: "button", textContent: column.title });
+      if (column.name) {
+        setAttribute(button, "aria-label", column.name);
+      }
       button.addEventListener("click", () => sortBy(table, column.key));
       head.append(button);
     }
@@ -169,8 +172,8 @@ export function updateTable(table, offset, total, instruments) {
   const wanted = table.wantedIndex - offset;
   if (table.wantedIndex >= 0 && wanted >= 0 && wanted < instruments.length) {
     chooseIndex(table, table.wantedIndex);
-  } else if (table.chosen === "" && instruments.length > 0 && offset === 0) {
-    chooseIndex(table, 0);
+  } else if (table.chosen === "" && instruments.length > 0) {
+    chooseIndex(table, Math.max(offset, rowsInSight(table)[0]));
   }
   drawRows(table);
   flashChanges(table);
