@@ -106,7 +106,7 @@ def test_FeedKilled_PageSaysGoneAndComesBackByItself(page, feed):
 
 
 def test_NewRunWithOtherInstruments_OneOfThemIsChosen(page, feed):
-    page.wait(lambda: page.text("#chosen-title") == "AAPL" and page.texts("#tape tbody tr"), "the first choice")
+    page.wait(lambda: page.text("#chosen-title") == "AAPL" and page.texts("#tape tbody tr"), "a first choice")
     feed.control("halt MSFT")
     page.wait(lambda: some(page, "#events tbody tr", "MSFT"), "an event of the first run")
     feed.stop()
