@@ -22,13 +22,17 @@ void abandon_snapshot(SnapshotClient& client, std::string error) {
     client.error = std::move(error);
 }
 
-// Another attempt later, while there are attempts left. A spin that broke off begins from nothing again only
-// before its first message: afterwards the market would hold half a state.
+// Another attempt later, while there are attempts left. After the first message of a spin only when the
+// caller can forget what it brought: the market would hold half a state otherwise.
 void try_again(SnapshotClient& client, const std::string& why, std::int64_t now_ms) {
     close_snapshot(client);
-    if (client.attempts > client.settings.retries || client.messages != 0) {
+    if (client.attempts > client.settings.retries || (client.messages != 0 && !client.restarted)) {
         abandon_snapshot(client, why);
         return;
+    }
+    if (client.messages != 0) {
+        client.restarted();
+        client.messages = 0;
     }
     client.state = SnapshotState::idle;
     client.error = why;

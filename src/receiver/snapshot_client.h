@@ -21,7 +21,8 @@ struct SnapshotSettings {
     std::string user;
     std::string password;
     std::string session;
-    unsigned retries = 5;  // further attempts when the service is busy with another client or not there
+    // Further attempts when the service is busy with another client, not there, or closes the connection.
+    unsigned retries = 5;
     std::int64_t retry_ms = 500;  // between attempts
     // Without a step forward: a connection, an accepted login, a message of the spin. Heartbeats do not
     // count.
@@ -33,6 +34,9 @@ struct SnapshotClient {
     SnapshotSettings settings;
     // One message of the spin, in order; the end-of-snapshot message is the last.
     std::function<void(const unsigned char* bytes, std::size_t length)> message;
+    // The spin broke off after some messages and is fetched anew: what they brought is to be forgotten. When
+    // empty, a spin that breaks off is final.
+    std::function<void()> restarted;
     SnapshotState state = SnapshotState::idle;
     int fd = -1;
     unsigned attempts = 0;

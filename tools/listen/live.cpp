@@ -254,6 +254,11 @@ void prepare_snapshot(Live& live, const Options& options) {
     live.snapshot.message = [&live](const unsigned char* bytes, std::size_t length) {
         take_spin_message(live.listener, bytes, length);
     };
+    live.snapshot.restarted = [&live] {
+        report(
+            fmt::format("Snap-Shot broke off after {} messages; it is fetched anew", live.snapshot.messages));
+        live.listener.market = {};
+    };
 }
 
 bool prepare_live(Live& live, const Options& options) {

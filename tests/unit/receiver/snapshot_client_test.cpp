@@ -204,6 +204,25 @@ TEST(SnapshotClient, ConnectionLostInTheSpin_IsFinal) {
     EXPECT_NE(service.client.error.find("closed the connection"), std::string::npos);
 }
 
+TEST(SnapshotClient, ConnectionLostInTheSpin_IsMadeAgainByWhoCanForget) {
+    Service service;
+    service.client.restarted = [&] { service.messages.clear(); };
+    service.log_in();
+    service.send_packet('S', "half");
+    service.hang_up();
+    service.step_ready();
+    EXPECT_EQ(service.client.state, SnapshotState::idle);
+    EXPECT_TRUE(service.messages.empty());
+    service.received.clear();
+    service.now_ms += service.client.settings.retry_ms;
+    service.log_in();
+    service.send_packet('S', "whole");
+    service.send_packet('S', end_of_snapshot(7));
+    EXPECT_EQ(service.client.state, SnapshotState::done);
+    EXPECT_EQ(service.messages.at(0), "whole");
+    EXPECT_EQ(service.client.messages, 2u);
+}
+
 TEST(SnapshotClient, PacketOfLengthZero_IsFinal) {
     Service service;
     service.accept_login();
