@@ -22,13 +22,15 @@ namespace {
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 constexpr std::size_t request_bytes_max = 16 * 1024;  // of everything, the body included
-constexpr std::chrono::seconds request_time_max{10};
+constexpr std::chrono::seconds request_time_max{5};
 constexpr std::chrono::seconds reply_time_max{10};        // for one write of a plain reply
 constexpr std::chrono::milliseconds step_time_max{1500};  // for one write of a stream
 constexpr std::chrono::milliseconds step_interval{250};
 constexpr std::chrono::seconds linger_time_max{1};
 constexpr std::size_t linger_bytes_max = 1 << 20;
 constexpr std::chrono::seconds farewell_time_max{5};
+constexpr std::chrono::milliseconds stop_check_interval{200};
+constexpr int send_buffer_bytes = 128 * 1024;  // what a slow client may leave unread
 constexpr int backlog = 128;
 constexpr int accept_wait_ms = 200;
 
@@ -62,6 +64,7 @@ public:
     std::string local_address = "127.0.0.1";
     SteadyTime request_deadline = now() + request_time_max;
     std::chrono::milliseconds write_time_max = reply_time_max;
+    const WebServer* server = nullptr;  // null: in memory
 
     bool is_readable() const override {
         return true;
@@ -78,12 +81,23 @@ public:
     }
 
 private:
+    bool wait_for_input() const;
     bool fill();
 };
 
+// False when the time is over or the server is about to end.
+bool Connection::wait_for_input() const {
+    while (!wait_for(fd, POLLIN, std::min(request_deadline, now() + stop_check_interval))) {
+        if (server->stopping || now() >= request_deadline) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Reads ahead. False at the end, after the limit and when the time is over.
 bool Connection::fill() {
-    if (fd < 0 || received >= request_bytes_max || !wait_for(fd, POLLIN, request_deadline)) {
+    if (fd < 0 || received >= request_bytes_max || !wait_for_input()) {
         return false;
     }
     char bytes[4096];
@@ -293,6 +307,7 @@ void serve_connection(WebServer& server, int fd) {
     {
         Connection connection;
         connection.fd = fd;
+        connection.server = &server;
         sockaddr_in local{};
         socklen_t length = sizeof local;
         char text[INET_ADDRSTRLEN] = "";
@@ -306,7 +321,9 @@ void serve_connection(WebServer& server, int fd) {
             report(failure.what());
         }
     }
-    linger(fd);
+    if (!server.stopping) {
+        linger(fd);
+    }
     close(fd);
     server.connections.fetch_sub(1);
 }
@@ -330,6 +347,7 @@ void accept_one(WebServer& server) {
     }
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes);
     if (server.connections.fetch_add(1) >= connections_max) {
         server.connections.fetch_sub(1);
         turn_away(fd);

@@ -9,7 +9,7 @@
 
 // The sockets and HTTP of the doors. The library that reads requests and writes replies is used here and
 // nowhere else; sockets, threads and all limits are ours: a connection serves one request, which has to be
-// there in ten seconds and in 16 KiB, and a reply that the client does not read within some seconds is
+// there in five seconds and in 16 KiB, and a reply that the client does not read within some seconds is
 // abandoned.
 namespace tessel::console {
 
