@@ -130,7 +130,7 @@ void take_packets(SnapshotClient& client, std::int64_t now_ms) {
 }
 
 void receive(SnapshotClient& client, std::int64_t now_ms) {
-    static unsigned char buffer[receive_bytes];
+    thread_local unsigned char buffer[receive_bytes];
     for (unsigned i = 0; i < receives_a_step && client.fd >= 0; ++i) {
         const ssize_t count = recv(client.fd, buffer, sizeof buffer, MSG_DONTWAIT);
         if (count > 0) {

@@ -129,8 +129,8 @@ bool stamp_datagrams(const MulticastSocket& socket) {
 
 std::size_t receive_multicast(MulticastSocket& from, std::size_t most,
                               const std::function<void(const unsigned char*, std::size_t)>& take) {
-    static unsigned char packets[batch_max][datagram_bytes_max];
-    static unsigned char controls[batch_max][64];
+    thread_local unsigned char packets[batch_max][datagram_bytes_max];
+    thread_local unsigned char controls[batch_max][64];
     iovec parts[batch_max];
     mmsghdr headers[batch_max];
     std::size_t sum = 0;

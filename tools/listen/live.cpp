@@ -1,19 +1,14 @@
-#include "base/clock.h"
-#include "listen/listener.h"
+#include "listen/live.h"
+
 #include "listen/report.h"
 #include "listen/stop_signals.h"
 #include "listen/terminal_view.h"
-#include "receiver/snapshot_client.h"
-#include "receiver/sockets.h"
 
 #include <fmt/format.h>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
-#include <deque>
-#include <vector>
 
 namespace tessel::listen {
 
@@ -38,23 +33,6 @@ constexpr std::int64_t finish_after_limit_ms = 1'000;
 constexpr std::int64_t stall_notice_ms = 5'000;     // without a step of the Snap-Shot service
 constexpr std::size_t held_bytes_max = 256u << 20;  // packets that come while the Snap-Shot is read
 constexpr int reply_buffer_bytes = 4 << 20;
-
-// Everything that one run from the network holds.
-struct Live {
-    Listener listener;
-    std::vector<MulticastSocket> lines;
-    Clock clock;
-    int replies_fd = -1;
-    SnapshotClient snapshot;
-    bool joining = false;  // the Snap-Shot is not complete: packets are held
-    std::deque<WaitingPacket> held;
-    std::size_t held_bytes = 0;
-    bool drops_reported = false;
-    bool stall_reported = false;
-    std::int64_t last_flush_ms = 0;
-    std::int64_t last_view_ms = 0;
-    std::uint64_t view_messages = 0;
-};
 
 // With --latency: what is handed out from here on is taken now.
 void note_taken(Live& live) {
@@ -132,26 +110,6 @@ void step_joining(Live& live, std::int64_t now_ms) {
     }
 }
 
-void wait_for_input(Live& live, std::int64_t now_ms) {
-    pollfd entries[receiver::lines_max + 2];
-    nfds_t count = 0;
-    for (const MulticastSocket& line : live.lines) {
-        entries[count++] = {line.fd, POLLIN, 0};
-    }
-    if (live.replies_fd >= 0) {
-        entries[count++] = {live.replies_fd, POLLIN, 0};
-    }
-    if (live.joining && snapshot_events(live.snapshot) != 0) {
-        entries[count++] = {live.snapshot.fd, snapshot_events(live.snapshot), 0};
-    }
-    std::int64_t timeout_ms = wait_max_ms;
-    const std::int64_t sequencer_ms = next_timer_ms(live.listener.sequencer, now_ms);
-    if (sequencer_ms >= 0) {
-        timeout_ms = std::min(timeout_ms, sequencer_ms + 1);
-    }
-    poll(entries, count, static_cast<int>(timeout_ms));
-}
-
 void update_view(Live& live, std::int64_t now_ms) {
     if (!live.listener.options.view || now_ms - live.last_view_ms < view_interval_ms) {
         return;
@@ -166,52 +124,6 @@ void update_view(Live& live, std::int64_t now_ms) {
     live.last_view_ms = now_ms;
     live.view_messages = live.listener.messages;
     show_view(render_view(live.listener.market, live.listener.sequencer.counters, status, terminal_size()));
-}
-
-// One pass: wait, process everything that came, request or abandon what is missing, write.
-void run_one_pass(Live& live) {
-    wait_for_input(live, static_cast<std::int64_t>(steady_ms()));
-    const auto now_ms = static_cast<std::int64_t>(steady_ms());
-    read_lines(live, now_ms);
-    note_taken(live);
-    read_replies(live, now_ms);
-    if (live.joining) {
-        step_joining(live, now_ms);
-    } else {
-        // After the reads: what waits in the sockets must not be asked for.
-        on_timer(live.listener.sequencer, now_ms);
-    }
-    if (live.listener.latency) {
-        report_latency_second(*live.listener.latency, live.listener.taken_ns);
-    }
-    if (live.listener.kernel_drops != 0 && !live.drops_reported && !live.listener.options.view) {
-        live.drops_reported = true;
-        report_kernel_drops(live.listener);
-    }
-    if (now_ms - live.last_flush_ms >= flush_interval_ms) {
-        live.last_flush_ms = now_ms;
-        for (Output* output : {&live.listener.output, &live.listener.times}) {
-            flush_output(*output);
-            check_output(*output);
-        }
-    }
-    update_view(live, now_ms);
-}
-
-// Shutting down. The feed sends no end-of-session packet, so first recover what is known to be missing, for
-// `most_ms` at most, or until one more signal than `signals`.
-void fetch_missing(Live& live, std::int64_t most_ms, int signals) {
-    Listener& listener = live.listener;
-    const auto begin_ms = static_cast<std::int64_t>(steady_ms());
-    const std::uint64_t restarts = listener.restarts;
-    run_one_pass(live);  // what came before the end may still wait in the socket
-    listener.end_sequence = listener.sequencer.highest;
-    while (listener.sequencer.next < listener.end_sequence && stop_signals() <= signals &&
-           listener.restarts == restarts && listener.output.error.empty() &&
-           static_cast<std::int64_t>(steady_ms()) - begin_ms < most_ms) {
-        run_one_pass(live);
-    }
-    abandon_gaps(listener.sequencer);
 }
 
 bool open_sockets(Live& live, const Options& options) {
@@ -261,6 +173,8 @@ void prepare_snapshot(Live& live, const Options& options) {
     };
 }
 
+}  // namespace
+
 bool prepare_live(Live& live, const Options& options) {
     if (!open_sockets(live, options)) {
         return false;
@@ -281,24 +195,76 @@ bool prepare_live(Live& live, const Options& options) {
     return true;
 }
 
-bool is_over(const Live& live, std::int64_t end_ms) {
-    return stop_signals() != 0 || live.listener.finished || live.snapshot.state == SnapshotState::failed ||
-           !live.listener.output.error.empty() || !live.listener.times.error.empty() ||
-           static_cast<std::int64_t>(steady_ms()) >= end_ms;
+std::int64_t add_wait(const Live& live, std::vector<pollfd>& entries, std::int64_t now_ms) {
+    for (const MulticastSocket& line : live.lines) {
+        entries.push_back({line.fd, POLLIN, 0});
+    }
+    if (live.replies_fd >= 0) {
+        entries.push_back({live.replies_fd, POLLIN, 0});
+    }
+    if (live.joining && snapshot_events(live.snapshot) != 0) {
+        entries.push_back({live.snapshot.fd, snapshot_events(live.snapshot), 0});
+    }
+    const std::int64_t sequencer_ms = next_timer_ms(live.listener.sequencer, now_ms);
+    return sequencer_ms >= 0 ? std::min(wait_max_ms, sequencer_ms + 1) : wait_max_ms;
 }
 
-void receive_until_end(Live& live) {
-    const Options& options = live.listener.options;
-    const auto limit_ms = static_cast<std::int64_t>(options.seconds * 1000.0);
-    const std::int64_t end_ms = limit_ms == 0 ? INT64_MAX : static_cast<std::int64_t>(steady_ms()) + limit_ms;
-    while (!is_over(live, end_ms)) {
-        run_one_pass(live);
+void on_input(Live& live) {
+    const auto now_ms = static_cast<std::int64_t>(steady_ms());
+    read_lines(live, now_ms);
+    note_taken(live);
+    read_replies(live, now_ms);
+    if (live.joining) {
+        step_joining(live, now_ms);
+    } else {
+        // After the reads: what waits in the sockets must not be asked for.
+        on_timer(live.listener.sequencer, now_ms);
     }
+    if (live.listener.latency) {
+        report_latency_second(*live.listener.latency, live.listener.taken_ns);
+    }
+    if (live.listener.kernel_drops != 0 && !live.drops_reported && !live.listener.options.view) {
+        live.drops_reported = true;
+        report_kernel_drops(live.listener);
+    }
+    if (now_ms - live.last_flush_ms >= flush_interval_ms) {
+        live.last_flush_ms = now_ms;
+        for (Output* output : {&live.listener.output, &live.listener.times}) {
+            flush_output(*output);
+            check_output(*output);
+        }
+    }
+    update_view(live, now_ms);
+}
+
+bool is_finished(const Live& live) {
+    return live.listener.finished || live.snapshot.state == SnapshotState::failed ||
+           !live.listener.output.error.empty() || !live.listener.times.error.empty();
+}
+
+bool is_complete(const Live& live) {
+    return live.joining || is_finished(live) || live.listener.sequencer.next >= live.listener.end_sequence ||
+           live.listener.restarts != live.restarts_before_end;
+}
+
+void begin_end(Live& live) {
     live.listener.snapshot_failed = live.joining;
-    if (!live.joining && !live.listener.finished && live.listener.output.error.empty()) {
-        const int signals = stop_signals();
-        fetch_missing(live, signals != 0 ? finish_max_ms : finish_after_limit_ms, signals != 0 ? 1 : 0);
+    if (live.joining || live.listener.finished || !live.listener.output.error.empty()) {
+        return;
     }
+    live.restarts_before_end = live.listener.restarts;
+    on_input(live);  // what came before the end may still wait in the socket
+    live.listener.end_sequence = live.listener.sequencer.highest;
+}
+
+void complete_end(Live& live) {
+    if (live.listener.end_sequence != UINT64_MAX) {
+        abandon_gaps(live.listener.sequencer);
+    }
+}
+
+std::int64_t end_wait_ms(int signals) {
+    return signals != 0 ? finish_max_ms : finish_after_limit_ms;
 }
 
 void close_live(Live& live) {
@@ -309,41 +275,6 @@ void close_live(Live& live) {
     if (live.replies_fd >= 0) {
         close(live.replies_fd);
     }
-}
-
-void report_joined(const Live& live, const Options& options) {
-    std::string where;
-    for (const LineOption& line : lines_of(options)) {
-        where += fmt::format("{}{}{}{}:{} on {}", where.empty() ? "" : ", ", line.name,
-                             line.name.empty() ? "" : " ", line.group, line.port,
-                             line.iface.empty() ? options.iface : line.iface);
-    }
-    report_summary(fmt::format("joined {}, session {}, socket buffer {} bytes", where, options.session,
-                               live.lines.front().buffer_bytes));
-}
-
-}  // namespace
-
-ExitStatus run_live(const Options& options) {
-    if (options.view && isatty(STDOUT_FILENO) == 0) {
-        report("--view needs a terminal on standard output");
-        return ExitStatus::bad_options;
-    }
-    Live live;
-    if (!prepare_live(live, options)) {
-        return ExitStatus::bad_options;
-    }
-    catch_stop_signals();
-    report_joined(live, options);
-    if (options.view) {
-        open_view();
-    }
-    receive_until_end(live);
-    if (options.view) {
-        close_view();
-    }
-    close_live(live);
-    return finish_listener(live.listener);
 }
 
 }  // namespace tessel::listen

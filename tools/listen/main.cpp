@@ -2,6 +2,7 @@
 #include "listen/listener.h"
 #include "listen/options.h"
 #include "listen/report.h"
+#include "listen/run_channels.h"
 #include "listen/stop_signals.h"
 
 #include <exception>
@@ -15,6 +16,9 @@ ExitStatus run(int argc, char** argv) {
     const int end = tessel::listen::parse_options(options, argc, argv);
     if (end >= 0) {
         return static_cast<ExitStatus>(end);
+    }
+    if (!options.channels.empty()) {
+        return tessel::listen::run_channels(options);
     }
     return options.from_pcap.empty() ? tessel::listen::run_live(options)
                                      : tessel::listen::run_replay(options);

@@ -133,6 +133,24 @@ void declare_addresses(CLI::App& app, Options& options, std::vector<std::string>
     app.add_option("--password", options.password, "Password for the Snap-Shot login");
 }
 
+void declare_channels(CLI::App& app, Options& options) {
+    app.add_option("--channels", options.channels,
+                   "List of channels (channels.json) to receive together, in place of one feed's addresses")
+        ->check(checked(check_text));
+    app.add_option("--out-dir", options.out_dir,
+                   "With --channels: directory for NAME.jsonl, a file a channel")
+        ->check(checked(check_text));
+    app.add_option("--threads", options.threads,
+                   "With --channels: threads that share the channels, 0 for one a core")
+        ->check(CLI::Range(0, 1024))
+        ->capture_default_str();
+    app.add_flag(
+        "--no-retrans", options.no_retrans,
+        "With --channels: request nothing; otherwise each channel's service is asked, from message 1 on");
+    app.add_flag("--late", options.late,
+                 "With --channels: start each channel from its Snap-Shot service; needs --user");
+}
+
 void declare_run(CLI::App& app, Options& options) {
     app.add_option("--from", options.first_sequence,
                    "Sequence number to begin with, 0 for the first one received (default: 1 with --retrans "
@@ -187,7 +205,10 @@ std::string check_combination(const Options& options) {
     if (!options.snapshot.empty() && options.user.empty() && options.from_pcap.empty()) {
         return "--snapshot needs --user";
     }
-    if (options.snapshot.empty() && (!options.user.empty() || !options.password.empty())) {
+    if (options.late && options.user.empty()) {
+        return "--late needs --user";
+    }
+    if (options.snapshot.empty() && !options.late && (!options.user.empty() || !options.password.empty())) {
         return "--user and --password need --snapshot";
     }
     if (options.view && (options.decode || options.out == "-")) {
@@ -197,6 +218,33 @@ std::string check_combination(const Options& options) {
         return "--from does not go with --snapshot, which says where to begin";
     }
     return "";
+}
+
+// What goes together with --channels and what does not; an empty text when all is well.
+std::string check_channels(const CLI::App& app, const Options& options) {
+    if (options.channels.empty()) {
+        for (const char* name : {"--out-dir", "--threads", "--no-retrans", "--late"}) {
+            if (app.count(name) != 0) {
+                return std::string(name) + " needs --channels";
+            }
+        }
+        return "";
+    }
+    for (const char* name : {"--mcast", "--port", "--line", "--session", "--retrans", "--snapshot"}) {
+        if (app.count(name) != 0) {
+            return std::string(name) + " does not go with --channels, whose list says it for each channel";
+        }
+    }
+    for (const char* name : {"--out", "--view", "--from-pcap", "--latency", "--latency-out", "--times"}) {
+        if (app.count(name) != 0) {
+            return std::string(name) + " is for one feed: not with --channels" +
+                   (std::string(name) == "--out" ? ", which has --out-dir" : "");
+        }
+    }
+    if (options.late && options.first_sequence > 0) {
+        return "--from does not go with --late, where the Snap-Shot says where to begin";
+    }
+    return options.decode && options.out_dir.empty() ? "--decode needs --out-dir with --channels" : "";
 }
 
 // The checked texts as socket addresses. A name may resolve differently the second time, or no longer.
@@ -255,6 +303,7 @@ int parse_options(Options& options, int argc, const char* const* argv) {
     app.option_defaults()->take_last();  // a later occurrence wins, as with the feed itself
     std::vector<std::string> line_texts;
     declare_addresses(app, options, line_texts);
+    declare_channels(app, options);
     declare_run(app, options);
     try {
         app.parse(argc, argv);
@@ -266,6 +315,9 @@ int parse_options(Options& options, int argc, const char* const* argv) {
         reason = "--line does not go with --mcast and --port: it says both";
     }
     if (reason.empty()) {
+        reason = check_channels(app, options);
+    }
+    if (reason.empty()) {
         reason = check_combination(options);
     }
     if (reason.empty()) {
@@ -274,13 +326,15 @@ int parse_options(Options& options, int argc, const char* const* argv) {
     if (!reason.empty()) {
         return refuse(reason);
     }
-    if (app.count("--from") == 0) {
+    options.iface_given = app.count("--iface") != 0;
+    options.from_given = app.count("--from") != 0;
+    if (!options.from_given) {
         const bool from_start =
             !options.retrans.empty() && options.snapshot.empty() && options.from_pcap.empty();
         options.first_sequence = from_start ? 1 : 0;
     }
     options.latency = options.latency || !options.latency_out.empty();
-    if (options.decode && options.out.empty()) {
+    if (options.decode && options.out.empty() && options.channels.empty()) {
         options.out = "-";
     }
     return -1;

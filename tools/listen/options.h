@@ -38,6 +38,14 @@ struct Options {
     std::string user;
     std::string password;
 
+    std::string channels;      // path of a list of channels; empty: one feed
+    std::string out_dir;       // with channels: a directory; empty: no output
+    std::size_t threads = 0;   // with channels; 0: as many as there are cores
+    bool no_retrans = false;   // with channels: nothing is requested
+    bool late = false;         // with channels: each starts from its Snap-Shot
+    bool iface_given = false;  // --iface was given; otherwise the list's is used
+    bool from_given = false;   // --from was given
+
     std::uint64_t first_sequence = 0;  // 0: the first one received
     std::string out;                   // a path, "-" for standard output, empty for none
     bool decode = false;

@@ -12,6 +12,8 @@ namespace {
 constexpr std::string_view prefix = "tessel-listen: ";
 constexpr std::string_view cut_mark = "...";
 
+thread_local std::string label;  // "ch01: ", or empty
+
 void write_line(std::string line) {
     line += '\n';
     std::string_view rest = line;
@@ -29,6 +31,7 @@ void write_line(std::string line) {
 
 std::string report_line(std::string_view text, std::size_t most) {
     std::string line(prefix);
+    line += label;
     line += text;
     for (char& letter : line) {
         if (static_cast<unsigned char>(letter) < ' ' || letter == '\x7f') {
@@ -42,12 +45,17 @@ std::string report_line(std::string_view text, std::size_t most) {
     return line;
 }
 
+void label_reports(std::string_view name) {
+    label = name;
+    label += name.empty() ? "" : ": ";
+}
+
 void report(std::string_view text) {
     write_line(report_line(text, error_line_max));
 }
 
 void report_summary(std::string_view text) {
-    write_line(report_line(text, prefix.size() + text.size()));
+    write_line(report_line(text, prefix.size() + label.size() + text.size()));
 }
 
 }  // namespace tessel::listen

@@ -15,6 +15,9 @@ constexpr std::size_t error_line_max = 200;
 // text that is too long ends in "...".
 std::string report_line(std::string_view text, std::size_t most);
 
+// From here on this thread's lines name a channel: "tessel-listen: ch01: ...". An empty name ends that.
+void label_reports(std::string_view name);
+
 // Writes an error or a notice: one line of at most error_line_max characters.
 void report(std::string_view text);
 

@@ -1,4 +1,4 @@
 tessel_tool(tessel-listen
-  PACKAGES CLI11 fmt pcap
+  PACKAGES CLI11 fmt pcap Threads
   LIBRARIES tessel_receiver
-  TOOLS files)
+  TOOLS files channels)
