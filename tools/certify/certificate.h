@@ -75,11 +75,20 @@ struct Handler {
     std::string command;
 };
 
+// The seeds first to last, divided among jobs. No jobs: the run is of no campaign.
+struct Campaign {
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+    std::uint64_t jobs = 0;
+    std::vector<std::uint64_t> done;  // the jobs whose results these are, from 1 on, rising
+};
+
 // Everything a report is made of. Read from and written to the file of --json (certificate_json.cpp).
 struct Certificate {
     std::string tool;  // "tessel-certify 1.2.3"
     std::vector<Handler> handlers;
     std::uint64_t seed = 0;
+    Campaign campaign;
     std::vector<std::string> about;
     std::vector<CaseResult> cases;
     std::vector<Cause> causes;

@@ -1,3 +1,4 @@
+#include "certify/campaign.h"
 #include "certify/certificate.h"
 
 #include <nlohmann/json.hpp>
@@ -245,6 +246,22 @@ CaseResult read_case_result(const Json& json, const std::string& where, std::str
     return result;
 }
 
+void read_campaign(ObjectReader& reader, Campaign& campaign) {
+    if (!reader.json.is_object() || !reader.json.contains("campaign")) {
+        return;
+    }
+    ObjectReader inner{reader.json["campaign"], "campaign", reader.error};
+    take(inner, "first", campaign.first);
+    take(inner, "last", campaign.last);
+    take(inner, "jobs", campaign.jobs);
+    for (const Json& job : array_of(inner, "done")) {
+        campaign.done.push_back(job.is_number_unsigned() ? job.get<std::uint64_t>() : 0);
+    }
+    if (reader.error.empty() && !is_valid(campaign)) {
+        reader.error = "campaign: seeds, jobs and the jobs that are done do not fit together";
+    }
+}
+
 Json totals_json(const Certificate& certificate) {
     std::array<std::uint64_t, verdict_words.size()> counts{};
     for (const CaseResult& result : certificate.cases) {
@@ -272,6 +289,13 @@ std::string certificate_json(const Certificate& certificate) {
         json["handlers"].push_back({{"name", handler.name}, {"command", handler.command}});
     }
     json["seed"] = certificate.seed;
+    if (is_campaign(certificate.campaign)) {
+        const Campaign& campaign = certificate.campaign;
+        json["campaign"] = {{"first", campaign.first},
+                            {"last", campaign.last},
+                            {"jobs", campaign.jobs},
+                            {"done", campaign.done}};
+    }
     json["about"] = certificate.about;
     json["cases"] = Json::array();
     for (const CaseResult& result : certificate.cases) {
@@ -297,6 +321,7 @@ bool parse_certificate(std::string_view text, Certificate& certificate, std::str
     ObjectReader reader{json, "the file", error};
     take(reader, "tool", certificate.tool);
     take(reader, "seed", certificate.seed);
+    read_campaign(reader, certificate.campaign);
     read_texts(reader, "about", certificate.about);
     for (const Json& item : array_of(reader, "handlers")) {
         Handler handler;

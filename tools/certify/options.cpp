@@ -1,6 +1,7 @@
 #include "certify/options.h"
 
 #include "base/version.h"
+#include "certify/campaign.h"
 #include "certify/catalog.h"
 
 #include <CLI/CLI.hpp>
@@ -22,6 +23,8 @@ constexpr const char* footer = R"(Examples:
       --retrans {retrans} --snapshot {snapshot} --session {session} {late} --out {out}' --late-arg=--late
   tessel-certify --handler ./run.sh --group decode,book --html scorecard.html --out failures
   tessel-certify --handler old=./old.sh --handler new=./new.sh --only loss/one_packet --repeat 20
+  tessel-certify --handler ./run.sh --campaign seeds=1..1000 --job 3/8 --json job-3.json
+  tessel-certify --merge job-*.json --json all.json --html scorecard.html
   tessel-certify --list
   tessel-certify --explain loss/one_packet
 
@@ -35,6 +38,8 @@ struct Texts {
     std::vector<std::string> groups;
     std::vector<std::string> names;
     std::string ready;
+    std::string campaign;
+    std::string job;
 };
 
 void declare(CLI::App& app, Options& o, Texts& texts) {
@@ -55,6 +60,13 @@ void declare(CLI::App& app, Options& o, Texts& texts) {
         ->capture_default_str();
     app.add_option("--seed", o.seed, "Seed of the run; the feed of each case gets one made of it")
         ->capture_default_str();
+    app.add_option("--campaign", texts.campaign,
+                   "seeds=A..B: run each case with each of these seeds; needs --json");
+    app.add_option("--job", texts.job,
+                   "J/N: of the campaign's seeds those of the J-th of N jobs (default: 1/1)");
+    app.add_option("--merge", o.merge_paths, "Add up FILES that --json wrote, and report the sum")
+        ->take_all()
+        ->type_name("FILE...");
     app.add_option("--jobs", o.jobs, "Cases side by side (default: four for each processor, at most 16)")
         ->check(CLI::Range(1, 256));
     app.add_option("--out", o.out, "Keep the files of cases that fail in DIR/GROUP/CASE");
@@ -95,8 +107,42 @@ bool is_environment_name(const std::string& name) {
     return name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") == std::string::npos;
 }
 
+std::string check_campaign(const CLI::App& app, const Texts& texts, Options& o) {
+    std::string error;
+    if (app.count("--campaign") == 0) {
+        return app.count("--job") == 0 ? "" : "--job needs --campaign seeds=A..B";
+    }
+    if (app.count("--seed") != 0 || app.count("--repeat") != 0) {
+        return "--campaign chooses the seeds: neither --seed nor --repeat goes with it";
+    }
+    if (o.json_path.empty() || o.json_path == "-") {
+        return "--campaign needs --json FILE, the file that --merge reads";
+    }
+    if (!parse_campaign(texts.campaign, o.campaign, error)) {
+        return "--campaign: " + error;
+    }
+    if (app.count("--job") != 0 && !parse_job(texts.job, o.campaign, error)) {
+        return "--job: " + error;
+    }
+    o.seed = o.campaign.first;
+    return "";
+}
+
+std::string check_merge(const CLI::App& app) {
+    for (const char* other :
+         {"--handler", "--campaign", "--job", "--only", "--group", "--seed", "--repeat"}) {
+        if (app.count(other) != 0) {
+            return std::string("--merge runs nothing, so ") + other + " does not go with it";
+        }
+    }
+    return "";
+}
+
 std::string check(const CLI::App& app, const Texts& texts, Options& o) {
     std::string error;
+    if (!o.merge_paths.empty()) {
+        return check_merge(app);
+    }
     if (app.count("--ready") != 0) {
         o.ready_text = texts.ready;
         if (!parse_ready(texts.ready, o.ready, error)) {
@@ -110,6 +156,10 @@ std::string check(const CLI::App& app, const Texts& texts, Options& o) {
     }
     if (o.list || !o.explain.empty()) {
         return "";
+    }
+    error = check_campaign(app, texts, o);
+    if (!error.empty()) {
+        return error;
     }
     if (texts.handlers.empty()) {
         return "--handler is missing: the command that starts your handler";

@@ -27,6 +27,8 @@ struct Options {
     std::vector<std::string> groups;
     std::vector<std::string> names;
     unsigned repeat = 1;
+    Campaign campaign;                     // of no jobs: there is none
+    std::vector<std::string> merge_paths;  // files of results to add up instead of running cases
     std::uint64_t seed = 1;
     unsigned jobs = 0;  // 0: as many as suit the machine
 

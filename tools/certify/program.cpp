@@ -1,16 +1,18 @@
 #include "certify/program.h"
 
 #include "base/version.h"
+#include "certify/campaign.h"
 #include "certify/catalog.h"
-#include "certify/file_text.h"
+#include "certify/merge_files.h"
 #include "certify/processes.h"
+#include "certify/report_files.h"
 #include "certify/reports.h"
 #include "certify/runner.h"
 
 #include <unistd.h>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -48,50 +50,48 @@ int explain(const std::vector<Case>& cases, const std::string& name) {
     return std::fflush(stdout) == 0 ? status_passed : status_bad_input;
 }
 
-// 0 when cases passed and none failed.
-int status_of(const Certificate& certificate) {
-    bool passed = false;
-    for (const CaseResult& result : certificate.cases) {
-        if (result.verdict == Verdict::fail || result.verdict == Verdict::error) {
-            return status_failed;
-        }
-        passed = passed || result.verdict == Verdict::pass;
-    }
-    return passed ? status_passed : status_failed;
-}
-
-bool write_report(const std::string& path, const std::string& text) {
-    std::string error;
-    if (path.empty()) {
-        return true;
-    }
-    if (path == "-") {
-        std::fwrite(text.data(), 1, text.size(), stdout);
-        return std::fflush(stdout) == 0;
-    }
-    if (!write_file(path, text, error)) {
-        print_error(error);
-        return false;
-    }
-    return true;
-}
-
-bool write_reports(const Options& options, const Certificate& certificate) {
-    const bool taken = options.json_path == "-" || options.junit_path == "-" ||
-                       options.markdown_path == "-" || options.html_path == "-";
-    const bool color = isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
-    return (taken || write_report("-", text_report(certificate, color))) &&
-           write_report(options.json_path, certificate_json(certificate)) &&
-           write_report(options.junit_path, junit_report(certificate)) &&
-           write_report(options.markdown_path, markdown_report(certificate)) &&
-           write_report(options.html_path, html_report(certificate));
-}
-
 // Ends as a program does that a signal has ended: whoever waits for it sees that.
 [[noreturn]] void end_by_signal(int number) {
     std::signal(number, SIG_DFL);
     raise(number);
     _exit(128 + number);
+}
+
+std::vector<std::uint64_t> seeds_of_run(const Options& options) {
+    if (is_campaign(options.campaign)) {
+        return seeds_of(options.campaign);
+    }
+    std::vector<std::uint64_t> seeds;
+    for (unsigned repetition = 0; repetition != options.repeat; ++repetition) {
+        seeds.push_back(options.seed + repetition);
+    }
+    return seeds;
+}
+
+// Runs the seeds in parts, so that a campaign of any length needs the memory of some hundred cases. 0, or the
+// number of a signal that asked for an end.
+int run_seeds(const Options& options, const std::vector<Case>& cases, const std::string& feed,
+              Certificate& certificate) {
+    constexpr std::size_t tasks_max = 400;
+    const std::vector<std::uint64_t> seeds = seeds_of_run(options);
+    const std::size_t tasks_of_seed = std::max<std::size_t>(1, cases.size() * options.handlers.size());
+    const std::size_t part =
+        is_campaign(options.campaign) ? std::max<std::size_t>(1, tasks_max / tasks_of_seed) : seeds.size();
+    for (std::size_t at = 0; at < seeds.size(); at += part) {
+        const std::size_t count = std::min(part, seeds.size() - at);
+        if (count != seeds.size()) {
+            std::fprintf(stderr, "tessel-certify: seeds %zu to %zu of %zu\n", at + 1, at + count,
+                         seeds.size());
+        }
+        const int stopped = run_cases(options, cases, {seeds.data() + at, count}, feed, certificate);
+        if (stopped != 0) {
+            return stopped;
+        }
+    }
+    if (is_campaign(options.campaign)) {
+        order_results(certificate.cases);
+    }
+    return 0;
 }
 
 int certify(const Options& options, const std::vector<Case>& cases) {
@@ -101,12 +101,16 @@ int certify(const Options& options, const std::vector<Case>& cases) {
             "the feed's program, tessel, is neither in TESSEL_BIN nor beside this program nor on PATH");
         return status_bad_input;
     }
+    if (!can_write_reports(options)) {
+        return status_bad_input;
+    }
     Certificate certificate;
     certificate.tool = version_line("tessel-certify");
     certificate.handlers = options.handlers;
     certificate.seed = options.seed;
+    certificate.campaign = options.campaign;
     certificate.about = options.about;
-    const int stopped = run_cases(options, cases, feed, certificate);
+    const int stopped = run_seeds(options, cases, feed, certificate);
     if (stopped != 0) {
         end_by_signal(stopped);
     }
@@ -117,6 +121,9 @@ int certify(const Options& options, const std::vector<Case>& cases) {
 }  // namespace
 
 int run_program(const Options& options) {
+    if (!options.merge_paths.empty()) {
+        return run_merge(options);
+    }
     std::vector<Case> cases;
     std::string error;
     if (!read_catalog(options, cases)) {

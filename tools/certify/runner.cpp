@@ -1,5 +1,6 @@
 #include "certify/runner.h"
 
+#include "certify/campaign.h"
 #include "certify/case_run.h"
 #include "certify/kept_files.h"
 #include "certify/processes.h"
@@ -243,7 +244,7 @@ void block_signals(Runner& runner, sigset_t& before) {
 }
 
 std::string kept_folder(const Options& options, const Case& each, const std::string& handler_word,
-                        unsigned repetition) {
+                        std::uint64_t seed) {
     if (options.out.empty()) {
         return "";
     }
@@ -251,7 +252,11 @@ std::string kept_folder(const Options& options, const Case& each, const std::str
     if (options.handlers.size() > 1) {
         folder += "/" + handler_word;
     }
-    return folder + "/" + each.name + (repetition == 0 ? "" : "." + std::to_string(repetition + 1));
+    folder += "/" + each.name;
+    if (is_campaign(options.campaign)) {
+        return folder + ".seed-" + std::to_string(seed);
+    }
+    return seed == options.seed ? folder : folder + "." + std::to_string(seed - options.seed + 1);
 }
 
 // Words for folders, one a handler: names that differ in other letters only get a number.
@@ -267,20 +272,21 @@ std::vector<std::string> handler_words(const std::vector<Handler>& handlers) {
     return words;
 }
 
-void list_tasks(Runner& runner, const std::vector<Case>& cases, const std::string& feed_program) {
+void list_tasks(Runner& runner, const std::vector<Case>& cases, std::span<const std::uint64_t> seeds,
+                const std::string& feed_program) {
     const Options& options = runner.options;
     const std::vector<std::string> words = handler_words(options.handlers);
     for (const Case& each : cases) {
-        for (unsigned repetition = 0; repetition != options.repeat; ++repetition) {
+        for (const std::uint64_t seed : seeds) {
             for (std::size_t index = 0; index != options.handlers.size(); ++index) {
                 Task task;
                 task.job.each = &each;
                 task.job.options = &options;
                 task.job.handler = options.handlers[index];
-                task.job.seed = options.seed + repetition;
+                task.job.seed = seed;
                 task.job.feed_program = feed_program;
                 task.job.folder = runner.folder + "/" + std::to_string(runner.tasks.size() + 1);
-                task.job.kept_folder = kept_folder(options, each, words[index], repetition);
+                task.job.kept_folder = kept_folder(options, each, words[index], seed);
                 task.job.command = command_alone(options, each, task.job.handler, task.job.seed);
                 runner.tasks.push_back(std::move(task));
             }
@@ -334,8 +340,8 @@ std::string command_alone(const Options& options, const Case& each, const Handle
     return command;
 }
 
-int run_cases(const Options& options, const std::vector<Case>& cases, const std::string& feed_program,
-              Certificate& certificate) {
+int run_cases(const Options& options, const std::vector<Case>& cases, std::span<const std::uint64_t> seeds,
+              const std::string& feed_program, Certificate& certificate) {
     Runner runner{options, {}, {}, {}, make_folder()};
     if (runner.folder.empty()) {
         return SIGTERM;
@@ -344,7 +350,7 @@ int run_cases(const Options& options, const std::vector<Case>& cases, const std:
     block_signals(runner, before);
     become_subreaper();
     runner.jobs = options.jobs != 0 ? options.jobs : default_jobs();
-    list_tasks(runner, cases, feed_program);
+    list_tasks(runner, cases, seeds, feed_program);
     std::vector<const Case*> all;
     for (const Task& task : runner.tasks) {
         all.push_back(task.job.each);
