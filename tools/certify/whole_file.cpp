@@ -26,7 +26,7 @@ bool write_all(int file, std::string_view text) {
 // The file that a symbolic link leads to, so that the link stays one.
 std::string target_of(const std::string& path) {
     char* const real = ::realpath(path.c_str(), nullptr);
-    const std::string target = real == nullptr ? path : real;
+    std::string target = real == nullptr ? path : real;
     std::free(real);
     return target;
 }
