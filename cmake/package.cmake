@@ -73,6 +73,7 @@ install(FILES tools/wireshark/tessel.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/te
 install(FILES tools/wireshark/tessel.lua DESTINATION ${plugins})
 install(FILES packaging/prometheus/tessel-alerts.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/tessel/console)
 install(DIRECTORY tools/console/schema/ DESTINATION ${CMAKE_INSTALL_DATADIR}/tessel/console)
+install(DIRECTORY certify/cases DESTINATION ${CMAKE_INSTALL_DATADIR}/tessel/certify FILES_MATCHING PATTERN "*.toml")
 install(DIRECTORY vectors DESTINATION ${CMAKE_INSTALL_DATADIR}/tessel)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN __pycache__ EXCLUDE)
 install(FILES packaging/tessel@.service DESTINATION lib/systemd/system)

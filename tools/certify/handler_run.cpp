@@ -51,12 +51,23 @@ bool is_file_new(const HandlerRun& handler) {
     return !facts.empty() && facts != handler.file_before;
 }
 
-bool is_port_open(const std::string& text) {
-    const auto port = static_cast<std::uint16_t>(std::strtoul(text.c_str(), nullptr, 10));
-    return has_open_port(file_text("/proc/net/tcp"), true, port) ||
-           has_open_port(file_text("/proc/net/tcp6"), true, port) ||
-           has_open_port(file_text("/proc/net/udp"), false, port) ||
-           has_open_port(file_text("/proc/net/udp6"), false, port);
+// The sockets that have the port of Ready::port open now.
+std::set<std::string> sockets_now(const HandlerRun& handler) {
+    std::set<std::string> all;
+    if (handler.ready.kind == ReadyKind::port) {
+        const auto port = static_cast<std::uint16_t>(std::strtoul(handler.ready.text.c_str(), nullptr, 10));
+        for (const char* const table : {"tcp", "tcp6", "udp", "udp6"}) {
+            const std::string text = file_text(std::string("/proc/net/") + table);
+            all.merge(sockets_of_port(text, table[0] == 't', port));
+        }
+    }
+    return all;
+}
+
+bool is_port_open(const HandlerRun& handler) {
+    const std::set<std::string> now = sockets_now(handler);
+    return !std::includes(handler.sockets_before.begin(), handler.sockets_before.end(), now.begin(),
+                          now.end());
 }
 
 void look_for_line(HandlerRun& handler, std::string_view text) {
@@ -101,6 +112,7 @@ bool start_handler(HandlerRun& handler, std::string& error) {
     handler.log_pipe = ends[0];
     handler.log_file = open(handler.log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     handler.members_before = members_now(handler);
+    handler.sockets_before = sockets_now(handler);
     handler.file_before = file_facts(handler.ready.text);
     ProgramStart start;
     start.words = {"/bin/sh", "-c", handler.command};
@@ -137,7 +149,7 @@ bool is_handler_ready(const HandlerRun& handler) {
     switch (handler.ready.kind) {
         case ReadyKind::membership: return members_now(handler) > handler.members_before;
         case ReadyKind::file: return is_file_new(handler);
-        case ReadyKind::port: return is_port_open(handler.ready.text);
+        case ReadyKind::port: return is_port_open(handler);
         case ReadyKind::line: return handler.line_seen;
         case ReadyKind::delay: return steady_seconds() >= handler.started_at + handler.ready.seconds;
     }

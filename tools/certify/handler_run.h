@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 #include <cstdint>
+#include <set>
 #include <string>
 
 // One handler of a case: its process, what it prints, whether it is ready.
@@ -34,6 +35,8 @@ struct HandlerRun {
     std::string partial_line;  // of its output, for Ready::line
     bool line_seen = false;
     unsigned members_before = 0;
+    std::set<std::string>
+        sockets_before;       // that had the ready port open before the start: others' and our own
     std::string file_before;  // the ready file as it was before the start, "" when there was none
     double started_at = 0;
 };

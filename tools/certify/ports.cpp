@@ -77,8 +77,8 @@ std::uint16_t lease_port(Leases& leases) {
 std::string lease_group(Leases& leases) {
     constexpr unsigned part_last = 254;
     for (int attempt = 0; attempt != tries_max; ++attempt) {
-        const std::string group = "239.255." + std::to_string(any_number(1, part_last)) + "." +
-                                  std::to_string(any_number(1, part_last));
+        std::string group = "239.255." + std::to_string(any_number(1, part_last)) + "." +
+                            std::to_string(any_number(1, part_last));
         const int fd = hold_name("tessel-test-group-" + group);
         if (fd < 0) {
             continue;

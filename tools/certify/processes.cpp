@@ -53,6 +53,7 @@ std::vector<std::string> environment_with(const std::vector<std::string>& variab
 
 std::vector<char*> pointers_to(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }
@@ -196,7 +197,7 @@ void kill_descendants(Reaped& reaped, const std::vector<pid_t>& kept) {
 std::string find_program(const std::string& name) {
     const auto usable = [](const std::string& path) { return access(path.c_str(), X_OK) == 0; };
     if (const char* const folder = std::getenv("TESSEL_BIN")) {
-        const std::string path = std::string(folder) + "/" + name;
+        std::string path = std::string(folder) + "/" + name;
         return usable(path) ? path : "";
     }
     std::error_code problem;
@@ -208,7 +209,7 @@ std::string find_program(const std::string& name) {
     std::string folders = search == nullptr ? "" : search;
     while (!folders.empty()) {
         const std::size_t colon = folders.find(':');
-        const std::string path = folders.substr(0, colon) + "/" + name;
+        std::string path = folders.substr(0, colon) + "/" + name;
         if (colon != 0 && usable(path)) {
             return path;
         }

@@ -5,7 +5,9 @@
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstdio>
+#include <iterator>
 #include <sstream>
+#include <vector>
 
 namespace tessel::certify {
 
@@ -90,24 +92,27 @@ unsigned group_members(const std::string& igmp, const std::string& group) {
     return members;
 }
 
-// A socket's line: "  0: 0100007F:6259 00000000:0000 0A ...": its number, its address and port, the peer's,
-// its state. A listening TCP socket is in state 0A.
-bool has_open_port(const std::string& sockets, bool tcp, std::uint16_t port) {
+// A socket's line: its number, its address and port, the peer's, its state, six more words, its inode:
+//     0: 0100007F:6259 00000000:0000 0A 00000000:00000000 00:00000000 00000000 0 0 12345 ...
+// A listening TCP socket is in state 0A.
+std::set<std::string> sockets_of_port(const std::string& sockets, bool tcp, std::uint16_t port) {
+    constexpr std::size_t local_at = 1;
+    constexpr std::size_t state_at = 3;
+    constexpr std::size_t inode_at = 9;
     char wanted[6];
     std::snprintf(wanted, sizeof wanted, ":%04X", port);
+    std::set<std::string> inodes;
     std::istringstream lines(sockets);
     std::string line;
     while (std::getline(lines, line)) {
-        std::istringstream words(line);
-        std::string number;
-        std::string local;
-        std::string peer;
-        std::string state;
-        if (words >> number >> local >> peer >> state && local.ends_with(wanted) && (!tcp || state == "0A")) {
-            return true;
+        std::istringstream text(line);
+        const std::vector<std::string> words{std::istream_iterator<std::string>(text), {}};
+        if (words.size() > inode_at && words[local_at].ends_with(wanted) &&
+            (!tcp || words[state_at] == "0A")) {
+            inodes.insert(words[inode_at]);
         }
     }
-    return false;
+    return inodes;
 }
 
 }  // namespace tessel::certify

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 
 // How a handler shows that it is ready to receive.
@@ -26,8 +27,8 @@ bool parse_ready(const std::string& text, Ready& ready, std::string& error);
 // The members of a group on all interfaces, from the text of /proc/net/igmp. `group` is an IPv4 address.
 unsigned group_members(const std::string& igmp, const std::string& group);
 
-// Whether a port is bound by a listening TCP socket or a UDP socket, from the text of /proc/net/tcp, tcp6,
-// udp or udp6.
-bool has_open_port(const std::string& sockets, bool tcp, std::uint16_t port);
+// The sockets that have a port open, a listening one of TCP or any of UDP: their inodes, from the text of
+// /proc/net/tcp, tcp6, udp or udp6.
+std::set<std::string> sockets_of_port(const std::string& sockets, bool tcp, std::uint16_t port);
 
 }  // namespace tessel::certify
