@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Reports where a tick's instructions go, by source file, with and without truth; can write it to a page.
 
-    bench/profile/profile.py [--write docs/performance.md]
+    bench/profile/profile.py [--write bench/README.md]
 
 Counted by callgrind over the program that the release build makes, built once more with line numbers: most
 functions on the quote path are inlined into it, and only the lines distinguish them. The difference of a
@@ -32,7 +32,7 @@ def build_program():
 
 def place(file, function):
     """What a line of the listing is counted under: our file, or the library function."""
-    ours = re.search(r"(?:^|/)src/(?:\./)?((?:app|market|msg|out|transport)/\w+)\.(?:cpp|h)$", file)
+    ours = re.search(r"(?:^|/)src/(?:\./)?(\w+/\w+)\.(?:cpp|h)$", file)
     if ours:
         return "`%s`" % ours.group(1)
     if re.search(r"mmintrin\.h$|/c\+\+/", file):

@@ -18,7 +18,7 @@
 
 namespace {
 
-// The feed's mean packet at full speed and its mean line, see docs/performance.md.
+// The feed's mean packet at full speed and its mean line, see bench/README.md.
 constexpr std::size_t packet_bytes = 1462;
 constexpr double messages_per_packet = 20.3;
 constexpr std::size_t line_bytes = 251;
