@@ -12,13 +12,15 @@ namespace {
 
 constexpr std::chrono::seconds detail_wait_max{5};
 
-}  // namespace
-
-Board::Board() : wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+std::shared_ptr<const Picture> empty_picture() {
     Picture empty;
     empty.rows = std::make_shared<const std::vector<Row>>();
-    picture = std::make_shared<const Picture>(std::move(empty));
+    return std::make_shared<const Picture>(std::move(empty));
 }
+
+}  // namespace
+
+Board::Board() : wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), picture(empty_picture()) {}
 
 Board::~Board() {
     if (wake_fd >= 0) {

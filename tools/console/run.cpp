@@ -7,6 +7,7 @@
 #include "console/reception.h"
 #include "console/report.h"
 #include "console/textfile.h"
+#include "console/thread_name.h"
 #include "console/web_server.h"
 
 #include <pthread.h>
@@ -121,9 +122,18 @@ int run_console(const Options& options) {
         report(error);
         return 1;
     }
-    std::thread receiving([&] { run_reception(console->reception, console->stop); });
-    std::thread polling([&] { run_control_polling(options.control, console->board); });
-    std::thread serving([&] { run_web_server(console->server); });
+    std::thread receiving([&] {
+        name_thread("receiver");
+        run_reception(console->reception, console->stop);
+    });
+    std::thread polling([&] {
+        name_thread("control");
+        run_control_polling(options.control, console->board);
+    });
+    std::thread serving([&] {
+        name_thread("server");
+        run_web_server(console->server);
+    });
     announce(*console, options);
     wait_for_end(*console, options, signals);
     console->stop = true;

@@ -1,6 +1,7 @@
 #include "console/web_server.h"
 
 #include "console/report.h"
+#include "console/thread_name.h"
 
 #include <arpa/inet.h>
 #include <httplib.h>
@@ -186,7 +187,7 @@ public:
         });
         Post("/api/command", [this](const httplib::Request& from, httplib::Response& to,
                                     const httplib::ContentReader& read) { take_body(from, to, read); });
-        set_exception_handler([](const httplib::Request&, httplib::Response& to, std::exception_ptr) {
+        set_exception_handler([](const httplib::Request&, httplib::Response& to, const std::exception_ptr&) {
             to.status = 500;
             to.set_content("{\"error\":\"the console failed\"}", "application/json");
         });
@@ -304,6 +305,7 @@ void linger(int fd) {
 }
 
 void serve_connection(WebServer& server, int fd) {
+    name_thread("connection");
     {
         Connection connection;
         connection.fd = fd;
