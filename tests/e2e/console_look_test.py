@@ -12,7 +12,7 @@ from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
 
 from browser import HEIGHT, Console, Page, open_browser
-from feed import Feed
+from feed import Feed, wait_until
 from npm import NPM, install_packages
 from png import read_png, write_small_png
 
@@ -217,21 +217,22 @@ def test_BundledLibrary_IsThePinnedOne(ours, theirs):
 def test_Pictures_AreTaken(site, tmp_path):
     asked_for = os.environ.get("TESSEL_PICTURES")
     folder = Path(asked_for or tmp_path)
-    driver, _, _ = site
-    names = "AAPL MSFT TSLA ABCD BOLT CEDA DELF EAST FIRN GALE HIVE IRIS JADE KELP LIME MOSS NOVA"
+    names = "AAPL MSFT TSLA ABCD BOLT CEDA DELF EAST FIRN GALE HIVE IRIS JADE KELP LIME MOSS NOVA OPAL PINE"
     symbols = ",".join(f"{name}:{30 + 17 * place % 400}.00" for place, name in enumerate(names.split()))
     with Feed(tmp_path, symbols=symbols, interval_ms=50, truth=False) as feed, Console(feed) as console:
-        page = Page(driver, console, 1280, 860, "light").wait_live()
-        feed.control("luld_pause IRIS")
+        page = Page(site[0], console, 1280, 860, "light").wait_live()
+        draw_lines(page, 110 if asked_for else 0)
+        feed.control("luld_pause AAPL")
         page.press("Halt BOLT")
         page.wait_reply("halt BOLT", "ok halt BOLT")
+        page.wait(lambda: page.row("AAPL")["status"] == "Paused", "the pause")
+        feed.control("resume AAPL")
         feed.control("drop 4")
-        page.wait(lambda: len(page.texts("#tape tbody tr")) > 12, "trades")
-        page.wait(lambda: len(page.texts("#marks li")) > 0, "marks")
-        page.wait(lambda: page.row("IRIS")["status"] == "Paused", "the pause")
-        seconds = float(os.environ.get("TESSEL_PICTURE_SECONDS", "0"))
-        start = page.run("return performance.now()")
-        page.wait(lambda: page.run("return performance.now()") - start >= 1000 * seconds, "the charts")
+        page.wait(lambda: page.row("AAPL")["status"] == "Trading", "the end of the pause")
+        page.wait(lambda: len(page.texts("#tape tbody tr")) > 12 and some_mark(page), "trades and marks")
+        draw_lines(page, 25 if asked_for else 0)
+        feed.control("luld_pause IRIS")
+        page.wait(lambda: page.row("IRIS")["status"] == "Paused", "the second pause")
         taken = {"console": page.picture(tmp_path / "1.png")}
         page.look(1280, 860, "dark")
         page.run("document.getElementById('feed').scrollIntoView()")
@@ -243,4 +244,15 @@ def test_Pictures_AreTaken(site, tmp_path):
         for name, path in taken.items() if asked_for else [("console-narrow", taken["console-narrow"])]:
             write_small_png(folder / f"{name}.png", read_png(path))
             assert 10_000 < (folder / f"{name}.png").stat().st_size < 100_000
-        driver.get("about:blank")
+        site[0].get("about:blank")
+
+
+def some_mark(page):
+    return any("dropped" in text for text in page.texts("#marks li"))
+
+
+def draw_lines(page, seconds):
+    """Waits until the charts have lines of that many seconds."""
+    start = page.run("return performance.now()")
+    wait_until(lambda: page.run("return performance.now()") - start >= 1000 * seconds, 60 + 2 * seconds,
+               "the charts")

@@ -19,6 +19,8 @@ import { createTable, currentView, showChosen, toTop, updateTable } from "./tabl
 
 const VIEW_DELAY_MS = 120;
 const MISSES_MAX = 12;
+// Events of before that a stream begins with; those that are listed already are not listed again.
+const BACKLOG = 100;
 
 const page = {
   search: "",
@@ -33,7 +35,7 @@ const page = {
 
 function query() {
   const { offset, limit, sort } = currentView(table);
-  const wanted = { offset, limit, search: page.search, sort };
+  const wanted = { offset, limit, search: page.search, sort, backlog: BACKLOG };
   return page.chosen === "" ? wanted : { ...wanted, symbol: page.chosen };
 }
 
@@ -89,7 +91,7 @@ function onInstrument(data) {
 function onMarket(event) {
   const isMark = event.kind !== "cancel" && event.kind !== "correction";
   if (addEvent(feedView, event) && isMark && (event.symbol === page.chosen || !event.symbol)) {
-    markInstrument(instrument, eventText(event));
+    markInstrument(instrument, event.time, eventText(event));
   }
 }
 
@@ -99,8 +101,8 @@ function onTrouble(kind) {
 }
 
 const TROUBLES = {
-  away: "The console itself does not answer. The page goes on by itself when it does.",
-  refused: "The console was started anew with another token: open the address that it printed.",
+  away: "The console itself does not answer. This page recovers by itself when it does.",
+  refused: "The console was restarted and has a new token: open the address that it printed.",
 };
 
 // What the page says about its source: the state beside the title, and the banner when something is wrong.
@@ -110,14 +112,14 @@ function showHealth() {
   if (page.trouble === "full") {
     title = "No stream is free";
     text =
-      "The console serves 16 streams, and all are taken. Close another page; this one tries again by itself.";
+      "The console serves 16 streams, and all are in use. Close another page; this one retries by itself.";
   } else if (page.trouble !== "") {
     title = "The feed is gone";
     text = TROUBLES[page.trouble];
   } else if (page.up === false) {
     title = "The feed is gone";
     const last = page.lastPacket > 0 ? `Last packet about ${timeOfDay(page.lastPacket)}` : "No packet yet";
-    text = `${last}. The page goes on by itself when packets arrive.`;
+    text = `${last}. This page recovers by itself when packets arrive.`;
   }
   const banner = byId("banner");
   if (banner.hidden !== (title === "")) {

@@ -56,7 +56,15 @@ const LATENCY = [
 ];
 
 export function createFeed({ choose }) {
-  const view = { choose, figures: {}, counters: new Map(), seen: new Set(), marks: "" };
+  const view = {
+    choose,
+    figures: {},
+    counters: new Map(),
+    seen: new Set(),
+    marks: "",
+    latest: 0,
+    runBegan: 0,
+  };
   makeFigures(
     view,
     "headline",
@@ -184,10 +192,11 @@ function drawRates(view, rates, marks) {
 // One event of the market; true when it is new.
 export function addEvent(view, event) {
   const key = `${event.seq} ${event.kind} ${event.symbol}`;
-  if (view.seen.has(key)) {
+  if (view.seen.has(key) || event.time <= view.runBegan) {
     return false;
   }
   view.seen.add(key);
+  view.latest = Math.max(view.latest, event.time);
   const symbol = make("td");
   if (event.symbol) {
     const button = make("button", { type: "button", className: "link", textContent: event.symbol });
@@ -241,6 +250,7 @@ export function eventText({ kind, action, reason, center, level }) {
 
 // A new run of the feed: what happened in the one before would be taken for events of this one.
 export function clearEvents(view) {
+  view.runBegan = view.latest;
   view.seen.clear();
   byId("events").tBodies[0].replaceChildren();
 }

@@ -91,8 +91,8 @@ export function chooseInstrument(view, symbol) {
 }
 
 // A market event of this instrument, as a mark on its charts.
-export function markInstrument(view, text) {
-  view.marks.push({ time: Date.now() / 1000, text });
+export function markInstrument(view, time, text) {
+  view.marks.push({ time, text });
   view.marks = view.marks.slice(-100);
 }
 
