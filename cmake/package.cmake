@@ -25,7 +25,8 @@ if(manual_made)
   file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md released REGEX "^## ${PROJECT_VERSION} \\(")
   string(REGEX REPLACE ".*\\((.*)\\).*" "\\1" released "${released}")
   file(GLOB manual_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/*)
-  file(GLOB page_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/docs/*.md)
+  file(GLOB page_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/docs/*.md
+    ${PROJECT_SOURCE_DIR}/docs/images/*.png)
   list(TRANSFORM programs REPLACE "(.+)" "$<TARGET_FILE:\\1>" OUTPUT_VARIABLE program_files)
   add_custom_command(OUTPUT ${manual}/made
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${manual}
@@ -47,7 +48,8 @@ if(manual_made)
   install(DIRECTORY ${manual}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
   install(DIRECTORY ${manual}/bash/ DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
   install(DIRECTORY ${manual}/zsh/ DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
-  install(DIRECTORY ${CMAKE_BINARY_DIR}/pages/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
+  install(DIRECTORY ${CMAKE_BINARY_DIR}/pages/ DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
 endif()
 
 # ------------------------------------------------------------------ the samples

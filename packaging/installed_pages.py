@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Makes the pages of an installation from those of the source tree: installed_pages.py SOURCE OUT
 
-README.md, SECURITY.md, CHANGELOG.md and docs/ keep their places beside one another, so that links between
-them hold. `build/release/tessel` and `scripts/run` become `tessel`, and so on. What is about the tree itself
-is between two comments,
+README.md, SECURITY.md, CHANGELOG.md and docs/ with its pictures keep their places beside one another, so that
+links between them hold. `build/release/tessel` and `scripts/run` become `tessel`, and so on. What is about
+the tree itself is between two comments,
 
     <!-- in the source tree -->
     ...
@@ -13,6 +13,7 @@ A page that still names files of the tree gets a line under its title that says 
 """
 
 import re
+import shutil
 import sys
 from pathlib import Path
 
@@ -46,6 +47,9 @@ def main():
         if name.name != "CONTRIBUTING.md":
             (out / name).parent.mkdir(parents=True, exist_ok=True)
             (out / name).write_text(installed(path.read_text()))
+    for path in source.glob("docs/images/*.png"):
+        (out / "docs/images").mkdir(exist_ok=True)
+        shutil.copyfile(path, out / path.relative_to(source))
 
 
 if __name__ == "__main__":

@@ -178,6 +178,10 @@ def test_RecordedScript_IsPlayedByTesselctl(page, feed, driver, tmp_path):
     page.fill("Duplicate: How many", "2")
     page.press("Duplicate")
     page.wait_reply("dup 2", "ok dup 2")
+    # The feed is lenient with these, a script is not.
+    for command in ("halt MSFT now", "rate x", "pause now", "resume MSFT # later"):
+        page.find("#any-command").send_keys(command + "\n")
+        page.wait_reply(command, f"ok {command}")
     page.press("Stop recording")
     page.press("LULD pause")
     page.wait_reply("luld_pause AAPL", "ok luld_pause AAPL")
@@ -187,13 +191,16 @@ def test_RecordedScript_IsPlayedByTesselctl(page, feed, driver, tmp_path):
     path = tmp_path / "recorded.timeline"
     page.wait(path.exists, "the file")
     lines = path.read_text().splitlines()
-    assert [line.split(" ", 1)[1] for line in lines] == ["halt TSLA", "resume TSLA", "dup 2"]
+    assert lines.pop() == "# not recorded: resume MSFT # later"
+    assert lines.pop(4) == "# not recorded: rate x"
+    commands = ["halt TSLA", "resume TSLA", "dup 2", "halt MSFT", "pause"]
+    assert [line.split(" ", 1)[1] for line in lines] == commands
     moments = [float(re.fullmatch(r"\+(\d+\.\d{3})s", line.split()[0]).group(1)) for line in lines]
     assert moments == sorted(moments)
     played = ctl("script", path, feed=feed)
     assert (played.returncode, played.stderr) == (0, "")
-    assert [line.rpartition(": ")[2] for line in played.stdout.splitlines()[:3]] == \
-        ["ok halt TSLA", "ok resume TSLA", "ok dup 2"]
+    replies = [line.rpartition(": ")[2] for line in played.stdout.splitlines()]
+    assert replies[:5] == [f"ok {command}" for command in commands]
 
 
 def test_EveryCommand_HasAControlWhoseReplyIsShown(page, feed):

@@ -62,6 +62,8 @@ const GROUPS = [
   ],
 ];
 
+// Forms without a field; resume may have a symbol, which the buttons of the chosen instrument add.
+const WITHOUT_ARGUMENT = ["pause", "resume", "stats", "stop"];
 const INSTRUMENT_WORDS = ["halt", "luld_pause", "band", "close", "asof"];
 
 export function createSteer() {
@@ -108,8 +110,7 @@ export function updateSteer({ control, relay }) {
 
 function defaultArgument(word) {
   const every = word.endsWith("_every");
-  const takesNone = ["pause", "resume", "stats", "stop"].includes(word);
-  return takesNone
+  return WITHOUT_ARGUMENT.includes(word)
     ? null
     : { name: every ? "Every Nth packet" : "How many", value: every ? 10 : 1, least: 0 };
 }
@@ -219,14 +220,27 @@ function showReply(command, { ok, reply }) {
   }
 }
 
-// A question changes nothing, and a script cannot hold what begins a comment there.
+// The command as a script may have it. The feed reads one argument and ignores the rest of the line, which a
+// script may not have; a number that the feed took for another one, and a '#', have no form there: "".
+function scriptForm(text) {
+  const [word, argument] = text.trim().split(/\s+/);
+  const command = GROUPS.flatMap(([, commands]) => commands).find((each) => each.word === word);
+  const isNumber = command !== undefined && !command.argument?.text && !WITHOUT_ARGUMENT.includes(word);
+  if (text.includes("#") || (isNumber && argument !== undefined && !/^[+-]?\d{1,9}$/.test(argument))) {
+    return "";
+  }
+  const takesNone = WITHOUT_ARGUMENT.includes(word) && word !== "resume";
+  return argument === undefined || takesNone ? word : `${word} ${argument}`;
+}
+
+// A question changes nothing, so a script does without it.
 function record(steer, command, moment) {
-  if (!steer.recording || command === "stats") {
+  if (!steer.recording || /^\s*stats\b/.test(command)) {
     return;
   }
-  const line = command.includes("#")
-    ? `# not recorded: a script cannot hold ${JSON.stringify(command)}`
-    : `+${(Math.max(0, moment - steer.start) / 1000).toFixed(3)}s ${command}`;
+  const text = scriptForm(command);
+  const seconds = Math.max(0, moment - steer.start) / 1000;
+  const line = text === "" ? `# not recorded: ${command}` : `+${seconds.toFixed(3)}s ${text}`;
   steer.script.value += `${line}\n`;
   steer.script.scrollTop = steer.script.scrollHeight;
   showRecorder(steer);
