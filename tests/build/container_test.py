@@ -7,6 +7,8 @@ import subprocess
 
 import pytest
 
+from channels import symbol_lines
+from feed import program
 from package import SOURCE, debian_root, needed_packages, packages
 from time_scale import scaled
 
@@ -26,7 +28,8 @@ def why_not():
 
 pytestmark = pytest.mark.skipif(bool(why_not()), reason=f"skipped: {why_not()}")
 
-# $1: a folder for everything, $2: the base's tar file, $3: the folder of the container files.
+# $1: a folder for everything, with a plan of three channels, $2: the base's tar file, $3: the folder of the
+# container files.
 SCRIPT = r"""
 set -e
 mount --make-rprivate /
@@ -86,6 +89,13 @@ docker-compose -f "$3/compose.yaml" up --exit-code-from judge >compose.log 2>&1 
 cat compose.log
 echo "compose ended with $status"
 docker-compose -f "$3/compose.yaml" down -v >down.log 2>&1 </dev/null || cat down.log
+status=0
+export COMPOSE_PROJECT_NAME=channels
+cp -r plan /run/plan && chmod -R a+rX /run/plan  # the containers' user reads it
+(cd /run/plan && docker-compose up --exit-code-from judge) >channels.log 2>&1 </dev/null || status=$?
+sed 's/^/channels: /' channels.log
+echo "composed channels ended with $status"
+(cd /run/plan && docker-compose down -v) >down.log 2>&1 </dev/null || cat down.log
 kill $service
 """
 
@@ -97,6 +107,10 @@ def output_fixture(tmp_path_factory):
         pytest.skip(f"skipped: {reason}")
     folder = tmp_path_factory.mktemp("containers")
     (folder / "context").mkdir()
+    (folder / "symbols.txt").write_text(symbol_lines(30))
+    subprocess.run([program("tesselctl"), "channels", "plan", "--symbols", folder / "symbols.txt",
+                    "--channels", "3", "--out", folder / "plan"], check=True, capture_output=True,
+                   timeout=scaled(60))
     path = packages()["tessel.deb"]
     shutil.copy(path, folder / "context" / path.name)
     command = ["unshare", "--mount", "--net", "--ipc", "--uts", "--pid", "--fork", "--mount-proc",
@@ -122,3 +136,11 @@ def test_the_composed_run_ends_with_agreement(output):
     text = "\n".join(output)
     assert any("AGREES" in line and "judge" in line for line in output), text
     assert "compose ended with 0" in output, text
+
+
+def test_the_composed_channels_end_with_agreement(output):
+    text = "\n".join(output)
+    lines = [line for line in output if line.startswith("channels: ")]
+    assert any("joined 3 channels" in line for line in lines), text
+    assert any("judge" in line and "AGREES: 3 of 3 channels agree" in line for line in lines), text
+    assert "composed channels ended with 0" in output, text

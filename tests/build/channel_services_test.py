@@ -1,0 +1,33 @@
+"""Four channels of 400 symbols as services under systemd; scripts/scale does it with 24 and 2,400."""
+
+import shutil
+
+import pytest
+
+from channel_services import run_services
+from install_test import why_not
+from package import USER_PACKAGES, debian_root, needed_packages, run
+from time_scale import time_scale
+
+pytestmark = pytest.mark.skipif(bool(why_not()), reason=f"skipped: {why_not()}")
+
+
+@pytest.fixture(name="root", scope="module")
+def root_fixture(tmp_path_factory):
+    tar, reason = debian_root("user", sorted({*USER_PACKAGES, *needed_packages()}))
+    if tar is None:
+        pytest.skip(f"skipped: {reason}")
+    folder = tmp_path_factory.mktemp("root") / "root"
+    folder.mkdir()
+    run("tar", "-xf", tar, "-C", folder, seconds=120)
+    yield folder
+    shutil.rmtree(folder.parent)
+
+
+def test_channels_as_services_are_received_and_agree(root, tmp_path):
+    result = run_services(root, tmp_path, channels=4, symbols=400, seconds=4, interval_ms=100,
+                          slow=time_scale())
+    assert result["verdicts"] == ["AGREES"] * 4, result
+    assert (result["verdict"], result["listen_status"]) == ("AGREES", 0), result
+    assert result["services"] == ["success"], result
+    assert result["truth_lines"] > 4000, result
