@@ -2,6 +2,7 @@
 
 #include "certify/each_line.h"
 #include "certify/file_text.h"
+#include "certify/left_out.h"
 #include "judge/line_reader.h"
 #include "judge/report.h"
 
@@ -138,6 +139,25 @@ std::string reason_of_result(const judge::Result& result, const Expectation& exp
     return "";
 }
 
+// For an OUTPUT that agrees: what it had to give and does not; "" when there is nothing.
+std::string reason_of_left_out(const JudgeInput& input, const Judgment& judgment) {
+    const judge::Result& result = judgment.result;
+    if (result.runs.empty() || result.runs.size() != result.truth_runs) {
+        return "";
+    }
+    const std::uint64_t first = input.expect.from_first ? result.runs.front().output.lowest : 0;
+    const std::uint64_t lost_from =
+        input.expect.mismatched == Mismatched::after_loss ? first_dropped(input) : 0;
+    std::string error;
+    const LeftOut left_out = first_left_out(judgment.judged_truth, result, input.expect.members, first,
+                                            lost_from == 0 ? UINT64_MAX : lost_from, error);
+    if (left_out.member.empty()) {
+        return error;
+    }
+    return fmt::format("member '{}' is not in {} whose truth lines have it", left_out.member,
+                       lines_text(left_out.lines));
+}
+
 }  // namespace
 
 bool was_dropped(const std::vector<DroppedRange>& ranges, std::uint64_t seq) {
@@ -234,6 +254,9 @@ Judgment judge_output(const JudgeInput& input) {
         return judgment;
     }
     judgment.reason = reason_of_result(judgment.result, input.expect);
+    if (judgment.reason.empty()) {
+        judgment.reason = reason_of_left_out(input, judgment);
+    }
     judgment.good = judgment.reason.empty();
     return judgment;
 }
