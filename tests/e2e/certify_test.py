@@ -345,6 +345,24 @@ def test_progress_is_a_line_a_case_without_a_terminal(cases):
     assert re.fullmatch(f"{line}\n{line}\n", done.stderr)
 
 
+def test_a_load_case_gives_a_curve_and_the_highest_rate_without_loss(cases, tmp_path):
+    (cases / "own/rates.toml").write_text('title = "Rates"\n[run]\nseconds = 0.5\n'
+                                          "[expect]\nwait_seconds = 0.3\n"
+                                          "[load]\nrates = [300, 2000]\npass_rate = 2000\n")
+    status, report = results(cases, GOOD, only="own/rates")
+    [case] = report["cases"]
+    assert (status, case["verdict"], case["reason"]) == (0, "pass", "")
+    assert [missing for _, missing in case["curve"]] == [0] * len(case["curve"])
+    assert case["highest_rate"] == max(rate for rate, _ in case["curve"]) > 100
+    # A handler that keeps only the first 300 lines loses more at the higher rate.
+    lossy = (f"{LISTEN} --out {{out}}.all & p=$!; "
+             "trap 'kill $p; wait $p; head -n 300 {out}.all >{out}' INT; wait")
+    status, report = results(cases, lossy, only="own/rates")
+    [case] = report["cases"]
+    assert (status, case["verdict"]) == (1, "fail") and "are to be done" in case["reason"]
+    assert case["curve"][-1][1] > 0 and case["highest_rate"] <= case["curve"][0][0]
+
+
 def test_cases_run_side_by_side(cases):
     begin = time.monotonic()
     _, report = results(cases, "exec sleep 1000", "--repeat", 4, "--jobs", 4, "--ready-timeout", 2,

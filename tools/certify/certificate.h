@@ -63,6 +63,7 @@ struct CaseResult {
 
     std::vector<LoadPoint> curve;  // load cases
     std::uint64_t highest_rate = 0;
+    std::string note;  // what a reader of the curve should know, "" for nothing
 };
 
 struct Cause {

@@ -69,6 +69,7 @@ Json case_json(const CaseResult& result) {
             json["curve"].push_back({point.rate, point.missing});
         }
         json["highest_rate"] = result.highest_rate;
+        json["note"] = result.note;
     }
     return json;
 }
@@ -215,6 +216,7 @@ void read_curve(ObjectReader& reader, CaseResult& result) {
         result.curve.push_back({point[0].get<std::uint64_t>(), point[1].get<std::uint64_t>()});
     }
     take(reader, "highest_rate", result.highest_rate);
+    take(reader, "note", result.note);
 }
 
 CaseResult read_case_result(const Json& json, const std::string& where, std::string& error) {

@@ -11,15 +11,16 @@ namespace tessel::certify {
 
 namespace {
 
-constexpr double run_seconds = 2;
 // What a tick makes of one instrument, and how many ticks there are in a second with an interval of 10 ms,
 // which the feed's loop rounds up to its next pass: docs/options.md.
 constexpr double messages_a_step = 2.98;
 constexpr double ticks_a_second = 95;
 constexpr int interval_ms = 10;
-// A feed that stays below this part of the rate that was asked for is at its own limit.
+// A feed that stays below this part of the rate that was asked for, and gives no more than at a lower one, is
+// at its own limit.
 constexpr double reached_part = 0.8;
 constexpr int bisections_max = 5;
+constexpr unsigned losses_max = 2;
 constexpr double bisection_part = 1.1;  // rates closer than this are not told apart
 
 struct LoadState {
@@ -28,6 +29,8 @@ struct LoadState {
     CaseResult& result;
     std::uint64_t best = 0;            // the highest rate without loss
     std::uint64_t worst = UINT64_MAX;  // the lowest with loss
+    std::uint64_t reached_before = 0;  // the highest rate that the feed gave so far
+    unsigned losses = 0;               // rates with loss
     bool at_limit = false;             // the feed gives no more
     bool over = false;
 };
@@ -70,12 +73,18 @@ void run_rate(LoadState& state, std::uint64_t rate) {
         state.best = std::max(state.best, reached);
     } else {
         state.worst = std::min(state.worst, rate);
+        ++state.losses;
     }
-    state.at_limit = static_cast<double>(reached) < reached_part * static_cast<double>(rate);
-    if (rate == state.job.each->load.pass_rate && part.missing != 0) {
+    state.at_limit =
+        state.reached_before != 0 &&
+        static_cast<double>(reached) < reached_part * static_cast<double>(rate) &&
+        static_cast<double>(reached) < bisection_part * static_cast<double>(state.reached_before);
+    state.reached_before = std::max(state.reached_before, reached);
+    const std::uint64_t wanted = state.job.each->load.pass_rate;
+    if (rate <= wanted && part.missing != 0 && state.result.verdict == Verdict::pass) {
         state.result.verdict = Verdict::fail;
-        state.result.reason = fmt::format("{} lines missing at {} messages a second, which is to be done",
-                                          part.missing, reached);
+        state.result.reason = fmt::format("{} lines missing at {} messages a second; {} are to be done",
+                                          part.missing, reached, wanted);
     }
 }
 
@@ -98,7 +107,6 @@ Case case_of_rate(const Case& each, std::uint64_t rate) {
         std::clamp(std::round(symbols), 1.0, static_cast<double>(generated_symbols_max)));
     out.feed_options.emplace_back("--interval-ms");
     out.feed_options.push_back(std::to_string(interval_ms));
-    out.seconds = run_seconds;
     return out;
 }
 
@@ -113,8 +121,9 @@ void run_load(const CaseJob& job, const volatile int& stop, CaseResult& result) 
     }
     for (const std::uint64_t rate : rates) {
         run_rate(state, rate);
-        // Beyond its limit the feed gives the same rate again; after two losses the curve is known.
-        if (state.over || state.at_limit) {
+        // Beyond its limit the feed gives the same rate again; after two losses the curve goes on as it
+        // began.
+        if (state.over || state.at_limit || state.losses == losses_max) {
             break;
         }
     }
@@ -124,8 +133,11 @@ void run_load(const CaseJob& job, const volatile int& stop, CaseResult& result) 
     std::sort(result.curve.begin(), result.curve.end(),
               [](const LoadPoint& left, const LoadPoint& right) { return left.rate < right.rate; });
     result.highest_rate = state.best;
-    if (state.at_limit && result.verdict == Verdict::pass) {
-        result.reason = "the feed gives no more than that on this machine";
+    if (state.at_limit) {
+        result.note = fmt::format(
+            "the feed gives no more than {} messages a second on this machine, so no higher "
+            "rate was tried",
+            result.curve.empty() ? 0 : result.curve.back().rate);
     }
 }
 

@@ -93,6 +93,9 @@ void add_curve(std::string& page, const CaseResult& result) {
     }
     page += fmt::format("<h4>{} messages a second without loss</h4>\n", grouped(result.highest_rate));
     page += load_chart({{result.name, result.curve, result.highest_rate}});
+    if (!result.note.empty()) {
+        page += fmt::format("<p>{}</p>\n", escaped_markup(result.note));
+    }
     page += R"(<table class="narrow"><tr><th class="number">messages a second</th>)"
             R"(<th class="number">missing</th></tr>)";
     for (const LoadPoint& point : result.curve) {

@@ -62,6 +62,9 @@ std::string note_of(const CaseSummary& summary) {
         note += fmt::format("{}{} messages a second without loss", note.empty() ? "" : "; ",
                             judge::grouped(summary.first().highest_rate));
     }
+    if (!summary.first().note.empty()) {
+        note += "; " + one_line(summary.first().note, 200);
+    }
     return note;
 }
 
