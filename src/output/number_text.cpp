@@ -41,6 +41,25 @@ char* put_up_to_four(char* out, std::uint64_t value) {
     return out + (4 - zeros);
 }
 
+// The eight digits of a value below 10^8, the first in the lowest byte. Each step splits all numbers in the
+// register at the same time, by a multiplication and a shift that divide exactly in their range: one of eight
+// digits into two of four, those into pairs, and the pairs into digits.
+std::uint64_t eight_digits(std::uint64_t value) {
+    const std::uint64_t high = value / 10'000;
+    const std::uint64_t fours = high | (value - high * 10'000) << 32;
+    const std::uint64_t hundreds = (fours * 10'486 >> 20) & 0x0000007f'0000007f;
+    const std::uint64_t twos = hundreds | (fours - hundreds * 100) << 16;
+    const std::uint64_t tens = (twos * 103 >> 10) & 0x000f000f'000f000f;
+    return (tens | (twos - tens * 10) << 8) | 0x30303030'30303030;
+}
+
+// Without the first `left_out` of the eight; eight bytes are always written.
+char* put_eight_digits(char* out, std::uint64_t value, int left_out) {
+    const std::uint64_t text = little_endian(eight_digits(value) >> 8 * left_out);
+    std::memcpy(out, &text, sizeof text);
+    return out + (8 - left_out);
+}
+
 constexpr std::uint64_t millionths_per_cent = 10'000;
 
 }  // namespace
@@ -49,28 +68,13 @@ char* put_unsigned(char* out, std::uint64_t value) {
     if (value < 10'000) [[likely]] {
         return put_up_to_four(out, value);
     }
-    if (value < 100'000'000) [[likely]] {
-        out = put_up_to_four(out, value / 10'000);
-        value %= 10'000;
-        return put_pair(put_pair(out, value / 100), value % 100);
+    constexpr std::uint64_t eight_digits_end = 100'000'000;
+    if (value < eight_digits_end) [[likely]] {
+        const int left_out =
+            (value < 10'000'000 ? 1 : 0) + (value < 1'000'000 ? 1 : 0) + (value < 100'000 ? 1 : 0);
+        return put_eight_digits(out, value, left_out);
     }
-    std::array<char, 20> digits;
-    char* end = digits.data() + digits.size();
-    char* start = end;
-    while (value >= 100) {
-        start -= 2;
-        put_pair(start, value % 100);
-        value /= 100;
-    }
-    if (value >= 10) {
-        start -= 2;
-        put_pair(start, value);
-    } else {
-        *--start = static_cast<char>('0' + value);
-    }
-    const auto length = static_cast<std::size_t>(end - start);
-    std::memcpy(out, start, length);
-    return out + length;
+    return put_eight_digits(put_unsigned(out, value / eight_digits_end), value % eight_digits_end, 0);
 }
 
 char* put_signed(char* out, std::int64_t value) {

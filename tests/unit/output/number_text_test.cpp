@@ -51,6 +51,9 @@ TEST(PutUnsigned, EveryDigitCountAndItsNeighbors_AreDecimal) {
     for (std::uint64_t value = 0; value < 20'000; ++value) {
         ASSERT_EQ(written(put_unsigned, value), std::to_string(value));
     }
+    for (std::uint64_t value = 20'000; value < 100'000'000; value += 997) {
+        ASSERT_EQ(written(put_unsigned, value), std::to_string(value));
+    }
     EXPECT_EQ(written(put_unsigned, std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
 }
 
