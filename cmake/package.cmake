@@ -138,7 +138,7 @@ endforeach()
 set(CPACK_DEBIAN_PYTHON_FILE_NAME python3-tessel_${PROJECT_VERSION}_all.deb)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "tshark, libtessel-dev, python3-tessel")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "tshark, prometheus, libtessel-dev, python3-tessel")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/conffiles
     ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/prerm
     ${PROJECT_SOURCE_DIR}/packaging/postrm)
@@ -152,7 +152,7 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "market-data feed emulator for testing feed
 Publishes a synthetic market as UQDF and UTDF messages over UDP multicast, with
 retransmission and Snap-Shot services, and records the truth of every message.
 Its companion programs receive the feed, judge a handler's output against the
-truth, steer a run and find out why nothing arrives.")
+truth, steer a run, show it in a browser and find out why nothing arrives.")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "receiver library for UQDF and UTDF feeds
 Headers and static libraries that put the packets of the feed in order, decode
 its messages and rebuild the market from them, for CMake and pkg-config.")
