@@ -254,6 +254,8 @@ def test_several_handlers_are_a_matrix(cases, tmp_path):
     (["--handler", "a=./x", "--handler", "a=./y"], "there twice"),
     (["--handler", "x", "--jobs", "0"], "--jobs"),
     (["--handler", "x", "--unknown"], "unknown"),
+    (["--handler", "x", "--out", "/dev/null/x"], "/dev/null/x"),
+    (["--handler", "x", "--json", "/dev/null/x"], "/dev/null/x"),
     (["--explain", "own/nothing"], "there is no case"),
 ])
 def test_a_wrong_command_line_is_status_2_before_anything_starts(cases, words, said):
@@ -281,6 +283,13 @@ def test_a_broken_case_file_is_status_2_before_anything_starts(cases, tmp_path, 
     assert done.returncode == 2 and "broken.toml" in done.stderr and said in done.stderr
     assert not touched.exists()
     assert certify(cases, "--list").returncode == 2
+
+
+def test_a_list_that_cannot_be_written_is_status_2(cases):
+    with open("/dev/full", "wb") as full:
+        done = subprocess.run([program("tessel-certify"), "--cases", cases, "--list"], stdout=full, text=True,
+                              stderr=subprocess.PIPE, timeout=scaled(SECONDS), check=False)
+    assert done.returncode == 2 and done.stderr.startswith("tessel-certify: standard output: ")
 
 
 def test_list_and_explain_need_no_handler(cases):

@@ -11,9 +11,13 @@
 
 #include <unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace tessel::certify {
@@ -39,6 +43,31 @@ bool read_catalog(const Options& options, std::vector<Case>& cases) {
     return faults.empty();
 }
 
+// Writes to standard output and returns the exit status.
+int print(const std::string& text) {
+    const bool whole = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    if (std::fflush(stdout) != 0 || !whole) {
+        print_error(std::string("standard output: ") + std::strerror(errno));
+        return status_bad_input;
+    }
+    return status_passed;
+}
+
+// Makes the folder of what is kept. False when that is not possible, which is printed.
+bool make_out_folder(const Options& options) {
+    std::error_code problem;
+    if (!options.out.empty()) {
+        std::filesystem::create_directories(options.out, problem);
+        if (!problem && ::access(options.out.c_str(), W_OK) != 0) {
+            problem = std::error_code(errno, std::generic_category());
+        }
+    }
+    if (problem) {
+        print_error("--out: " + options.out + ": " + problem.message());
+    }
+    return !problem;
+}
+
 int explain(const std::vector<Case>& cases, const std::string& name) {
     std::vector<Case> found = cases;
     std::string error;
@@ -46,8 +75,7 @@ int explain(const std::vector<Case>& cases, const std::string& name) {
         print_error("--explain: there is no case '" + name + "' (--list names them)");
         return status_bad_input;
     }
-    std::fputs(explain_text(found.front()).c_str(), stdout);
-    return std::fflush(stdout) == 0 ? status_passed : status_bad_input;
+    return print(explain_text(found.front()));
 }
 
 // Ends as a program does that a signal has ended: whoever waits for it sees that.
@@ -101,7 +129,7 @@ int certify(const Options& options, const std::vector<Case>& cases) {
             "the feed's program, tessel, is neither in TESSEL_BIN nor beside this program nor on PATH");
         return status_bad_input;
     }
-    if (!can_write_reports(options)) {
+    if (!can_write_reports(options) || !make_out_folder(options)) {
         return status_bad_input;
     }
     Certificate certificate;
@@ -137,8 +165,7 @@ int run_program(const Options& options) {
         return status_bad_input;
     }
     if (options.list) {
-        std::fputs(list_text(cases).c_str(), stdout);
-        return std::fflush(stdout) == 0 ? status_passed : status_bad_input;
+        return print(list_text(cases));
     }
     return certify(options, cases);
 }

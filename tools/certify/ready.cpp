@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstdio>
-#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -16,6 +15,16 @@ namespace {
 constexpr double ns_per_second = 1e9;
 constexpr std::int64_t delay_max_ns = 3'600'000'000'000;
 constexpr const char* forms = "write file:PATH, port:N, line:TEXT or delay:SECONDS";
+
+std::vector<std::string> words_of(const std::string& line) {
+    std::istringstream text(line);
+    std::vector<std::string> words;
+    std::string word;
+    while (text >> word) {
+        words.push_back(word);
+    }
+    return words;
+}
 
 bool parse_port(const std::string& text, Ready& ready, std::string& error) {
     // A port may also be a placeholder, which has its number when the case runs.
@@ -105,8 +114,7 @@ std::set<std::string> sockets_of_port(const std::string& sockets, bool tcp, std:
     std::istringstream lines(sockets);
     std::string line;
     while (std::getline(lines, line)) {
-        std::istringstream text(line);
-        const std::vector<std::string> words{std::istream_iterator<std::string>(text), {}};
+        const std::vector<std::string> words = words_of(line);
         if (words.size() > inode_at && words[local_at].ends_with(wanted) &&
             (!tcp || words[state_at] == "0A")) {
             inodes.insert(words[inode_at]);
