@@ -89,8 +89,10 @@ def test_DropPackets_MarksAndCountersMove(page):
     page.wait(lambda: page.number(("#faults", "Dropped")) == 3, "the counter of drops")
     page.wait(lambda: some(page, "#marks li", "drop 3"), "the mark of the command")
     page.wait(lambda: some(page, "#marks li", "dropped"), "the mark of the fault")
-    page.wait(lambda: page.number(("#receiver", "Gaps")) >= 1 and page.number(("#receiver", "Recovered")) > 0,
-              "gap and recovery")
+    page.wait(lambda: page.number(("#receiver", "Gaps")) >= 1, "the gap")
+    # On a machine that is very busy a recovery may come too late.
+    page.wait(lambda: page.number(("#receiver", "Recovered")) + page.number(("#receiver", "Lost")) > 0,
+              "what became of it")
     assert page.number(("#receiver", "Lost")) == 0
 
 
@@ -128,6 +130,15 @@ def test_ConsoleKilled_PageSaysGone(driver, feed):
         assert "console itself does not answer" in page.banner()
         page.press("Halt AAPL")
         page.wait_reply("halt AAPL", "the console does not answer")
+        driver.get("about:blank")
+
+
+def test_ConsoleRestarted_PageAsksForTheNewAddress(driver, feed):
+    with Console(feed) as console:
+        page = Page(driver, console).wait_live()
+    with Console(feed, http=console.http):
+        page.wait(lambda: "open the address that it printed" in page.banner(), "the page to say so")
+        assert "The feed is gone" in page.banner()
         driver.get("about:blank")
 
 

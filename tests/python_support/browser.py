@@ -37,15 +37,15 @@ def open_browser(folder):
 
 
 class Console:
-    """One run of tessel-console for a feed: `address` is what it printed, with the token."""
+    """One run of tessel-console for a feed: `address` is what it printed, with the token. `http` is where it
+    serves, a free port by default."""
 
-    def __init__(self, feed, *args, control=True):
-        self.http = f"127.0.0.1:{free_port()}"
+    def __init__(self, feed, *args, http=None):
+        self.http = http or f"127.0.0.1:{free_port()}"
         command = [program("tessel-console"), "--feed", f"{feed.group}:{feed.port}", "--iface", feed.iface,
                    "--session", feed.session, *feed.retrans_args(),
-                   "--snapshot", f"127.0.0.1:{feed.snapshot_port}", "--http", self.http, *args]
-        if control:
-            command += ["--control", f"127.0.0.1:{feed.control_port}"]
+                   "--snapshot", f"127.0.0.1:{feed.snapshot_port}", "--http", self.http,
+                   "--control", f"127.0.0.1:{feed.control_port}", *args]
         self.child = Process(command, stdout=subprocess.PIPE)
         self.address = self.child.process.stdout.readline().decode().strip()
         assert self.address.startswith(f"http://{self.http}/?token="), (self.address, self.child.stderr)
