@@ -1,5 +1,6 @@
 """The commands of docs/scale.md, run in their order: each prints what the page shows, numbers aside."""
 
+import os
 import re
 import shlex
 import subprocess
@@ -24,11 +25,14 @@ def masked(line):
 
 
 def run_examples(text, folder):
+    programs = str(Path(program("tesselctl")).parent)
+    environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}", "HOME": str(folder)}
     for command, shown in examples(text):
         words = shlex.split(command)
         if words[0].startswith("tessel"):
             words[0] = program(words[0])
-        done = subprocess.run(words, capture_output=True, text=True, timeout=200, check=False, cwd=folder)
+        done = subprocess.run(words, capture_output=True, text=True, timeout=200, check=False, cwd=folder,
+                              env=environment)
         printed = (done.stdout + done.stderr).splitlines()
         assert done.returncode == 0, (command, printed)
         more = shown[-1:] == ["..."]
@@ -51,3 +55,12 @@ def test_every_example_prints_what_the_page_shows(tmp_path):
                        capture_output=True, timeout=200, check=False)
         for lease in ports.leases:
             lease.release()
+    days = {path.name for path in (tmp_path / "days").iterdir()}
+    assert days == {f"{day}.{kind}" for day in range(1, 5) for kind in ("pcap", "jsonl", "out")}
+    truths = {(tmp_path / "days" / f"{day}.jsonl").read_bytes() for day in range(1, 5)}
+    assert len(truths) == 4, "each seed is another day"
+    again = subprocess.run([program("tessel-capture"), "--seed", "3", "--duration", "10m", "--quiet",
+                            "--truth-out", tmp_path / "day.jsonl"], capture_output=True, timeout=200,
+                           check=False)
+    assert again.returncode == 0
+    assert (tmp_path / "day.jsonl").read_bytes() == (tmp_path / "days" / "3.jsonl").read_bytes()
