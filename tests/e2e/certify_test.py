@@ -206,6 +206,11 @@ def test_failures_keep_their_files_and_a_command_that_runs_the_case_alone(cases,
     folder = kept / "own" / "early"
     assert {"truth.jsonl", "handler.log", "feed.log", "feed.pcap", "command.txt"} <= set(os.listdir(folder))
     assert "it's here" in (folder / "handler.log").read_text()
+    group, port = re.search(r"UTDF ([\d.]+):(\d+) ", (folder / "feed.log").read_text()).groups()
+    replay = subprocess.run([program("tessel-listen"), "--from-pcap", folder / "feed.pcap", "--mcast", group,
+                             "--port", port, "--out", "-"],
+                            capture_output=True, text=True, timeout=scaled(SECONDS), check=False)
+    assert replay.stdout == (folder / "truth.jsonl").read_text()
     assert (folder / "command.txt").read_text().strip() == case["command"]
     path = f"{Path(program('tessel-certify')).parent}:{os.environ['PATH']}"
     again = subprocess.run(["sh", "-c", case["command"] + " --json -"], capture_output=True, text=True,
@@ -328,6 +333,7 @@ def test_when_it_is_killed_its_cases_end_what_they_started(cases, tmp_path):
         wait_until(lambda: processes_with(sleep), what="the handler's processes")
         running.kill()
     wait_until(lambda: not processes_with(sleep) and not processes_with(str(folder)), what="the end of all")
+    wait_until(lambda: not list(folder.iterdir()), what="an empty folder")
 
 
 def test_hostile_names_and_output_are_escaped_everywhere(cases, tmp_path):
