@@ -25,6 +25,7 @@ namespace {
 
 constexpr int group_buffer_bytes = 32 << 20;
 constexpr std::size_t packets_a_pass_max = 1000;
+constexpr std::size_t waiting_max = 65'536;     // late packets; more are lost
 constexpr std::size_t packet_bytes_max = 2048;  // the feed's have 1,500 at most
 constexpr std::int64_t nanoseconds_a_second = 1'000'000'000;
 
@@ -115,6 +116,8 @@ void take_packet(Run& run, const unsigned char* bytes, std::size_t length, std::
     for (OutgoingPacket& each : out) {
         if (each.delay_ns == 0) {
             send_datagram(run, each.bytes);
+        } else if (run.waiting.size() == waiting_max) {
+            ++run.failed;
         } else {
             run.waiting[{now_ns + each.delay_ns, run.arrivals++}] = std::move(each.bytes);
         }

@@ -73,6 +73,10 @@ void read_replies(RetransTraffic& traffic, std::int64_t now_ns) {
             out.clear();
             on_reply(traffic, Packet(bytes, bytes + length), out);
             for (OutgoingPacket& each : out) {
+                if (traffic.waiting.size() == retrans_waiting_max) {
+                    ++traffic.counters.lost;
+                    continue;
+                }
                 traffic.waiting[{now_ns + each.delay_ns, traffic.arrivals++}] = {client,
                                                                                  std::move(each.bytes)};
             }

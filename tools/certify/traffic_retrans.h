@@ -15,6 +15,7 @@
 namespace tessel::certify {
 
 constexpr std::size_t retrans_clients_max = 16;
+constexpr std::size_t retrans_waiting_max = 65'536;  // replies; more are lost
 
 struct RetransCounters {
     std::uint64_t requests = 0;
