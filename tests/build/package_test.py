@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from package import packages, run
+from package import SOURCE, packages, run
 from samples import judge_samples
 from time_scale import scaled
 
@@ -45,10 +45,19 @@ def test_installed_pages_speak_of_installed_programs(unpacked):
 def test_the_archive_has_the_same_programs(made, unpacked):
     names = run("tar", "-tzf", made["tessel.gz"]).split()
     programs = {path.name for path in (unpacked / "usr/bin").iterdir()}
-    assert programs >= {"tessel", "tessel-listen", "tessel-judge", "tesselctl"}
+    assert programs >= {"tessel", "tessel-listen", "tessel-judge", "tessel-certify", "tesselctl"}
     packed = {name.rsplit("/", 1)[1] for name in names if "/bin/" in name and not name.endswith("/")}
     assert packed == programs
     assert any(name.endswith("/libtessel-receiver.a") for name in names)
+
+
+def test_the_package_has_the_cases_of_the_certification(unpacked):
+    installed = unpacked / "usr/share/tessel/certify/cases"
+    ours = SOURCE / "certify/cases"
+    cases = {path.relative_to(ours) for path in ours.rglob("*.toml")}
+    assert len(cases) > 60 and cases == {path.relative_to(installed) for path in installed.rglob("*.toml")}
+    listed = run(unpacked / "usr/bin/tessel-certify", "--list")
+    assert len(listed.splitlines()) == len(cases)
 
 
 def test_the_python_package_has_its_plugin(made):

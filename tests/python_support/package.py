@@ -15,8 +15,8 @@ from time_scale import scaled
 SOURCE = Path(os.environ["TESSEL_SOURCE"])
 BUILD = Path(os.environ["TESSEL_BUILD"])
 FOLDER = SOURCE / "build" / "package"
-PACKAGED = ("man", "packaging", "docs", "examples", "python", "vectors", "tools/wireshark", "cmake",
-            "scripts/package", "scripts/samples")
+PACKAGED = ("man", "packaging", "docs", "examples", "python", "vectors", "certify/cases",
+            "tools/wireshark", "cmake", "scripts/package", "scripts/samples")
 
 
 @contextmanager

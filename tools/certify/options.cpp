@@ -44,7 +44,8 @@ struct Texts {
 
 void declare(CLI::App& app, Options& o, Texts& texts) {
     app.set_version_flag("--version", version_line("tessel-certify"));
-    app.add_option("--handler", texts.handlers, "[NAME=]COMMAND of a handler, for /bin/sh; may be repeated")
+    app.add_option("--handler", texts.handlers,
+                   "COMMAND or NAME=COMMAND of a handler, for /bin/sh; may be repeated")
         ->take_all();
     app.add_option("--late-arg", o.late_arg, "What {late} becomes where the handler is started in mid-run");
     app.add_option("--ready", texts.ready,
