@@ -68,12 +68,16 @@ tessel_installed_library(receiver ${receiver_sources})
 target_link_libraries(tessel_installed_receiver PUBLIC tessel_installed_wire)
 
 install(DIRECTORY ${public_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+# For the tests of a handler: one header that needs neither of the libraries.
+install(FILES tools/testing/feed.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tessel/testing COMPONENT development)
 install(EXPORT tessel NAMESPACE tessel:: FILE tesselTargets.cmake DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tessel
         COMPONENT development)
 include(CMakePackageConfigHelpers)
 file(WRITE ${CMAKE_BINARY_DIR}/tesselConfig.cmake
-  "include(\"\${CMAKE_CURRENT_LIST_DIR}/tesselTargets.cmake\")\n")
+  "include(\"\${CMAKE_CURRENT_LIST_DIR}/tesselTargets.cmake\")\n"
+  "include(\"\${CMAKE_CURRENT_LIST_DIR}/tesselCertify.cmake\")\n")
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/tesselConfigVersion.cmake VERSION ${library_version}
                                  COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/tesselConfig.cmake ${CMAKE_BINARY_DIR}/tesselConfigVersion.cmake
+        ${PROJECT_SOURCE_DIR}/cmake/tesselCertify.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tessel COMPONENT development)

@@ -364,7 +364,7 @@ std::string trait_phrase(const Trait& trait, std::string_view kind) {
         return "the last before silence";
     }
     if (trait.name == "retransmitted" && trait.value == "true") {
-        return fmt::format("{} messages that were sent again on request", in);
+        return fmt::format("{} messages whose packet was lost", in);
     }
     if (trait.name == "message") {
         return fmt::format("{} {} messages", in, trait.value);
