@@ -21,7 +21,8 @@ mapfile -t TOOL_PACKAGES < <(
 # The -rt package holds the sanitizer and fuzzer runtimes of clang.
 TEST_PACKAGES=(git libgtest-dev libbenchmark-dev clang libclang-rt-dev lld python3 python3-pytest mypy tshark
     chromium chromium-driver python3-selenium curl valgrind jq procps iproute2 nftables pkg-config zstd
-    wireshark-common tcpreplay prometheus python3-jsonschema python3-yaml parallel)
+    wireshark-common tcpreplay prometheus python3-jsonschema python3-yaml parallel
+    rsync openssh-server munge slurmctld slurmd slurm-client)
 # What makes the packages, and what their tests use.
 PACKAGE_PACKAGES=(scdoc python3 python3-pip python3-setuptools python3-wheel dpkg-dev fakeroot)
 TEST_PACKAGES+=("${PACKAGE_PACKAGES[@]}" lintian mmdebstrap man-db bash-completion zsh systemd util-linux
