@@ -102,7 +102,7 @@ outcome good <<'JOB'
 sed 's/--retrans {{retrans}}/--retrans 127.0.0.1:9/' -i test_handler.py
 outcome broken <<'JOB'
 {gitlab_script("pytest")}JOB
-ls artifacts/* | grep -c truth.jsonl | sed 's/^/kept: /'
+find artifacts -name truth.jsonl | wc -l | sed 's/^/kept: /'
 arguments="--group {{group}} --port {{port}} --iface {{iface}} --session {{session}} --out {{out}}"
 arguments="$arguments --snapshot {{snapshot}} {{late}}"
 export HANDLER="python3 /tmp/examples/python/handler.py --retrans {{retrans}} $arguments"
