@@ -17,7 +17,6 @@ seconds = 0.5
 
 [expect]
 members = ["bid"]
-wait_seconds = 1
 """
 
 
