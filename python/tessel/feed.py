@@ -21,6 +21,14 @@ REPLY_SECONDS = 10.0
 HEARTBEAT = struct.Struct("!10sQH")  # session, next sequence number, a count of 0
 
 
+def numbers_of_stats(reply: str) -> dict[str, int]:
+    """The reply to "stats" as numbers: every counter by name, next_seq, and the four fault counts."""
+    numbers = {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", reply)}
+    faults = reply.partition("tessel faults:")[2]
+    numbers.update({key: int(value) for key, value in re.findall(r"(\w+) (\d+)", faults)})
+    return numbers
+
+
 class Feed:
     """One run of the feed, on free ports and a private group. It runs when the constructor returns.
 
@@ -118,11 +126,7 @@ class Feed:
 
     def stats(self) -> dict[str, int]:
         """Every counter by name, next_seq, and the faults as sent, dropped, duplicated and reordered."""
-        reply = self.command("stats")
-        numbers = {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", reply)}
-        faults = reply.partition("tessel faults:")[2]
-        numbers.update({key: int(value) for key, value in re.findall(r"(\w+) (\d+)", faults)})
-        return numbers
+        return numbers_of_stats(self.command("stats"))
 
     def wait_for_messages(self, number: int, seconds: float = START_SECONDS) -> None:
         """Waits until the feed has sent the message of that number."""

@@ -8,18 +8,18 @@
 
 Every feed gets its own multicast group and ports, so tests may run side by side. The addresses are
 known before the feed starts: a receiver that has to see the first message is started before `start()`.
-The programs are looked for in the folder that the environment variable TESSEL_BIN names.
+Programs, ports and groups are found as the Python package finds them; its own feed runs as soon as it is made
+and asks for no more than a user does, which is too little for these tests.
 """
 
 import json
 import os
-import random
 import re
-import shutil
 import signal
 import socket
 import struct
 import subprocess
+import sys
 import threading
 import time
 from pathlib import Path
@@ -27,30 +27,19 @@ from pathlib import Path
 from time_scale import scaled
 from vitals import has_reaction
 
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
+
+from tessel.feed import numbers_of_stats
+from tessel.ports import PORT_LAST, PortLease, lease_name, unlikely_group as unique_group
+from tessel.process import program
+
+__all__ = ["Feed", "PORT_LAST", "PortLease", "Process", "STOP_SECONDS", "free_port", "lease_name", "program",
+           "unique_group", "wait_until"]
+
 # On an idle machine; each is stretched by what this one is busy with.
 START_SECONDS = 60
 STOP_SECONDS = 60
 REPLY_SECONDS = 30
-
-# Below the range from which the system takes ports by itself, so that no outgoing connection takes one.
-PORT_FIRST, PORT_LAST = 20000, 32000
-
-_chooser = random.Random(os.urandom(16))
-
-
-def program(name):
-    """The path of one of the programs: TESSEL_BIN first, then the search path."""
-    folder = os.environ.get("TESSEL_BIN")
-    if folder:
-        path = Path(folder) / name
-        if not path.exists():
-            raise FileNotFoundError(f"{path} is not built (TESSEL_BIN={folder})")
-        return str(path)
-    found = shutil.which(name)
-    if found is None:
-        raise FileNotFoundError(f"set TESSEL_BIN to the folder that holds {name}")
-    return found
-
 
 def wait_until(condition, seconds=START_SECONDS, what="the condition"):
     """Calls `condition` until it returns something true, which is returned; fails after `seconds`, scaled."""
@@ -65,48 +54,6 @@ def wait_until(condition, seconds=START_SECONDS, what="the condition"):
         time.sleep(0.01)
 
 
-class PortLease:
-    """One free port number, for TCP and UDP alike, that no other test takes while the lease is held.
-
-    The lease is a socket in the abstract namespace, bound to a name made of the number: the system lets one
-    process bind it, whoever that is, and takes it back when that process ends. Nothing is left on any disk.
-    Names and ports alike belong to a network namespace."""
-
-    def __init__(self, number=None):
-        """Any port, or that of this number: OSError when it is taken."""
-        if number is not None:
-            self._take(number)
-            return
-        for _ in range(1000):
-            try:
-                self._take(_chooser.randint(PORT_FIRST, PORT_LAST))
-                return
-            except OSError:
-                continue
-        raise RuntimeError("no free port found")
-
-    def _take(self, number):
-        lease = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        try:
-            lease.bind(lease_name(number))
-            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp, \
-                    socket.socket(socket.AF_INET, socket.SOCK_STREAM) as tcp:
-                udp.bind(("", number))
-                tcp.bind(("", number))
-        except OSError:
-            lease.close()
-            raise
-        self.number = number
-        self._lease = lease
-
-    def release(self):
-        self._lease.close()
-
-
-def lease_name(number):
-    return f"\0tessel-test-port-{number}"
-
-
 def free_port():
     """A port that is free now, for a test that needs just a number. It stays reserved until the process
     ends."""
@@ -116,11 +63,6 @@ def free_port():
 
 
 _kept_leases = []
-
-
-def unique_group():
-    """A multicast group that no other test is likely to use."""
-    return f"239.255.{_chooser.randint(1, 254)}.{_chooser.randint(1, 254)}"
 
 
 class Process:
@@ -347,11 +289,7 @@ class Feed:
     def stats(self):
         """The reply to "stats" as numbers: every counter by its name, next_seq, and the four fault counts
         as sent, dropped, duplicated and reordered."""
-        reply = self.control("stats")
-        numbers = {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", reply)}
-        faults = reply.split("tessel faults:", 1)[1]
-        numbers.update({key: int(value) for key, value in re.findall(r"(\w+) (\d+)", faults)})
-        return numbers
+        return numbers_of_stats(self.control("stats"))
 
     def next_seq(self):
         return self.stats()["next_seq"]
