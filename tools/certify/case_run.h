@@ -6,7 +6,7 @@
 
 #include <string>
 
-// One case with one handler, from beginning to end, in a process of its own.
+// One case with one handler, from beginning to end, in a separate process.
 namespace tessel::certify {
 
 struct CaseJob {

@@ -63,7 +63,7 @@ bool choose_addresses(MarketRun& run) {
     return true;
 }
 
-// Where traffic stands between, the handler is given addresses of its own.
+// Where traffic is between, the handler is given its own addresses.
 bool choose_handler_ends(MarketRun& run) {
     if (!is_between(run.each->traffic)) {
         return true;
@@ -78,7 +78,7 @@ bool choose_handler_ends(MarketRun& run) {
     return true;
 }
 
-// Runs the extra traffic of the first feed in a process of its own, and waits until it is ready.
+// Runs the extra traffic of the first feed in a separate process, and waits until it is ready.
 bool start_traffic(MarketRun& run) {
     if (run.each->traffic.empty()) {
         return true;
@@ -176,7 +176,7 @@ bool start_one_feed(MarketRun& run, FeedRun& feed) {
     return true;
 }
 
-// Plays the timeline against a feed in a process of its own; what it does goes to traffic.log.
+// Plays the timeline against a feed in a separate process; what it does goes to traffic.log.
 void start_player(MarketRun& run, const FeedRun& feed) {
     std::string error;
     const pid_t child = fork_child(SIGKILL, error);

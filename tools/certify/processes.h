@@ -17,11 +17,11 @@ struct ProgramStart {
     int output = -1;                     // standard output and standard error
 };
 
-// Starts a program in a process group of its own, its input empty, its signals as a program expects them. It
+// Starts a program in its own process group, its input empty, its signals as a program expects them. It
 // is killed when this process ends. 0 with a reason in `error` when it cannot be started.
 pid_t start_program(const ProgramStart& start, std::string& error);
 
-// Makes a child that runs on in this program, in a process group of its own. It gets the signal when this
+// Makes a child that runs on in this program, in its own process group. It gets the signal when this
 // process ends. 0 in the child, -1 with a reason in `error` when there can be none.
 pid_t fork_child(int end_signal, std::string& error);
 

@@ -16,7 +16,7 @@ namespace {
 
 using judge::escaped_markup;
 
-// The drawings, in units of their own; the page scales them to its width.
+// The drawings, in their own units; the page scales them to its width.
 constexpr double chart_width = 960;
 constexpr double row_height = 30;
 constexpr double label_width = 190;

@@ -22,10 +22,10 @@ struct Endpoints {
 // would be right. Called when case files are read.
 bool check_traffic(const std::vector<Traffic>& traffic, std::string& error);
 
-// Whether the traffic stands between feed and handler, so that the handler needs endpoints of its own.
+// Whether the traffic is between feed and handler, so that the handler needs its own endpoints.
 bool is_between(const std::vector<Traffic>& traffic);
 
-// Runs the traffic until SIGTERM, then returns 0; in a process of its own. `feed` is where the feed is,
+// Runs the traffic until SIGTERM, then returns 0; in a separate process. `feed` is where the feed is,
 // `handler` where the handler listens and asks (the same unless is_between). Writes one byte to `ready_fd`
 // and closes it when it is ready. What it did goes to standard error, a line each, as the case's traffic.log.
 int run_traffic(const std::vector<Traffic>& traffic, const Endpoints& feed, const Endpoints& handler,

@@ -25,7 +25,7 @@ enum class TrafficKind : std::uint8_t {
     unknown_type,  // from, to: messages of one category and type get another one, wherever they go
     split,         // packets of one message each
     // In front of the retransmission service.
-    retrans_silent,   // requests: so many are not answered; 0: none ever is
+    retrans_silent,   // requests: that many are not answered; 0: none ever is
     retrans_lossy,    // every: each Nth reply is lost
     retrans_partial,  // messages: what a request gets at most
     retrans_slow,     // ms: replies come that much later
@@ -33,10 +33,10 @@ enum class TrafficKind : std::uint8_t {
     retrans_foreign,  // before each reply one of another session, with other content
     // In front of the Snap-Shot service.
     snapshot_slow,    // bytes_a_second
-    snapshot_half,    // bytes, times: the first connections end after so many bytes
+    snapshot_half,    // bytes, times: the first connections end after that many bytes
     snapshot_busy,    // times: the first logins are rejected
-    snapshot_closed,  // times: the first connections are closed at once
-    snapshot_pieces,  // bytes: at most so many come in one piece
+    snapshot_closed,  // times: the first connections are closed immediately
+    snapshot_pieces,  // bytes: at most that many come in one piece
 };
 
 // One [[traffic]] table, with the defaults of what it leaves out.

@@ -29,7 +29,7 @@ struct RetransTraffic {
     int fd = -1;
     sockaddr_in upstream{};
     RetransCounters counters;
-    std::vector<std::pair<sockaddr_in, int>> clients;  // each with a socket of its own towards the service
+    std::vector<std::pair<sockaddr_in, int>> clients;  // each with its own socket towards the service
     // Replies that wait, by time and order: which client, and the bytes.
     std::map<std::pair<std::int64_t, std::uint64_t>, std::pair<std::size_t, Packet>> waiting;
     std::uint64_t arrivals = 0;

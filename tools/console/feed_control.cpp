@@ -16,7 +16,7 @@ constexpr int command_timeout_ms = 5'000;
 constexpr int stats_timeout_ms = 1'000;
 constexpr std::chrono::seconds poll_interval{1};
 
-// A question with a socket of its own, so that a reply that comes late is never taken for the next one's.
+// A question with its own socket, so that a reply that comes late is never taken for the next one's.
 bool ask_once(const std::string& endpoint, int timeout_ms, std::string_view command, std::string& reply,
               std::string& error) {
     ctl::ControlClient client;
