@@ -33,8 +33,10 @@ struct CaseSummary {
     }
 };
 
-// One a handler and case, cases in the order of the certificate, the handlers of a case side by side.
+// One a handler and case, cases in the order of the certificate, the handlers of a case side by side. They
+// point into the certificate, which therefore cannot be a temporary.
 std::vector<CaseSummary> summaries(const Certificate& certificate);
+std::vector<CaseSummary> summaries(const Certificate&& certificate) = delete;
 
 // The groups in the order in which they first occur.
 std::vector<std::string> group_names(const Certificate& certificate);

@@ -61,10 +61,11 @@ Certificate hostile_certificate() {
 }  // namespace
 
 TEST(ReportSummary, WorstResult_IsTheVerdictOfACase) {
-    const std::vector<CaseSummary> found = summaries(certificate_of(
+    const Certificate certificate = certificate_of(
         {result("a/x", Verdict::pass), result("a/y", Verdict::skipped),
          result("a/x", Verdict::fail, "handler", 2), result("a/y", Verdict::pass, "handler", 2),
-         result("a/x", Verdict::error, "handler", 3)}));
+         result("a/x", Verdict::error, "handler", 3)});
+    const std::vector<CaseSummary> found = summaries(certificate);
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(found[0].verdict, Verdict::fail);
     EXPECT_EQ(found[0].results.size(), 3U);
@@ -72,9 +73,10 @@ TEST(ReportSummary, WorstResult_IsTheVerdictOfACase) {
 }
 
 TEST(ReportSummary, HandlersOfACase_AreSideBySide) {
-    const std::vector<CaseSummary> found =
-        summaries(certificate_of({result("a/x", Verdict::pass, "one"), result("a/y", Verdict::pass, "one"),
-                                  result("a/x", Verdict::fail, "two"), result("a/y", Verdict::fail, "two")}));
+    const Certificate certificate =
+        certificate_of({result("a/x", Verdict::pass, "one"), result("a/y", Verdict::pass, "one"),
+                        result("a/x", Verdict::fail, "two"), result("a/y", Verdict::fail, "two")});
+    const std::vector<CaseSummary> found = summaries(certificate);
     ASSERT_EQ(found.size(), 4U);
     EXPECT_EQ(found[1].first().name, "a/x");
     EXPECT_EQ(found[1].first().handler, "two");
