@@ -1,12 +1,10 @@
 """Four channels of 400 symbols as services under systemd; scripts/scale does it with 24 and 2,400."""
 
-import shutil
-
 import pytest
 
 from channel_services import run_services
 from install_test import why_not
-from package import USER_PACKAGES, debian_root, needed_packages, run
+from package import USER_PACKAGES, unpacked_root
 from time_scale import time_scale
 
 pytestmark = pytest.mark.skipif(bool(why_not()), reason=f"skipped: {why_not()}")
@@ -14,14 +12,7 @@ pytestmark = pytest.mark.skipif(bool(why_not()), reason=f"skipped: {why_not()}")
 
 @pytest.fixture(name="root", scope="module")
 def root_fixture(tmp_path_factory):
-    tar, reason = debian_root("user", sorted({*USER_PACKAGES, *needed_packages()}))
-    if tar is None:
-        pytest.skip(f"skipped: {reason}")
-    folder = tmp_path_factory.mktemp("root") / "root"
-    folder.mkdir()
-    run("tar", "-xf", tar, "-C", folder, seconds=120)
-    yield folder
-    shutil.rmtree(folder.parent)
+    yield from unpacked_root(tmp_path_factory, "user", USER_PACKAGES)
 
 
 def test_channels_as_services_are_received_and_agree(root, tmp_path):

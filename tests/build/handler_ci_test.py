@@ -2,13 +2,12 @@
 Each is green with a good handler and red with a broken one, by the commands of docs/ci.md."""
 
 import re
-import shutil
 
 import pytest
 
 from install_test import why_not
 from booted import in_root
-from package import SOURCE, debian_root, needed_packages, packages, run
+from package import SOURCE, copied_packages, unpacked_root
 
 pytestmark = pytest.mark.skipif(bool(why_not()), reason=f"skipped: {why_not()}")
 
@@ -30,24 +29,12 @@ def gitlab_script(job):
 
 @pytest.fixture(name="root", scope="module")
 def root_fixture(tmp_path_factory):
-    tar, reason = debian_root("ci", sorted({*CI_PACKAGES, *needed_packages()}))
-    if tar is None:
-        pytest.skip(f"skipped: {reason}")
-    folder = tmp_path_factory.mktemp("root") / "root"
-    folder.mkdir()
-    run("tar", "-xf", tar, "-C", folder, seconds=120)
-    yield folder
-    shutil.rmtree(folder.parent)
+    yield from unpacked_root(tmp_path_factory, "ci", CI_PACKAGES)
 
 
 @pytest.fixture(name="files")
 def files_fixture(tmp_path):
-    folder = tmp_path / "files"
-    folder.mkdir()
-    for name, path in packages().items():
-        if name.endswith(".deb"):
-            shutil.copy(path, folder / name)
-    return folder
+    return copied_packages(tmp_path / "files")
 
 
 INSTALL = r"""

@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 from booted import in_root
-from package import USER_PACKAGES, debian_root, needed_packages, packages, run
+from package import USER_PACKAGES, copied_packages, run, unpacked_root
 
 PURGE_LEAVES = "etc usr lib bin sbin var opt srv"
 
@@ -28,24 +28,12 @@ pytestmark = pytest.mark.skipif(bool(why_not()), reason=f"skipped: {why_not()}")
 
 @pytest.fixture(name="root", scope="module")
 def root_fixture(tmp_path_factory):
-    tar, reason = debian_root("user", sorted({*USER_PACKAGES, *needed_packages()}))
-    if tar is None:
-        pytest.skip(f"skipped: {reason}")
-    folder = tmp_path_factory.mktemp("root") / "root"
-    folder.mkdir()
-    run("tar", "-xf", tar, "-C", folder, seconds=120)
-    yield folder
-    shutil.rmtree(folder.parent)
+    yield from unpacked_root(tmp_path_factory, "user", USER_PACKAGES)
 
 
 @pytest.fixture(name="files")
 def files_fixture(tmp_path):
-    folder = tmp_path / "files"
-    folder.mkdir()
-    for name, path in packages().items():
-        if name.endswith(".deb"):
-            shutil.copy(path, folder / name)
-    return folder
+    return copied_packages(tmp_path / "files")
 
 
 def run_in(root, tmp_path, files, script, boot=False):

@@ -6,9 +6,12 @@ packages changes. Several tests may ask at the same time; the first one works, t
 import fcntl
 import hashlib
 import os
+import shutil
 import subprocess
 from contextlib import contextmanager
 from pathlib import Path
+
+import pytest
 
 from time_scale import scaled
 
@@ -85,3 +88,24 @@ def debian_root(name, names):
             if old != path:
                 old.unlink()
         return path, ""
+
+
+def unpacked_root(tmp_path_factory, name, wanted):
+    """The Debian root of that name, unpacked for a module's tests and removed after them: for a fixture."""
+    tar, reason = debian_root(name, sorted({*wanted, *needed_packages()}))
+    if tar is None:
+        pytest.skip(f"skipped: {reason}")
+    folder = tmp_path_factory.mktemp("root") / "root"
+    folder.mkdir()
+    run("tar", "-xf", tar, "-C", folder, seconds=120)
+    yield folder
+    shutil.rmtree(folder.parent)
+
+
+def copied_packages(folder):
+    """The Debian packages, copied into a new folder of that name."""
+    folder.mkdir()
+    for name, path in packages().items():
+        if name.endswith(".deb"):
+            shutil.copy(path, folder / name)
+    return folder
